@@ -1,0 +1,163 @@
+#include "tervik_kiv_test_nvefs.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+
+#include "tervik_extend_nvefs.h"
+#include "tervik_kiv_test_args.h"
+
+namespace {
+
+constexpr int CATEGORY = 4;
+constexpr size_t DATA_MAX = 365;
+constexpr int FIRST_DATA_ARG = 5;
+
+constexpr std::array<category_command, 6> COMMANDS = {{
+    {1, tervik_nvefs_test_nv_read},
+    {2, tervik_nvefs_test_nv_write},
+    {3, tervik_nvefs_test_nv_delete},
+    {4, tervik_nvefs_test_efs_read},
+    {5, tervik_nvefs_test_efs_write},
+    {6, tervik_nvefs_test_efs_delete},
+}};
+
+constexpr std::array HELP = {
+    help_line("%d: nvefs option cmd: ", {CATEGORY}),
+    help_line("   kiv %d %d sub nv_id             /* nv read */", {CATEGORY, 1}),
+    help_line("   kiv %d %d sub nv_id nv_data     /* nv write */", {CATEGORY, 2}),
+    help_line("   kiv %d %d sub nv_id             /* nv delete */", {CATEGORY, 3}),
+    help_line("   kiv %d %d sub efs_path          /* efs read */", {CATEGORY, 4}),
+    help_line("   kiv %d %d sub efs_path efs_data /* efs write */", {CATEGORY, 5}),
+    help_line("   kiv %d %d sub efs_path          /* efs delete */", {CATEGORY, 6}),
+};
+
+// ---- arguments ----
+
+uint32_t sub_of(char** argv) {
+  return atoi(argv[3]) != 0 ? 1 : 0;
+}
+
+uint32_t nv_id_of(char** argv) {
+  return static_cast<uint32_t>(atoi(argv[4]));
+}
+
+const char* efs_path_of(char** argv) {
+  return argv[4];
+}
+
+uint32_t efs_path_len_of(char** argv) {
+  return static_cast<uint32_t>(strlen(argv[4]));
+}
+
+// The data bytes of a write command, one decimal argument each.
+struct typed_data {
+  std::array<uint8_t, DATA_MAX> bytes = {};
+  uint32_t len = 0;
+};
+
+typed_data data_of(int argc, char** argv) {
+  typed_data data;
+  for (int i = FIRST_DATA_ARG; i < argc && data.len < DATA_MAX; ++i) {
+    data.bytes[data.len++] = static_cast<uint8_t>(atoi(argv[i]));
+  }
+  return data;
+}
+
+[[nodiscard]] bool check_write_argc(const tervik_log_place& place, int argc) {
+  if (argc > FIRST_DATA_ARG) {
+    return true;
+  }
+  tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
+                   "note: Too few inputs, Pls refer to the following cmd:");
+  return false;
+}
+
+// ---- output ----
+
+// The end of every command: reports a failed operation and passes its result on.
+[[nodiscard]] int report(const tervik_log_place& place, uint32_t sub, int result) {
+  if (result != 0) {
+    tervik_log_write(place, LOG_CLASS_ERROR, sub,
+                     "tervik_extend_qmi_send_sync fail, REQUEST_ID_EFS");
+  }
+  return result;
+}
+
+// The end of the read commands: on success the bytes, each on its line.
+[[nodiscard]] int report_read(const tervik_log_place& place, uint32_t sub, int result,
+                              std::span<const uint8_t> data) {
+  if (result != 0) {
+    return report(place, sub, result);
+  }
+  tervik_log_write(place, LOG_CLASS_NOTICE, sub, "data len(%zu)\ndata: ", data.size());
+  tervik_print_byte_lines(place, LOG_CLASS_NOTICE, sub, data);
+  return 0;
+}
+
+}  // namespace
+
+int tervik_nvefs_test_nv_read(int argc, char** argv) {
+  if (!tervik_check_argc(TERVIK_LOG_PLACE, argc, 5)) {
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  std::array<uint8_t, DATA_MAX> data = {};
+  uint32_t len = data.size();
+  const int result = tervik_nv_read(sub_of(argv), nv_id_of(argv), data.data(), &len);
+  return report_read(TERVIK_LOG_PLACE, sub_of(argv), result, std::span(data).first(len));
+}
+
+int tervik_nvefs_test_nv_write(int argc, char** argv) {
+  if (!check_write_argc(TERVIK_LOG_PLACE, argc)) {
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  const typed_data data = data_of(argc, argv);
+  return report(TERVIK_LOG_PLACE, sub_of(argv),
+                tervik_nv_write_ex(sub_of(argv), nv_id_of(argv), data.bytes.data(), data.len));
+}
+
+int tervik_nvefs_test_nv_delete(int argc, char** argv) {
+  if (!tervik_check_argc(TERVIK_LOG_PLACE, argc, 5)) {
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  return report(TERVIK_LOG_PLACE, sub_of(argv), tervik_nv_delete(sub_of(argv), nv_id_of(argv)));
+}
+
+int tervik_nvefs_test_efs_read(int argc, char** argv) {
+  if (!tervik_check_argc(TERVIK_LOG_PLACE, argc, 5)) {
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  std::array<uint8_t, DATA_MAX> data = {};
+  uint32_t len = data.size();
+  const int result =
+      tervik_efs_read(sub_of(argv), efs_path_of(argv), efs_path_len_of(argv), data.data(), &len);
+  return report_read(TERVIK_LOG_PLACE, sub_of(argv), result, std::span(data).first(len));
+}
+
+int tervik_nvefs_test_efs_write(int argc, char** argv) {
+  if (!check_write_argc(TERVIK_LOG_PLACE, argc)) {
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  const typed_data data = data_of(argc, argv);
+  return report(TERVIK_LOG_PLACE, sub_of(argv),
+                tervik_efs_write(sub_of(argv), efs_path_of(argv), efs_path_len_of(argv),
+                                 data.bytes.data(), data.len));
+}
+
+int tervik_nvefs_test_efs_delete(int argc, char** argv) {
+  if (!tervik_check_argc(TERVIK_LOG_PLACE, argc, 5)) {
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  return report(TERVIK_LOG_PLACE, sub_of(argv),
+                tervik_efs_delete(sub_of(argv), efs_path_of(argv), efs_path_len_of(argv)));
+}
+
+int tervik_test_nvefs_do(int argc, char** argv) {
+  return tervik_run_category(TERVIK_LOG_PLACE, CATEGORY, COMMANDS, argc, argv);
+}
+
+void tervik_test_nvefs_show_help(int category) {
+  tervik_print_help_block(TERVIK_LOG_PLACE, CATEGORY, category, HELP);
+}

@@ -1,0 +1,350 @@
+#include "tervik_extend_api.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+
+#include "tervik_utils_cmn.h"
+#include "tervik_utils_timer.h"
+
+namespace {
+
+constexpr uint32_t WATCHDOG_TIMER_ID = 1;
+constexpr unsigned long WATCHDOG_TIMEOUT_S = 3;
+constexpr unsigned int SEND_TIMEOUT_MS = 3000;
+constexpr int SERVICE_LIST_ATTEMPTS = 50;
+constexpr unsigned int SERVICE_LIST_WAIT_MS = 20;
+constexpr unsigned int SERVICE_INFO_MAX = 8;
+constexpr int PAYLOAD_MAX = static_cast<int>(TERVIK_EXTEND_PAYLOAD_SIZE);
+
+constexpr unsigned int IND_DATA_MSG_ID = 0x0003;
+constexpr unsigned int IND_OTHER_MSG_ID = 0x000D;
+constexpr std::array<unsigned int, 6> IND_SHARED_MSG_IDS = {0x0005, 0x0006, 0x0007,
+                                                            0x0008, 0x0009, 0x000B};
+constexpr uint32_t IND_SUB_ID_COUNT = 8;
+
+using ind_data_handler = void (*)(uint32_t sub_id, const uint8_t* payload, uint32_t payload_len);
+using ind_struct_handler = void (*)(unsigned int msg_id, const void* c_struct, uint32_t size);
+
+// Who takes which indication. Nobody does in this tool: a slot is for a module that needs one.
+// The framework's thread reads the slots while a rebuild clears them.
+struct indication_handlers {
+  std::array<std::atomic<ind_data_handler>, IND_SUB_ID_COUNT> by_sub_id;
+  std::atomic<ind_struct_handler> shared;
+  std::atomic<ind_struct_handler> other;
+};
+
+std::mutex tervik_extend_qmi_client_crit_sect;
+std::atomic<bool> g_tervik_qmi_lock_init{false};
+
+// Under tervik_extend_qmi_client_crit_sect, but for the handlers.
+bool g_inited = false;
+qmi_idl_service_object_type g_service_object = nullptr;
+qmi_client_type g_client_handle = nullptr;
+qmi_client_type g_notifier = nullptr;
+qmi_client_os_params g_os_params;
+tervik_extend_data_msg g_request;
+tervik_extend_data_msg g_response;
+indication_handlers g_ind_handlers;
+
+// A handle as the log shows it.
+int shown_handle(qmi_client_type handle) {
+  return static_cast<int>(reinterpret_cast<intptr_t>(handle));
+}
+
+// The mutex as the log shows it: it is ready from the start, without a number of its own.
+constexpr int CRIT_SECT_SHOWN = 0;
+
+// The client lock, with its lines in the log.
+class client_lock {
+ public:
+  explicit client_lock(const tervik_log_place& place) : place_(place) {
+    log("TERVIK_EXTEND_QMI_CLIENT_CRIT_SECT_LOCK_WAIT...");
+    tervik_extend_qmi_client_crit_sect.lock();
+    log("TERVIK_EXTEND_QMI_CLIENT_CRIT_SECT_LOCK_DONE");
+  }
+  ~client_lock() {
+    tervik_extend_qmi_client_crit_sect.unlock();
+    log("TERVIK_EXTEND_QMI_CLIENT_CRIT_SECT_UNLOCK_DONE");
+  }
+  client_lock(const client_lock&) = delete;
+  client_lock& operator=(const client_lock&) = delete;
+
+ private:
+  void log(const char* text) const {
+    tervik_log_write(place_, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "%s", text);
+  }
+
+  const tervik_log_place place_;
+};
+
+void clear_connection() {
+  g_client_handle = nullptr;
+  g_notifier = nullptr;
+  g_os_params = {};
+}
+
+// ---- opening the client ----
+
+// Waits about a second for the service to appear; returns the number of its instances.
+unsigned int wait_for_service() {
+  unsigned int num_services = 0;
+  for (int attempt = 0; attempt < SERVICE_LIST_ATTEMPTS; ++attempt) {
+    const qmi_client_error_type err =
+        qmi_client_get_service_list(g_service_object, nullptr, nullptr, &num_services);
+    tervik_log_debug("qmi_client_get_service_list() returned %d num_services = %d", err,
+                     num_services);
+    if (err == QMI_NO_ERR) {
+      break;
+    }
+    qmi_cci_os_signal_wait(&g_os_params, SERVICE_LIST_WAIT_MS);
+  }
+  return num_services;
+}
+
+// ---- one request ----
+
+[[nodiscard]] int check_arguments(const uint8_t* req, int req_len, const uint8_t* rsp,
+                                  const int* rsp_len) {
+  if (req == nullptr || rsp == nullptr || rsp_len == nullptr) {
+    tervik_log_error("%x,  put Invalid param",
+                     static_cast<unsigned>(reinterpret_cast<uintptr_t>(req)));
+    return TERVIK_EXTEND_INVALID_PARAM;
+  }
+  const auto in_range = [](int len) { return len >= 0 && len <= PAYLOAD_MAX; };
+  if (!in_range(req_len) || !in_range(*rsp_len)) {
+    tervik_log_error("put data_len %d > max %d", req_len, PAYLOAD_MAX);
+    return TERVIK_EXTEND_INVALID_PARAM;
+  }
+  return TERVIK_EXTEND_SUCCESS;
+}
+
+void fill_request(uint32_t id, const uint8_t* req, int req_len) {
+  g_request = {};
+  g_response = {};
+  g_request.id = id;
+  g_request.len = static_cast<uint32_t>(req_len);
+  g_request.payload_valid = 1;
+  memcpy(g_request.payload, req, g_request.len);
+}
+
+qmi_client_error_type send_watched() {
+  // Without a watchdog the send still ends by its own time-out.
+  static_cast<void>(tervik_timer_start(WATCHDOG_TIMER_ID, tervik_qmi_timer_cb, WATCHDOG_TIMEOUT_S));
+  const qmi_client_error_type err =
+      qmi_client_send_msg_sync(g_client_handle, TERVIK_EXTEND_DATA_MSG_ID, &g_request,
+                               sizeof(g_request), &g_response, sizeof(g_response), SEND_TIMEOUT_MS);
+  tervik_timer_stop(WATCHDOG_TIMER_ID);
+  return err;
+}
+
+[[nodiscard]] int take_response(uint8_t* rsp, int* rsp_len) {
+  if (g_response.id != 0) {
+    tervik_log_error("%d QMI service framework error. Check client",
+                     static_cast<int>(g_response.id));
+    return TERVIK_EXTEND_SEND_FAILED;
+  }
+  const uint32_t stored = std::min(static_cast<uint32_t>(*rsp_len), g_response.len);
+  *rsp_len = g_response.payload_valid != 0 ? static_cast<int>(stored) : 0;
+  memcpy(rsp, g_response.payload, static_cast<size_t>(*rsp_len));
+  if (g_extend_qmi_trace != 0) {
+    tervik_log_debug("resp_len:%d", *rsp_len);
+  }
+  return TERVIK_EXTEND_SUCCESS;
+}
+
+// ---- indications ----
+
+// The decoded form of an indication; null when it does not decode.
+std::unique_ptr<uint8_t[]> decode_indication(qmi_client_type client, unsigned int msg_id,
+                                             const void* buffer, unsigned int buffer_len,
+                                             uint32_t* c_struct_len) {
+  // Asked for anew: the framework's thread does not share the sender's state.
+  const qmi_idl_service_object_type service = tervik_extend_get_service_object_internal_v01(
+      TERVIK_EXTEND_IDL_MAJOR_VERSION, TERVIK_EXTEND_IDL_MINOR_VERSION,
+      TERVIK_EXTEND_IDL_LIBRARY_VERSION);
+  if (qmi_idl_get_message_c_struct_len(service, QMI_IDL_INDICATION, static_cast<uint16_t>(msg_id),
+                                       c_struct_len) != 0) {
+    return nullptr;
+  }
+  std::unique_ptr<uint8_t[]> c_struct(new (std::nothrow) uint8_t[*c_struct_len]());
+  if (c_struct == nullptr ||
+      qmi_client_message_decode(client, QMI_IDL_INDICATION, msg_id, buffer, buffer_len,
+                                c_struct.get(), *c_struct_len) != QMI_NO_ERR) {
+    return nullptr;
+  }
+  return c_struct;
+}
+
+void handle_data_indication(unsigned int msg_id, unsigned int buffer_len,
+                            const tervik_extend_data_msg& ind) {
+  const int sub_id = static_cast<int>(ind.id);
+  if (g_extend_qmi_trace != 0) {
+    tervik_log_debug("msg_id: 0x%x, buf_len: %d, ind.ind: %d", msg_id, static_cast<int>(buffer_len),
+                     sub_id);
+  }
+  if (ind.id >= IND_SUB_ID_COUNT) {
+    tervik_log_debug("Indicaion: %d greater than maximum known indication.", sub_id);
+    return;
+  }
+  const ind_data_handler handler = g_ind_handlers.by_sub_id[ind.id];
+  if (handler == nullptr) {
+    tervik_log_debug("No function defined to handle indication: %d", sub_id);
+    return;
+  }
+  const uint32_t carried = std::min(ind.len, static_cast<uint32_t>(TERVIK_EXTEND_PAYLOAD_SIZE));
+  handler(ind.id, ind.payload, ind.payload_valid != 0 ? carried : 0);
+}
+
+}  // namespace
+
+std::atomic<int> g_extend_qmi_trace{1};
+
+void tervik_qmi_lock_init() {
+  if (g_tervik_qmi_lock_init) {
+    tervik_log_debug("done, do nothing");
+    return;
+  }
+  tervik_log_debug("start, tervik_extend_qmi_client_crit_sect = %d, g_tervik_qmi_lock_init = %d",
+                   CRIT_SECT_SHOWN, 0);
+  g_tervik_qmi_lock_init = true;
+  tervik_log_debug("end, tervik_extend_qmi_client_crit_sect = %d", CRIT_SECT_SHOWN);
+}
+
+void tervik_extend_qmi_init_do() {
+  if (g_inited) {
+    tervik_log_debug("done, do nothing");
+    return;
+  }
+  tervik_log_debug("start, inited = %d", g_inited ? 1 : 0);
+  g_request = {};
+  g_response = {};
+  clear_connection();
+  g_service_object = tervik_extend_get_service_object_internal_v01(
+      TERVIK_EXTEND_IDL_MAJOR_VERSION, TERVIK_EXTEND_IDL_MINOR_VERSION,
+      TERVIK_EXTEND_IDL_LIBRARY_VERSION);
+  if (g_service_object == nullptr) {
+    tervik_log_error("QMI get service obj failed. Check .c and .h");
+  }
+  g_inited = true;
+  tervik_log_debug("end, inited = %d", g_inited ? 1 : 0);
+}
+
+void tervik_extend_qmi_deinit_do() {
+  if (!g_inited) {
+    tervik_log_debug("no init, do nothing");
+    return;
+  }
+  tervik_log_debug("start, inited = %d", g_inited ? 1 : 0);
+  for (auto& handler : g_ind_handlers.by_sub_id) {
+    handler = nullptr;
+  }
+  g_ind_handlers.shared = nullptr;
+  g_ind_handlers.other = nullptr;
+  qmi_client_error_type err = qmi_client_release(g_client_handle);
+  tervik_log_debug("qmi_client_release client_handle, err = %d", err);
+  err = qmi_client_release(g_notifier);
+  tervik_log_debug("qmi_client_release notifier, err = %d", err);
+  clear_connection();
+  g_inited = false;
+  tervik_log_debug("end, inited = %d", g_inited ? 1 : 0);
+}
+
+void tervik_extend_qmi_init_force() {
+  const client_lock lock(TERVIK_LOG_PLACE);
+  tervik_extend_qmi_deinit_do();
+  tervik_extend_qmi_init_do();
+}
+
+qmi_client_type tervik_extend_qmi_client_open() {
+  tervik_extend_qmi_init_do();
+  if (g_client_handle != nullptr) {
+    return g_client_handle;
+  }
+  // A notifier only shortens the wait below; without one it polls.
+  static_cast<void>(qmi_client_notifier_init(g_service_object, &g_os_params, &g_notifier));
+  unsigned int num_services = wait_for_service();
+  std::array<qmi_service_info, SERVICE_INFO_MAX> service_info = {};
+  unsigned int num_entries = std::min(num_services, SERVICE_INFO_MAX);
+  qmi_client_error_type err = qmi_client_get_service_list(g_service_object, service_info.data(),
+                                                          &num_entries, &num_services);
+  tervik_log_debug("qmi_client_get_service_list, err = %d, num_entries = %d, num_services = %d",
+                   err, num_entries, num_services);
+  qmi_client_type handle = nullptr;
+  err = qmi_client_init(&service_info[0], g_service_object, tervik_extend_qmi_ind_cb, nullptr,
+                        nullptr, &handle);
+  tervik_log_debug("qmi_client_init, err = %d, handle = %d, client_handle = %d", err,
+                   shown_handle(handle), shown_handle(g_client_handle));
+  if (err != QMI_NO_ERR) {
+    tervik_log_error("%d QMI client init failed", err);
+    // The next attempt registers a notifier of its own.
+    static_cast<void>(qmi_client_release(g_notifier));
+    g_notifier = nullptr;
+    return nullptr;
+  }
+  g_client_handle = handle;
+  tervik_log_debug("QMI client inited");
+  return g_client_handle;
+}
+
+int tervik_extend_qmi_send_sync(uint32_t id, const uint8_t* req, int req_len, uint8_t* rsp,
+                                int* rsp_len) {
+  const client_lock lock(TERVIK_LOG_PLACE);
+  tervik_extend_qmi_init_do();
+  int result = check_arguments(req, req_len, rsp, rsp_len);
+  if (result == TERVIK_EXTEND_SUCCESS && g_client_handle == nullptr &&
+      tervik_extend_qmi_client_open() == nullptr) {
+    result = TERVIK_EXTEND_NO_CLIENT;
+  }
+  if (result == TERVIK_EXTEND_SUCCESS) {
+    fill_request(id, req, req_len);
+    const qmi_client_error_type err = send_watched();
+    if (err != QMI_NO_ERR) {
+      tervik_log_error("send msg sync failed: %d, id: %d", err, id);
+      tervik_extend_qmi_deinit_do();
+      tervik_extend_qmi_init_do();
+      return TERVIK_EXTEND_SEND_FAILED;
+    }
+    result = take_response(rsp, rsp_len);
+  }
+  if (g_extend_qmi_trace != 0) {
+    tervik_log_debug("result: %d, id: %d", result, id);
+  }
+  return result;
+}
+
+void tervik_qmi_timer_cb(union sigval value) {
+  const auto timer_id = static_cast<uint32_t>(value.sival_int);
+  tervik_log_notice("The timer expired with ID %u", timer_id);
+  tervik_timer_stop(timer_id);
+  tervik_extend_qmi_init_force();
+}
+
+void tervik_extend_qmi_ind_cb(qmi_client_type client, unsigned int msg_id, void* buffer,
+                              unsigned int buffer_len, void* /*user_data*/) {
+  const bool shared = std::find(IND_SHARED_MSG_IDS.begin(), IND_SHARED_MSG_IDS.end(), msg_id) !=
+                      IND_SHARED_MSG_IDS.end();
+  if (!shared && msg_id != IND_DATA_MSG_ID && msg_id != IND_OTHER_MSG_ID) {
+    return;
+  }
+  uint32_t c_struct_len = 0;
+  const std::unique_ptr<uint8_t[]> c_struct =
+      decode_indication(client, msg_id, buffer, buffer_len, &c_struct_len);
+  if (c_struct == nullptr) {
+    tervik_log_debug("indication 0x%x does not decode, buf_len: %u", msg_id, buffer_len);
+    return;
+  }
+  if (msg_id == IND_DATA_MSG_ID) {
+    tervik_extend_data_msg ind = {};
+    memcpy(&ind, c_struct.get(), sizeof(ind));
+    handle_data_indication(msg_id, buffer_len, ind);
+    return;
+  }
+  const ind_struct_handler handler = shared ? g_ind_handlers.shared : g_ind_handlers.other;
+  if (handler != nullptr) {
+    handler(msg_id, c_struct.get(), c_struct_len);
+  }
+}

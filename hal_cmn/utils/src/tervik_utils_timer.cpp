@@ -1,0 +1,257 @@
+#include "tervik_utils_timer.h"
+
+#include <pthread.h>
+
+#include <memory>
+#include <mutex>
+#include <new>
+
+#include "tervik_utils_cmn.h"
+
+namespace {
+
+// What the debug line of a start or stop shows as "ret".
+enum timer_result : int {
+  TIMER_SUCCESS = 0,
+  TIMER_ACTIVE = 1,
+  TIMER_NO_MEMORY = 15,
+  TIMER_NO_CALLBACK = 21,
+  TIMER_SYSTEM_FAILURE = 30,
+};
+
+constexpr uint32_t FIRST_TIMER_ID = 501;
+
+struct timer_record {
+  uint32_t timer_id;
+  timer_t sys_timerid;
+  uint64_t timeout_s;
+  tervik_timer_callback callback;
+  timer_record* next;
+  timer_record* prev;
+};
+
+// A mutex that says how its creation went. Never destroyed: callbacks may still come at exit.
+class timer_mutex {
+ public:
+  void init(const char* name) {
+    const int ret = pthread_mutex_init(&mutex_, nullptr);
+    tervik_log_debug("pthread_mutex_init for %s, ret = %d", name, ret);
+  }
+  void lock() { pthread_mutex_lock(&mutex_); }
+  void unlock() { pthread_mutex_unlock(&mutex_); }
+
+ private:
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+};
+
+// Lock order: the id mutex before the list mutex.
+timer_mutex g_tervik_timer_id_mutex;
+timer_mutex g_tervik_timer_callback_list_mutex;
+std::once_flag g_timer_mutexes_once;
+
+uint32_t g_last_timer_id = FIRST_TIMER_ID - 1;         // under g_tervik_timer_id_mutex
+timer_record* g_tervik_timer_callback_list = nullptr;  // under g_tervik_timer_callback_list_mutex
+
+void init_mutexes_once() {
+  std::call_once(g_timer_mutexes_once, [] {
+    g_tervik_timer_id_mutex.init("g_tervik_timer_id_mutex");
+    g_tervik_timer_callback_list_mutex.init("g_tervik_timer_callback_list_mutex");
+  });
+}
+
+std::unique_ptr<timer_record> make_record(uint32_t timer_id, tervik_timer_callback callback,
+                                          unsigned long timeout_s) {
+  return std::unique_ptr<timer_record>(new (std::nothrow) timer_record{
+      .timer_id = timer_id,
+      .sys_timerid = {},
+      .timeout_s = timeout_s,
+      .callback = callback,
+      .next = nullptr,
+      .prev = nullptr,
+  });
+}
+
+// The three registry functions want the list mutex held.
+
+timer_record* find_record(uint32_t timer_id) {
+  timer_record* record = g_tervik_timer_callback_list;
+  while (record != nullptr && record->timer_id != timer_id) {
+    record = record->next;
+  }
+  return record;
+}
+
+void append_record(std::unique_ptr<timer_record> owned) {
+  timer_record* record = owned.release();
+  timer_record** link = &g_tervik_timer_callback_list;
+  while (*link != nullptr) {
+    record->prev = *link;
+    link = &(*link)->next;
+  }
+  *link = record;
+}
+
+std::unique_ptr<timer_record> unlink_record(timer_record* record) {
+  if (record->next != nullptr) {
+    record->next->prev = record->prev;
+  }
+  if (record->prev != nullptr) {
+    record->prev->next = record->next;
+  } else {
+    g_tervik_timer_callback_list = record->next;
+  }
+  record->next = nullptr;
+  record->prev = nullptr;
+  return std::unique_ptr<timer_record>(record);
+}
+
+// Arms the record's system timer and enters the record in the registry. The list mutex is held
+// over both, so that the callback of a timer that fires at once finds the record to stop.
+int arm_and_register(std::unique_ptr<timer_record> record) {
+  const std::lock_guard list_lock(g_tervik_timer_callback_list_mutex);
+  const int result = tervik_sys_timer_create(record->callback, record->timeout_s, record->timer_id,
+                                             &record->sys_timerid);
+  if (result == TIMER_SUCCESS) {
+    append_record(std::move(record));
+  }
+  return result;
+}
+
+// The low half of a system timer's handle, for the log.
+unsigned shown_handle(timer_t sys_timerid) {
+  return static_cast<unsigned>(reinterpret_cast<uintptr_t>(sys_timerid));
+}
+
+int tervik_sys_timer_clear(timer_t sys_timerid) {
+  const itimerspec disarmed = {};
+  if (timer_settime(sys_timerid, 0, &disarmed, nullptr) != 0) {
+    tervik_log_error("fail to timer_settime, sys_timerid = 0x%x", shown_handle(sys_timerid));
+  }
+  if (timer_delete(sys_timerid) != 0) {
+    tervik_log_error("fail to timer_delete, sys_timerid = 0x%x", shown_handle(sys_timerid));
+    return TIMER_SYSTEM_FAILURE;
+  }
+  return TIMER_SUCCESS;
+}
+
+void log_outcome(const tervik_log_place& place, int ret, unsigned long timeout_s,
+                 uint32_t timer_id) {
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                   "ret = %d, timeout_s = %lu, timer_id = %d", ret, timeout_s, timer_id);
+}
+
+// Starts a timer under the next identifier, stored in `*timer_id`. The id mutex is held.
+int start_numbered(tervik_timer_callback callback, unsigned long timeout_s, uint32_t* timer_id) {
+  if (callback == nullptr) {
+    tervik_log_error("callback is NULL, timeout_s = %lu", timeout_s);
+    return TIMER_NO_CALLBACK;
+  }
+  std::unique_ptr<timer_record> record = make_record(0, callback, timeout_s);
+  if (record == nullptr) {
+    tervik_log_error("Failed to allocate memory for tcbinfo, timeout_s = %lu", timeout_s);
+    return TIMER_NO_MEMORY;
+  }
+  record->timer_id = ++g_last_timer_id;
+  const uint32_t new_id = record->timer_id;
+  const int result = arm_and_register(std::move(record));
+  if (result != TIMER_SUCCESS) {
+    tervik_log_error("tervik_sys_timer_create failed");
+    return result;
+  }
+  *timer_id = new_id;
+  return TIMER_SUCCESS;
+}
+
+bool is_active(uint32_t timer_id) {
+  const std::lock_guard list_lock(g_tervik_timer_callback_list_mutex);
+  return find_record(timer_id) != nullptr;
+}
+
+int start_under_id(uint32_t timer_id, tervik_timer_callback callback, unsigned long timeout_s) {
+  if (callback == nullptr) {
+    tervik_log_error("callback is NULL, timer_id = %d, timeout_s = %lu", timer_id, timeout_s);
+    return TIMER_NO_CALLBACK;
+  }
+  const bool active = is_active(timer_id);
+  tervik_log_debug("timer_id = %u, is_active = %d", timer_id, active ? 1 : 0);
+  if (active) {
+    tervik_log_error("This timer is active, pls stop it before start it, timer_id = %d", timer_id);
+    return TIMER_ACTIVE;
+  }
+  std::unique_ptr<timer_record> record = make_record(timer_id, callback, timeout_s);
+  if (record == nullptr) {
+    tervik_log_error("Failed to allocate memory for tcbinfo, timer_id = %d, timeout_s = %lu",
+                     timer_id, timeout_s);
+    return TIMER_NO_MEMORY;
+  }
+  const int result = arm_and_register(std::move(record));
+  if (result != TIMER_SUCCESS) {
+    tervik_log_error("tervik_sys_timer_create failed, timer_id = %d, timeout_s = %lu", timer_id,
+                     timeout_s);
+  }
+  return result;
+}
+
+}  // namespace
+
+int tervik_sys_timer_create(tervik_timer_callback callback, unsigned long timeout_s,
+                            uint32_t timer_id, timer_t* out) {
+  sigevent event = {};
+  event.sigev_notify = SIGEV_THREAD;
+  event.sigev_value.sival_int = static_cast<int>(timer_id);
+  event.sigev_notify_function = callback;
+  timer_t sys_timerid = {};
+  if (timer_create(CLOCK_REALTIME, &event, &sys_timerid) != 0) {
+    tervik_log_error("fail to timer_create, timer_id = %u, timeout_s = %lu", timer_id, timeout_s);
+    return TIMER_SYSTEM_FAILURE;
+  }
+  itimerspec expiry = {};
+  expiry.it_value.tv_sec = static_cast<time_t>(timeout_s);
+  // An all-zero expiry would disarm the timer.
+  expiry.it_value.tv_nsec = timeout_s == 0 ? 1 : 0;
+  if (timer_settime(sys_timerid, 0, &expiry, nullptr) != 0) {
+    tervik_log_error("fail to timer_settime, sys_timerid = 0x%x, timeout_s = %lu",
+                     shown_handle(sys_timerid), timeout_s);
+    return TIMER_SYSTEM_FAILURE;
+  }
+  *out = sys_timerid;
+  return TIMER_SUCCESS;
+}
+
+uint32_t tervik_timer_start(tervik_timer_callback callback, unsigned long timeout_s) {
+  init_mutexes_once();
+  uint32_t timer_id = 0;
+  int result = TIMER_SUCCESS;
+  {
+    const std::lock_guard id_lock(g_tervik_timer_id_mutex);
+    result = start_numbered(callback, timeout_s, &timer_id);
+  }
+  log_outcome(TERVIK_LOG_PLACE, result, timeout_s, timer_id);
+  return timer_id;
+}
+
+bool tervik_timer_start(uint32_t timer_id, tervik_timer_callback callback,
+                        unsigned long timeout_s) {
+  init_mutexes_once();
+  const int result = start_under_id(timer_id, callback, timeout_s);
+  log_outcome(TERVIK_LOG_PLACE, result, timeout_s, timer_id);
+  return result == TIMER_SUCCESS;
+}
+
+bool tervik_timer_stop(uint32_t timer_id) {
+  init_mutexes_once();
+  std::unique_ptr<timer_record> record;
+  {
+    const std::lock_guard list_lock(g_tervik_timer_callback_list_mutex);
+    if (timer_record* found = find_record(timer_id)) {
+      record = unlink_record(found);
+    }
+  }
+  if (record == nullptr) {
+    tervik_log_error("Not find the timer_callback, timer_id = %u", timer_id);
+    return false;
+  }
+  const int ret = tervik_sys_timer_clear(record->sys_timerid);
+  log_outcome(TERVIK_LOG_PLACE, ret, record->timeout_s, timer_id);
+  return true;
+}

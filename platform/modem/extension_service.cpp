@@ -1,0 +1,349 @@
+#include "platform/modem/extension_service.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/android/state_directory.h"
+#include "platform/modem/nv_efs_store.h"
+#include "platform/qmi/qmi_idl_codec.h"
+#include "qmi_client.h"
+
+namespace kiv::platform {
+namespace {
+
+constexpr uint16_t kMessageId = 0x0002;
+constexpr uint32_t kServiceError = 1;       // a request class that the modem does not know
+constexpr int32_t kCommonNotSupported = 1;  // a common request that it does not know
+constexpr uint32_t kCommonMessage = 2;      // first word of a common request that has a type
+constexpr uint32_t kItemRead = 1;           // first word of an NV item request
+constexpr size_t kEfsPathMax = 100;
+
+// The message, request and response alike.
+struct ExtensionMessage {
+  uint32_t id;  // request class; in the response 0 or the service's error
+  uint32_t len;
+  uint8_t payload_valid;
+  std::array<uint8_t, 550> payload;
+};
+static_assert(sizeof(ExtensionMessage) == 560);
+
+constexpr std::array<qmi_idl_field, 3> kExtensionFields{{
+    {.tlv = 0x01, .wire_width = 4, .memory_width = 4, .offset = offsetof(ExtensionMessage, id)},
+    {.tlv = 0x02, .wire_width = 4, .memory_width = 4, .offset = offsetof(ExtensionMessage, len)},
+    {.tlv = 0x10,
+     .wire_width = 1,
+     .memory_width = 1,
+     .shape = QMI_IDL_FIXED,
+     .offset = offsetof(ExtensionMessage, payload),
+     .presence_offset = offsetof(ExtensionMessage, payload_valid),
+     .max_count = 550},
+}};
+constexpr qmi_idl_message kExtensionMessage{.id = kMessageId,
+                                            .c_struct_len = sizeof(ExtensionMessage),
+                                            .max_encoded_len = 567,
+                                            .fields = kExtensionFields};
+
+// Class 1: one NV item.
+struct NvItemRequest {
+  uint32_t operation;
+  uint32_t nv_id;
+  uint32_t sub;
+  std::array<uint8_t, 416> reserved;
+};
+static_assert(sizeof(NvItemRequest) == 428);
+
+struct NvItemResponse {
+  uint32_t operation;
+  uint32_t status;
+  uint32_t nv_id;
+  uint32_t sub;
+  uint32_t item_length;
+  std::array<uint8_t, 412> item;
+};
+static_assert(sizeof(NvItemResponse) == 432 && offsetof(NvItemResponse, item) == 20);
+
+// Class 2: NV items and EFS files.
+struct NvEfsRequest {
+  uint8_t operation;
+  uint8_t sub;
+  uint16_t id;  // NV item, or the transfer of an EFS write
+  uint8_t path_len;
+  std::array<char, kEfsPathMax> path;
+  std::array<uint8_t, 3> reserved;
+  uint32_t data_len_all;
+  uint32_t data_len_send;
+  uint32_t data_len_cur;
+  std::array<uint8_t, kNvItemMax> data;
+};
+static_assert(sizeof(NvEfsRequest) == 544 && offsetof(NvEfsRequest, data_len_all) == 108 &&
+              offsetof(NvEfsRequest, data) == 120);
+
+struct NvEfsResponse {
+  uint16_t reserved;
+  uint16_t ins_id;
+  uint32_t data_len_all;
+  uint32_t data_len_send;
+  uint32_t reserved_word;
+  int32_t result;
+  std::array<uint8_t, kNvItemMax> data;
+};
+static_assert(sizeof(NvEfsResponse) == 444 && offsetof(NvEfsResponse, result) == 16 &&
+              offsetof(NvEfsResponse, data) == 20);
+
+// Class 4: common requests. Only the common message has a type and a data length of its own.
+struct CommonRequest {
+  uint32_t kind;
+  uint32_t reserved;
+  uint32_t type;
+  uint32_t data_length;
+  std::array<uint8_t, 496> data;
+};
+static_assert(sizeof(CommonRequest) == 512);
+
+struct CommonResponse {
+  uint32_t reserved;
+  int32_t result;
+  uint32_t type;
+  uint32_t data_length;
+  std::array<uint8_t, 492> data;
+};
+static_assert(sizeof(CommonResponse) == 508 && offsetof(CommonResponse, data) == 16);
+
+template <class Body>
+Body payload_as(const ExtensionMessage& message) {
+  static_assert(sizeof(Body) <= sizeof message.payload);
+  Body body{};
+  std::memcpy(&body, message.payload.data(), sizeof body);
+  return body;
+}
+
+template <class Body>
+void set_payload(ExtensionMessage& message, const Body& body) {
+  static_assert(sizeof(Body) <= sizeof message.payload);
+  std::memcpy(message.payload.data(), &body, sizeof body);
+  message.len = sizeof body;
+  message.payload_valid = 1;
+}
+
+class ExtensionService {
+ public:
+  explicit ExtensionService(const ModemConf& conf)
+      : fault_(conf.extension_fault), rsp_result_(conf.extension_rsp_result) {}
+
+  ServiceReply handle(uint16_t msg_id, std::span<const uint8_t> encoded);
+
+ private:
+  using AnswerClass = void (ExtensionService::*)(const ExtensionMessage& message,
+                                                 ExtensionMessage& response);
+  using AnswerOperation = int32_t (ExtensionService::*)(const NvEfsRequest& request,
+                                                        NvEfsResponse& response);
+  struct ClassRow {
+    uint32_t id;
+    AnswerClass answer;
+  };
+  struct OperationRow {
+    uint8_t operation;
+    AnswerOperation answer;
+  };
+  static const std::array<ClassRow, 3> kClasses;
+  static const std::array<OperationRow, 6> kOperations;
+
+  void answer_nv_item(const ExtensionMessage& message, ExtensionMessage& response);
+  void answer_nv_efs(const ExtensionMessage& message, ExtensionMessage& response);
+  void answer_common(const ExtensionMessage& message, ExtensionMessage& response);
+
+  int32_t nv_read(const NvEfsRequest& request, NvEfsResponse& response);
+  int32_t nv_write(const NvEfsRequest& request, NvEfsResponse& response);
+  int32_t nv_delete(const NvEfsRequest& request, NvEfsResponse& response);
+  int32_t efs_read(const NvEfsRequest& request, NvEfsResponse& response);
+  int32_t efs_write(const NvEfsRequest& request, NvEfsResponse& response);
+  int32_t efs_delete(const NvEfsRequest& request, NvEfsResponse& response);
+
+  const ServiceFault fault_;
+  const int32_t rsp_result_;
+  std::mutex mutex_;  // one request at a time, as the modem carries them out
+  EfsWriteTransfers transfers_;
+};
+
+const std::array<ExtensionService::ClassRow, 3> ExtensionService::kClasses{{
+    {1, &ExtensionService::answer_nv_item},
+    {2, &ExtensionService::answer_nv_efs},
+    {4, &ExtensionService::answer_common},
+}};
+
+const std::array<ExtensionService::OperationRow, 6> ExtensionService::kOperations{{
+    {1, &ExtensionService::nv_read},
+    {2, &ExtensionService::nv_write},
+    {3, &ExtensionService::nv_delete},
+    {4, &ExtensionService::efs_read},
+    {5, &ExtensionService::efs_write},
+    {6, &ExtensionService::efs_delete},
+}};
+
+// Decodes the request; what lies beyond its length is cleared, as it is on the wire. Returns false
+// when the length claims more than there is.
+bool decode_request(std::span<const uint8_t> encoded, ExtensionMessage& request) {
+  std::array<uint8_t, sizeof(ExtensionMessage)> decoded{};
+  if (!decode_message(kExtensionMessage, encoded, decoded)) {
+    return false;
+  }
+  std::memcpy(&request, decoded.data(), sizeof request);
+  if (request.len > (request.payload_valid != 0 ? request.payload.size() : 0)) {
+    return false;
+  }
+  std::fill(request.payload.begin() + request.len, request.payload.end(), uint8_t{0});
+  return true;
+}
+
+ServiceReply encode_response(const ExtensionMessage& response) {
+  std::array<uint8_t, sizeof(ExtensionMessage)> bytes{};
+  std::memcpy(bytes.data(), &response, sizeof response);
+  auto encoded = encode_message(kExtensionMessage, bytes);
+  return encoded ? ServiceReply::response(std::move(*encoded))
+                 : ServiceReply::transport_error(QMI_INTERNAL_ERR);
+}
+
+ServiceReply ExtensionService::handle(uint16_t msg_id, std::span<const uint8_t> encoded) {
+  ExtensionMessage request{};
+  if (msg_id != kMessageId || !decode_request(encoded, request)) {
+    return ServiceReply::transport_error(QMI_INTERNAL_ERR);
+  }
+  ExtensionMessage response{};
+  const auto row = std::find_if(kClasses.begin(), kClasses.end(),
+                                [&](const ClassRow& entry) { return entry.id == request.id; });
+  if (fault_.kind == ServiceFault::Kind::kResult) {
+    response.id = static_cast<uint32_t>(fault_.code);
+  } else if (row == kClasses.end()) {
+    response.id = kServiceError;
+  } else {
+    const std::lock_guard lock(mutex_);
+    (this->*row->answer)(request, response);
+  }
+  return encode_response(response);
+}
+
+void ExtensionService::answer_nv_item(const ExtensionMessage& message, ExtensionMessage& response) {
+  const auto request = payload_as<NvItemRequest>(message);
+  NvItemResponse answer{};
+  answer.operation = request.operation;
+  answer.nv_id = request.nv_id;
+  answer.sub = request.sub;
+  std::vector<uint8_t> item;
+  answer.status = static_cast<uint32_t>(
+      request.operation == kItemRead ? read_nv_item(request.sub, request.nv_id, item) : EINVAL);
+  const size_t length = std::min(item.size(), answer.item.size());
+  std::copy_n(item.begin(), length, answer.item.begin());
+  answer.item_length = static_cast<uint32_t>(length);
+  set_payload(response, answer);
+}
+
+void ExtensionService::answer_nv_efs(const ExtensionMessage& message, ExtensionMessage& response) {
+  const auto request = payload_as<NvEfsRequest>(message);
+  NvEfsResponse answer{};
+  const auto row =
+      std::find_if(kOperations.begin(), kOperations.end(),
+                   [&](const OperationRow& entry) { return entry.operation == request.operation; });
+  if (rsp_result_ != 0) {
+    answer.result = rsp_result_;
+  } else if (row == kOperations.end()) {
+    answer.result = EINVAL;
+  } else {
+    answer.result = (this->*row->answer)(request, answer);
+  }
+  set_payload(response, answer);
+}
+
+int32_t ExtensionService::nv_read(const NvEfsRequest& request, NvEfsResponse& response) {
+  std::vector<uint8_t> item;
+  const int error = read_nv_item(request.sub, request.id, item);
+  std::copy(item.begin(), item.end(), response.data.begin());
+  response.data_len_all = static_cast<uint32_t>(item.size());
+  return error;
+}
+
+int32_t ExtensionService::nv_write(const NvEfsRequest& request, NvEfsResponse&) {
+  if (request.data_len_all > request.data.size()) {
+    return EINVAL;
+  }
+  return write_nv_item(request.sub, request.id,
+                       std::span(request.data).first(request.data_len_all));
+}
+
+int32_t ExtensionService::nv_delete(const NvEfsRequest& request, NvEfsResponse&) {
+  return delete_nv_item(request.sub, request.id);
+}
+
+int efs_file_of(const NvEfsRequest& request, std::string& name) {
+  if (request.path_len > request.path.size()) {
+    return EINVAL;
+  }
+  return efs_state_file(request.sub, {request.path.data(), request.path_len}, name);
+}
+
+int32_t ExtensionService::efs_read(const NvEfsRequest& request, NvEfsResponse& response) {
+  std::string name;
+  const int error = efs_file_of(request, name);
+  if (error != 0) {
+    return error;
+  }
+  const auto part = read_state_file_part(name, request.data_len_cur, kEfsChunkMax);
+  if (!part) {
+    return errno;
+  }
+  std::copy(part->bytes.begin(), part->bytes.end(), response.data.begin());
+  response.data_len_all = static_cast<uint32_t>(std::min<uint64_t>(part->file_size, UINT32_MAX));
+  response.data_len_send = static_cast<uint32_t>(part->bytes.size());
+  return 0;
+}
+
+// Clients take a positive result of a write for a good one, so its failures are negative.
+int32_t ExtensionService::efs_write(const NvEfsRequest& request, NvEfsResponse& response) {
+  EfsChunk chunk{.state_file = {},
+                 .ins_id = request.id,
+                 .total = request.data_len_all,
+                 .offset = request.data_len_cur,
+                 .bytes = {}};
+  const int error = efs_file_of(request, chunk.state_file);
+  if (error != 0) {
+    return -error;
+  }
+  if (request.data_len_send > request.data.size()) {
+    return -EINVAL;
+  }
+  chunk.bytes = std::span(request.data).first(request.data_len_send);
+  return -transfers_.add_chunk(chunk, response.ins_id);
+}
+
+int32_t ExtensionService::efs_delete(const NvEfsRequest& request, NvEfsResponse&) {
+  std::string name;
+  const int error = efs_file_of(request, name);
+  return error != 0 ? error : remove_state_file(name);
+}
+
+void ExtensionService::answer_common(const ExtensionMessage& message, ExtensionMessage& response) {
+  const auto request = payload_as<CommonRequest>(message);
+  CommonResponse answer{};
+  answer.type = request.kind == kCommonMessage ? request.type : request.kind;
+  answer.result = rsp_result_ != 0 ? rsp_result_ : kCommonNotSupported;
+  set_payload(response, answer);
+}
+
+}  // namespace
+
+Service make_extension_service(const ModemConf& conf) {
+  return [service = std::make_shared<ExtensionService>(conf)](uint16_t msg_id,
+                                                              std::span<const uint8_t> request) {
+    return service->handle(msg_id, request);
+  };
+}
+
+}  // namespace kiv::platform

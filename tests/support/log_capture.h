@@ -1,0 +1,51 @@
+// The system log and standard output under the tests' control. vsyslog is replaced at link time in
+// every object of the test binary: lines go to the LogCaptures that are alive, and nowhere when
+// there is none. Any thread may log; a capture is made and ended by the test.
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kiv::test {
+
+// The text of a log line after its prefix, which is one of "SUB[0][file:line] func: ",
+// "[process][file:line] func: ", "[file:line] func: " and, on standard output,
+// "RIL[file:line] func: ". A line without prefix is returned as it is.
+std::string_view message_of(std::string_view line);
+
+struct LogLine {
+  int priority;
+  std::string text;
+};
+
+// Holds what the process wrote to the system log since the capture was made.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<LogLine> lines() const;
+  // The lines without their prefixes.
+  std::vector<std::string> messages() const;
+  // True when some line, prefix included, has `text` in it.
+  bool contains(std::string_view text) const;
+  // The number of lines whose whole message is `message`.
+  size_t count(std::string_view message) const;
+  void clear();
+
+ private:
+  friend void capture_line(int priority, const std::string& text);
+
+  mutable std::mutex mutex_;
+  std::vector<LogLine> lines_;
+};
+
+// What the process writes to standard output while `run` runs, at most 16 MiB of it.
+std::string captured_stdout(const std::function<void()>& run);
+
+}  // namespace kiv::test
