@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 #include <utility>
 
 namespace kiv::platform {
@@ -20,6 +22,9 @@ constexpr mode_t kFolderMode = 0755;
 constexpr mode_t kFileMode = 0644;
 // A FIFO in the place of a file must not block the open.
 constexpr int kReadFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
+// How long a change waits for the lock: some 2 s in all, less than a client waits for the modem.
+constexpr int kLockAttempts = 10000;
+constexpr std::chrono::microseconds kLockPause{200};
 
 class Descriptor {
  public:
@@ -102,7 +107,11 @@ int write_all(int descriptor, std::span<const uint8_t> bytes) {
 }
 
 int write_new_file(const std::string& path, std::span<const uint8_t> bytes) {
-  Descriptor file = open_file(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW);
+  // Whatever a crash or a user left under this name is in the way.
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+    return errno;
+  }
+  Descriptor file = open_file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
   if (!file.valid()) {
     return errno;
   }
@@ -133,8 +142,7 @@ class LockedDirectory {
 
   explicit LockedDirectory(Missing missing)
       : path_(state_directory()), descriptor_(open_directory(path_, missing)) {
-    if (!descriptor_.valid() ||
-        without_interrupt([this] { return ::flock(descriptor_.get(), LOCK_EX); }) != 0) {
+    if (!descriptor_.valid() || !lock()) {
       error_ = errno;
     }
   }
@@ -159,6 +167,21 @@ class LockedDirectory {
   }
 
  private:
+  // A holder that was stopped must not hold up everybody else for ever.
+  bool lock() const {
+    for (int attempt = 0; attempt < kLockAttempts; ++attempt) {
+      if (::flock(descriptor_.get(), LOCK_EX | LOCK_NB) == 0) {
+        return true;
+      }
+      if (errno != EWOULDBLOCK && errno != EINTR) {
+        return false;
+      }
+      std::this_thread::sleep_for(kLockPause);
+    }
+    errno = ETIMEDOUT;
+    return false;
+  }
+
   static Descriptor open_directory(const std::string& path, Missing missing) {
     if (path.empty()) {
       errno = ENOENT;

@@ -40,6 +40,37 @@ inline ExtensionAnswer answer_of(const Bytes& body) {
   return {.result = 0, .len = static_cast<uint32_t>(body.size()), .payload = body};
 }
 
+// Numbers as the modem takes them, of 32 bits each.
+inline Bytes words(const std::vector<uint32_t>& numbers) {
+  Bytes bytes(numbers.size() * sizeof(uint32_t));
+  std::memcpy(bytes.data(), numbers.data(), bytes.size());
+  return bytes;
+}
+
+// The whole payload that begins with `bytes`.
+inline Bytes payload_of(Bytes bytes) {
+  bytes.resize(kExtensionPayloadSize);
+  return bytes;
+}
+
+// The payload of a common message.
+inline Bytes common_payload(uint32_t type, const Bytes& data = {}) {
+  Bytes bytes = words({2, 0, type, static_cast<uint32_t>(data.size())});
+  bytes.insert(bytes.end(), data.begin(), data.end());
+  return payload_of(bytes);
+}
+
+// The lines that stand between '|' in `text`; none in an empty text.
+inline Strings split(const std::string& text) {
+  Strings lines;
+  for (size_t begin = 0; begin < text.size();) {
+    const size_t end = std::min(text.find('|', begin), text.size());
+    lines.push_back(text.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return lines;
+}
+
 class ExtensionClientTest : public StateDirectoryTest {
  protected:
   void SetUp() override {

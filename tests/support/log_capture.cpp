@@ -81,6 +81,17 @@ std::vector<std::string> LogCapture::messages() const {
   return messages;
 }
 
+std::vector<std::string> LogCapture::messages_from(std::string_view place) const {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::string> messages;
+  for (const LogLine& line : lines_) {
+    const std::string_view message = message_of(line.text);
+    const std::string_view prefix(line.text.data(), line.text.size() - message.size());
+    if (prefix.find(place) != std::string_view::npos) messages.emplace_back(message);
+  }
+  return messages;
+}
+
 bool LogCapture::contains(std::string_view text) const {
   const std::lock_guard lock(mutex_);
   return std::any_of(lines_.begin(), lines_.end(), [text](const LogLine& line) {

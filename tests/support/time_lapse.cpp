@@ -1,5 +1,6 @@
 #include "tests/support/time_lapse.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
@@ -26,6 +27,7 @@ int real_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex, clockid_t 
 int real_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
                         const timespec* deadline) asm("__real_pthread_cond_timedwait");
 int real_sem_timedwait(sem_t* semaphore, const timespec* deadline) asm("__real_sem_timedwait");
+int real_poll(pollfd* descriptors, nfds_t count, int milliseconds) asm("__real_poll");
 
 // What takes its place.
 unsigned int lapsed_sleep(unsigned int seconds) asm("__wrap_sleep");
@@ -45,6 +47,7 @@ int lapsed_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
 int lapsed_sem_timedwait(sem_t* semaphore, const timespec* deadline) asm("__wrap_sem_timedwait");
 int lapsed_sem_clockwait(sem_t* semaphore, clockid_t clock,
                          const timespec* deadline) asm("__wrap_sem_clockwait");
+int lapsed_poll(pollfd* descriptors, nfds_t count, int milliseconds) asm("__wrap_poll");
 int emulated_timer_create(clockid_t clock, sigevent* event,
                           timer_t* timer) asm("__wrap_timer_create");
 int emulated_timer_settime(timer_t timer, int flags, const itimerspec* value,
@@ -309,6 +312,11 @@ int lapsed_sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* dead
     real = to_timespec(to_nanoseconds(real) + offset);
   }
   return real_sem_timedwait(semaphore, &real);
+}
+
+int lapsed_poll(pollfd* descriptors, nfds_t count, int milliseconds) {
+  const auto real = static_cast<int>(divide_up(milliseconds, clock_map().factor));
+  return real_poll(descriptors, count, milliseconds < 0 ? milliseconds : real);
 }
 
 // Timers call back on a thread or not at all, and expire once: nothing else is in use.

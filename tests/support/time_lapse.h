@@ -13,7 +13,8 @@
 namespace kiv::test {
 
 // Makes the monotonic and the realtime clock run `factor` times faster. A wait until a point of
-// that time ends at the corresponding real moment, a sleep takes the factor's part of its length.
+// that time ends at the corresponding real moment, a sleep and a poll take the factor's part of
+// their length.
 // Neither clock jumps when a lapse starts or ends. A condition variable's pthread_cond_timedwait
 // counts as realtime.
 class TimeLapse {

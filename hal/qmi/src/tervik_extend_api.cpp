@@ -182,17 +182,22 @@ std::unique_ptr<uint8_t[]> decode_indication(qmi_client_type client, unsigned in
 void handle_data_indication(unsigned int msg_id, unsigned int buffer_len,
                             const tervik_extend_data_msg& ind) {
   const int sub_id = static_cast<int>(ind.id);
-  if (g_extend_qmi_trace != 0) {
+  const bool traced = g_extend_qmi_trace != 0;
+  if (traced) {
     tervik_log_debug("msg_id: 0x%x, buf_len: %d, ind.ind: %d", msg_id, static_cast<int>(buffer_len),
                      sub_id);
   }
   if (ind.id >= IND_SUB_ID_COUNT) {
-    tervik_log_debug("Indicaion: %d greater than maximum known indication.", sub_id);
+    if (traced) {
+      tervik_log_debug("Indicaion: %d greater than maximum known indication.", sub_id);
+    }
     return;
   }
   const ind_data_handler handler = g_ind_handlers.by_sub_id[ind.id];
   if (handler == nullptr) {
-    tervik_log_debug("No function defined to handle indication: %d", sub_id);
+    if (traced) {
+      tervik_log_debug("No function defined to handle indication: %d", sub_id);
+    }
     return;
   }
   const uint32_t carried = std::min(ind.len, static_cast<uint32_t>(TERVIK_EXTEND_PAYLOAD_SIZE));
@@ -276,6 +281,7 @@ qmi_client_type tervik_extend_qmi_client_open() {
   qmi_client_type handle = nullptr;
   err = qmi_client_init(&service_info[0], g_service_object, tervik_extend_qmi_ind_cb, nullptr,
                         nullptr, &handle);
+  g_client_handle = err == QMI_NO_ERR ? handle : nullptr;
   tervik_log_debug("qmi_client_init, err = %d, handle = %d, client_handle = %d", err,
                    shown_handle(handle), shown_handle(g_client_handle));
   if (err != QMI_NO_ERR) {
@@ -285,7 +291,6 @@ qmi_client_type tervik_extend_qmi_client_open() {
     g_notifier = nullptr;
     return nullptr;
   }
-  g_client_handle = handle;
   tervik_log_debug("QMI client inited");
   return g_client_handle;
 }

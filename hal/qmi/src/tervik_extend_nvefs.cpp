@@ -178,6 +178,16 @@ void fill_up(uint32_t sub, efs_sink& sink, const uint8_t* chunk) {
   }
 }
 
+// The file's length as the result of a read that did not fit. A length that would pass for success
+// or for another failure is refused.
+[[nodiscard]] int length_as_result(uint32_t sub, uint32_t file_len) {
+  if (file_len == 0 || file_len > INT32_MAX) {
+    tervik_log_print(LOG_CLASS_DEBUG, sub, "data_len_all is invalid");
+    return TERVIK_NVEFS_ERR_BUF_LEN;
+  }
+  return static_cast<int>(file_len);
+}
+
 [[nodiscard]] int read_chunks(uint32_t sub, nvefs_request& request, efs_sink& sink) {
   for (int read_count = 0;; ++read_count) {
     request.data_len_cur = sink.received;
@@ -205,7 +215,7 @@ void fill_up(uint32_t sub, efs_sink& sink, const uint8_t* chunk) {
     }
     if (sink.capacity <= sink.received + chunk_len) {
       fill_up(sub, sink, answer.response.data);
-      return static_cast<int>(file_len);
+      return length_as_result(sub, file_len);
     }
     memcpy(sink.buf + sink.received, answer.response.data, chunk_len);
     sink.received += chunk_len;
@@ -384,6 +394,7 @@ int tervik_efs_delete(uint32_t sub, const char* path, uint32_t path_len) {
 }
 
 int tervik_extend_nv_read_item(uint32_t nv_id, uint32_t sub, uint8_t* buf, uint32_t* buf_len) {
+  const std::lock_guard lock(g_nvefs_mutex);
   nv_item_request request = {};
   request.always_1 = 1;
   request.nv_id = nv_id;

@@ -122,18 +122,19 @@ void tervik_modem_check_odm_white_list();
 int tervik_get_property_value(const char* name, char* value, const char* default_value);
 // Writes a property. Returns the result of property_set (0 success), -1 or -2 for a null name or
 // value, -3 for a value of more than TERVIK_PROPERTY_VALUE_LEN_MAX characters.
-int tervik_set_property_value(const char* name, const char* value);
+[[nodiscard]] int tervik_set_property_value(const char* name, const char* value);
 // With the property trace on, logs the property's value as it reads back.
 void tervik_print_property_value(const char* name);
-// The integer forms; text that is not a number reads as 0. The setter returns as
+// The integer forms (`out` is not null); text that is not a number reads as 0. The setter returns as
 // tervik_set_property_value.
-int tervik_set_property_value_to_int(const char* name, int value);
+[[nodiscard]] int tervik_set_property_value_to_int(const char* name, int value);
 void tervik_get_property_value_from_int(const char* name, int* out, int default_value);
 // The default data subscription ("persist.radio.default_data_sub"), 0 when it is not set.
 int tervik_get_default_data_sub();
 
 // Starts a detached thread. `name` is for the log alone. Returns its handle, or 0.
-pthread_t tervik_create_pthread(const char* name, void* (*start_routine)(void*), void* arg);
+[[nodiscard]] pthread_t tervik_create_pthread(const char* name, void* (*start_routine)(void*),
+                                              void* arg);
 
 // "[index]NAME" of a device state and the property that holds it; null above index 22. The text
 // stands in a static buffer that the next call overwrites. One thread at a time.
@@ -142,8 +143,8 @@ const char* tervik_get_device_state_prop_name(uint32_t type);
 
 // Renders bytes as " %02X" groups into `out`, always terminated within `out_max` bytes; stops when
 // the text plus 4 reaches `out_max`. Returns 1, or 0 for a null pointer or an `out_max` below 5.
-int tervik_get_hex_str(char* out, int out_max, const uint8_t* data, int data_len);
+[[nodiscard]] int tervik_get_hex_str(char* out, int out_max, const uint8_t* data, int data_len);
 
 // Compares two strings and logs the outcome. Returns 0 when equal, -101 or -102 when the first or
 // second is null, -103 when the lengths differ, 104 when a character differs.
-int tervik_str_cmp(const char* str1, const char* str2);
+[[nodiscard]] int tervik_str_cmp(const char* str1, const char* str2);

@@ -41,7 +41,7 @@ class timer_mutex {
   void unlock() { pthread_mutex_unlock(&mutex_); }
 
  private:
-  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+  pthread_mutex_t mutex_{};
 };
 
 // Lock order: the id mutex before the list mutex.
