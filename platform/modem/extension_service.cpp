@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/android/state_directory.h"
+#include "platform/modem/modem.h"
 #include "platform/modem/nv_efs_store.h"
 #include "platform/qmi/qmi_idl_codec.h"
 #include "qmi_client.h"
@@ -24,6 +25,7 @@ constexpr uint16_t kMessageId = 0x0002;
 constexpr uint32_t kServiceError = 1;       // a request class that the modem does not know
 constexpr int32_t kCommonNotSupported = 1;  // a common request that it does not know
 constexpr uint32_t kCommonMessage = 2;      // first word of a common request that has a type
+constexpr uint32_t kTwoSims = 2;            // card type: 1 would be a handset for one card
 constexpr uint32_t kItemRead = 1;           // first word of an NV item request
 constexpr size_t kEfsPathMax = 100;
 
@@ -118,6 +120,26 @@ struct CommonResponse {
 };
 static_assert(sizeof(CommonResponse) == 508 && offsetof(CommonResponse, data) == 16);
 
+// The RF settings among the common requests, and the EFS files that keep them.
+struct GpioSetting {
+  uint32_t kind;
+  uint32_t reserved;
+  uint32_t count;
+  std::array<int32_t, 50> values;
+};
+
+struct TxSetting {
+  uint32_t kind;
+  uint32_t reserved;
+  uint32_t antenna;
+  uint32_t system;
+  uint64_t band_list;
+};
+static_assert(sizeof(TxSetting) == 24 && offsetof(TxSetting, band_list) == 16);
+
+constexpr const char* kGpioSettingFile = "efs/0/oem/debug/rf_ant_port_config";
+constexpr const char* kTxSettingFile = "efs/0/oem/debug/ant_tx_config";
+
 template <class Body>
 Body payload_as(const ExtensionMessage& message) {
   static_assert(sizeof(Body) <= sizeof message.payload);
@@ -134,10 +156,31 @@ void set_payload(ExtensionMessage& message, const Body& body) {
   message.payload_valid = 1;
 }
 
+// The data of a common message as words; false when it has not this many.
+template <size_t count>
+bool read_words(const ExtensionMessage& message, std::array<uint32_t, count>& words) {
+  const auto request = payload_as<CommonRequest>(message);
+  static_assert(sizeof words <= sizeof request.data);
+  if (request.data_length != sizeof words) {
+    return false;
+  }
+  std::memcpy(words.data(), request.data.data(), sizeof words);
+  return true;
+}
+
+template <size_t count>
+void set_words(CommonResponse& answer, const std::array<uint32_t, count>& words) {
+  static_assert(sizeof words <= sizeof answer.data);
+  answer.data_length = sizeof words;
+  std::memcpy(answer.data.data(), words.data(), sizeof words);
+}
+
 class ExtensionService {
  public:
   explicit ExtensionService(const ModemConf& conf)
-      : fault_(conf.extension_fault), rsp_result_(conf.extension_rsp_result) {}
+      : fault_(conf.extension_fault),
+        rsp_result_(conf.extension_rsp_result),
+        card_states_(conf.card_states) {}
 
   ServiceReply handle(uint16_t msg_id, std::span<const uint8_t> encoded);
 
@@ -154,7 +197,15 @@ class ExtensionService {
     uint8_t operation;
     AnswerOperation answer;
   };
+  using AnswerCommon = int32_t (ExtensionService::*)(const ExtensionMessage& message,
+                                                     CommonResponse& answer);
+  struct CommonRow {
+    uint32_t kind;
+    uint32_t type;  // of a common message; 0 for the others
+    AnswerCommon answer;
+  };
   static const std::array<ClassRow, 3> kClasses;
+  static const std::array<CommonRow, 11> kCommonRequests;
   static const std::array<OperationRow, 6> kOperations;
 
   void answer_nv_item(const ExtensionMessage& message, ExtensionMessage& response);
@@ -168,10 +219,23 @@ class ExtensionService {
   int32_t efs_write(const NvEfsRequest& request, NvEfsResponse& response);
   int32_t efs_delete(const NvEfsRequest& request, NvEfsResponse& response);
 
+  int32_t restart(const ExtensionMessage& message, CommonResponse& answer);
+  int32_t nv_sync(const ExtensionMessage& message, CommonResponse& answer);
+  int32_t modem_test(const ExtensionMessage& message, CommonResponse& answer);
+  int32_t card_presence(const ExtensionMessage& message, CommonResponse& answer);
+  int32_t card_status(const ExtensionMessage& message, CommonResponse& answer);
+  int32_t card_type(const ExtensionMessage& message, CommonResponse& answer);
+  int32_t set_card_status(const ExtensionMessage& message, CommonResponse& answer);
+  int32_t hot_swap_test(const ExtensionMessage& message, CommonResponse& answer);
+  int32_t set_gpio(const ExtensionMessage& message, CommonResponse& answer);
+  int32_t set_tx(const ExtensionMessage& message, CommonResponse& answer);
+
   const ServiceFault fault_;
   const int32_t rsp_result_;
+  const std::array<CardState, kCardSlots> card_states_;
   std::mutex mutex_;  // one request at a time, as the modem carries them out
   EfsWriteTransfers transfers_;
+  bool restart_wanted_ = false;  // by the request at work
 };
 
 const std::array<ExtensionService::ClassRow, 3> ExtensionService::kClasses{{
@@ -187,6 +251,20 @@ const std::array<ExtensionService::OperationRow, 6> ExtensionService::kOperation
     {4, &ExtensionService::efs_read},
     {5, &ExtensionService::efs_write},
     {6, &ExtensionService::efs_delete},
+}};
+
+const std::array<ExtensionService::CommonRow, 11> ExtensionService::kCommonRequests{{
+    {kCommonMessage, 31, &ExtensionService::restart},
+    {kCommonMessage, 99, &ExtensionService::restart},
+    {kCommonMessage, 35, &ExtensionService::nv_sync},
+    {kCommonMessage, 73, &ExtensionService::modem_test},
+    {kCommonMessage, 39, &ExtensionService::card_presence},
+    {kCommonMessage, 55, &ExtensionService::card_status},
+    {kCommonMessage, 56, &ExtensionService::card_type},
+    {kCommonMessage, 57, &ExtensionService::set_card_status},
+    {kCommonMessage, 80, &ExtensionService::hot_swap_test},
+    {0, 0, &ExtensionService::set_gpio},
+    {1, 0, &ExtensionService::set_tx},
 }};
 
 // Decodes the request; what lies beyond its length is cleared, as it is on the wire. Returns false
@@ -218,6 +296,7 @@ ServiceReply ExtensionService::handle(uint16_t msg_id, std::span<const uint8_t> 
     return ServiceReply::transport_error(QMI_INTERNAL_ERR);
   }
   ExtensionMessage response{};
+  bool restart_wanted = false;
   const auto row = std::find_if(kClasses.begin(), kClasses.end(),
                                 [&](const ClassRow& entry) { return entry.id == request.id; });
   if (fault_.kind == ServiceFault::Kind::kResult) {
@@ -227,6 +306,10 @@ ServiceReply ExtensionService::handle(uint16_t msg_id, std::span<const uint8_t> 
   } else {
     const std::lock_guard lock(mutex_);
     (this->*row->answer)(request, response);
+    restart_wanted = std::exchange(restart_wanted_, false);
+  }
+  if (restart_wanted) {
+    restart_modem();  // the answer still reaches its sender
   }
   return encode_response(response);
 }
@@ -332,9 +415,105 @@ int32_t ExtensionService::efs_delete(const NvEfsRequest& request, NvEfsResponse&
 void ExtensionService::answer_common(const ExtensionMessage& message, ExtensionMessage& response) {
   const auto request = payload_as<CommonRequest>(message);
   CommonResponse answer{};
-  answer.type = request.kind == kCommonMessage ? request.type : request.kind;
-  answer.result = rsp_result_ != 0 ? rsp_result_ : kCommonNotSupported;
+  const bool typed = request.kind == kCommonMessage;
+  answer.type = typed ? request.type : request.kind;
+  const auto row =
+      std::find_if(kCommonRequests.begin(), kCommonRequests.end(), [&](const CommonRow& entry) {
+        return entry.kind == request.kind && (!typed || entry.type == request.type);
+      });
+  if (rsp_result_ != 0) {
+    answer.result = rsp_result_;
+  } else if (row == kCommonRequests.end()) {
+    answer.result = kCommonNotSupported;
+  } else {
+    answer.result = (this->*row->answer)(message, answer);
+  }
   set_payload(response, answer);
+}
+
+// A restart of the subsystem and a crash look the same from here: the services go down and come
+// back.
+int32_t ExtensionService::restart(const ExtensionMessage& message, CommonResponse&) {
+  if (payload_as<CommonRequest>(message).data_length != sizeof(uint32_t)) {
+    return EINVAL;
+  }
+  restart_wanted_ = true;
+  return 0;
+}
+
+// Everything is in the state directory as soon as it is written.
+int32_t ExtensionService::nv_sync(const ExtensionMessage&, CommonResponse&) {
+  return 0;
+}
+
+// Every test passes, and its answer repeats the test's number.
+int32_t ExtensionService::modem_test(const ExtensionMessage& message, CommonResponse& answer) {
+  std::array<uint32_t, 1> test{};
+  if (!read_words(message, test)) {
+    return EINVAL;
+  }
+  set_words(answer, test);
+  return 0;
+}
+
+uint32_t presence_of(CardState state) {
+  return state == CardState::kPresent ? 1 : 0;
+}
+
+int32_t ExtensionService::card_presence(const ExtensionMessage&, CommonResponse& answer) {
+  std::array<uint32_t, kCardSlots> presence{};
+  std::transform(card_states_.begin(), card_states_.end(), presence.begin(), presence_of);
+  set_words(answer, presence);
+  return 0;
+}
+
+int32_t ExtensionService::card_status(const ExtensionMessage& message, CommonResponse& answer) {
+  std::array<uint32_t, 1> slot{};
+  if (!read_words(message, slot) || slot[0] >= kCardSlots) {
+    return EINVAL;
+  }
+  set_words(answer, std::array{presence_of(card_states_[slot[0]])});
+  return 0;
+}
+
+int32_t ExtensionService::card_type(const ExtensionMessage&, CommonResponse& answer) {
+  set_words(answer, std::array{kTwoSims});
+  return 0;
+}
+
+// Slot, mode and level of the card detection, each 0 or 1. Nothing here depends on the level.
+int32_t ExtensionService::set_card_status(const ExtensionMessage& message, CommonResponse&) {
+  std::array<uint32_t, 3> setting{};
+  const bool good = read_words(message, setting) &&
+                    std::all_of(setting.begin(), setting.end(), [](uint32_t w) { return w <= 1; });
+  return good ? 0 : EINVAL;
+}
+
+// A start has the waits and the count behind its first word, a stop has that word alone, 0. No
+// card moves here.
+int32_t ExtensionService::hot_swap_test(const ExtensionMessage& message, CommonResponse&) {
+  std::array<uint32_t, 4> start{};
+  std::array<uint32_t, 1> stop{};
+  const bool good =
+      read_words(message, start) ? start[0] != 0 : read_words(message, stop) && stop[0] == 0;
+  return good ? 0 : EINVAL;
+}
+
+int32_t ExtensionService::set_gpio(const ExtensionMessage& message, CommonResponse&) {
+  const auto setting = payload_as<GpioSetting>(message);
+  std::vector<uint8_t> content(sizeof setting.count + sizeof setting.values);
+  std::memcpy(content.data(), &setting.count, sizeof setting.count);
+  std::memcpy(content.data() + sizeof setting.count, setting.values.data(), sizeof setting.values);
+  const size_t stored = std::min<size_t>(setting.count, setting.values.size());
+  content.resize(sizeof setting.count + stored * sizeof setting.values[0]);
+  return write_state_file(kGpioSettingFile, content);
+}
+
+int32_t ExtensionService::set_tx(const ExtensionMessage& message, CommonResponse&) {
+  const auto setting = payload_as<TxSetting>(message);
+  const auto* const bytes = reinterpret_cast<const uint8_t*>(&setting);
+  return write_state_file(kTxSettingFile,
+                          {bytes + offsetof(TxSetting, antenna), bytes + sizeof setting});
 }
 
 }  // namespace

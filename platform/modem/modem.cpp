@@ -1,10 +1,12 @@
-// The simulated modem's own table of services. The bus calls in here once, before the first client
-// looks for a service; nothing of the modem exists before.
+#include "platform/modem/modem.h"
+
 #include <array>
 #include <utility>
 
 #include "platform/modem/extension_service.h"
 #include "platform/modem/modem_conf.h"
+#include "platform/modem/sar_service.h"
+#include "platform/modem/uim_service.h"
 #include "platform/qmi/service_bus.h"
 
 namespace kiv::platform {
@@ -16,8 +18,10 @@ struct ModemService {
   Service (*make)(const ModemConf& conf);
 };
 
-constexpr std::array<ModemService, 1> kModemServices{{
+constexpr std::array<ModemService, 3> kModemServices{{
     {kExtensionServiceId, &ModemConf::extension_fault, make_extension_service},
+    {kSarServiceId, &ModemConf::sar_fault, make_sar_service},
+    {kUimServiceId, &ModemConf::uim_fault, make_uim_service},
 }};
 
 // What the bus shows of a service that is up: itself, or nothing but its fault.
@@ -47,6 +51,13 @@ void publish_modem_services() {
       publish_service(row.service_id, with_fault(fault, row.make(conf)));
     }
   }
+}
+
+void restart_modem() {
+  for (const ModemService& row : kModemServices) {
+    withdraw_service(row.service_id);
+  }
+  publish_modem_services();
 }
 
 }  // namespace kiv::platform

@@ -15,6 +15,9 @@ namespace {
 
 constexpr std::string_view kConfFile = "modem.conf";
 constexpr size_t kQuotedMax = 60;
+constexpr int32_t kUimProfilesMax = 255;
+constexpr int32_t kDiagDelayMaxMs = 600000;
+constexpr int32_t kDiagResponseMax = 20000;
 
 bool parse_number(std::string_view text, int32_t& number) {
   const char* const end = text.data() + text.size();
@@ -58,9 +61,68 @@ bool fault_value(std::string_view value, ModemConf& conf) {
   return parse_fault(value, conf.*member);
 }
 
-template <int32_t ModemConf::*member>
+template <int32_t ModemConf::*member, int32_t lowest = INT32_MIN, int32_t highest = INT32_MAX>
 bool number_value(std::string_view value, ModemConf& conf) {
-  return parse_number(value, conf.*member);
+  int32_t parsed = 0;
+  if (!parse_number(value, parsed) || parsed < lowest || parsed > highest) {
+    return false;
+  }
+  conf.*member = parsed;
+  return true;
+}
+
+// A value that is one of some words.
+template <class Value>
+struct ConfWord {
+  std::string_view word;
+  Value value;
+};
+
+constexpr std::array<ConfWord<CardState>, 3> kCardStateWords{{
+    {"absent", CardState::kAbsent},
+    {"present", CardState::kPresent},
+    {"error", CardState::kError},
+}};
+constexpr std::array<ConfWord<bool>, 2> kOkWords{{{"ok", false}, {"fail", true}}};
+constexpr std::array<ConfWord<bool>, 2> kUpWords{{{"up", false}, {"down", true}}};
+
+template <class Words, class Value>
+bool parse_word(std::string_view text, const Words& words, Value& value) {
+  const auto row =
+      std::find_if(words.begin(), words.end(), [text](const auto& w) { return w.word == text; });
+  if (row == words.end()) {
+    return false;
+  }
+  value = row->value;
+  return true;
+}
+
+template <bool ModemConf::*member, const auto& words>
+bool switch_value(std::string_view value, ModemConf& conf) {
+  return parse_word(value, words, conf.*member);
+}
+
+template <size_t slot>
+bool card_value(std::string_view value, ModemConf& conf) {
+  return parse_word(value, kCardStateWords, conf.card_states[slot]);
+}
+
+// Any digits: wrong check digits are a case to try.
+bool eid_value(std::string_view value, ModemConf& conf) {
+  if (value == "none") {
+    conf.eid.reset();
+    return true;
+  }
+  Eid eid{};
+  if (value.size() != 2 * eid.size() ||
+      value.find_first_not_of("0123456789") != std::string_view::npos) {
+    return false;
+  }
+  for (size_t i = 0; i < eid.size(); ++i) {
+    eid[i] = static_cast<uint8_t>((value[2 * i] - '0') << 4 | (value[2 * i + 1] - '0'));
+  }
+  conf.eid = eid;
+  return true;
 }
 
 struct ConfKey {
@@ -68,9 +130,23 @@ struct ConfKey {
   bool (*parse)(std::string_view value, ModemConf& conf);
 };
 
-constexpr std::array<ConfKey, 2> kConfKeys{{
+constexpr std::array<ConfKey, 16> kConfKeys{{
     {"fault.extension", fault_value<&ModemConf::extension_fault>},
     {"extension.rsp_result", number_value<&ModemConf::extension_rsp_result>},
+    {"fault.sar", fault_value<&ModemConf::sar_fault>},
+    {"sar.dsi", number_value<&ModemConf::sar_dsi>},
+    {"card.0", card_value<0>},
+    {"card.1", card_value<1>},
+    {"fault.uim", fault_value<&ModemConf::uim_fault>},
+    {"eid", eid_value},
+    {"uim.profiles", number_value<&ModemConf::uim_profiles, 0, kUimProfilesMax>},
+    {"uim.reset", switch_value<&ModemConf::uim_reset_fails, kOkWords>},
+    {"uim.open_channel", switch_value<&ModemConf::uim_open_channel_fails, kOkWords>},
+    {"fault.diag", fault_value<&ModemConf::diag_fault>},
+    {"diag.remote", number_value<&ModemConf::diag_remote_mask, 0, UINT16_MAX>},
+    {"diag.delay_ms", number_value<&ModemConf::diag_delay_ms, 0, kDiagDelayMaxMs>},
+    {"diag.response_size", number_value<&ModemConf::diag_response_size, 1, kDiagResponseMax>},
+    {"diag.dci", switch_value<&ModemConf::diag_dci_down, kUpWords>},
 }};
 
 std::string_view trimmed(std::string_view text) {

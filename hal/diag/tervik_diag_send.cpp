@@ -1,0 +1,845 @@
+#include "tervik_diag_send.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstring>
+#include <new>
+
+#include "tervik_utils_cmn.h"
+
+// Never destroyed: the library's thread may still use it while the process exits.
+qcril_diag_rsp_buf& g_qcril_diag_rsp_buf = *new qcril_diag_rsp_buf;
+std::mutex g_diag_dci_rsp_mutex;
+sem_t g_diag_rsp_sem;
+std::atomic<uint8_t> g_diag_rsp_waiting{0};
+std::atomic<uint8_t> g_diag_rsp_timeout{0};
+std::atomic<int32_t> g_diag_wait_cnt_limit{30};
+std::atomic<int32_t> g_diag_init_status{0};
+
+namespace {
+
+constexpr unsigned DIAG_OK = 0;
+constexpr unsigned DIAG_FAIL = 1;
+
+constexpr int DEFAULT_WAIT_CNT_LIMIT = 30;
+constexpr int TICK_MS = 100;
+constexpr int DEFAULT_TIME_OUT_MS = 3000;
+constexpr int TIME_OUT_MAX_MS = 60000;
+
+constexpr int PRIMARY_PROCESSOR = 0;
+constexpr int DIAG_CHANNEL = 0;
+constexpr int DCI_RESPONSE_BUFFER_SIZE = 16384;
+constexpr int REMOTE_PROCESSORS_MAX = 16;
+
+constexpr const char* THREAD_NAME = "TERV DIAG";
+
+// One with-result send at a time; taken before g_diag_dci_rsp_mutex.
+std::mutex g_diag_send_mutex;
+// One without-result worker at a time.
+std::mutex g_diag_without_result_mutex;
+
+// True between the hand-over of a with-result command and the end of its wait: a response at any
+// other time belongs to nobody. Guarded by g_diag_dci_rsp_mutex.
+bool g_diag_rsp_expected = false;
+
+// Processor ids whose addresses the library hands back with each response.
+int32_t data_primary = PRIMARY_PROCESSOR;
+std::array<int32_t, REMOTE_PROCESSORS_MAX> data_remote;
+
+const char* processor_name(int32_t id) {
+  constexpr std::array<const char*, 3> NAMES = {"MSM", "MDM", "MDM_2"};
+  return id >= 0 && id < static_cast<int32_t>(NAMES.size()) ? NAMES[static_cast<size_t>(id)]
+                                                            : "Unknown";
+}
+
+// A copy of `len` bytes and a spare byte, or null without memory.
+std::unique_ptr<uint8_t[]> allocate_response(int len) {
+  return std::unique_ptr<uint8_t[]>(new (std::nothrow) uint8_t[static_cast<size_t>(len) + 1]());
+}
+
+// ---- wait thread ----
+
+// Lets the send end the wait thread before its tick is over, and wait for that end: its post must
+// not reach a semaphore that the send has destroyed.
+struct wait_thread_state {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool running = false;
+  bool send_done = false;
+};
+
+wait_thread_state& g_wait_thread = *new wait_thread_state;
+
+// Sleeps one tick, or less when the send is done.
+void sleep_tick() {
+  std::unique_lock lock(g_wait_thread.mutex);
+  g_wait_thread.changed.wait_for(lock, std::chrono::milliseconds(TICK_MS),
+                                 [] { return g_wait_thread.send_done; });
+}
+
+bool response_is_whole_pieces() {
+  const std::lock_guard lock(g_diag_dci_rsp_mutex);
+  const int32_t length = g_qcril_diag_rsp_buf.length;
+  return length != 0 && length % DIAG_DCI_PIECE_MAX == 0;
+}
+
+void run_wait_ticks() {
+  int cnt_of_100ms = 0;
+  bool waiting = false;
+  int32_t limit = 0;
+  do {
+    sleep_tick();
+    ++cnt_of_100ms;
+    tervik_log_debug("tervik_diag_cmd_send_with_result_wait_thread_proc, cnt_of_100ms = %d",
+                     cnt_of_100ms);
+    waiting = g_diag_rsp_waiting == 1;
+    limit = g_diag_wait_cnt_limit;
+  } while (waiting && cnt_of_100ms < limit);
+  if (!waiting) {
+    return;
+  }
+  if (response_is_whole_pieces()) {
+    tervik_log_debug("stop waiting, receive success, length is times of 4096");
+    sem_post(&g_diag_rsp_sem);
+    return;
+  }
+  tervik_log_debug("stop waiting");
+  g_diag_rsp_timeout = 1;
+  sem_post(&g_diag_rsp_sem);
+}
+
+void* tervik_diag_cmd_send_with_result_wait_thread_proc(void* /*arg*/) {
+  run_wait_ticks();
+  const std::lock_guard lock(g_wait_thread.mutex);
+  g_wait_thread.running = false;
+  g_wait_thread.changed.notify_all();
+  return nullptr;
+}
+
+// Starts a detached thread of this module's name. Returns pthread_create's result.
+int create_diag_thread(void* (*start_routine)(void*), void* arg) {
+  pthread_t thread = {};
+  const int result = pthread_create(&thread, nullptr, start_routine, arg);
+  if (result == 0) {
+    // A thread without its name serves as well.
+    static_cast<void>(pthread_setname_np(thread, THREAD_NAME));
+    pthread_detach(thread);
+  }
+  return result;
+}
+
+// ---- the end of every with-result wait ----
+
+enum class after_copy : uint8_t { keep_response, free_response };
+
+// Waits for the response or the time-out, copies what came to the caller and leaves the module
+// ready for the next send.
+unsigned wait_and_take_response(const tervik_log_place& place, uint8_t* reply_buf, int* p_reply_len,
+                                after_copy then) {
+  tervik_diag_cmd_send_with_result_wait_create_thread();
+  while (sem_wait(&g_diag_rsp_sem) != 0 && errno == EINTR) {
+  }
+  g_diag_rsp_waiting = 0;
+  {
+    std::unique_lock lock(g_wait_thread.mutex);
+    g_wait_thread.send_done = true;
+    g_wait_thread.changed.notify_all();
+    g_wait_thread.changed.wait(lock, [] { return !g_wait_thread.running; });
+  }
+  g_diag_wait_cnt_limit = DEFAULT_WAIT_CNT_LIMIT;
+  const std::lock_guard lock(g_diag_dci_rsp_mutex);
+  g_diag_rsp_expected = false;
+  qcril_diag_rsp_buf& response = g_qcril_diag_rsp_buf;
+  const int reply_len = *p_reply_len;
+  const int data_size = std::min(response.length, reply_len);
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                   "req end, data_size = %d, g_qcril_diag_rsp_buf.length = %d, reply_len = %d",
+                   data_size, response.length, reply_len);
+  *p_reply_len = data_size;
+  if (data_size >= 1) {
+    memcpy(reply_buf, response.data.get(), static_cast<size_t>(data_size));
+  }
+  if (then == after_copy::free_response) {
+    response = {};
+  }
+  return g_diag_rsp_timeout.exchange(0) == 1 ? DIAG_FAIL : DIAG_OK;
+}
+
+// From here on a response belongs to the send. What it is about to hand over may be answered
+// before the hand-over returns.
+void expect_response() {
+  const std::lock_guard lock(g_diag_dci_rsp_mutex);
+  g_diag_rsp_expected = true;
+}
+
+void expect_no_response() {
+  const std::lock_guard lock(g_diag_dci_rsp_mutex);
+  g_diag_rsp_expected = false;
+}
+
+// The checks at the beginning of both with-result sends.
+unsigned check_send_arguments(const tervik_log_place& place, const uint8_t* cmd, int data_len,
+                              const uint8_t* reply_buf, const int* p_reply_len) {
+  if (tervik_diag_comand_input_check(cmd, data_len) != DIAG_OK) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_diag_comand_param_check fail");
+    return DIAG_FAIL;
+  }
+  if (tervik_diag_comand_output_check(reply_buf, p_reply_len) != DIAG_OK) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_diag_comand_output_check fail");
+    return DIAG_FAIL;
+  }
+  return DIAG_OK;
+}
+
+// The library takes commands as changeable bytes, but copies them.
+unsigned char* library_bytes(const uint8_t* bytes) {
+  return const_cast<unsigned char*>(bytes);
+}
+
+// ---- callback mode ----
+
+const char* remote_label(uint16_t remote_mask) {
+  constexpr std::array<const char*, 6> LABELS = {" APSS",  " MPSS",    " LPASS",
+                                                 " WCNSS", " SENSORS", " WDSP"};
+  for (size_t bit = 0; bit < LABELS.size(); ++bit) {
+    if ((remote_mask >> bit & 1) != 0) {
+      return LABELS[bit];
+    }
+  }
+  return "";
+}
+
+// Hands the command over and waits for its response.
+unsigned send_and_wait_by_callback(const tervik_log_place& place, const uint8_t* cmd, int data_len,
+                                   int time_out, uint8_t* reply_buf, int* p_reply_len) {
+  expect_response();
+  const int ret_send = diag_callback_send_data(PRIMARY_PROCESSOR, library_bytes(cmd), data_len);
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "ret_send = %d, will wait callback",
+                   ret_send);
+  if (ret_send != 0) {
+    expect_no_response();
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "Fail to send diag cmd");
+    return DIAG_FAIL;
+  }
+  const auto wanted = static_cast<unsigned>(time_out);
+  int used = time_out;
+  if (wanted == 0 || wanted > TIME_OUT_MAX_MS) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "Time out is invalid, set default");
+    used = DEFAULT_TIME_OUT_MS;
+  }
+  g_diag_rsp_waiting = 1;
+  g_diag_wait_cnt_limit = used / TICK_MS;
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "Command time = %d * 100ms",
+                   g_diag_wait_cnt_limit.load());
+  return wait_and_take_response(place, reply_buf, p_reply_len, after_copy::keep_response);
+}
+
+// ---- DCI mode ----
+
+// The handlers of one kind of DCI send.
+struct dci_handlers {
+  diag_dci_response_callback response;
+  diag_dci_stream_callback log_stream;
+  diag_dci_stream_callback event_stream;
+};
+
+constexpr dci_handlers WITH_RESULT_HANDLERS = {tervik_diag_cmd_response_by_dci,
+                                               tervik_diag_cmd_response_by_dci_log_stream,
+                                               tervik_diag_cmd_response_by_dci_event_stream};
+constexpr dci_handlers WITHOUT_RESULT_HANDLERS = {
+    tervik_diag_cmd_response_by_dci_no_handle, tervik_diag_cmd_response_by_dci_log_stream_no_handle,
+    tervik_diag_cmd_response_by_dci_event_stream_no_handle};
+
+// A DCI client of one send. It is released by release(), and its response buffer, which is the
+// library's until then, goes with the object.
+class dci_client {
+ public:
+  // Allocates the response buffer and registers the client. False: there is nothing to release.
+  bool register_client() {
+    response_.reset(new (std::nothrow) unsigned char[DCI_RESPONSE_BUFFER_SIZE]);
+    if (response_ == nullptr) {
+      tervik_log_debug("Unable to allocate memory for DCI rsp pkt, errno: %d", errno);
+      return false;
+    }
+    const int err = diag_register_dci_client(&client_id_, &list_, DIAG_CHANNEL, &signal_type_);
+    if (err != DIAG_DCI_NO_ERROR) {
+      tervik_log_debug("Could not register with DCI, err: %d, errno: %d ch:%d", err, errno,
+                       DIAG_CHANNEL);
+      return false;
+    }
+    tervik_log_debug("Successfully registered with DCI for ch:%d, client ID = %d", DIAG_CHANNEL,
+                     client_id_);
+    return true;
+  }
+
+  // Opens the streams and sends the command. The client is registered.
+  bool send(const dci_handlers& handlers, const uint8_t* cmd, int data_len) {
+    return open_streams(handlers) && send_request(handlers, cmd, data_len);
+  }
+
+  void release() {
+    const int err = diag_release_dci_client(&client_id_);
+    tervik_log_debug("Releasing DCI connection, err: %d, errno: %d", err, errno);
+  }
+
+ private:
+  bool open_streams(const dci_handlers& handlers) {
+    int err = diag_register_dci_signal_data(client_id_, SIGRTMIN + 30);
+    if (err != DIAG_DCI_NO_ERROR) {
+      tervik_log_debug("Could not register signal for DCI Data for ch:%d, err: %d, errno: %d",
+                       DIAG_CHANNEL, err, errno);
+      return false;
+    }
+    tervik_log_debug("DCI Status on Processors for ch%d:", DIAG_CHANNEL);
+    err = diag_get_dci_support_list_proc(DIAG_CHANNEL, &list_);
+    if (err != DIAG_DCI_NO_ERROR) {
+      tervik_log_debug("Could not get support list for ch %d, err: %d, errno: %d", DIAG_CHANNEL,
+                       err, errno);
+      return false;
+    }
+    tervik_log_debug("MPSS on ch:%d: %s", DIAG_CHANNEL,
+                     (list_ & DIAG_CON_MPSS) != 0 ? "UP" : "DOWN");
+    tervik_log_debug("Opening Data Stream, registering listeners for ch:%d", DIAG_CHANNEL);
+    err = diag_register_dci_stream_proc(client_id_, handlers.log_stream, handlers.event_stream);
+    if (err != DIAG_DCI_NO_ERROR) {
+      tervik_log_debug("Unable to register DCI stream for ch:%d, err: %d, errno: %d", DIAG_CHANNEL,
+                       err, errno);
+      return false;
+    }
+    return true;
+  }
+
+  bool send_request(const dci_handlers& handlers, const uint8_t* cmd, int data_len) {
+    tervik_log_debug("Sending Asynchronous Command for ch:%d", DIAG_CHANNEL);
+    const int err =
+        diag_send_dci_async_req(client_id_, library_bytes(cmd), data_len, response_.get(),
+                                DCI_RESPONSE_BUFFER_SIZE, handlers.response, nullptr);
+    if (err != DIAG_DCI_NO_ERROR) {
+      tervik_log_debug("Error sending SEND_REQUEST_ASYNC to peripheral %d for ch:%d", DIAG_CON_MPSS,
+                       DIAG_CHANNEL);
+      return false;
+    }
+    return true;
+  }
+
+  int client_id_ = 0;
+  uint16_t list_ = DIAG_CON_MPSS;
+  int signal_type_ = SIGCONT;
+  std::unique_ptr<unsigned char[]> response_;
+};
+
+// One with-result DCI send on an open connection, up to its close.
+unsigned send_and_wait_by_dci(const tervik_log_place& place, const uint8_t* cmd, int data_len,
+                              int time_out, uint8_t* reply_buf, int* p_reply_len) {
+  dci_client client;
+  if (!client.register_client()) {
+    tervik_diag_deinit_with_result();
+    return DIAG_FAIL;
+  }
+  expect_response();
+  unsigned result = DIAG_FAIL;
+  if (client.send(WITH_RESULT_HANDLERS, cmd, data_len)) {
+    g_diag_rsp_waiting = 1;
+    g_diag_wait_cnt_limit = time_out / TICK_MS;
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "Dci Command time = %d",
+                     g_diag_wait_cnt_limit.load());
+    result = wait_and_take_response(place, reply_buf, p_reply_len, after_copy::free_response);
+  } else {
+    expect_no_response();
+  }
+  tervik_diag_deinit_with_result();
+  client.release();
+  return result;
+}
+
+// ---- workers ----
+
+// A command on its way to a worker: the length, then the bytes and a spare one, in one allocation.
+using command_block = std::unique_ptr<uint8_t[]>;
+
+command_block make_block(const uint8_t* cmd, int32_t data_len) {
+  const auto len = static_cast<size_t>(data_len);
+  command_block block(new (std::nothrow) uint8_t[len + sizeof(data_len) + 1]());
+  if (block != nullptr) {
+    memcpy(block.get(), &data_len, sizeof(data_len));
+    memcpy(block.get() + sizeof(data_len), cmd, len);
+  }
+  return block;
+}
+
+int32_t block_length(const command_block& block) {
+  int32_t data_len = 0;
+  memcpy(&data_len, block.get(), sizeof(data_len));
+  return data_len;
+}
+
+const uint8_t* block_command(const command_block& block) {
+  return block.get() + sizeof(int32_t);
+}
+
+// The workers that have not come to their hand-over yet.
+struct pending_workers {
+  std::mutex mutex;
+  std::condition_variable changed;
+  int count = 0;
+};
+
+pending_workers& g_pending_workers = *new pending_workers;
+
+void count_worker(int change) {
+  const std::lock_guard lock(g_pending_workers.mutex);
+  g_pending_workers.count += change;
+  g_pending_workers.changed.notify_all();
+}
+
+// Tells once that the worker is past its hand-over, at the latest when it goes out of scope.
+class hand_over_notice {
+ public:
+  hand_over_notice() = default;
+  ~hand_over_notice() { give(); }
+  hand_over_notice(const hand_over_notice&) = delete;
+  hand_over_notice& operator=(const hand_over_notice&) = delete;
+  void give() {
+    if (!given_) {
+      given_ = true;
+      count_worker(-1);
+    }
+  }
+
+ private:
+  bool given_ = false;
+};
+
+void send_block_by_callback(const command_block& block, hand_over_notice& notice) {
+  constexpr useconds_t RESPONSE_TIME_US = 200 * 1000;
+  const int32_t length = block_length(block);
+  tervik_log_debug("data_len = %d", length);
+  if (!Diag_LSM_Init(nullptr)) {
+    tervik_log_debug("LSM init failed");
+    return;
+  }
+  tervik_diag_register_callback(tervik_diag_cmd_response_by_callback_no_handle);
+  diag_switch_logging(DIAG_CALLBACK_MODE, nullptr);
+  const int ret_send =
+      diag_callback_send_data(PRIMARY_PROCESSOR, library_bytes(block_command(block)), length);
+  notice.give();
+  tervik_log_debug("ret_send = %d, will wait callback", ret_send);
+  usleep(RESPONSE_TIME_US);
+  diag_switch_logging(DIAG_USB_MODE, nullptr);
+  Diag_LSM_DeInit();
+}
+
+void send_block_by_dci(const command_block& block, hand_over_notice& notice) {
+  const int32_t length = block_length(block);
+  tervik_log_debug("data_len = %d", length);
+  if (!Diag_LSM_Init(nullptr)) {
+    tervik_log_debug("LSM init failed");
+    return;
+  }
+  dci_client client;
+  if (client.register_client()) {
+    const bool sent = client.send(WITHOUT_RESULT_HANDLERS, block_command(block), length);
+    notice.give();
+    if (sent) {
+      sleep(1);
+    }
+    client.release();
+  }
+  Diag_LSM_DeInit();
+}
+
+// What both workers share around their sends.
+void run_worker(const tervik_log_place& place, void* block,
+                void (*send)(const command_block& block, hand_over_notice& notice)) {
+  const tervik_function_trace trace(place);
+  {
+    hand_over_notice notice;
+    const std::lock_guard lock(g_diag_without_result_mutex);
+    const command_block owned(static_cast<uint8_t*>(block));
+    if (owned == nullptr) {
+      tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "param is null");
+    } else {
+      send(owned, notice);
+    }
+  }
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "will sleep 3s before quit");
+  sleep(3);
+}
+
+// ---- responses ----
+
+// Puts a piece behind what is there. False without memory.
+bool append_piece(qcril_diag_rsp_buf& response, const uint8_t* piece, int len) {
+  if (response.data == nullptr) {
+    response.data = allocate_response(len);
+    if (response.data == nullptr) {
+      tervik_log_error("Failed to allocate memory for ptr_out_1");
+      return false;
+    }
+    memcpy(response.data.get(), piece, static_cast<size_t>(len));
+    response.length = len;
+    return true;
+  }
+  const auto old_length = static_cast<size_t>(response.length);
+  std::unique_ptr<uint8_t[]> copy = allocate_response(response.length);
+  if (copy == nullptr) {
+    tervik_log_error("Failed to allocate memory for ptr_out_2");
+    return false;
+  }
+  memcpy(copy.get(), response.data.get(), old_length);
+  response.previous = std::move(copy);
+  std::unique_ptr<uint8_t[]> longer = allocate_response(response.length + len);
+  if (longer == nullptr) {
+    tervik_log_error("Failed to allocate memory for ptr_out_3");
+    return false;
+  }
+  memcpy(longer.get(), response.previous.get(), old_length);
+  memcpy(longer.get() + old_length, piece, static_cast<size_t>(len));
+  response.data = std::move(longer);
+  response.length += len;
+  return true;
+}
+
+// The pieces of a response add up to no more than the caller's largest buffer can take; a modem
+// that goes on sending must not fill the memory.
+constexpr int32_t COLLECTED_MAX = 1 << 20;
+
+// False, with a line in the log, for a response that no send waits for.
+bool response_is_expected(const tervik_log_place& place, int len) {
+  if (!g_diag_rsp_expected) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "late response is dropped, len = %d",
+                     len);
+  }
+  return g_diag_rsp_expected;
+}
+
+void take_dci_piece(const tervik_log_place& place, const uint8_t* ptr, int len,
+                    const void* context_data) {
+  const std::lock_guard lock(g_diag_dci_rsp_mutex);
+  if (tervik_diag_cmd_response_check(ptr, len, context_data) != DIAG_OK) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_diag_cmd_response_check fail");
+    return;
+  }
+  if (!response_is_expected(place, len)) {
+    return;
+  }
+  if (g_qcril_diag_rsp_buf.length > COLLECTED_MAX - len) {
+    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
+                     "response is too long, length = %d, len = %d", g_qcril_diag_rsp_buf.length,
+                     len);
+    return;
+  }
+  if (!append_piece(g_qcril_diag_rsp_buf, ptr, len)) {
+    return;
+  }
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                   "response, cmd_code = 0x%02x, data_size = %d", ptr[0],
+                   g_qcril_diag_rsp_buf.length);
+  if (len != DIAG_DCI_PIECE_MAX) {
+    sem_post(&g_diag_rsp_sem);
+  }
+}
+
+int take_callback_response(const tervik_log_place& place, const uint8_t* ptr, int len,
+                           const void* context_data) {
+  if (tervik_diag_cmd_response_check(ptr, len, context_data) != DIAG_OK) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_diag_cmd_response_check fail");
+    return 1;
+  }
+  std::unique_ptr<uint8_t[]> ptr_out = allocate_response(len);
+  if (ptr_out == nullptr) {
+    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
+                     "Failed to allocate memory for ptr_out");
+    return 1;
+  }
+  memcpy(ptr_out.get(), ptr, static_cast<size_t>(len));
+  const std::lock_guard lock(g_diag_dci_rsp_mutex);
+  if (!response_is_expected(place, len)) {
+    return 1;
+  }
+  g_qcril_diag_rsp_buf.data = std::move(ptr_out);
+  g_qcril_diag_rsp_buf.length = len;
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                   "callback, cmd_code = 0x%02x, data_size = %d", ptr[0], len);
+  sem_post(&g_diag_rsp_sem);
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+// ---- checks and logging ----
+
+void tervik_print_data_with_hex(const uint8_t* data, int len) {
+  if (data == nullptr) {
+    tervik_log_debug("print_data_with_hex, data is null");
+    return;
+  }
+  if (len <= 0 || len > TERVIK_DIAG_COMMAND_MAX) {
+    tervik_log_debug("print_data_with_hex, invalid data len(%d)", len);
+    return;
+  }
+  constexpr char DIGITS[] = "0123456789ABCDEF";
+  char text[3 * TERVIK_DIAG_COMMAND_MAX + 1];
+  char* to = text;
+  for (int i = 0; i < len; ++i) {
+    if (i != 0) {
+      *to++ = ' ';
+    }
+    *to++ = DIGITS[data[i] >> 4];
+    *to++ = DIGITS[data[i] & 0x0F];
+  }
+  *to = '\0';
+  tervik_log_debug("data hex show, len(%d), data: %s", len, text);
+}
+
+unsigned tervik_diag_comand_input_check(const uint8_t* data, int data_len) {
+  tervik_log_debug("diag_comand, data_len = %d", data_len);
+  if (data == nullptr) {
+    tervik_log_debug("data is null");
+    return DIAG_FAIL;
+  }
+  if (data_len < 1 || data_len > TERVIK_DIAG_COMMAND_MAX) {
+    tervik_log_debug("Invalid input parameter, data_len = %d", data_len);
+    return DIAG_FAIL;
+  }
+  tervik_print_data_with_hex(data, data_len);
+  return DIAG_OK;
+}
+
+unsigned tervik_diag_comand_output_check(const uint8_t* reply_buf, const int* p_reply_len) {
+  if (reply_buf == nullptr) {
+    tervik_log_debug("reply_buf is null");
+    return DIAG_FAIL;
+  }
+  if (p_reply_len == nullptr) {
+    tervik_log_debug("p_reply_len is null");
+    return DIAG_FAIL;
+  }
+  tervik_log_debug("reply_len = %d", *p_reply_len);
+  if (*p_reply_len < 1) {
+    tervik_log_debug("Invalid output parameter, reply_len = %d", *p_reply_len);
+    return DIAG_FAIL;
+  }
+  return DIAG_OK;
+}
+
+unsigned tervik_diag_cmd_response_check(const uint8_t* ptr, int len, const void* context_data) {
+  int32_t id = -1;
+  if (context_data == nullptr) {
+    tervik_log_debug("context_data is null");
+  } else {
+    memcpy(&id, context_data, sizeof(id));
+  }
+  tervik_log_debug("================ response from %d[%s], len = %d ========================", id,
+                   processor_name(id), len);
+  if (ptr == nullptr) {
+    tervik_log_debug("ptr is null");
+    return DIAG_FAIL;
+  }
+  if (len < 1 || len > TERVIK_DIAG_RESPONSE_MAX) {
+    tervik_log_debug("Invalid parameter, len = %d", len);
+    return DIAG_FAIL;
+  }
+  tervik_print_data_with_hex(ptr, len);
+  return DIAG_OK;
+}
+
+// ---- the library connection of a with-result send ----
+
+void tervik_diag_init_with_result() {
+  if (g_diag_init_status != 0) {
+    tervik_log_debug("diag init done, g_diag_init_status = %d", g_diag_init_status.load());
+    ++g_diag_init_status;
+    return;
+  }
+  // A wait on it is only reached when the library took the command, also after a failed open.
+  sem_init(&g_diag_rsp_sem, 0, 0);
+  if (Diag_LSM_Init(nullptr)) {
+    g_diag_init_status = 1;
+  } else {
+    tervik_log_debug("LSM init failed");
+  }
+}
+
+void tervik_diag_deinit_with_result() {
+  // False only when the open had failed.
+  static_cast<void>(Diag_LSM_DeInit());
+  g_diag_init_status = 0;
+  sem_destroy(&g_diag_rsp_sem);
+}
+
+void tervik_diag_cmd_send_with_result_wait_create_thread() {
+  {
+    const std::lock_guard lock(g_wait_thread.mutex);
+    g_wait_thread.send_done = false;
+    g_wait_thread.running = true;
+  }
+  const int conf = create_diag_thread(tervik_diag_cmd_send_with_result_wait_thread_proc, nullptr);
+  tervik_log_debug("tervik daig is created, conf = %d", conf);
+  if (conf != 0) {
+    // Without the thread nothing would bound the wait: it is over at once.
+    const std::lock_guard lock(g_wait_thread.mutex);
+    g_wait_thread.running = false;
+    g_diag_rsp_timeout = 1;
+    sem_post(&g_diag_rsp_sem);
+  }
+}
+
+// ---- response handlers ----
+
+int tervik_diag_cmd_response_by_callback(unsigned char* ptr, int len, void* context_data) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  return take_callback_response(TERVIK_LOG_PLACE, ptr, len, context_data);
+}
+
+int tervik_diag_cmd_response_by_callback_no_handle(unsigned char* /*ptr*/, int len,
+                                                   void* /*context_data*/) {
+  tervik_log_debug("len = %d", len);
+  return 0;
+}
+
+void tervik_diag_cmd_response_by_dci(unsigned char* ptr, int len, void* context_data) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  take_dci_piece(TERVIK_LOG_PLACE, ptr, len, context_data);
+}
+
+void tervik_diag_cmd_response_by_dci_no_handle(unsigned char* /*ptr*/, int len,
+                                               void* /*context_data*/) {
+  tervik_log_debug("len = %d", len);
+}
+
+void tervik_diag_cmd_response_by_dci_log_stream(unsigned char* ptr, int len) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  tervik_print_data_with_hex(ptr, len);
+}
+
+void tervik_diag_cmd_response_by_dci_event_stream(unsigned char* ptr, int len) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  tervik_print_data_with_hex(ptr, len);
+}
+
+void tervik_diag_cmd_response_by_dci_log_stream_no_handle(unsigned char* /*ptr*/, int len) {
+  tervik_log_debug("len = %d", len);
+}
+
+void tervik_diag_cmd_response_by_dci_event_stream_no_handle(unsigned char* /*ptr*/, int len) {
+  tervik_log_debug("len = %d", len);
+}
+
+// ---- sending ----
+
+void tervik_diag_register_callback(diag_response_callback callback) {
+  // Both kinds of send may register at once; the cells' values never change afterwards.
+  static std::mutex registration_mutex;
+  const std::lock_guard lock(registration_mutex);
+  uint16_t remote_mask = 0;
+  diag_register_callback(callback, &data_primary);
+  diag_has_remote_device(&remote_mask);
+  tervik_log_debug(
+      "register call back, g_diag_channel = [%d]%s, data_primary = %d, remote_mask = [%d]%s",
+      DIAG_CHANNEL, processor_name(DIAG_CHANNEL), data_primary, remote_mask,
+      remote_label(remote_mask));
+  for (int bit = 0; bit < REMOTE_PROCESSORS_MAX; ++bit) {
+    if ((remote_mask >> bit & 1) == 0) {
+      continue;
+    }
+    const int processor = bit + 1;
+    int32_t& cell = data_remote[static_cast<size_t>(bit)];
+    if (cell != processor) {
+      cell = processor;
+    }
+    tervik_log_debug("register remote call back, data_remote = %d", processor);
+    diag_register_remote_callback(callback, processor, &cell);
+  }
+}
+
+unsigned tervik_diag_cmd_send_with_result_by_callback_mode(const uint8_t* cmd, int data_len,
+                                                           int time_out, uint8_t* reply_buf,
+                                                           int* p_reply_len) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  const std::lock_guard lock(g_diag_send_mutex);
+  if (check_send_arguments(TERVIK_LOG_PLACE, cmd, data_len, reply_buf, p_reply_len) != DIAG_OK) {
+    return DIAG_FAIL;
+  }
+  tervik_diag_init_with_result();
+  tervik_diag_register_callback(tervik_diag_cmd_response_by_callback);
+  diag_switch_logging(DIAG_CALLBACK_MODE, nullptr);
+  const unsigned result =
+      send_and_wait_by_callback(TERVIK_LOG_PLACE, cmd, data_len, time_out, reply_buf, p_reply_len);
+  diag_switch_logging(DIAG_USB_MODE, nullptr);
+  tervik_diag_deinit_with_result();
+  return result;
+}
+
+unsigned tervik_diag_cmd_send_with_result_by_dci_mode(const uint8_t* cmd, int data_len,
+                                                      int time_out, uint8_t* reply_buf,
+                                                      int* p_reply_len) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  const std::lock_guard lock(g_diag_send_mutex);
+  if (check_send_arguments(TERVIK_LOG_PLACE, cmd, data_len, reply_buf, p_reply_len) != DIAG_OK) {
+    return DIAG_FAIL;
+  }
+  tervik_diag_init_with_result();
+  return send_and_wait_by_dci(TERVIK_LOG_PLACE, cmd, data_len, time_out, reply_buf, p_reply_len);
+}
+
+unsigned tervik_diag_cmd_send_without_result_start_thread(const uint8_t* cmd, int data_len,
+                                                          int diag_work_mode) {
+  tervik_log_debug("function entry ------------->");
+  if (tervik_diag_comand_input_check(cmd, data_len) != DIAG_OK) {
+    tervik_log_debug("tervik_diag_comand_input_check fail");
+    return DIAG_FAIL;
+  }
+  command_block block = make_block(cmd, data_len);
+  if (block == nullptr) {
+    tervik_log_error("Failed to allocate memory for ptr_out");
+    return DIAG_FAIL;
+  }
+  count_worker(+1);
+  const int conf = create_diag_thread(
+      diag_work_mode != 0 ? tervik_diag_cmd_send_without_result_by_dci_mode_thread_proc
+                          : tervik_diag_cmd_send_without_result_by_callback_mode_thread_proc,
+      block.get());
+  tervik_log_debug("tervik daig is created, conf = %d, diag_work_mode = %d", conf, diag_work_mode);
+  if (conf == 0) {
+    static_cast<void>(block.release());  // the worker's now
+  } else {
+    count_worker(-1);
+  }
+  return DIAG_OK;
+}
+
+unsigned tervik_diag_cmd_send_without_result_by_callback_mode(const uint8_t* cmd, int data_len) {
+  return tervik_diag_cmd_send_without_result_start_thread(cmd, data_len, 0);
+}
+
+unsigned tervik_diag_cmd_send_without_result_by_dci_mode(const uint8_t* cmd, int data_len) {
+  return tervik_diag_cmd_send_without_result_start_thread(cmd, data_len, 1);
+}
+
+void* tervik_diag_cmd_send_without_result_by_callback_mode_thread_proc(void* block) {
+  run_worker(TERVIK_LOG_PLACE, block, send_block_by_callback);
+  return nullptr;
+}
+
+void* tervik_diag_cmd_send_without_result_by_dci_mode_thread_proc(void* block) {
+  run_worker(TERVIK_LOG_PLACE, block, send_block_by_dci);
+  return nullptr;
+}
+
+void tervik_diag_wait_for_workers(int time_out) {
+  std::unique_lock lock(g_pending_workers.mutex);
+  g_pending_workers.changed.wait_for(lock, std::chrono::milliseconds(time_out),
+                                     [] { return g_pending_workers.count == 0; });
+}
+
+}  // extern "C"

@@ -1,0 +1,601 @@
+#include "tervik_extend_cmn.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+
+#include "qcril_malloc.h"
+#include "sar_idl.h"
+#include "tervik_extend_api.h"
+#include "tervik_extend_nvefs.h"
+#include "tervik_utils_cmn.h"
+#include "tervik_utils_cust.h"
+#include "uim_idl.h"
+
+namespace {
+
+// ---- SAR ----
+
+constexpr uint32_t SAR_IDL_MAJOR_VERSION = 1;
+constexpr uint32_t SAR_IDL_MINOR_VERSION = 0x0F;
+constexpr uint32_t SAR_IDL_LIBRARY_VERSION = 6;
+constexpr uint32_t SAR_INIT_TIMEOUT_MS = 4;
+constexpr unsigned SAR_SEND_TIMEOUT_MS = 30000;
+constexpr int SAR_DSI_MIN = 1;
+constexpr int SAR_DSI_MAX = 20;
+constexpr int SAR_FAILURE = -1;
+
+qmi_client_type g_sar_qmi_client = nullptr;
+qmi_client_os_params g_sar_os_params;
+
+// Sends one SAR request; a failed one clears the client, so that the next creates a new one.
+[[nodiscard]] qmi_client_error_type send_sar_request(const tervik_log_place& place,
+                                                     unsigned int msg_id, const void* request,
+                                                     unsigned request_len, void* response,
+                                                     unsigned response_len) {
+  const qmi_client_error_type err = qmi_client_send_msg_sync(
+      g_sar_qmi_client, msg_id, request, request_len, response, response_len, SAR_SEND_TIMEOUT_MS);
+  if (err != QMI_NO_ERR) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                     "qmi_client_send_msg_sync failed, qmi_client_error = %d", err);
+    g_sar_qmi_client = nullptr;
+  }
+  return err;
+}
+
+// ---- common messages ----
+
+// An answer must at least carry its result.
+constexpr int RESULT_END = offsetof(tervik_common_response, type);
+
+// ---- SIM cards ----
+
+constexpr uint32_t UIM_IDL_MAJOR_VERSION = 1;
+constexpr uint32_t UIM_IDL_MINOR_VERSION = 0x71;
+constexpr uint32_t UIM_IDL_LIBRARY_VERSION = 6;
+constexpr uint32_t UIM_INIT_TIMEOUT_MS = 4000;
+constexpr unsigned UIM_SEND_TIMEOUT_MS = 3000;
+constexpr int UIM_ERROR_COUNT_LIMIT = 3;
+constexpr int UIM_FAILURE = -1;
+constexpr int UIM_BAD_INPUT = -2;
+constexpr uint8_t UIM_CARD_STATE_INITIAL = 3;
+constexpr size_t UIM_CARDS_KEPT = 2;
+
+// The ISD-R application of an eUICC (GSMA SGP.22).
+constexpr uint8_t ISD_R_AID[] = {0xA0, 0x00, 0x00, 0x05, 0x59, 0x10, 0x10, 0xFF,
+                                 0xFF, 0xFF, 0xFF, 0x89, 0x00, 0x00, 0x01, 0x00};
+
+qmi_client_type uim_qmi_client = nullptr;
+qmi_client_os_params g_uim_os_params;
+std::atomic<uint8_t> SSR_Detected{0};  // set on the framework's thread
+uint8_t uim_qmi_error_count = 0;
+
+void recover_after_ssr() {
+  if (SSR_Detected != 0) {
+    tervik_log_debug("SSR_Detected, try recovery");
+    uim_qmi_client_recovery();
+  }
+}
+
+// Whether there is a client, created when there was none; tells so in the name of `operation`
+// unless that is null.
+[[nodiscard]] bool have_uim_client(const char* operation) {
+  const bool existed = uim_qmi_client != nullptr;
+  if (!existed && !init_uim_qmi_client()) {
+    tervik_log_debug("init_uim_qmi_client failed");
+    return false;
+  }
+  if (operation != nullptr) {
+    tervik_log_debug("%s %suim_qmi_client %p", operation, existed ? "" : "try init_",
+                     uim_qmi_client);
+  }
+  return true;
+}
+
+// What differs between the operations that share the frame below.
+struct uim_operation {
+  const tervik_log_place& place;
+  const char* name;  // in the client lines; null where there are none
+  unsigned int msg_id;
+  bool recovers_after_ssr;
+};
+
+// Steps of a request that has its buffers: fill, send, look at the response.
+template <typename Request, typename Response, typename Fill, typename Take>
+[[nodiscard]] int exchange_uim(const uim_operation& operation, Request& request, Response& response,
+                               Fill fill, Take take) {
+  fill(request);
+  const qmi_client_error_type err =
+      qmi_client_send_msg_sync(uim_qmi_client, operation.msg_id, &request, sizeof(request),
+                               &response, sizeof(response), UIM_SEND_TIMEOUT_MS);
+  if (err != QMI_NO_ERR) {
+    tervik_log_write(operation.place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                     "send msg sync client error = %d", err);
+    ++uim_qmi_error_count;
+    return err;
+  }
+  return take(static_cast<const Response&>(response));
+}
+
+// The frame of five of the operations: client, buffers, exchange, recovery. `fill` fills the
+// zeroed request, `take` reads the response of a good send and gives the result.
+template <typename Request, typename Response, typename Fill, typename Take>
+[[nodiscard]] int run_uim_operation(const uim_operation& operation, Fill fill, Take take) {
+  const tervik_log_place& place = operation.place;
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "function entry ------------->");
+  if (operation.recovers_after_ssr) {
+    recover_after_ssr();
+  }
+  int result = UIM_FAILURE;
+  if (have_uim_client(operation.name)) {
+    const auto request = qcril_make<Request>(place.func, place.line);
+    const auto response = qcril_make<Response>(place.func, place.line);
+    if (request == nullptr || response == nullptr) {
+      return UIM_FAILURE;
+    }
+    result = exchange_uim(operation, *request, *response, fill, take);
+  }
+  if (result == QMI_SERVICE_ERR || uim_qmi_error_count >= UIM_ERROR_COUNT_LIMIT) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "QMI error, try recovery");
+    uim_qmi_client_recovery();
+  }
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "function exit <-------------");
+  return result;
+}
+
+int take_eid(const uim_get_eid_resp_msg_v01& response, uint8_t* eid_out) {
+  if (response.resp.result == 0 && response.eid_value_valid != 0) {
+    memcpy(eid_out, response.eid_value, UIM_EID_SIZE);
+  }
+  return 0;
+}
+
+int take_card_states(const tervik_log_place& place,
+                     const uim_get_card_status_resp_msg_v01& response, uint16_t* states_out) {
+  uint8_t states[UIM_CARDS_KEPT] = {UIM_CARD_STATE_INITIAL, UIM_CARD_STATE_INITIAL};
+  if (response.resp.result == 0) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                     "tervik_uim_get_card_status check response");
+    const size_t listed = response.card_list_valid == 1 ? response.card_list_len : 0;
+    const size_t cards = std::min(listed, UIM_CARDS_KEPT);
+    for (size_t i = 0; i < cards; ++i) {
+      states[i] = static_cast<uint8_t>(response.card_list[i].card_state);
+      tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "SIM[%d] State = %d",
+                       static_cast<int>(i), states[i]);
+    }
+  }
+  static_assert(sizeof(*states_out) == sizeof(states));
+  memcpy(states_out, states, sizeof(states));
+  return 0;
+}
+
+int take_channel(const tervik_log_place& place,
+                 const uim_open_logical_channel_resp_msg_v01& response, uint8_t* channel_id_out) {
+  if (response.resp.result != 0) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_uim_open_channel failed");
+    return UIM_FAILURE;
+  }
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_uim_open_channel successfully");
+  if (response.channel_id_valid != 0) {
+    *channel_id_out = response.channel_id;
+  }
+  return 0;
+}
+
+int take_closing(const tervik_log_place& place, const uim_logical_channel_resp_msg_v01& response) {
+  if (response.resp.result == 0) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                     "tervik_uim_close_channel successfully");
+  }
+  return 0;
+}
+
+int take_apdu(const tervik_log_place& place, const uim_send_apdu_resp_msg_v01& response,
+              uint8_t* rsp_out) {
+  if (response.resp.result != 0) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_uim_send_apdu failed");
+    return UIM_FAILURE;
+  }
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_uim_send_apdu successfully");
+  rsp_out[0] = static_cast<uint8_t>(response.apdu_len);
+  memcpy(rsp_out + 1, response.apdu, std::min<size_t>(response.apdu_len, UIM_APDU_OUTPUT_SIZE - 1));
+  return 0;
+}
+
+// ---- restarts ----
+
+constexpr uint32_t NON_MASK_FLAG = 0x80000000;
+
+// The restart types that a mask can name and that are counted, lowest first.
+constexpr uint32_t COUNTED_SSR_TYPES[] = {0x1,  0x2,   0x4,     0x8,     0x10,    0x20,   0x40,
+                                          0x80, 0x100, 0x10000, 0x20000, 0x40000, 0x80000};
+
+// Sends a restart message; logs and returns both results through `rsp`.
+[[nodiscard]] int send_restart(const tervik_log_place& place, int type, int flag,
+                               tervik_common_response* rsp) {
+  tervik_save_modem_ssr_count(flag);
+  const int result =
+      tervik_qmi_result_map(tervik_send_common_qmi_msg(type, sizeof(flag), &flag, rsp));
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "result = %d, rsp.result = %d", result,
+                   rsp->result);
+  return result;
+}
+
+// Waits around a crash whose restart type was changed. False when the operator's property says to
+// stop.
+[[nodiscard]] bool wait_unless_stopped(const tervik_log_place& place) {
+  if (tervik_modem_ssr_wait_s(-1) >= 0) {
+    return true;
+  }
+  tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "wait_s < 0, ssr is stoped");
+  return false;
+}
+
+// Puts the restart type back after a crash that changed it. There is nobody to tell of a level
+// that is the old one already.
+void restore_ssr_type(int old_type) {
+  static_cast<void>(tervik_set_modem_ssr_type(static_cast<uint32_t>(old_type)));
+}
+
+}  // namespace
+
+// ---- common messages ----
+
+int tervik_send_common_qmi_msg(int type, unsigned len, const void* data, void* rsp, int* rsp_len) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  tervik_log_debug("t %d", type);
+  if (rsp == nullptr) {
+    tervik_log_debug("rsp is NULL");
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  tervik_log_debug("l %d", len);
+  if (len > TERVIK_COMMON_DATA_MAX) {
+    tervik_log_debug("l is out of range");
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  if (len != 0 && data == nullptr) {
+    tervik_log_debug("v is null");
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  tervik_common_request request = {};
+  request.always_2 = 2;
+  request.type = static_cast<uint32_t>(type);
+  request.data_len = len;
+  if (len != 0) {
+    memcpy(request.data, data, len);
+  }
+  memset(rsp, 0, sizeof(tervik_common_response));
+  int received = sizeof(tervik_common_response);
+  int result =
+      tervik_extend_qmi_send_sync(REQUEST_ID_COMMON, reinterpret_cast<const uint8_t*>(&request),
+                                  sizeof(request), static_cast<uint8_t*>(rsp), &received);
+  if (result == TERVIK_EXTEND_SUCCESS && received < RESULT_END) {
+    tervik_log_error("qmi response of %d bytes is too short", received);
+    result = TERVIK_EXTEND_SEND_FAILED;
+  }
+  if (rsp_len != nullptr) {
+    *rsp_len = result == TERVIK_EXTEND_SUCCESS ? received : 0;
+  }
+  return result;
+}
+
+// ---- SAR ----
+
+void tervik_init_qmi_client_rf_sar() {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  const qmi_idl_service_object_type service = sar_get_service_object_internal_v01(
+      SAR_IDL_MAJOR_VERSION, SAR_IDL_MINOR_VERSION, SAR_IDL_LIBRARY_VERSION);
+  const qmi_client_error_type qmi_client_error = qmi_client_init_instance(
+      service, QMI_CLIENT_INSTANCE_ANY, tervik_qmi_client_common_empty_unsol_ind_cb, nullptr,
+      &g_sar_os_params, SAR_INIT_TIMEOUT_MS, &g_sar_qmi_client);
+  if (qmi_client_error != QMI_NO_ERR) {
+    tervik_log_debug("qmi_client_init_instance failed, qmi_client_error = %d", qmi_client_error);
+    g_sar_qmi_client = nullptr;
+  }
+}
+
+bool tervik_check_and_init_qmi_client_rf_sar() {
+  if (g_sar_qmi_client != nullptr) {
+    return true;
+  }
+  tervik_init_qmi_client_rf_sar();
+  if (g_sar_qmi_client == nullptr) {
+    tervik_log_debug("qmi_client_error is NULL");
+    return false;
+  }
+  return true;
+}
+
+int tervik_get_sar_dsi() {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  if (!tervik_check_and_init_qmi_client_rf_sar()) {
+    tervik_log_debug("tervik_check_and_init_qmi_client_rf_sar FAIL");
+    return SAR_FAILURE;
+  }
+  sar_rf_get_state_resp_msg_v01 response = {};
+  if (send_sar_request(TERVIK_LOG_PLACE, QMI_SAR_RF_GET_STATE_REQ_V01, nullptr, 0, &response,
+                       sizeof(response)) != QMI_NO_ERR) {
+    return SAR_FAILURE;
+  }
+  const int dsi = static_cast<int>(response.sar_rf_state);
+  tervik_log_debug("dsi vailid = %d , dsi value = %d", response.sar_rf_state_valid, dsi);
+  return dsi;
+}
+
+int tervik_set_sar_dsi(int dsi) {
+  tervik_log_debug("function entry ------------->");
+  if (!tervik_check_and_init_qmi_client_rf_sar()) {
+    tervik_log_debug("tervik_check_and_init_qmi_client_rf_sar FAIL");
+    return SAR_FAILURE;
+  }
+  sar_rf_set_state_req_msg_v01 request = {};
+  if (dsi >= SAR_DSI_MIN && dsi <= SAR_DSI_MAX) {
+    request.sar_rf_state = static_cast<uint32_t>(dsi);
+  }
+  sar_rf_set_state_resp_msg_v01 response = {};
+  const qmi_client_error_type qmi_client_error =
+      send_sar_request(TERVIK_LOG_PLACE, QMI_SAR_RF_SET_STATE_REQ_V01, &request, sizeof(request),
+                       &response, sizeof(response));
+  tervik_log_debug("function exit, qmi_client_error = %d <-------------", qmi_client_error);
+  return qmi_client_error;
+}
+
+// ---- restart, crash, NV synchronisation ----
+
+void tervik_update_modem_ssr_count(int type) {
+  char name[TERVIK_TEXT_SIZE];
+  snprintf(name, sizeof(name), "%s0x%08x", "persist.radio.ssr_count_", static_cast<unsigned>(type));
+  int count = 0;
+  tervik_get_property_value_from_int(name, &count, 0);
+  tervik_log_debug("ssr_type = 0x%08X, ssr_count_old = %d", static_cast<unsigned>(type), count);
+  // A counter that cannot be written shows in the property trace; the restart goes on. The sum
+  // wraps, whatever text the property held.
+  static_cast<void>(
+      tervik_set_property_value_to_int(name, static_cast<int>(static_cast<unsigned>(count) + 1)));
+}
+
+void tervik_save_modem_ssr_count(int flag) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  const auto bits = static_cast<uint32_t>(flag);
+  tervik_log_debug("flag = 0x%08X", bits);
+  if ((bits & NON_MASK_FLAG) != 0) {
+    tervik_log_debug("non-mask ssr type, flag = 0x%08X", bits);
+    tervik_update_modem_ssr_count(flag);
+    return;
+  }
+  for (const uint32_t type : COUNTED_SSR_TYPES) {
+    if ((bits & type) != 0) {
+      tervik_update_modem_ssr_count(static_cast<int>(type));
+    }
+  }
+}
+
+void tervik_modem_ssr(int flag) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  tervik_log_debug("flag = 0x%08X", static_cast<unsigned>(flag));
+  tervik_common_response rsp = {};
+  // Both results are in the log, which is all that the operator is told.
+  static_cast<void>(send_restart(TERVIK_LOG_PLACE, TERVIK_COMMON_MODEM_SSR, flag, &rsp));
+}
+
+void tervik_modem_crash_without_orange_screen(int flag) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  tervik_log_debug("flag = 0x%08X", static_cast<unsigned>(flag));
+  const int old_type = tervik_get_modem_ssr_type();
+  tervik_log_debug("before ssr, type: %d", old_type);
+  const bool changed = tervik_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_SSR) != 0;
+  if (changed) {
+    tervik_log_debug("ssr type is changed, need to wait before ssr");
+    if (!wait_unless_stopped(TERVIK_LOG_PLACE)) {
+      return;
+    }
+  } else {
+    tervik_log_debug("ssr type is not changed, wont wait before ssr");
+  }
+  tervik_common_response rsp = {};
+  const int result = send_restart(TERVIK_LOG_PLACE, TERVIK_COMMON_MODEM_CRASH, flag, &rsp);
+  if (result != 0) {
+    tervik_log_debug("tervik_extend_qmi_send_sync fail, REQUEST_ID_COMMON");
+  } else if (rsp.result != 0) {
+    tervik_log_debug("qmi response fail");
+  }
+  if (!changed) {
+    tervik_log_debug("ssr type is not changed, wont wait after ssr");
+    return;
+  }
+  tervik_log_debug("ssr type is changed, need to wait after ssr");
+  if (wait_unless_stopped(TERVIK_LOG_PLACE)) {
+    restore_ssr_type(old_type);
+  }
+}
+
+void tervik_modem_crash_with_orange_screen(int flag) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  tervik_log_debug("flag = 0x%08X", static_cast<unsigned>(flag));
+  if (tervik_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DUMP) != 0) {
+    tervik_log_debug("ssr type is changed, need to wait before dump");
+    if (!wait_unless_stopped(TERVIK_LOG_PLACE)) {
+      return;
+    }
+  }
+  tervik_common_response rsp = {};
+  // Both results are in the log; the modem is expected to go down.
+  static_cast<void>(send_restart(TERVIK_LOG_PLACE, TERVIK_COMMON_MODEM_CRASH, flag, &rsp));
+}
+
+int tervik_nvefs_sync() {
+  tervik_common_response rsp = {};
+  const int ret_sync = tervik_send_common_qmi_msg(TERVIK_COMMON_NV_SYNC, 0, nullptr, &rsp);
+  tervik_log_debug("tervik_send_common_qmi_msg, ret_sync: %d, rsp.result: %d", ret_sync,
+                   rsp.result);
+  return ret_sync | rsp.result;
+}
+
+void tervik_modem_nv_sync() {
+  // The line in the log is all that the operator is told.
+  static_cast<void>(tervik_nvefs_sync());
+}
+
+// ---- SIM cards ----
+
+bool init_uim_qmi_client() {
+  const qmi_idl_service_object_type service = uim_get_service_object_internal_v01(
+      UIM_IDL_MAJOR_VERSION, UIM_IDL_MINOR_VERSION, UIM_IDL_LIBRARY_VERSION);
+  qmi_client_type handle = nullptr;
+  const qmi_client_error_type qmi_client_error = qmi_client_init_instance(
+      service, QMI_CLIENT_INSTANCE_ANY, tervik_qmi_client_common_empty_unsol_ind_cb, nullptr,
+      &g_uim_os_params, UIM_INIT_TIMEOUT_MS, &handle);
+  if (qmi_client_error != QMI_NO_ERR) {
+    tervik_log_debug("qmi_client_init UIM instance failed, qmi_client_error = %d",
+                     qmi_client_error);
+    uim_qmi_client = nullptr;
+    return false;
+  }
+  uim_qmi_client = handle;
+  tervik_log_debug("init_uim_qmi_client %p", uim_qmi_client);
+  // Before the registration: the service may go down as soon as the callback is there to see it.
+  SSR_Detected = 0;
+  uim_qmi_error_count = 0;
+  if (qmi_client_register_error_cb(handle, error_cb, nullptr) != QMI_NO_ERR) {
+    tervik_log_debug("qmi_client_register_error_cb failed");
+  }
+  return true;
+}
+
+void error_cb(qmi_client_type /*client*/, int error, void* /*data*/) {
+  tervik_log_debug("QMI error callback %d", error);
+  if (error == QMI_SERVICE_ERR) {
+    tervik_log_debug("SSR Detected, set SSR_Detected 1");
+    SSR_Detected = 1;
+  }
+}
+
+void uim_qmi_client_recovery() {
+  tervik_log_debug("uim_qmi_client_recovery qmi_client_release %p", uim_qmi_client);
+  if (uim_qmi_client != nullptr) {
+    if (qmi_client_release(uim_qmi_client) != QMI_NO_ERR) {
+      tervik_log_debug("qmi_client_release failed");
+    }
+    uim_qmi_client = nullptr;
+  }
+  tervik_log_debug("function exit <-------------");
+}
+
+int tervik_setSimType(const uint32_t* data) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  recover_after_ssr();
+  if (data == nullptr) {
+    tervik_log_debug("tervik_set_sim_type data error");
+    return UIM_BAD_INPUT;
+  }
+  const auto response = qcril_make<uim_set_sim_type_resp_msg_v01>(__func__, __LINE__);
+  if (response == nullptr) {
+    tervik_log_debug("error allocating memory for get_sim_type_resp_ptr");
+    return UIM_BAD_INPUT;
+  }
+  int result = UIM_FAILURE;
+  if (have_uim_client("tervik_set_sim_type")) {
+    uim_set_sim_type_req_msg_v01 request = {};
+    request.sim_type_len = std::min<uint32_t>(data[0], std::size(request.sim_type));
+    for (uint32_t i = 0; i < request.sim_type_len; ++i) {
+      request.sim_type[i] = data[1 + i];
+      tervik_log_debug("Set_sim_type value is %d", request.sim_type[i]);
+    }
+    result = qmi_client_send_msg_sync(uim_qmi_client, QMI_UIM_SET_SIM_TYPE_REQ_V01, &request,
+                                      sizeof(request), response.get(), sizeof(*response),
+                                      UIM_SEND_TIMEOUT_MS);
+    if (result != QMI_NO_ERR) {
+      tervik_log_debug("send msg sync client error = %d", result);
+    }
+  }
+  tervik_log_debug("tervik_set_sim_type res = %d ", result);
+  return result;
+}
+
+int tervik_uim_request_eid(const uint8_t* slot, uint8_t* eid_out) {
+  const tervik_log_place place = TERVIK_LOG_PLACE;
+  return run_uim_operation<uim_get_eid_req_msg_v01, uim_get_eid_resp_msg_v01>(
+      {place, __func__, QMI_UIM_GET_EID_REQ_V01, true},
+      [slot](uim_get_eid_req_msg_v01& request) { request.slot = *slot; },
+      [eid_out](const uim_get_eid_resp_msg_v01& response) { return take_eid(response, eid_out); });
+}
+
+int tervik_uim_get_card_status(uint16_t* states_out) {
+  const tervik_log_place place = TERVIK_LOG_PLACE;
+  return run_uim_operation<uim_get_card_status_req_msg_v01, uim_get_card_status_resp_msg_v01>(
+      {place, __func__, QMI_UIM_GET_CARD_STATUS_REQ_V01, false},
+      [](uim_get_card_status_req_msg_v01& request) {
+        request.extended_card_status_valid = 1;
+        request.extended_card_status = 1;
+      },
+      [&place, states_out](const uim_get_card_status_resp_msg_v01& response) {
+        return take_card_states(place, response, states_out);
+      });
+}
+
+int tervik_uim_open_channel(const uint8_t* in, uint8_t* channel_id_out) {
+  const tervik_log_place place = TERVIK_LOG_PLACE;
+  return run_uim_operation<uim_open_logical_channel_req_msg_v01,
+                           uim_open_logical_channel_resp_msg_v01>(
+      {place, __func__, QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01, true},
+      [in](uim_open_logical_channel_req_msg_v01& request) {
+        request.slot = in[0];
+        request.aid_valid = 1;
+        request.aid_len = sizeof(ISD_R_AID);
+        memcpy(request.aid, ISD_R_AID, sizeof(ISD_R_AID));
+        request.file_control_information_valid = 1;
+        request.file_control_information = in[1];
+      },
+      [&place, channel_id_out](const uim_open_logical_channel_resp_msg_v01& response) {
+        return take_channel(place, response, channel_id_out);
+      });
+}
+
+int tervik_uim_close_channel(const uint8_t* in) {
+  const tervik_log_place place = TERVIK_LOG_PLACE;
+  return run_uim_operation<uim_logical_channel_req_msg_v01, uim_logical_channel_resp_msg_v01>(
+      {place, __func__, QMI_UIM_LOGICAL_CHANNEL_REQ_V01, true},
+      [in](uim_logical_channel_req_msg_v01& request) {
+        request.slot = in[0];
+        request.channel_id_valid = 1;
+        request.channel_id = in[1];
+        request.terminate_application_valid = 1;
+      },
+      [&place](const uim_logical_channel_resp_msg_v01& response) {
+        return take_closing(place, response);
+      });
+}
+
+int tervik_uim_send_apdu(const uint8_t* apdu_in, uint8_t* rsp_out) {
+  const tervik_log_place place = TERVIK_LOG_PLACE;
+  return run_uim_operation<uim_send_apdu_req_msg_v01, uim_send_apdu_resp_msg_v01>(
+      {place, nullptr, QMI_UIM_SEND_APDU_REQ_V01, true},
+      [&place, apdu_in](uim_send_apdu_req_msg_v01& request) {
+        const uint8_t apdu_len = apdu_in[2];
+        request.slot = apdu_in[0];
+        request.apdu_len = apdu_len;
+        memcpy(request.apdu, apdu_in + 3, apdu_len);
+        request.channel_id_valid = 1;
+        request.channel_id = apdu_in[1];
+        request.procedure_bytes_valid = 1;
+        request.procedure_bytes = 1;
+        tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                         "tervik_uim_send_apdu apdu_len = %d", apdu_len);
+      },
+      [&place, rsp_out](const uim_send_apdu_resp_msg_v01& response) {
+        return take_apdu(place, response, rsp_out);
+      });
+}
+
+// ---- callbacks ----
+
+void tervik_qmi_client_common_empty_unsol_ind_cb(qmi_client_type /*client*/, unsigned int msg_id,
+                                                 void* /*ind_buf*/, unsigned int /*ind_buf_len*/,
+                                                 void* /*ind_cb_data*/) {
+  tervik_log_debug("msg_id %d", msg_id);
+}
+
+void tervik_qmi_client_error_cb(qmi_client_type /*client*/, qmi_client_error_type error,
+                                void* /*data*/) {
+  tervik_log_debug("QMI error callback %d", error);
+}

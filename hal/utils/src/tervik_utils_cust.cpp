@@ -1,0 +1,164 @@
+#include "tervik_utils_cust.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+
+#include "tervik_utils_cmn.h"
+
+namespace {
+
+constexpr const char* RESTART_LEVEL_PROPERTY = "persist.vendor.ssr.restart_level";
+constexpr const char* TYPE_BAK_PROPERTY = "persist.vendor.ssr.type_bak";
+constexpr const char* TYPE_BAK_FLAG_PROPERTY = "persist.vendor.ssr.type_bak_flag";
+constexpr const char* TYPE_BAK_FLAG_SET = "yes";
+
+constexpr const char* LEVEL_SSR = "ALL_ENABLE";
+constexpr const char* LEVEL_DUMP = "ALL_DISABLE";
+
+// Shown in the log; the restart of this tool is always started through the property.
+constexpr int g_ssr_start_flag = 0;
+
+// A property's text, empty when it is not set.
+struct property_text {
+  explicit property_text(const char* name) { tervik_get_property_value(name, text, ""); }
+  bool empty() const { return text[0] == '\0'; }
+  bool equals(const char* other) const { return tervik_str_cmp(text, other) == 0; }
+
+  char text[TERVIK_TEXT_SIZE] = {};
+};
+
+// Writes a property; a failure shows in the property trace and in what is read back later.
+void write_property(const char* name, const char* value) {
+  static_cast<void>(tervik_set_property_value(name, value));
+}
+
+void save_backup(const char* level) {
+  write_property(TYPE_BAK_PROPERTY, level);
+  write_property(TYPE_BAK_FLAG_PROPERTY, TYPE_BAK_FLAG_SET);
+}
+
+struct ssr_type_row {
+  const char* name;
+  const char* level;  // null: the backed-up one
+  const char* already_set;
+};
+
+// By SSR type.
+constexpr std::array<ssr_type_row, 3> SETTABLE_TYPES = {{
+    {"MODEM_RESTART_LEVEL_ID_DEF", nullptr, "PROP - ssr type is def, do nothing"},
+    {"MODEM_RESTART_LEVEL_ID_SSR", LEVEL_SSR, "ssr type is enable, do nothing"},
+    {"MODEM_RESTART_LEVEL_ID_DUMP", LEVEL_DUMP, "ssr type is disable, do nothing"},
+}};
+
+// Copies the level that `type` stands for into `target`; false when there is nothing to do.
+bool choose_target(uint32_t type, const property_text& level, bool backed_up,
+                   char (&target)[TERVIK_TEXT_SIZE]) {
+  if (type >= SETTABLE_TYPES.size()) {
+    tervik_log_debug("TERVIK_SSR_START_WITH_PROP, invalid ssr type");
+    return false;
+  }
+  const ssr_type_row& row = SETTABLE_TYPES[type];
+  if (row.level != nullptr) {
+    snprintf(target, sizeof(target), "%s", row.level);
+  } else if (backed_up) {
+    tervik_get_property_value(TYPE_BAK_PROPERTY, target, "");
+  } else {
+    tervik_log_debug("PROP - NO ssr type def, do nothing");
+    return false;
+  }
+  if (level.equals(target)) {
+    tervik_log_debug("%s", row.already_set);
+    return false;
+  }
+  tervik_log_debug("PROP - %s: %s", row.name, target);
+  return true;
+}
+
+// A wait whose length comes from the caller or from a property, and its lines in the log.
+struct wait_kind {
+  const char* property;
+  int default_s;
+  const char* name;  // stands before "wait_s" and "will not wait"
+  const char* will_not_wait;
+};
+
+constexpr wait_kind SSR_WAIT = {"persist.radio.ssr_wait_s", 5, "ssr ", "modem ssr will not wait"};
+constexpr wait_kind MODEM_WAIT = {"persist.radio.modem_wait_s", 3, "", "will not wait"};
+
+int wait_for(const tervik_log_place& place, const wait_kind& kind, int seconds) {
+  int wait_s = seconds;
+  if (seconds < 0) {
+    tervik_get_property_value_from_int(kind.property, &wait_s, kind.default_s);
+  }
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "%swait_s = %d", kind.name, wait_s);
+  if (wait_s < 1) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "%s", kind.will_not_wait);
+    return wait_s;
+  }
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "wait-start(%ds) ...", wait_s);
+  sleep(static_cast<unsigned>(wait_s));
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "wait-end(%ds)", wait_s);
+  return wait_s;
+}
+
+}  // namespace
+
+int tervik_get_modem_ssr_type() {
+  const property_text flag(TYPE_BAK_FLAG_PROPERTY);
+  const property_text backup(TYPE_BAK_PROPERTY);
+  const property_text level(RESTART_LEVEL_PROPERTY);
+  tervik_log_debug("g_ssr_start_flag: %d, ssr_type_bak: %s, ssr_type_bak_flag: %s",
+                   g_ssr_start_flag, backup.text, flag.text);
+  if (flag.empty()) {
+    save_backup(level.text);
+    tervik_log_debug("PROP - MODEM_RESTART_LEVEL_ID_DEF: %s, type: %d, and save", level.text,
+                     MODEM_RESTART_LEVEL_ID_DEF);
+    return MODEM_RESTART_LEVEL_ID_DEF;
+  }
+  if (level.equals(backup.text)) {
+    tervik_log_debug("PROP - MODEM_RESTART_LEVEL_ID_DEF: %s, type: %d", level.text,
+                     MODEM_RESTART_LEVEL_ID_DEF);
+    return MODEM_RESTART_LEVEL_ID_DEF;
+  }
+  if (level.equals(LEVEL_SSR)) {
+    tervik_log_debug("PROP - MODEM_RESTART_LEVEL_ID_SSR: %s, type: %d", level.text,
+                     MODEM_RESTART_LEVEL_ID_SSR);
+    return MODEM_RESTART_LEVEL_ID_SSR;
+  }
+  if (level.equals(LEVEL_DUMP) || level.empty()) {
+    tervik_log_debug("PROP - MODEM_RESTART_LEVEL_ID_DUMP: %s, type: %d", level.text,
+                     MODEM_RESTART_LEVEL_ID_DUMP);
+    return MODEM_RESTART_LEVEL_ID_DUMP;
+  }
+  tervik_log_debug("PROP - MODEM_RESTART_LEVEL_ID_INVALID: %s, type: %d", level.text,
+                   MODEM_RESTART_LEVEL_ID_INVALID);
+  return MODEM_RESTART_LEVEL_ID_INVALID;
+}
+
+int tervik_set_modem_ssr_type(uint32_t type) {
+  const property_text flag(TYPE_BAK_FLAG_PROPERTY);
+  tervik_log_debug("g_ssr_start_flag: %d, type: %d, ssr_type_bak_flag: %s", g_ssr_start_flag, type,
+                   flag.text);
+  const property_text level(RESTART_LEVEL_PROPERTY);
+  char target[TERVIK_TEXT_SIZE] = {};
+  if (!choose_target(type, level, !flag.empty(), target)) {
+    return 0;
+  }
+  write_property(RESTART_LEVEL_PROPERTY, target);
+  if (flag.empty()) {
+    save_backup(target);
+  } else {
+    tervik_log_debug("TERVIK_SSR_START_WITH_PROP, already bak");
+  }
+  return 1;
+}
+
+int tervik_modem_ssr_wait_s(int seconds) {
+  return wait_for(TERVIK_LOG_PLACE, SSR_WAIT, seconds);
+}
+
+int tervik_modem_wait_s(int seconds) {
+  return wait_for(TERVIK_LOG_PLACE, MODEM_WAIT, seconds);
+}

@@ -1,0 +1,281 @@
+#include "platform/modem/uim_service.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <span>
+
+#include "platform/android/state_directory.h"
+#include "platform/modem/struct_message.h"
+#include "qmi_client.h"
+#include "uim_idl.h"
+
+namespace kiv::platform {
+namespace {
+
+constexpr const char* kSimTypeFile = "uim/sim_type";
+constexpr const char* kProfilesFile = "uim/profiles";
+
+constexpr uint32_t kEuiccSlot = 2;
+constexpr uint8_t kChannelMax = 3;
+
+constexpr uim_result_v01 kDone{.result = 0, .error = 0};
+constexpr uim_result_v01 kInternalError{.result = 1, .error = 3};
+constexpr uim_result_v01 kInvalidArgument{.result = 1, .error = 48};
+
+// The issuer security domain root of an eUICC, GSMA SGP.22.
+constexpr std::array<uint8_t, 16> kIsdrAid{0xA0, 0x00, 0x00, 0x05, 0x59, 0x10, 0x10, 0xFF,
+                                           0xFF, 0xFF, 0xFF, 0x89, 0x00, 0x00, 0x01, 0x00};
+
+// STORE DATA, last block; its first data object is eUICCMemoryReset (GSMA SGP.22).
+constexpr std::array<uint8_t, 4> kStoreData{0x80, 0xE2, 0x91, 0x00};
+constexpr std::array<uint8_t, 2> kMemoryResetTag{0xBF, 0x34};
+constexpr size_t kApduHeaderSize = 5;  // class, instruction, P1, P2, data length
+constexpr uint8_t kResetDone = 0;
+constexpr uint8_t kNothingToDelete = 1;
+
+bool is_memory_reset(std::span<const uint8_t> apdu) {
+  if (apdu.size() < kApduHeaderSize || apdu.size() - kApduHeaderSize < apdu[4] ||
+      !std::equal(kStoreData.begin(), kStoreData.end(), apdu.begin())) {
+    return false;
+  }
+  const auto data = apdu.subspan(kApduHeaderSize, apdu[4]);
+  return data.size() >= kMemoryResetTag.size() &&
+         std::equal(kMemoryResetTag.begin(), kMemoryResetTag.end(), data.begin());
+}
+
+void set_apdu(uim_send_apdu_resp_msg_v01& response, std::span<const uint8_t> apdu) {
+  response.apdu_valid = 1;
+  response.apdu_len = static_cast<uint32_t>(apdu.size());
+  std::copy(apdu.begin(), apdu.end(), response.apdu);
+}
+
+class UimService {
+ public:
+  explicit UimService(const ModemConf& conf)
+      : conf_(conf), failure_{.result = conf.uim_fault.code, .error = 0} {}
+
+  ServiceReply handle(uint16_t msg_id, std::span<const uint8_t> request);
+
+ private:
+  template <class Request, class Response>
+  using Answer = uim_result_v01 (UimService::*)(const Request& request, Response& response);
+  struct MessageRow {
+    uint16_t id;
+    ServiceReply (UimService::*answer)(std::span<const uint8_t> request);
+  };
+  static const std::array<MessageRow, 6> kMessages;
+
+  // The answer to a request of the right size, or the configured failure.
+  template <class Request, class Response, Answer<Request, Response> answer>
+  ServiceReply answer_with(std::span<const uint8_t> bytes) {
+    Request request{};
+    if (!read_struct(bytes, request)) {
+      return ServiceReply::transport_error(QMI_INTERNAL_ERR);
+    }
+    Response response{};
+    response.resp = failure_.result != 0 ? failure_ : (this->*answer)(request, response);
+    return reply_with(response);
+  }
+
+  uim_result_v01 set_sim_type(const uim_set_sim_type_req_msg_v01& request,
+                              uim_set_sim_type_resp_msg_v01& response);
+  uim_result_v01 get_eid(const uim_get_eid_req_msg_v01& request,
+                         uim_get_eid_resp_msg_v01& response);
+  uim_result_v01 get_card_status(const uim_get_card_status_req_msg_v01& request,
+                                 uim_get_card_status_resp_msg_v01& response);
+  uim_result_v01 open_channel(const uim_open_logical_channel_req_msg_v01& request,
+                              uim_open_logical_channel_resp_msg_v01& response);
+  uim_result_v01 close_channel(const uim_logical_channel_req_msg_v01& request,
+                               uim_logical_channel_resp_msg_v01& response);
+  uim_result_v01 send_apdu(const uim_send_apdu_req_msg_v01& request,
+                           uim_send_apdu_resp_msg_v01& response);
+
+  bool is_open(uint32_t slot, uint8_t channel_valid, uint8_t channel) const;
+  uim_result_v01 reset_euicc(uim_send_apdu_resp_msg_v01& response);
+
+  const ModemConf conf_;
+  const uim_result_v01 failure_;  // of every answer, when its result is not 0
+  std::mutex mutex_;              // one request at a time, as a card carries them out
+  std::array<bool, kChannelMax + 1> channels_{true};  // which are open; 0 is the basic one
+};
+
+const std::array<UimService::MessageRow, 6> UimService::kMessages{{
+    {QMI_UIM_SET_SIM_TYPE_REQ_V01,
+     &UimService::answer_with<uim_set_sim_type_req_msg_v01, uim_set_sim_type_resp_msg_v01,
+                              &UimService::set_sim_type>},
+    {QMI_UIM_GET_EID_REQ_V01,
+     &UimService::answer_with<uim_get_eid_req_msg_v01, uim_get_eid_resp_msg_v01,
+                              &UimService::get_eid>},
+    {QMI_UIM_GET_CARD_STATUS_REQ_V01,
+     &UimService::answer_with<uim_get_card_status_req_msg_v01, uim_get_card_status_resp_msg_v01,
+                              &UimService::get_card_status>},
+    {QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01,
+     &UimService::answer_with<uim_open_logical_channel_req_msg_v01,
+                              uim_open_logical_channel_resp_msg_v01, &UimService::open_channel>},
+    {QMI_UIM_LOGICAL_CHANNEL_REQ_V01,
+     &UimService::answer_with<uim_logical_channel_req_msg_v01, uim_logical_channel_resp_msg_v01,
+                              &UimService::close_channel>},
+    {QMI_UIM_SEND_APDU_REQ_V01,
+     &UimService::answer_with<uim_send_apdu_req_msg_v01, uim_send_apdu_resp_msg_v01,
+                              &UimService::send_apdu>},
+}};
+
+ServiceReply UimService::handle(uint16_t msg_id, std::span<const uint8_t> request) {
+  const auto row = std::find_if(kMessages.begin(), kMessages.end(),
+                                [msg_id](const MessageRow& entry) { return entry.id == msg_id; });
+  if (row == kMessages.end()) {
+    return ServiceReply::transport_error(QMI_INTERNAL_ERR);
+  }
+  const std::lock_guard lock(mutex_);
+  return (this->*row->answer)(request);
+}
+
+uim_result_v01 UimService::set_sim_type(const uim_set_sim_type_req_msg_v01& request,
+                                        uim_set_sim_type_resp_msg_v01&) {
+  const std::span<const uint32_t> values(request.sim_type);
+  if (request.sim_type_len == 0 || request.sim_type_len > values.size()) {
+    return kInvalidArgument;
+  }
+  const auto* const bytes = reinterpret_cast<const uint8_t*>(values.data());
+  const size_t length = request.sim_type_len * sizeof(uint32_t);
+  return write_state_file(kSimTypeFile, {bytes, length}) == 0 ? kDone : kInternalError;
+}
+
+uim_result_v01 UimService::get_eid(const uim_get_eid_req_msg_v01& request,
+                                   uim_get_eid_resp_msg_v01& response) {
+  if (request.slot == 0 || request.slot > kCardSlots) {
+    return kInvalidArgument;
+  }
+  if (request.slot == kEuiccSlot && conf_.eid) {
+    response.eid_value_valid = 1;
+    response.eid_value_len = static_cast<uint32_t>(conf_.eid->size());
+    std::copy(conf_.eid->begin(), conf_.eid->end(), response.eid_value);
+  }
+  return kDone;
+}
+
+uim_result_v01 UimService::get_card_status(const uim_get_card_status_req_msg_v01& request,
+                                           uim_get_card_status_resp_msg_v01& response) {
+  if (request.extended_card_status_valid == 0 || request.extended_card_status == 0) {
+    return kDone;
+  }
+  response.card_list_valid = 1;
+  response.card_list_len = kCardSlots;
+  for (size_t slot = 0; slot < kCardSlots; ++slot) {
+    response.card_list[slot].card_state = static_cast<uint32_t>(conf_.card_states[slot]);
+  }
+  return kDone;
+}
+
+uim_result_v01 UimService::open_channel(const uim_open_logical_channel_req_msg_v01& request,
+                                        uim_open_logical_channel_resp_msg_v01& response) {
+  if (request.slot != kEuiccSlot || request.aid_valid == 0 || request.aid_len != kIsdrAid.size() ||
+      !std::equal(kIsdrAid.begin(), kIsdrAid.end(), request.aid)) {
+    return kInvalidArgument;
+  }
+  const auto channel = std::find(channels_.begin(), channels_.end(), false);
+  if (conf_.uim_open_channel_fails || channel == channels_.end()) {
+    return kInternalError;
+  }
+  *channel = true;
+  response.channel_id_valid = 1;
+  response.channel_id = static_cast<uint8_t>(channel - channels_.begin());
+  return kDone;
+}
+
+// Only channels that were opened: the basic one takes no part.
+bool UimService::is_open(uint32_t slot, uint8_t channel_valid, uint8_t channel) const {
+  return slot == kEuiccSlot && channel_valid != 0 && channel != 0 && channel < channels_.size() &&
+         channels_[channel];
+}
+
+uim_result_v01 UimService::close_channel(const uim_logical_channel_req_msg_v01& request,
+                                         uim_logical_channel_resp_msg_v01&) {
+  if (!is_open(request.slot, request.channel_id_valid, request.channel_id)) {
+    return kInvalidArgument;
+  }
+  channels_[request.channel_id] = false;
+  return kDone;
+}
+
+uim_result_v01 UimService::send_apdu(const uim_send_apdu_req_msg_v01& request,
+                                     uim_send_apdu_resp_msg_v01& response) {
+  constexpr std::array<uint8_t, 2> kUnknownInstruction{0x6D, 0x00};
+  const std::span<const uint8_t> buffer(request.apdu);
+  if (request.apdu_len > buffer.size() ||
+      !is_open(request.slot, request.channel_id_valid, request.channel_id)) {
+    return kInvalidArgument;
+  }
+  if (is_memory_reset(buffer.first(request.apdu_len))) {
+    return reset_euicc(response);
+  }
+  set_apdu(response, kUnknownInstruction);
+  return kDone;
+}
+
+uim_result_v01 UimService::reset_euicc(uim_send_apdu_resp_msg_v01& response) {
+  constexpr std::array<uint8_t, 2> kWrongData{0x6A, 0x80};
+  if (conf_.uim_reset_fails) {
+    set_apdu(response, kWrongData);
+    return kDone;
+  }
+  const auto initial = static_cast<uint32_t>(conf_.uim_profiles);
+  const bool present = read_stored_number(kProfilesFile, initial) != 0;
+  if (present && write_stored_number(kProfilesFile, 0) != 0) {
+    return kInternalError;
+  }
+  const uint8_t status = present ? kResetDone : kNothingToDelete;
+  set_apdu(response, std::array<uint8_t, 8>{0xBF, 0x34, 0x03, 0x80, 0x01, status, 0x90, 0x00});
+  return kDone;
+}
+
+constexpr std::array<qmi_idl_message, 6> kRequests{{
+    struct_message<uim_set_sim_type_req_msg_v01>(QMI_UIM_SET_SIM_TYPE_REQ_V01),
+    struct_message<uim_get_eid_req_msg_v01>(QMI_UIM_GET_EID_REQ_V01),
+    struct_message<uim_get_card_status_req_msg_v01>(QMI_UIM_GET_CARD_STATUS_REQ_V01),
+    struct_message<uim_open_logical_channel_req_msg_v01>(QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01),
+    struct_message<uim_logical_channel_req_msg_v01>(QMI_UIM_LOGICAL_CHANNEL_REQ_V01),
+    struct_message<uim_send_apdu_req_msg_v01>(QMI_UIM_SEND_APDU_REQ_V01),
+}};
+constexpr std::array<qmi_idl_message, 6> kResponses{{
+    struct_message<uim_set_sim_type_resp_msg_v01>(QMI_UIM_SET_SIM_TYPE_REQ_V01),
+    struct_message<uim_get_eid_resp_msg_v01>(QMI_UIM_GET_EID_REQ_V01),
+    struct_message<uim_get_card_status_resp_msg_v01>(QMI_UIM_GET_CARD_STATUS_REQ_V01),
+    struct_message<uim_open_logical_channel_resp_msg_v01>(QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01),
+    struct_message<uim_logical_channel_resp_msg_v01>(QMI_UIM_LOGICAL_CHANNEL_REQ_V01),
+    struct_message<uim_send_apdu_resp_msg_v01>(QMI_UIM_SEND_APDU_REQ_V01),
+}};
+constexpr qmi_idl_service_object kServiceObject{
+    .library_version = 6,
+    .idl_version = 1,
+    .service_id = kUimServiceId,
+    .idl_minor_version = 0x71,
+    .max_message_len = sizeof(uim_get_card_status_resp_msg_v01),
+    .requests = kRequests,
+    .responses = kResponses,
+    .indications = {},
+};
+
+}  // namespace
+
+Service make_uim_service(const ModemConf& conf) {
+  return [service = std::make_shared<UimService>(conf)](uint16_t msg_id,
+                                                        std::span<const uint8_t> request) {
+    return service->handle(msg_id, request);
+  };
+}
+
+}  // namespace kiv::platform
+
+qmi_idl_service_object_type uim_get_service_object_internal_v01(uint32_t idl_major_version,
+                                                                uint32_t idl_minor_version,
+                                                                uint32_t library_version) {
+  const auto& object = kiv::platform::kServiceObject;
+  const bool known = idl_major_version == object.idl_version &&
+                     idl_minor_version == object.idl_minor_version &&
+                     library_version == object.library_version;
+  return known ? &object : nullptr;
+}
