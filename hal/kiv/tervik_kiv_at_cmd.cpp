@@ -1,13 +1,32 @@
 #include "tervik_kiv_at_cmd.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "tervik_kiv_test_args.h"
+
+const char* g_at_device_path = "/dev/smd8";
+std::atomic<int> g_at_serial_fd{0};
 
 namespace {
 
 constexpr int CATEGORY = 8;
 constexpr int AT_TEXT_MAX = 100;
+constexpr size_t SHELL_LINE_SIZE = 501;
+constexpr size_t RECEIVE_MAX = 511;
+constexpr int RECEIVE_TIMEOUT_MS = 3000;
+
+// Set by the receiver thread when it is through.
+std::atomic<bool> g_at_receive_done{false};
 
 constexpr std::array HELP = {
     help_line("%d: tervik at command test", {CATEGORY}),
@@ -15,10 +34,153 @@ constexpr std::array HELP = {
     help_line("                                    the len of atcmd can not > %d", {AT_TEXT_MAX}),
 };
 
+// Opens the AT channel for its answer, where there is one. The process must not get it as its
+// controlling terminal, and a channel that is not ready must not hold it up.
+void open_at_channel() {
+  struct stat status = {};
+  if (stat(g_at_device_path, &status) != 0 || !S_ISCHR(status.st_mode)) {
+    return;
+  }
+  const int fd = open(g_at_device_path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  g_at_serial_fd = fd > 0 ? fd : 0;
+}
+
+void close_at_channel() {
+  if (g_at_serial_fd < 1) {
+    return;
+  }
+  tervik_log_notice("Will close channel: %s", g_at_device_path);
+  close(g_at_serial_fd);
+  g_at_serial_fd = 0;
+}
+
+// Appends `at_cmd` to the shell line so that the device gets it as it is. What the shell interprets
+// between double quotes is escaped once for the shell; a backslash once more for echo, which takes
+// it as an escape of its own.
+size_t append_escaped(std::array<char, SHELL_LINE_SIZE>& line, size_t length, const char* at_cmd) {
+  for (; *at_cmd != '\0'; ++at_cmd) {
+    const char* text = nullptr;
+    switch (*at_cmd) {
+      case '\\':
+        text = R"(\\\\)";
+        break;
+      case '"':
+        text = R"(\")";
+        break;
+      case '$':
+        text = R"(\$)";
+        break;
+      case '`':
+        text = R"(\`)";
+        break;
+      default:
+        break;
+    }
+    const int written = text != nullptr
+                            ? snprintf(line.data() + length, line.size() - length, "%s", text)
+                            : snprintf(line.data() + length, line.size() - length, "%c", *at_cmd);
+    length = std::min(length + static_cast<size_t>(written), line.size() - 1);
+  }
+  return length;
+}
+
+// Reads one answer; a channel without one is given up after the time-out.
+void receive_answer(int fd) {
+  pollfd waiting = {.fd = fd, .events = POLLIN, .revents = 0};
+  std::array<char, RECEIVE_MAX + 1> answer = {};
+  ssize_t received = -1;
+  if (poll(&waiting, 1, RECEIVE_TIMEOUT_MS) > 0) {
+    received = read(fd, answer.data(), RECEIVE_MAX);
+  }
+  if (received <= 0) {
+    tervik_log_error("Failed to receive bytes from server");
+    return;
+  }
+  answer[static_cast<size_t>(received)] = '\0';
+  tervik_log_notice("Receive the AT reponse: len(%d)", static_cast<int>(received));
+  tervik_log_notice("%s", answer.data());
+}
+
+// Prints the note of an argument that is not as wanted; true when all are.
+bool check_arguments(int argc, char** argv) {
+  if (argc != 3) {
+    tervik_log_error("note: The number of inputs should be 2, Pls refer to the following cmd:");
+    return false;
+  }
+  if (atoi(argv[1]) != CATEGORY) {
+    tervik_log_error("note: the first parameters should be %d, Pls refer to the following cmd:",
+                     CATEGORY);
+    return false;
+  }
+  if (strlen(argv[2]) > AT_TEXT_MAX) {
+    tervik_log_error(
+        "note: the second parameters length should <= %d, Pls refer to the following cmd:",
+        AT_TEXT_MAX);
+    return false;
+  }
+  return true;
+}
+
+// Sends the AT text and waits for the receiver. False when there is no receiver.
+bool exchange(const char* at_text) {
+  open_at_channel();
+  tervik_log_notice("Will create a thread to receive data from serial");
+  pthread_t receiver = {};
+  if (pthread_create(&receiver, nullptr, tervik_test_at_cmd_receive, nullptr) != 0) {
+    tervik_log_error("Fail to create a thread");
+    close_at_channel();
+    return false;
+  }
+  tervik_test_at_cmd_send(at_text);
+  while (!g_at_receive_done) {
+    sleep(1);
+  }
+  pthread_join(receiver, nullptr);
+  close_at_channel();
+  g_at_receive_done = false;
+  return true;
+}
+
 }  // namespace
 
-int tervik_test_at_cmd_do(int /*argc*/, char** /*argv*/) {
-  tervik_log_error("category %d is not built yet", CATEGORY);
+void tervik_test_at_cmd_send(const char* at_cmd) {
+  std::array<char, SHELL_LINE_SIZE> line = {};
+  auto length = static_cast<size_t>(snprintf(line.data(), line.size(), "echo \""));
+  length = append_escaped(line, length, at_cmd);
+  snprintf(line.data() + length, line.size() - length, "\r\" > %s", g_at_device_path);
+  tervik_log_notice("at shell cmd: %s", line.data());
+  const int ret_sys = system(line.data());
+  tervik_log_notice("echo, ret_sys: %d", ret_sys);
+  if (ret_sys != 0) {
+    tervik_log_error("Fail to send at shell cmd");
+  } else {
+    tervik_log_notice("Success to send at shell cmd");
+  }
+}
+
+void* tervik_test_at_cmd_receive(void* /*arg*/) {
+  tervik_log_notice("The thread to receive data from serial is started");
+  const int fd = g_at_serial_fd;
+  if (fd < 1) {
+    tervik_log_error("The at channel is not opened, g_at_serial_fd %d", fd);
+  } else {
+    receive_answer(fd);
+  }
+  g_at_receive_done = true;
+  return nullptr;
+}
+
+int tervik_test_at_cmd_do(int argc, char** argv) {
+  if (check_arguments(argc, argv)) {
+    char text[AT_TEXT_MAX + 1] = {};
+    const int scanned = sscanf(argv[2], "%100s\r", text);
+    tervik_log_notice("At cmd you input: sscanf(%d), len (%d), %s", scanned,
+                      static_cast<int>(strlen(text)), text);
+    if (exchange(text)) {
+      return 0;
+    }
+  }
+  show_help(CATEGORY);
   return 0;
 }
 

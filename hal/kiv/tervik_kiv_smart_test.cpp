@@ -1,12 +1,36 @@
 #include "tervik_kiv_smart_test.h"
 
-#include <array>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+
+#include "cutils/properties.h"
+#include "tervik_extend_cmn.h"
+#include "tervik_extend_nvefs.h"
 #include "tervik_kiv_test_args.h"
+#include "tervik_utils_timer.h"
+
+const char* g_share_memory_file_path = "/data/vendor/modem/share_memory";
+std::atomic<uint8_t> g_tervik_timer_running{0};
 
 namespace {
 
 constexpr int CATEGORY = 11;
+
+// Each is one restart type of its own.
+constexpr int SSR_FLAG = static_cast<int>(0x80000010);
+constexpr int CRASH_FLAG = static_cast<int>(0x80000011);
+constexpr int FULL_DUMP_FLAG = static_cast<int>(0x80000012);
+
+constexpr size_t SHARE_MEMORY_SIZE = 100;
+constexpr int SHARE_MEMORY_SHOWN = 5;
+constexpr unsigned MODEM_TEST_DATA_LIMIT = 501;
 
 constexpr std::array HELP = {
     help_line("%d: smart test", {CATEGORY}),
@@ -33,11 +57,281 @@ constexpr std::array HELP = {
         {CATEGORY, 11}),
 };
 
+// What a command reads of argv[3].
+enum class argument : uint8_t {
+  none,
+  opt,    // 0 or 1
+  value,  // any number
+};
+
+struct smart_command {
+  int number;
+  argument takes;
+  void (*run)(int value);
+};
+
+// A handler without argument as a row's function.
+template <void (*handler)()>
+void without_argument(int /*value*/) {
+  handler();
+}
+
+constexpr std::array<smart_command, 12> COMMANDS = {{
+    {0, argument::none, without_argument<tervik_smart_test_modem_ssr>},
+    {1, argument::none, without_argument<tervik_smart_test_full_dump>},
+    {2, argument::none, without_argument<tervik_smart_test_nv_sync>},
+    {3, argument::opt, tervik_smart_test_ap_lyrax_switch},
+    {4, argument::opt, tervik_smart_test_bp_lyrax_print_switch},
+    {5, argument::opt, tervik_smart_test_bp_qmi_print_switch},
+    {6, argument::opt, tervik_smart_test_bp_rf_print_switch},
+    {7, argument::none, without_argument<tervik_smart_test_share_memory>},
+    {8, argument::value, tervik_smart_test_tervik_timer},
+    {9, argument::none, without_argument<tervik_smart_test_dead_cycle_test>},
+    {10, argument::none, without_argument<tervik_smart_test_modem_crash>},
+    {11, argument::value, tervik_qmi_send_modem_test_request},
+}};
+
+// ---- print switches of the modem ----
+
+// A file in the modem's EFS that switches a print on; without it the print is off.
+struct print_switch {
+  const char* name;
+  const char* path;
+  uint32_t path_len;
+  std::array<uint8_t, 4> content;
+  uint32_t content_len;
+};
+
+constexpr print_switch LYRAX_PRINT = {
+    "bp_lyrax_print", "/oem/lyrax/lyrax_print_mask", 27, {0x1F, 0, 0, 0}, 4};
+constexpr print_switch QMI_PRINT = {"bp_qmi_print", "/oem/debug/qmi_print_flag", 25, {1}, 1};
+constexpr print_switch RF_PRINT = {
+    "bp_rf_print", "/oem/debug/rf_print_mask", 24, {0x0F, 0, 0, 0}, 4};
+
+void switch_print(const tervik_log_place& place, const print_switch& print, int opt) {
+  tervik_log_write(place, LOG_CLASS_NOTICE, TERVIK_NO_SUB, "%s, opt = %d", print.name, opt);
+  const bool on = opt == 1;
+  const int result =
+      on ? tervik_efs_write(0, print.path, print.path_len, print.content.data(), print.content_len)
+         : tervik_efs_delete(0, print.path, print.path_len);
+  if (result != 0) {
+    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "%s",
+                     on ? "tervik_efs_write failed" : "tervik_efs_delete failed");
+    return;
+  }
+  tervik_smart_test_nv_sync();
+  tervik_smart_test_modem_ssr();
+  tervik_log_write(place, LOG_CLASS_NOTICE, TERVIK_NO_SUB, "success, pls wait 10 seconds ");
+}
+
+// ---- shared memory ----
+
+// Logs the first bytes of the open shared file.
+void log_shared_bytes(int fd) {
+  const int truncated = ftruncate(fd, SHARE_MEMORY_SIZE);
+  tervik_log_notice("ftruncate, ret: %d", truncated);
+  if (truncated != 0) {
+    tervik_log_error("ftruncate error");
+    return;
+  }
+  void* mapping = mmap(nullptr, SHARE_MEMORY_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  tervik_log_notice("mmap, data_ptr: 0x%08x",
+                    static_cast<unsigned>(reinterpret_cast<uintptr_t>(mapping)));
+  if (mapping == MAP_FAILED) {
+    tervik_log_error("mmap error");
+    return;
+  }
+  const auto* data_ptr = static_cast<const uint8_t*>(mapping);
+  for (int i = 0; i < SHARE_MEMORY_SHOWN; ++i) {
+    tervik_log_notice("data_ptr[%d]: %d", i, data_ptr[i]);
+  }
+  const int unmapped = munmap(mapping, SHARE_MEMORY_SIZE);
+  tervik_log_notice("munmap, ret: %d", unmapped);
+  if (unmapped != 0) {
+    tervik_log_error("munmap error");
+  }
+}
+
+// ---- modem test request ----
+
+// Logs the answer to a modem test request, of which `received` bytes came.
+void log_modem_test_answer(const tervik_common_response& rsp, int received) {
+  const int t_rsp = static_cast<int>(rsp.type);
+  tervik_log_debug("t_rsp %d", t_rsp);
+  if (t_rsp != TERVIK_COMMON_MODEM_TEST) {
+    tervik_log_debug("t_rsp != t");
+    return;
+  }
+  const unsigned l_rsp = rsp.data_len;
+  tervik_log_debug("l_rsp %d", l_rsp);
+  if (l_rsp >= MODEM_TEST_DATA_LIMIT) {
+    tervik_log_debug("l_rsp is out of range");
+    return;
+  }
+  unsigned cnt = 8;  // type and length
+  if (l_rsp != 0) {
+    const int carried = received - static_cast<int>(offsetof(tervik_common_response, data));
+    const auto shown = std::min(l_rsp, static_cast<unsigned>(std::max(carried, 0)));
+    tervik_log_debug("data len(%d)\ndata: ", l_rsp);
+    tervik_print_byte_lines(TERVIK_LOG_PLACE, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                            std::span(rsp.data).first(shown));
+    cnt += l_rsp;
+  }
+  tervik_log_debug("cnt %d", cnt);
+}
+
+// ---- dispatch ----
+
+// Reads the command's argument; prints the reason when it is missing or out of range.
+bool read_argument(const smart_command& command, int argc, char** argv, int* value) {
+  if (command.takes == argument::none) {
+    return true;
+  }
+  if (argc < 4) {
+    tervik_log_error("%s", NOTE_TOO_FEW_PARAMETERS);
+    return false;
+  }
+  *value = atoi(argv[3]);
+  if (command.takes == argument::opt && *value != 0 && *value != 1) {
+    tervik_log_error("note: opt(%d) is invalid:", *value);
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
-int tervik_smart_test_do(int /*argc*/, char** /*argv*/) {
-  tervik_log_error("category %d is not built yet", CATEGORY);
-  return 0;
+void tervik_smart_test_modem_ssr() {
+  tervik_log_notice("Will trigger SSR of modem");
+  tervik_modem_ssr(SSR_FLAG);
+}
+
+void tervik_smart_test_full_dump() {
+  tervik_log_notice("Will trigger Full dump of modem");
+  tervik_modem_crash_with_orange_screen(FULL_DUMP_FLAG);
+}
+
+void tervik_smart_test_nv_sync() {
+  tervik_log_notice("Will trigger NV SYNC");
+  tervik_modem_nv_sync();
+}
+
+void tervik_smart_test_modem_crash() {
+  tervik_log_notice("Will trigger Crash of modem");
+  tervik_modem_crash_without_orange_screen(CRASH_FLAG);
+}
+
+void tervik_smart_test_ap_lyrax_switch(int opt) {
+  tervik_log_notice("ap_lyrax_print, opt = %d", opt);
+  // Whether it was stored shows after the reboot that the operator is told to make.
+  static_cast<void>(property_set("persist.vendor.radio.print_stats", opt == 1 ? "1" : "2"));
+  tervik_log_notice("success, need to reboot");
+}
+
+void tervik_smart_test_bp_lyrax_print_switch(int opt) {
+  switch_print(TERVIK_LOG_PLACE, LYRAX_PRINT, opt);
+}
+
+void tervik_smart_test_bp_qmi_print_switch(int opt) {
+  switch_print(TERVIK_LOG_PLACE, QMI_PRINT, opt);
+}
+
+void tervik_smart_test_bp_rf_print_switch(int opt) {
+  switch_print(TERVIK_LOG_PLACE, RF_PRINT, opt);
+}
+
+void tervik_smart_test_share_memory() {
+  tervik_log_notice("share_memory");
+  tervik_smart_test_sh_test_read();
+}
+
+void tervik_smart_test_sh_test_read() {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  tervik_log_notice("g_share_memory_file_path: %s", g_share_memory_file_path);
+  const int fd = open(g_share_memory_file_path, O_RDWR | O_CREAT | O_CLOEXEC, 0777);
+  tervik_log_notice("open, fd: %d", fd);
+  if (fd < 0) {
+    tervik_log_error("shm_open error");
+    return;
+  }
+  log_shared_bytes(fd);
+  tervik_log_notice("close fd");
+  close(fd);
+}
+
+void tervik_smart_test_tervik_timer(int timeout_s) {
+  tervik_log_notice("Timer test start, timeout_s = %d", timeout_s);
+  // Before the start: a timer that expires at once must find it set to clear it.
+  g_tervik_timer_running = 1;
+  const uint32_t timer_id =
+      tervik_timer_start(tervik_kiv_delay_timer_cb, static_cast<unsigned long>(timeout_s));
+  if (timer_id == 0) {
+    g_tervik_timer_running = 0;
+    tervik_log_error("note: the timer could not be started, timeout_s = %d", timeout_s);
+    return;
+  }
+  tervik_log_notice("Start one timer(timer_id %d), will pause until this timer is expired ...",
+                    timer_id);
+  for (int seconds = 1; g_tervik_timer_running != 0; ++seconds) {
+    sleep(1);
+    tervik_log_debug(seconds == 1 ? "%d second has passed" : "%d seconds have passed", seconds);
+  }
+  tervik_log_notice("Timer test done");
+}
+
+void tervik_kiv_delay_timer_cb(union sigval value) {
+  const auto timer_id = static_cast<uint32_t>(value.sival_int);
+  tervik_log_debug("The timer expired with ID %u", timer_id);
+  tervik_timer_stop(timer_id);
+  g_tervik_timer_running = 0;
+}
+
+void tervik_smart_test_dead_cycle_test() {
+  tervik_log_notice("tervik_smart_test_dead_cycle_test start");
+  tervik_smart_test_dead_cycle_test_do();
+}
+
+void tervik_smart_test_dead_cycle_test_do() {
+  while (true) {
+    tervik_log_notice("tervik_smart_test_dead_cycle_test_do start");
+  }
+}
+
+void tervik_qmi_send_modem_test_request(int type) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  tervik_common_response rsp = {};
+  int received = 0;
+  const int result = tervik_qmi_result_map(
+      tervik_send_common_qmi_msg(TERVIK_COMMON_MODEM_TEST, sizeof(type), &type, &rsp, &received));
+  tervik_log_notice("result = %d, rsp.result = %d", result, rsp.result);
+  if (result != 0) {
+    tervik_log_debug("tervik_extend_qmi_send_sync fail, REQUEST_ID_COMMON");
+  } else if (rsp.result != 0) {
+    tervik_log_debug("qmi response fail");
+  } else {
+    log_modem_test_answer(rsp, received);
+  }
+}
+
+void tervik_smart_test_do(int argc, char** argv) {
+  if (!tervik_check_category_args(TERVIK_LOG_PLACE, CATEGORY, argc, argv)) {
+    return;
+  }
+  const int par_i = atoi(argv[2]);
+  const auto command =
+      std::find_if(COMMANDS.begin(), COMMANDS.end(),
+                   [par_i](const smart_command& row) { return row.number == par_i; });
+  if (command == COMMANDS.end()) {
+    tervik_log_error("invalid par_i = %d", par_i);
+    show_help(CATEGORY);
+    return;
+  }
+  int value = 0;
+  if (!read_argument(*command, argc, argv, &value)) {
+    show_help(CATEGORY);
+    return;
+  }
+  command->run(value);
 }
 
 void tervik_smart_test_show_help(int category) {

@@ -2,14 +2,29 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
+#include <thread>
 
+#include "tervik_diag_send.h"
+#include "tervik_extend_cmn.h"
+#include "tervik_kiv_esim_test.h"
 #include "tervik_kiv_test_args.h"
 
 namespace {
 
 constexpr size_t HEX_DIGITS_MAX = 50;
+
+// A handler without arguments and result as a row's function.
+template <void (*handler)()>
+int always_good(int /*argc*/, char** /*argv*/) {
+  handler();
+  return 0;
+}
 
 int hex_digit_value(char c) {
   if (c >= 'A' && c <= 'F') {
@@ -22,6 +37,33 @@ int hex_digit_value(char c) {
 }
 
 constexpr int CMN_CATEGORY = 5;
+constexpr size_t CARD_PARAMS_MAX = 100;
+constexpr size_t DIAG_RESPONSE_SIZE = TERVIK_DIAG_RESPONSE_MAX;
+constexpr int FIRST_DIAG_BYTE_ARG = 6;
+// How long a run waits until its command is with the library.
+constexpr int DIAG_HAND_OVER_MS = 2000;
+constexpr uint32_t DEVICE_STATE_LIMIT = 100;
+constexpr int DEVICE_STATE_UNSET = -255;
+
+// Common messages of this category.
+constexpr int TYPE_CARD_STATUS_QUERY = 39;
+constexpr int TYPE_CARD_STATUS_GET = 55;
+constexpr int TYPE_CARD_TYPE_QUERY = 56;
+constexpr int TYPE_CARD_STATUS_SET = 57;
+constexpr int TYPE_CARD_HOTSWAP_TEST = 80;
+
+constexpr std::array<category_command, 10> CMN_COMMANDS = {{
+    {0, tervik_cmn_diag_cmd_send},
+    {1, tervik_cmn_card_status_query},
+    {2, tervik_cmn_card_status_get},
+    {3, tervik_cmn_card_status_set},
+    {4, tervik_cmn_card_type_query},
+    {5, always_good<tervik_cmn_test_get_sar_dsi>},
+    {6, tervik_cmn_card_hotswap_test},
+    {7, tervik_cmn_test_set_sar_dsi},
+    {8, always_good<tervik_cmn_test_get_device_state>},
+    {10, tervik_cmn_esim_test},
+}};
 
 constexpr std::array CMN_HELP = {
     help_line("%d: cmn option cmd: ", {CMN_CATEGORY}),
@@ -64,6 +106,10 @@ constexpr std::array CMN_HELP = {
 };
 
 constexpr int QMI_SEND_CATEGORY = 6;
+constexpr int QMI_ID_MIN = 0;
+constexpr int QMI_ID_LIMIT = 7;
+constexpr size_t QMI_DATA_MAX = 500;
+constexpr int FIRST_QMI_DATA_ARG = 3;
 
 constexpr std::array QMI_SEND_HELP = {
     help_line("%d: tervik qmi send_data", {QMI_SEND_CATEGORY}),
@@ -71,6 +117,107 @@ constexpr std::array QMI_SEND_HELP = {
               {QMI_SEND_CATEGORY}),
     help_line("                                    qmi_data: Any binary data you will send "),
 };
+
+// ---- DIAG command ----
+
+// Prints bytes on standard output, whatever the masks: each as "0x%02X" between `before` and
+// `after`, then the line's end.
+void print_bytes(std::span<const uint8_t> bytes, const char* before, const char* after) {
+  for (const uint8_t byte : bytes) {
+    printf("%s0x%02X%s", before, byte, after);
+  }
+  printf("\n");
+}
+
+// A send in one of the two modes, with or without result.
+struct diag_transport {
+  const char* name;
+  unsigned (*with_result)(const uint8_t* cmd, int data_len, int time_out, uint8_t* reply_buf,
+                          int* p_reply_len);
+  unsigned (*without_result)(const uint8_t* cmd, int data_len);
+  bool sleeps_after;  // a send without result sleeps the time-out
+};
+
+// By mode, then by type: with result, without result.
+constexpr diag_transport DIAG_TRANSPORTS[2][2] = {
+    {{"callback mode with result", tervik_diag_cmd_send_with_result_by_callback_mode, nullptr,
+      false},
+     {"callback mode without result", nullptr, tervik_diag_cmd_send_without_result_by_callback_mode,
+      false}},
+    {{"dci mode with result", tervik_diag_cmd_send_with_result_by_dci_mode, nullptr, false},
+     {"dci mode without result", nullptr, tervik_diag_cmd_send_without_result_by_dci_mode, true}},
+};
+
+// Sends the command without result, and sees to it that it is with the library afterwards.
+unsigned send_without_result(const diag_transport& transport, std::span<const uint8_t> command,
+                             int time_out) {
+  const unsigned result =
+      transport.without_result(command.data(), static_cast<int>(command.size()));
+  if (transport.sleeps_after && time_out > 0) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(time_out));
+  }
+  tervik_diag_wait_for_workers(DIAG_HAND_OVER_MS);
+  return result;
+}
+
+// Sends the command and prints the outcome. 0, or the code of the failed send.
+[[nodiscard]] int send_diag_command(const diag_transport& transport,
+                                    std::span<const uint8_t> command, int time_out) {
+  std::array<uint8_t, DIAG_RESPONSE_SIZE> response = {};
+  int response_len = static_cast<int>(response.size());
+  const bool with_result = transport.with_result != nullptr;
+  const unsigned result =
+      with_result ? transport.with_result(command.data(), static_cast<int>(command.size()),
+                                          time_out, response.data(), &response_len)
+                  : send_without_result(transport, command, time_out);
+  if (result != 0) {
+    tervik_log_error("tervik_diag_cmd_send fail");
+    return static_cast<int>(result);
+  }
+  if (with_result) {
+    printf("rsp data len(%d)\nrsp data:", response_len);
+    print_bytes(std::span(response).first(static_cast<size_t>(response_len)), " ", "");
+  } else {
+    printf("done without rsp data\n");
+  }
+  return 0;
+}
+
+// ---- common commands ----
+
+// Prints what the modem answered, from the type field to the end of the data, as far as it was
+// received.
+void print_common_answer(const tervik_common_response& response, int received) {
+  constexpr size_t TYPE_AND_LENGTH = 8;
+  const uint32_t len = response.data_len + TYPE_AND_LENGTH;
+  printf("data len(%d)\ndata:", static_cast<int>(len));
+  const auto* bytes = reinterpret_cast<const uint8_t*>(&response);
+  const auto end = std::min(static_cast<size_t>(received),
+                            offsetof(tervik_common_response, data) + size_t{response.data_len});
+  for (size_t i = offsetof(tervik_common_response, type); i < end; ++i) {
+    printf(" %02X", bytes[i]);
+  }
+  printf("\n");
+}
+
+// Parses `param_cnt` parameters from argv[3] on and sends them.
+[[nodiscard]] int send_card_command(const tervik_log_place& place, int type, int param_cnt,
+                                    int argc, char** argv, bool as_flags) {
+  if (!tervik_check_argc(place, argc, param_cnt + 3)) {
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  std::array<int32_t, CARD_PARAMS_MAX> params = {};
+  printf("param(cnt: %d):", param_cnt);
+  for (int i = 0; i < param_cnt; ++i) {
+    const int typed = atoi(argv[3 + i]);
+    int32_t& param = params[static_cast<size_t>(i)];
+    param = as_flags ? (typed != 0 ? 1 : 0) : typed;
+    printf(" %d", param);
+  }
+  printf("\n");
+  return tervik_cmn_cmd_send(type, static_cast<unsigned>(param_cnt) * sizeof(params[0]),
+                             reinterpret_cast<const char*>(params.data()));
+}
 
 }  // namespace
 
@@ -117,17 +264,174 @@ void tervik_byte_to_hex(const uint8_t* in, int len, char* out) {
   }
 }
 
-int tervik_test_cmn_do(int /*argc*/, char** /*argv*/) {
-  tervik_log_error("category %d is not built yet", CMN_CATEGORY);
-  return 0;
+int tervik_cmn_diag_cmd_send(int argc, char** argv) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  if (argc <= FIRST_DIAG_BYTE_ARG) {
+    tervik_log_error("note: Too few inputs, Pls refer to the following cmd:");
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  const int mode = atoi(argv[3]);
+  const int type = atoi(argv[4]);
+  const int time_out = atoi(argv[5]);
+  tervik_log_notice("work_mode: %d, io_type: %d, wait_time_ms: %d", mode, type, time_out);
+  std::array<uint8_t, TERVIK_DIAG_COMMAND_MAX> buffer = {};
+  const auto typed = static_cast<size_t>(argc - FIRST_DIAG_BYTE_ARG);
+  const std::span<uint8_t> command = std::span(buffer).first(std::min(typed, buffer.size()));
+  for (size_t i = 0; i < command.size(); ++i) {
+    command[i] =
+        static_cast<uint8_t>(tervik_string_to_int(argv[FIRST_DIAG_BYTE_ARG + static_cast<int>(i)]));
+  }
+  printf("diag cmd:\n");
+  print_bytes(command, "", " ");
+  const diag_transport& transport = DIAG_TRANSPORTS[mode != 0 ? 1 : 0][type != 0 ? 1 : 0];
+  tervik_log_notice("%s", transport.name);
+  return send_diag_command(transport, command, time_out);
+}
+
+int tervik_cmn_cmd_send(int type, unsigned int len, const char* data) {
+  tervik_log_notice("tervik_cmn_cmd_send, t: %d, l: %d", type, len);
+  tervik_common_request request = {};
+  request.always_2 = 2;
+  request.type = static_cast<uint32_t>(type);
+  if (data != nullptr && len >= 1 && len <= TERVIK_COMMON_DATA_MAX) {
+    request.data_len = len;
+    memcpy(request.data, data, len);
+  }
+  tervik_common_response response = {};
+  int received = sizeof(response);
+  const int result = tervik_extend_qmi_send_sync(
+      REQUEST_ID_COMMON, reinterpret_cast<const uint8_t*>(&request), sizeof(request),
+      reinterpret_cast<uint8_t*>(&response), &received);
+  tervik_log_notice("result = %d, rsp.result = %d", result, response.result);
+  if (result != 0) {
+    tervik_log_error("tervik_extend_qmi_send_sync fail");
+  } else if (response.result != 0) {
+    tervik_log_error("rsp.result fail");
+  } else {
+    print_common_answer(response, received);
+  }
+  return result;
+}
+
+int tervik_cmn_card_status_cmd(int type, int param_cnt, int argc, char** argv) {
+  return send_card_command(TERVIK_LOG_PLACE, type, param_cnt, argc, argv, true);
+}
+
+int tervik_cmn_card_status_cmd_ex(int type, int param_cnt, int argc, char** argv) {
+  return send_card_command(TERVIK_LOG_PLACE, type, param_cnt, argc, argv, false);
+}
+
+int tervik_cmn_card_status_query(int argc, char** argv) {
+  tervik_log_notice("tervik_cmn_card_status_query");
+  return tervik_cmn_card_status_cmd(TYPE_CARD_STATUS_QUERY, 0, argc, argv);
+}
+
+int tervik_cmn_card_status_get(int argc, char** argv) {
+  tervik_log_notice("tervik_cmn_card_status_get");
+  return tervik_cmn_card_status_cmd(TYPE_CARD_STATUS_GET, 1, argc, argv);
+}
+
+int tervik_cmn_card_status_set(int argc, char** argv) {
+  tervik_log_notice("tervik_cmn_card_status_set");
+  return tervik_cmn_card_status_cmd(TYPE_CARD_STATUS_SET, 3, argc, argv);
+}
+
+int tervik_cmn_card_type_query(int argc, char** argv) {
+  tervik_log_notice("tervik_cmn_card_type_query");
+  return tervik_cmn_card_status_cmd(TYPE_CARD_TYPE_QUERY, 0, argc, argv);
+}
+
+int tervik_cmn_card_hotswap_test(int argc, char** argv) {
+  tervik_log_notice("tervik_cmn_card_hotswap_test");
+  if (argc < 4) {
+    tervik_log_error("note: need %d inputs at least, Pls refer to the following cmd:", 4);
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  const int32_t opt = atoi(argv[3]);
+  tervik_log_notice("opt: %d", opt);
+  if (opt != 0) {
+    return tervik_cmn_card_status_cmd_ex(TYPE_CARD_HOTSWAP_TEST, 4, argc, argv);
+  }
+  return tervik_cmn_cmd_send(TYPE_CARD_HOTSWAP_TEST, sizeof(opt),
+                             reinterpret_cast<const char*>(&opt));
+}
+
+void tervik_cmn_test_get_sar_dsi() {
+  tervik_hal_remove_shell_print_mask(LOG_CLASS_DEBUG);
+  int judged_dsi = -1;
+  tervik_get_property_value_from_int("debug.modem.sar.judge_dsi", &judged_dsi, -1);
+  const int modem_dsi = tervik_get_sar_dsi();
+  tervik_log_help("JUDGE SAR DSI: %d", judged_dsi);
+  tervik_log_help("Modem SAR DSI: %d", modem_dsi);
+}
+
+int tervik_cmn_test_set_sar_dsi(int argc, char** argv) {
+  if (argc < 4) {
+    tervik_log_help("%s", NOTE_TOO_FEW_PARAMETERS);
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  const int dsi = atoi(argv[3]);
+  const int result = tervik_set_sar_dsi(dsi);
+  tervik_log_help("SAR DSI(to be set): %d, the setting result: %d", dsi, result);
+  return result;
+}
+
+void tervik_cmn_test_get_device_state() {
+  tervik_hal_remove_shell_print_mask(LOG_CLASS_DEBUG);
+  for (uint32_t index = 0; index < DEVICE_STATE_LIMIT; ++index) {
+    const char* name = tervik_get_device_state_prop_name(index);
+    if (name == nullptr) {
+      continue;
+    }
+    int state = DEVICE_STATE_UNSET;
+    tervik_get_property_value_from_int(name, &state, DEVICE_STATE_UNSET);
+    if (state != DEVICE_STATE_UNSET) {
+      tervik_log_help("%s: %d", tervik_get_device_type_string_ex(index), state);
+    }
+  }
+}
+
+int tervik_test_cmn_do(int argc, char** argv) {
+  return tervik_run_category(TERVIK_LOG_PLACE, CMN_CATEGORY, CMN_COMMANDS, argc, argv);
 }
 
 void tervik_test_cmn_show_help(int category) {
   tervik_print_help_block(TERVIK_LOG_PLACE, CMN_CATEGORY, category, CMN_HELP);
 }
 
-int tervik_test_qmi_send_data_do(int /*argc*/, char** /*argv*/) {
-  tervik_log_error("category %d is not built yet", QMI_SEND_CATEGORY);
+int tervik_test_qmi_send_data_do(int argc, char** argv) {
+  if (!tervik_check_category_args(TERVIK_LOG_PLACE, QMI_SEND_CATEGORY, argc, argv, 4)) {
+    return 0;
+  }
+  const int qmi_id = atoi(argv[2]);
+  if (qmi_id < QMI_ID_MIN || qmi_id >= QMI_ID_LIMIT) {
+    tervik_log_error("note: the second parameters(qmi_id) should be >= %d && < %d", QMI_ID_MIN,
+                     QMI_ID_LIMIT);
+    show_help(QMI_SEND_CATEGORY);
+    return 0;
+  }
+  std::array<uint8_t, QMI_DATA_MAX> request = {};
+  const int len = std::min(argc - FIRST_QMI_DATA_ARG, static_cast<int>(request.size()));
+  tervik_log_notice("tk_qmi req data(qmi_id: %d, len: %d[max: %zu]):", qmi_id, len, request.size());
+  for (int i = 0; i < len; ++i) {
+    uint8_t& byte = request[static_cast<size_t>(i)];
+    byte = static_cast<uint8_t>(tervik_string_to_int(argv[FIRST_QMI_DATA_ARG + i]));
+    tervik_log_notice("0x%02X ", byte);
+  }
+  std::array<uint8_t, QMI_DATA_MAX> response = {};
+  int response_len = static_cast<int>(response.size());
+  const int result = tervik_extend_qmi_send_sync(static_cast<uint32_t>(qmi_id), request.data(), len,
+                                                 response.data(), &response_len);
+  tervik_log_notice("qmi_id = %d, result = %d", qmi_id, result);
+  if (result != 0) {
+    tervik_log_error("tervik_extend_qmi_send_sync fail");
+    show_help(QMI_SEND_CATEGORY);
+    return 0;
+  }
+  tervik_log_notice("tk_qmi rsp data(qmi_id: %d, len: %d[max: %zu]):", qmi_id, response_len,
+                    response.size());
+  tervik_print_byte_lines(TERVIK_LOG_PLACE, LOG_CLASS_NOTICE, TERVIK_NO_SUB,
+                          std::span(response).first(static_cast<size_t>(response_len)));
   return 0;
 }
 

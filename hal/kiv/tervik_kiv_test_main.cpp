@@ -24,22 +24,29 @@ constexpr int CATEGORY_UNUSED = 2;
 
 struct category_row {
   int category;
-  int (*run)(int argc, char** argv);
+  void (*run)(int argc, char** argv);
   void (*print_help)(int category);
 };
 
+// A category's handler as a row's function. What it returns tells nothing: what went wrong was
+// printed.
+template <auto handler>
+void run_handler(int argc, char** argv) {
+  static_cast<void>(handler(argc, argv));
+}
+
 // The names of the two statistics categories cross over: see their headers.
 constexpr std::array<category_row, 10> CATEGORIES = {{
-    {3, tervik_test_rf_do, tervik_test_rf_show_help},
-    {4, tervik_test_nvefs_do, tervik_test_nvefs_show_help},
-    {5, tervik_test_cmn_do, tervik_test_cmn_show_help},
-    {6, tervik_test_qmi_send_data_do, tervik_test_qmi_send_data_show_help},
-    {7, tervik_test_modem_stats_do, tervik_test_qmi_modem_stats_show_help},
-    {8, tervik_test_at_cmd_do, tervik_test_at_cmd_show_help},
-    {9, tervik_test_qmi_modem_stats_do, tervik_test_modem_stats_show_help},
-    {10, tervik_test_mbn_do, tervik_test_mbn_show_help},
-    {11, tervik_smart_test_do, tervik_smart_test_show_help},
-    {12, tervik_test_qmi_do, tervik_test_qmi_show_help},
+    {3, run_handler<tervik_test_rf_do>, tervik_test_rf_show_help},
+    {4, run_handler<tervik_test_nvefs_do>, tervik_test_nvefs_show_help},
+    {5, run_handler<tervik_test_cmn_do>, tervik_test_cmn_show_help},
+    {6, run_handler<tervik_test_qmi_send_data_do>, tervik_test_qmi_send_data_show_help},
+    {7, run_handler<tervik_test_modem_stats_do>, tervik_test_qmi_modem_stats_show_help},
+    {8, run_handler<tervik_test_at_cmd_do>, tervik_test_at_cmd_show_help},
+    {9, run_handler<tervik_test_qmi_modem_stats_do>, tervik_test_modem_stats_show_help},
+    {10, run_handler<tervik_test_mbn_do>, tervik_test_mbn_show_help},
+    {11, run_handler<tervik_smart_test_do>, tervik_smart_test_show_help},
+    {12, run_handler<tervik_test_qmi_do>, tervik_test_qmi_show_help},
 }};
 
 constexpr std::array NV_HELP = {
@@ -67,8 +74,7 @@ bool run_category(int argc, char** argv) {
   if (row == CATEGORIES.end()) {
     return false;
   }
-  // What went wrong was printed; the exit status does not tell it.
-  static_cast<void>(row->run(argc, argv));
+  row->run(argc, argv);
   return true;
 }
 

@@ -1,7 +1,13 @@
 #include "tervik_kiv_test_rf.h"
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
+#include <cstdlib>
+#include <span>
 
+#include "tervik_extend_cmn.h"
+#include "tervik_extend_nvefs.h"
 #include "tervik_kiv_test_args.h"
 
 namespace {
@@ -32,11 +38,170 @@ constexpr std::array HELP = {
     help_line("   kiv %d %d       /* Close tx test(need to reboot) */", {CATEGORY, 5}),
 };
 
+constexpr std::array<category_command, 6> COMMANDS = {{
+    {0, tervik_gpio_test_set},
+    {1, [](int argc, char** /*argv*/) { return tervik_gpio_test_get(argc); }},
+    {2, [](int argc, char** /*argv*/) { return tervik_gpio_test_closed(argc); }},
+    {3, tervik_rf_tx_test_set},
+    {4, [](int argc, char** /*argv*/) { return tervik_rf_tx_test_get(argc); }},
+    {5, [](int argc, char** /*argv*/) { return tervik_rf_tx_test_closed(argc); }},
+}};
+
+// ---- settings as the modem takes them: bodies of class 4 requests ----
+
+constexpr int FIRST_GPIO_ARG = 3;
+
+struct gpio_test_request {
+  uint32_t sub_command;  // 0
+  uint32_t unused_4;
+  uint32_t count;  // of the values typed, also when not all of them fit
+  int32_t values[50];
+  uint8_t unused_212[300];
+};
+static_assert(sizeof(gpio_test_request) == 512);
+static_assert(offsetof(gpio_test_request, count) == 8);
+static_assert(offsetof(gpio_test_request, values) == 12);
+
+struct tx_test_request {
+  uint32_t sub_command;  // 1
+  uint32_t unused_4;
+  uint32_t v_ant;
+  uint32_t v_sys;
+  uint64_t v_band_list;
+  uint8_t unused_24[488];
+};
+static_assert(sizeof(tx_test_request) == 512);
+static_assert(offsetof(tx_test_request, v_ant) == 8);
+static_assert(offsetof(tx_test_request, v_sys) == 12);
+static_assert(offsetof(tx_test_request, v_band_list) == 16);
+
+constexpr uint32_t GPIO_TEST_SUB_COMMAND = 0;
+constexpr uint32_t TX_TEST_SUB_COMMAND = 1;
+
+// Sends a setting; what the modem answers is not examined.
+template <typename Request>
+[[nodiscard]] int send_setting(const tervik_log_place& place, const Request& request) {
+  uint8_t response[sizeof(tervik_common_response)] = {};
+  int response_len = sizeof(response);
+  const int result =
+      tervik_extend_qmi_send_sync(REQUEST_ID_COMMON, reinterpret_cast<const uint8_t*>(&request),
+                                  sizeof(request), response, &response_len);
+  if (result != 0) {
+    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
+                     "tervik_extend_qmi_send_sync fail, REQUEST_ID_COMMON");
+  }
+  return result;
+}
+
+// ---- settings as the modem keeps them: EFS files of subscription 0 ----
+
+constexpr size_t SETTING_DATA_MAX = 365;
+
+struct rf_setting {
+  const char* path;
+  uint32_t path_len;  // the terminating NUL counts
+  bool length_on_own_line;
+};
+
+constexpr rf_setting GPIO_SETTING = {"/oem/debug/rf_ant_port_config", 30, false};
+constexpr rf_setting TX_SETTING = {"/oem/debug/ant_tx_config", 25, true};
+
+// The beginning of the commands that take no argument of their own.
+[[nodiscard]] bool check_bare_command(const tervik_log_place& place, int argc, int command) {
+  tervik_log_write(place, LOG_CLASS_NOTICE, TERVIK_NO_SUB, "%s", place.func);
+  if (argc == 3) {
+    return true;
+  }
+  tervik_log_write(
+      place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
+      "note: Cmd error, should be: kiv %d %d , Pls refer to the following cmd:", CATEGORY, command);
+  return false;
+}
+
+[[nodiscard]] int report_efs(const tervik_log_place& place, int result) {
+  if (result != 0) {
+    tervik_log_write(place, LOG_CLASS_ERROR, 0, "tervik_extend_qmi_send_sync fail, REQUEST_ID_EFS");
+  }
+  return result;
+}
+
+[[nodiscard]] int get_setting(const tervik_log_place& place, const rf_setting& setting) {
+  std::array<uint8_t, SETTING_DATA_MAX> data = {};
+  uint32_t len = data.size();
+  const int result = tervik_efs_read(0, setting.path, setting.path_len, data.data(), &len);
+  if (result != 0) {
+    return report_efs(place, result);
+  }
+  tervik_log_write(place, LOG_CLASS_NOTICE, 0, "data len(%d)%sdata: ", len,
+                   setting.length_on_own_line ? "\n" : "");
+  tervik_print_byte_lines(place, LOG_CLASS_NOTICE, 0, std::span(data).first(len));
+  return 0;
+}
+
+[[nodiscard]] int close_setting(const tervik_log_place& place, const rf_setting& setting) {
+  return report_efs(place, tervik_efs_delete(0, setting.path, setting.path_len));
+}
+
 }  // namespace
 
-int tervik_test_rf_do(int /*argc*/, char** /*argv*/) {
-  tervik_log_error("category %d is not built yet", CATEGORY);
-  return 0;
+int tervik_gpio_test_set(int argc, char** argv) {
+  tervik_log_notice("%s", __func__);
+  if (argc < FIRST_GPIO_ARG) {
+    tervik_log_error("note: Too few inputs, Pls refer to the following cmd:");
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  const std::span<char*> typed(argv + FIRST_GPIO_ARG, static_cast<size_t>(argc - FIRST_GPIO_ARG));
+  gpio_test_request request = {};
+  request.sub_command = GPIO_TEST_SUB_COMMAND;
+  request.count = static_cast<uint32_t>(typed.size());
+  for (size_t i = 0; i < std::min(typed.size(), std::size(request.values)); ++i) {
+    request.values[i] = atoi(typed[i]);
+    tervik_log_notice("tervik_gpio_test_set, gpio_v[%d]: %d", static_cast<int>(i),
+                      request.values[i]);
+  }
+  return send_setting(TERVIK_LOG_PLACE, request);
+}
+
+int tervik_gpio_test_get(int argc) {
+  return check_bare_command(TERVIK_LOG_PLACE, argc, 1) ? get_setting(TERVIK_LOG_PLACE, GPIO_SETTING)
+                                                       : TERVIK_ERR_INVALID_INPUT;
+}
+
+int tervik_gpio_test_closed(int argc) {
+  return check_bare_command(TERVIK_LOG_PLACE, argc, 2)
+             ? close_setting(TERVIK_LOG_PLACE, GPIO_SETTING)
+             : TERVIK_ERR_INVALID_INPUT;
+}
+
+int tervik_rf_tx_test_set(int argc, char** argv) {
+  tervik_log_notice("tervik_rf_tx_test_set, argc(%d)", argc);
+  if (argc != 6) {
+    tervik_log_error("note: need %d inputs, Pls refer to the following cmd:", 5);
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  tx_test_request request = {};
+  request.sub_command = TX_TEST_SUB_COMMAND;
+  request.v_ant = static_cast<uint32_t>(atoi(argv[3]));
+  request.v_sys = static_cast<uint32_t>(atoi(argv[4]));
+  request.v_band_list = strtoul(argv[5], nullptr, 0);
+  tervik_log_notice(" v_ant(%d)", request.v_ant);
+  tervik_log_notice(" v_sys(%d)", request.v_sys);
+  tervik_log_notice(" v_band_list(%lu)", request.v_band_list);
+  return send_setting(TERVIK_LOG_PLACE, request);
+}
+
+int tervik_rf_tx_test_get(int argc) {
+  return check_bare_command(TERVIK_LOG_PLACE, argc, 4) ? get_setting(TERVIK_LOG_PLACE, TX_SETTING)
+                                                       : TERVIK_ERR_INVALID_INPUT;
+}
+
+int tervik_rf_tx_test_closed(int argc) {
+  return check_bare_command(TERVIK_LOG_PLACE, argc, 5) ? close_setting(TERVIK_LOG_PLACE, TX_SETTING)
+                                                       : TERVIK_ERR_INVALID_INPUT;
+}
+
+int tervik_test_rf_do(int argc, char** argv) {
+  return tervik_run_category(TERVIK_LOG_PLACE, CATEGORY, COMMANDS, argc, argv);
 }
 
 void tervik_test_rf_show_help(int category) {

@@ -22,7 +22,8 @@ using Lines = std::vector<std::string>;
 constexpr const char* kNoTraces = "296";
 constexpr const char* kHelpOnly = "256";
 
-// In expected lines: the help of category 4 as a whole.
+// In expected lines: the help of a category as a whole.
+constexpr const char* kHelp3 = "<help 3>";
 constexpr const char* kHelp4 = "<help 4>";
 constexpr const char* kTooFewParameters =
     "note: Too few parameters, Pls refer to the following cmd:";
@@ -56,7 +57,9 @@ Lines messages(std::string_view text) {
 Lines with_help(const Lines& lines) {
   Lines all;
   for (const std::string& line : lines) {
-    const Lines more = line == kHelp4 ? split(golden("help_4.txt")) : Lines{line};
+    const Lines more = line.starts_with("<help ")
+                           ? split(golden("help_" + line.substr(6, 1) + ".txt"))
+                           : Lines{line};
     all.insert(all.end(), more.begin(), more.end());
   }
   return all;
@@ -66,9 +69,8 @@ std::string error_note(int code) {
   return "note: Error happen! error_code(" + std::to_string(code) + ")";
 }
 
-// What a read prints of these bytes.
-Lines dump(const std::vector<int>& bytes) {
-  Lines lines{"data len(" + std::to_string(bytes.size()) + ")", "data: "};
+// `lines`, then the bytes as a read prints them.
+Lines with_bytes(Lines lines, const std::vector<int>& bytes) {
   for (const int byte : bytes) {
     constexpr std::string_view kDigits = "0123456789ABCDEF";
     lines.push_back(
@@ -76,6 +78,10 @@ Lines dump(const std::vector<int>& bytes) {
   }
   lines.emplace_back();
   return lines;
+}
+
+Lines dump(const std::vector<int>& bytes) {
+  return with_bytes({"data len(" + std::to_string(bytes.size()) + ")", "data: "}, bytes);
 }
 
 class KivTest : public StateDirectoryTest {
@@ -233,6 +239,54 @@ const Scenario kCommands[] = {
           {{"4", "2", "0", "550"},
            {"note: Too few inputs, Pls refer to the following cmd:", error_note(268431370),
             kHelp4}}}},
+    {.name = "RfSettingsAreKeptUntilTheyAreClosed",
+     .steps = {{{"3", "3", "1", "4", "0x3"},
+                {"tervik_rf_tx_test_set, argc(6)", " v_ant(1)", " v_sys(4)", " v_band_list(3)"}},
+               {{"3", "4"},
+                with_bytes({"tervik_rf_tx_test_get", "data len(16)", "data: "},
+                           {1, 0, 0, 0, 4, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0})},
+               {{"3", "5"}, {"tervik_rf_tx_test_closed"}},
+               {{"3", "4"}, {"tervik_rf_tx_test_get", kRequestFailed, error_note(2), kHelp3}},
+               {{"3", "0", "-1"}, {"tervik_gpio_test_set", "tervik_gpio_test_set, gpio_v[0]: -1"}},
+               {{"3", "1"},
+                with_bytes({"tervik_gpio_test_get", "data len(8)data: "},
+                           {1, 0, 0, 0, 255, 255, 255, 255})},
+               {{"3", "2"}, {"tervik_gpio_test_closed"}}}},
+    {.name = "RestartsAreCountedAndTheRestartTypeIsPutBack",
+     .steps = {{{"11", "0"}, {"Will trigger SSR of modem"}},
+               {{"11", "0"}, {"Will trigger SSR of modem"}},
+               {{"11", "10"}, {"Will trigger Crash of modem"}},
+               {{"11", "1"}, {"Will trigger Full dump of modem"}}},
+     .files_before = {{"properties",
+                       "persist.vendor.radio.adb_log_shell=296\n"
+                       "persist.radio.ssr_wait_s=0\n"
+                       "persist.vendor.ssr.restart_level=x\n"}},
+     .files_after = {{"properties",
+                      "persist.vendor.radio.adb_log_shell=296\n"
+                      "persist.radio.ssr_wait_s=0\n"
+                      "persist.vendor.ssr.restart_level=ALL_DISABLE\n"
+                      "persist.radio.ssr_count_0x80000010=2\n"
+                      "persist.vendor.ssr.type_bak=x\n"
+                      "persist.vendor.ssr.type_bak_flag=yes\n"
+                      "persist.radio.ssr_count_0x80000011=1\n"
+                      "persist.radio.ssr_count_0x80000012=1\n"}}},
+    {.name = "PrintSwitchLeavesItsFileAndRestartsTheModem",
+     .steps = {{{"11", "6", "1"},
+                {"bp_rf_print, opt = 1", "Will trigger NV SYNC", "Will trigger SSR of modem",
+                 "success, pls wait 10 seconds "}}},
+     .files_after = {{"efs/0/oem/debug/rf_print_mask", std::string("\x0F\0\0\0", 4)}}},
+    {.name = "RawRequestShowsTheAnswer",
+     .steps = {{{"6", "4", "0x02", "0", "0", "0", "0", "0", "0", "0", "73"},
+                {"tk_qmi req data(qmi_id: 4, len: 9[max: 500]):", "0x02 ", "0x49 ",
+                 "qmi_id = 4, result = 0", "tk_qmi rsp data(qmi_id: 4, len: 500[max: 500]):", " 49",
+                 " 00"}}},
+     .match = Match::kInSequence},
+    {.name = "TimerTestEndsWithItsTimer",
+     .steps = {{{"11", "8", "20"},
+                {"Timer test start, timeout_s = 20", "Start one timer(timer_id 501)",
+                 "Timer test done"}}},
+     .match = Match::kInSequence,
+     .time_factor = 1000},
     {.name = "ModemThatIsDown",
      .steps = {{kReadNv550, {"QMI client init failed", kRequestFailed, error_note(-102), kHelp4}}},
      .files_before = {{"modem.conf", "fault.extension = down\n"}},
@@ -314,7 +368,7 @@ TEST_P(CategoryHelp, FollowsACommandLineWithoutCommand) {
   EXPECT_EQ(printed, golden("help_" + category + ".txt"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Kiv, CategoryHelp, ::testing::Values(4));
+INSTANTIATE_TEST_SUITE_P(Kiv, CategoryHelp, ::testing::Values(3, 4, 6, 8, 11));
 
 }  // namespace
 }  // namespace kiv::test
