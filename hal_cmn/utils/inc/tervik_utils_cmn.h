@@ -125,8 +125,8 @@ int tervik_get_property_value(const char* name, char* value, const char* default
 [[nodiscard]] int tervik_set_property_value(const char* name, const char* value);
 // With the property trace on, logs the property's value as it reads back.
 void tervik_print_property_value(const char* name);
-// The integer forms (`out` is not null); text that is not a number reads as 0. The setter returns as
-// tervik_set_property_value.
+// The integer forms (`out` is not null); text that is not a number reads as 0. The setter returns
+// as tervik_set_property_value.
 [[nodiscard]] int tervik_set_property_value_to_int(const char* name, int value);
 void tervik_get_property_value_from_int(const char* name, int* out, int default_value);
 // The default data subscription ("persist.radio.default_data_sub"), 0 when it is not set.
