@@ -38,6 +38,9 @@ constexpr int DIAG_CHANNEL = 0;
 constexpr int DCI_RESPONSE_BUFFER_SIZE = 16384;
 constexpr int REMOTE_PROCESSORS_MAX = 16;
 
+// A modem that goes on sending pieces must not fill the memory.
+constexpr int32_t COLLECTED_MAX = 1 << 20;
+
 constexpr const char* THREAD_NAME = "TERV DIAG";
 
 // One with-result send at a time; taken before g_diag_dci_rsp_mutex.
@@ -48,6 +51,8 @@ std::mutex g_diag_without_result_mutex;
 // True between the hand-over of a with-result command and the end of its wait: a response at any
 // other time belongs to nobody. Guarded by g_diag_dci_rsp_mutex.
 bool g_diag_rsp_expected = false;
+// True once a response has woken the send: it is no time-out any more. Guarded likewise.
+bool g_diag_rsp_answered = false;
 
 // Processor ids whose addresses the library hands back with each response.
 int32_t data_primary = PRIMARY_PROCESSOR;
@@ -84,10 +89,20 @@ void sleep_tick() {
                                  [] { return g_wait_thread.send_done; });
 }
 
-bool response_is_whole_pieces() {
+// Ends the wait of a send that is still waiting at its limit.
+void stop_waiting() {
   const std::lock_guard lock(g_diag_dci_rsp_mutex);
+  if (g_diag_rsp_answered) {
+    return;
+  }
   const int32_t length = g_qcril_diag_rsp_buf.length;
-  return length != 0 && length % DIAG_DCI_PIECE_MAX == 0;
+  if (length != 0 && length % DIAG_DCI_PIECE_MAX == 0) {
+    tervik_log_debug("stop waiting, receive success, length is times of 4096");
+  } else {
+    tervik_log_debug("stop waiting");
+    g_diag_rsp_timeout = 1;
+  }
+  sem_post(&g_diag_rsp_sem);
 }
 
 void run_wait_ticks() {
@@ -102,25 +117,9 @@ void run_wait_ticks() {
     waiting = g_diag_rsp_waiting == 1;
     limit = g_diag_wait_cnt_limit;
   } while (waiting && cnt_of_100ms < limit);
-  if (!waiting) {
-    return;
+  if (waiting) {
+    stop_waiting();
   }
-  if (response_is_whole_pieces()) {
-    tervik_log_debug("stop waiting, receive success, length is times of 4096");
-    sem_post(&g_diag_rsp_sem);
-    return;
-  }
-  tervik_log_debug("stop waiting");
-  g_diag_rsp_timeout = 1;
-  sem_post(&g_diag_rsp_sem);
-}
-
-void* tervik_diag_cmd_send_with_result_wait_thread_proc(void* /*arg*/) {
-  run_wait_ticks();
-  const std::lock_guard lock(g_wait_thread.mutex);
-  g_wait_thread.running = false;
-  g_wait_thread.changed.notify_all();
-  return nullptr;
 }
 
 // Starts a detached thread of this module's name. Returns pthread_create's result.
@@ -173,10 +172,14 @@ unsigned wait_and_take_response(const tervik_log_place& place, uint8_t* reply_bu
 }
 
 // From here on a response belongs to the send. What it is about to hand over may be answered
-// before the hand-over returns.
-void expect_response() {
+// before the hand-over returns. A DCI send, which appends, starts with nothing.
+void expect_response(after_copy then) {
   const std::lock_guard lock(g_diag_dci_rsp_mutex);
   g_diag_rsp_expected = true;
+  g_diag_rsp_answered = false;
+  if (then == after_copy::free_response) {
+    g_qcril_diag_rsp_buf = {};
+  }
 }
 
 void expect_no_response() {
@@ -219,7 +222,7 @@ const char* remote_label(uint16_t remote_mask) {
 // Hands the command over and waits for its response.
 unsigned send_and_wait_by_callback(const tervik_log_place& place, const uint8_t* cmd, int data_len,
                                    int time_out, uint8_t* reply_buf, int* p_reply_len) {
-  expect_response();
+  expect_response(after_copy::keep_response);
   const int ret_send = diag_callback_send_data(PRIMARY_PROCESSOR, library_bytes(cmd), data_len);
   tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "ret_send = %d, will wait callback",
                    ret_send);
@@ -343,7 +346,7 @@ unsigned send_and_wait_by_dci(const tervik_log_place& place, const uint8_t* cmd,
     tervik_diag_deinit_with_result();
     return DIAG_FAIL;
   }
-  expect_response();
+  expect_response(after_copy::free_response);
   unsigned result = DIAG_FAIL;
   if (client.send(WITH_RESULT_HANDLERS, cmd, data_len)) {
     g_diag_rsp_waiting = 1;
@@ -395,7 +398,8 @@ pending_workers& g_pending_workers = *new pending_workers;
 
 void count_worker(int change) {
   const std::lock_guard lock(g_pending_workers.mutex);
-  g_pending_workers.count += change;
+  // A worker that nobody counted has nothing to take back.
+  g_pending_workers.count = std::max(g_pending_workers.count + change, 0);
   g_pending_workers.changed.notify_all();
 }
 
@@ -507,10 +511,6 @@ bool append_piece(qcril_diag_rsp_buf& response, const uint8_t* piece, int len) {
   return true;
 }
 
-// The pieces of a response add up to no more than the caller's largest buffer can take; a modem
-// that goes on sending must not fill the memory.
-constexpr int32_t COLLECTED_MAX = 1 << 20;
-
 // False, with a line in the log, for a response that no send waits for.
 bool response_is_expected(const tervik_log_place& place, int len) {
   if (!g_diag_rsp_expected) {
@@ -543,6 +543,7 @@ void take_dci_piece(const tervik_log_place& place, const uint8_t* ptr, int len,
                    "response, cmd_code = 0x%02x, data_size = %d", ptr[0],
                    g_qcril_diag_rsp_buf.length);
   if (len != DIAG_DCI_PIECE_MAX) {
+    g_diag_rsp_answered = true;
     sem_post(&g_diag_rsp_sem);
   }
 }
@@ -568,6 +569,7 @@ int take_callback_response(const tervik_log_place& place, const uint8_t* ptr, in
   g_qcril_diag_rsp_buf.length = len;
   tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
                    "callback, cmd_code = 0x%02x, data_size = %d", ptr[0], len);
+  g_diag_rsp_answered = true;
   sem_post(&g_diag_rsp_sem);
   return 0;
 }
@@ -692,6 +694,14 @@ void tervik_diag_cmd_send_with_result_wait_create_thread() {
     g_diag_rsp_timeout = 1;
     sem_post(&g_diag_rsp_sem);
   }
+}
+
+void* tervik_diag_cmd_send_with_result_wait_thread_proc(void* /*arg*/) {
+  run_wait_ticks();
+  const std::lock_guard lock(g_wait_thread.mutex);
+  g_wait_thread.running = false;
+  g_wait_thread.changed.notify_all();
+  return nullptr;
 }
 
 // ---- response handlers ----

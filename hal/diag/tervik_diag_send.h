@@ -58,6 +58,8 @@ void tervik_diag_init_with_result();
 void tervik_diag_deinit_with_result();
 // Starts a detached thread that ends the send's wait at the limit.
 void tervik_diag_cmd_send_with_result_wait_create_thread();
+// That thread: ticks every 100 ms until the send is done or the limit is reached.
+void* tervik_diag_cmd_send_with_result_wait_thread_proc(void* arg);
 
 // ---- response handlers, called by the library ----
 

@@ -357,6 +357,7 @@ int diag_callback_send_data(int processor, unsigned char* data, int len) {
   return 0;
 }
 
+// NOLINTNEXTLINE(readability-non-const-parameter): a library may store what it granted
 int diag_register_dci_client(int* client_id, uint16_t* list, int channel, void* signal_type) {
   if (client_id == nullptr || list == nullptr || channel != kPrimaryChannel ||
       signal_type == nullptr) {

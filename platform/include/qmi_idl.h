@@ -34,6 +34,7 @@ struct qmi_idl_field {
   size_t max_count = 1;                        // array bound in elements
   size_t count_offset = 0;       // COUNTED: of the 32-bit element count in the C structure
   uint8_t count_wire_width = 0;  // COUNTED: bytes of the count on the wire: 1 or 2
+  bool drops_excess = false;     // COUNTED: what exceeds max_count is skipped, else it fails
   std::span<const qmi_idl_field> record{};  // the element's own fields, in wire order
   size_t record_size = 0;                   // bytes of one record element in the C structure
 };

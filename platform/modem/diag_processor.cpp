@@ -18,11 +18,11 @@ constexpr uint8_t kBadCommand = 0x13;  // the code that answers an unknown comma
 
 struct VersionResponse {
   uint8_t command_code = kVersionCommand;
-  std::array<char, 11> compile_date;
-  std::array<char, 8> compile_time;
-  std::array<char, 11> release_date;
-  std::array<char, 8> release_time;
-  std::array<char, 8> directory;
+  std::array<char, 11> compile_date{};
+  std::array<char, 8> compile_time{};
+  std::array<char, 11> release_date{};
+  std::array<char, 8> release_time{};
+  std::array<char, 8> directory{};
   uint8_t station_class = 42;
   uint8_t air_interface_revision = 6;
   uint8_t model = 255;

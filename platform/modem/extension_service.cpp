@@ -15,6 +15,7 @@
 #include "platform/android/state_directory.h"
 #include "platform/modem/modem.h"
 #include "platform/modem/nv_efs_store.h"
+#include "platform/modem/stats_debug.h"
 #include "platform/qmi/qmi_idl_codec.h"
 #include "qmi_client.h"
 
@@ -175,12 +176,23 @@ void set_words(CommonResponse& answer, const std::array<uint32_t, count>& words)
   std::memcpy(answer.data.data(), words.data(), sizeof words);
 }
 
+// The statistics requests know no type: their block begins where the others have it.
+void set_block(CommonResponse& answer, const std::vector<uint8_t>& block) {
+  constexpr size_t kBlockOffset = offsetof(CommonResponse, type);
+  static_assert(sizeof answer - kBlockOffset == kStatsBlockMax);
+  auto* const bytes = reinterpret_cast<uint8_t*>(&answer);
+  std::fill(bytes + kBlockOffset, bytes + sizeof answer, uint8_t{0});
+  std::copy_n(block.begin(), std::min(block.size(), kStatsBlockMax), bytes + kBlockOffset);
+}
+
 class ExtensionService {
  public:
   explicit ExtensionService(const ModemConf& conf)
       : fault_(conf.extension_fault),
         rsp_result_(conf.extension_rsp_result),
-        card_states_(conf.card_states) {}
+        card_states_(conf.card_states),
+        stats_debug_block_(make_stats_debug_block(conf)),
+        stats_log_ids_block_(make_stats_log_ids_block(conf)) {}
 
   ServiceReply handle(uint16_t msg_id, std::span<const uint8_t> encoded);
 
@@ -205,7 +217,7 @@ class ExtensionService {
     AnswerCommon answer;
   };
   static const std::array<ClassRow, 3> kClasses;
-  static const std::array<CommonRow, 11> kCommonRequests;
+  static const std::array<CommonRow, 13> kCommonRequests;
   static const std::array<OperationRow, 6> kOperations;
 
   void answer_nv_item(const ExtensionMessage& message, ExtensionMessage& response);
@@ -229,10 +241,14 @@ class ExtensionService {
   int32_t hot_swap_test(const ExtensionMessage& message, CommonResponse& answer);
   int32_t set_gpio(const ExtensionMessage& message, CommonResponse& answer);
   int32_t set_tx(const ExtensionMessage& message, CommonResponse& answer);
+  int32_t stats_debug(const ExtensionMessage& message, CommonResponse& answer);
+  int32_t stats_log_ids(const ExtensionMessage& message, CommonResponse& answer);
 
   const ServiceFault fault_;
   const int32_t rsp_result_;
   const std::array<CardState, kCardSlots> card_states_;
+  const std::vector<uint8_t> stats_debug_block_;
+  const std::vector<uint8_t> stats_log_ids_block_;
   std::mutex mutex_;  // one request at a time, as the modem carries them out
   EfsWriteTransfers transfers_;
   bool restart_wanted_ = false;  // by the request at work
@@ -253,7 +269,7 @@ const std::array<ExtensionService::OperationRow, 6> ExtensionService::kOperation
     {6, &ExtensionService::efs_delete},
 }};
 
-const std::array<ExtensionService::CommonRow, 11> ExtensionService::kCommonRequests{{
+const std::array<ExtensionService::CommonRow, 13> ExtensionService::kCommonRequests{{
     {kCommonMessage, 31, &ExtensionService::restart},
     {kCommonMessage, 99, &ExtensionService::restart},
     {kCommonMessage, 35, &ExtensionService::nv_sync},
@@ -265,6 +281,8 @@ const std::array<ExtensionService::CommonRow, 11> ExtensionService::kCommonReque
     {kCommonMessage, 80, &ExtensionService::hot_swap_test},
     {0, 0, &ExtensionService::set_gpio},
     {1, 0, &ExtensionService::set_tx},
+    {20, 0, &ExtensionService::stats_debug},
+    {27, 0, &ExtensionService::stats_log_ids},
 }};
 
 // Decodes the request; what lies beyond its length is cleared, as it is on the wire. Returns false
@@ -514,6 +532,16 @@ int32_t ExtensionService::set_tx(const ExtensionMessage& message, CommonResponse
   const auto* const bytes = reinterpret_cast<const uint8_t*>(&setting);
   return write_state_file(kTxSettingFile,
                           {bytes + offsetof(TxSetting, antenna), bytes + sizeof setting});
+}
+
+int32_t ExtensionService::stats_debug(const ExtensionMessage&, CommonResponse& answer) {
+  set_block(answer, stats_debug_block_);
+  return 0;
+}
+
+int32_t ExtensionService::stats_log_ids(const ExtensionMessage&, CommonResponse& answer) {
+  set_block(answer, stats_log_ids_block_);
+  return 0;
 }
 
 }  // namespace

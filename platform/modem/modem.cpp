@@ -5,8 +5,10 @@
 
 #include "platform/modem/extension_service.h"
 #include "platform/modem/modem_conf.h"
+#include "platform/modem/nas_service.h"
 #include "platform/modem/sar_service.h"
 #include "platform/modem/uim_service.h"
+#include "platform/modem/vs_service.h"
 #include "platform/qmi/service_bus.h"
 
 namespace kiv::platform {
@@ -18,10 +20,12 @@ struct ModemService {
   Service (*make)(const ModemConf& conf);
 };
 
-constexpr std::array<ModemService, 3> kModemServices{{
+constexpr std::array<ModemService, 5> kModemServices{{
     {kExtensionServiceId, &ModemConf::extension_fault, make_extension_service},
     {kSarServiceId, &ModemConf::sar_fault, make_sar_service},
     {kUimServiceId, &ModemConf::uim_fault, make_uim_service},
+    {kNasServiceId, &ModemConf::nas_fault, make_nas_service},
+    {kVsServiceId, &ModemConf::vs_fault, make_vs_service},
 }};
 
 // What the bus shows of a service that is up: itself, or nothing but its fault.

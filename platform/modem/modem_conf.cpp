@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/android/state_directory.h"
 
@@ -18,6 +20,9 @@ constexpr size_t kQuotedMax = 60;
 constexpr int32_t kUimProfilesMax = 255;
 constexpr int32_t kDiagDelayMaxMs = 600000;
 constexpr int32_t kDiagResponseMax = 20000;
+constexpr int32_t kStatsDebugVersionMax = 4;
+constexpr size_t kStatsLogIdsMax = 249;     // what the answer has room for
+constexpr size_t kVsIndicationMax = 10672;  // longest message of the service
 
 bool parse_number(std::string_view text, int32_t& number) {
   const char* const end = text.data() + text.size();
@@ -28,6 +33,53 @@ bool parse_number(std::string_view text, int32_t& number) {
   }
   number = parsed;
   return true;
+}
+
+// A decimal number, or a hexadecimal one behind "0x" or when `base` says so.
+bool parse_unsigned(std::string_view text, uint32_t highest, uint32_t& number, int base = 10) {
+  if (text.starts_with("0x") || text.starts_with("0X")) {
+    text.remove_prefix(2);
+    base = 16;
+  }
+  const char* const end = text.data() + text.size();
+  uint32_t parsed = 0;
+  const auto [stop, error] = std::from_chars(text.data(), end, parsed, base);
+  if (error != std::errc{} || stop != end || parsed > highest) {
+    return false;
+  }
+  number = parsed;
+  return true;
+}
+
+constexpr std::string_view kBlanks = " \t\r";
+
+// The first word of `text`, which it is taken from; empty at the end.
+std::string_view take_word(std::string_view& text, std::string_view separators) {
+  text.remove_prefix(std::min(text.find_first_not_of(separators), text.size()));
+  const std::string_view word = text.substr(0, text.find_first_of(separators));
+  text.remove_prefix(word.size());
+  return word;
+}
+
+// Two digits a byte, blanks between bytes as one likes; 1 to `max_size` bytes.
+bool parse_hex_bytes(std::string_view text, size_t max_size, std::vector<uint8_t>& bytes) {
+  std::vector<uint8_t> parsed;
+  for (auto word = take_word(text, kBlanks); !word.empty(); word = take_word(text, kBlanks)) {
+    for (; !word.empty(); word.remove_prefix(2)) {
+      if (word.size() < 2 || parsed.size() == max_size) {
+        return false;
+      }
+      uint8_t byte = 0;
+      const char* const end = word.data() + 2;
+      const auto [stop, error] = std::from_chars(word.data(), end, byte, 16);
+      if (error != std::errc{} || stop != end) {
+        return false;
+      }
+      parsed.push_back(byte);
+    }
+  }
+  bytes = std::move(parsed);
+  return !bytes.empty();
 }
 
 bool parse_fault(std::string_view value, ServiceFault& fault) {
@@ -125,12 +177,69 @@ bool eid_value(std::string_view value, ModemConf& conf) {
   return true;
 }
 
+template <size_t sub>
+bool rat_value(std::string_view value, ModemConf& conf) {
+  return parse_number(value, conf.rats[sub]);
+}
+
+bool log_ids_value(std::string_view value, ModemConf& conf) {
+  constexpr std::string_view kSeparators = ", \t\r";
+  std::vector<uint16_t> ids;
+  if (value != "none") {
+    for (auto word = take_word(value, kSeparators); !word.empty();
+         word = take_word(value, kSeparators)) {
+      uint32_t id = 0;
+      if (ids.size() == kStatsLogIdsMax || !parse_unsigned(word, UINT16_MAX, id)) {
+        return false;
+      }
+      ids.push_back(static_cast<uint16_t>(id));
+    }
+    if (ids.empty()) {
+      return false;
+    }
+  }
+  conf.stats_log_ids = std::move(ids);
+  return true;
+}
+
+enum class ConfOutcome : uint8_t { kTaken, kUnknownKey, kBadValue };
+
+// "<id>.<sub>": a measurement's raw bytes, or "none".
+ConfOutcome stats_value(std::string_view name, std::string_view value, ModemConf& conf) {
+  StatsOverride parameter;
+  const size_t dot = name.find('.');
+  if (dot == std::string_view::npos ||
+      !parse_unsigned(name.substr(0, dot), UINT32_MAX, parameter.id) ||
+      !parse_unsigned(name.substr(dot + 1), kCardSlots - 1, parameter.sub)) {
+    return ConfOutcome::kUnknownKey;
+  }
+  if (value != "none" && !parse_hex_bytes(value, kStatsValueMax, parameter.value)) {
+    return ConfOutcome::kBadValue;
+  }
+  conf.stats_overrides.push_back(std::move(parameter));
+  return ConfOutcome::kTaken;
+}
+
+// "<message id>", hexadecimal: the bytes of one indication.
+ConfOutcome indication_value(std::string_view name, std::string_view value, ModemConf& conf) {
+  uint32_t msg_id = 0;
+  if (!parse_unsigned(name, UINT16_MAX, msg_id, 16)) {
+    return ConfOutcome::kUnknownKey;
+  }
+  VsIndication indication{.msg_id = static_cast<uint16_t>(msg_id), .bytes = {}};
+  if (!parse_hex_bytes(value, kVsIndicationMax, indication.bytes)) {
+    return ConfOutcome::kBadValue;
+  }
+  conf.vs_indications.push_back(std::move(indication));
+  return ConfOutcome::kTaken;
+}
+
 struct ConfKey {
   std::string_view name;
   bool (*parse)(std::string_view value, ModemConf& conf);
 };
 
-constexpr std::array<ConfKey, 16> kConfKeys{{
+constexpr std::array<ConfKey, 24> kConfKeys{{
     {"fault.extension", fault_value<&ModemConf::extension_fault>},
     {"extension.rsp_result", number_value<&ModemConf::extension_rsp_result>},
     {"fault.sar", fault_value<&ModemConf::sar_fault>},
@@ -147,10 +256,43 @@ constexpr std::array<ConfKey, 16> kConfKeys{{
     {"diag.delay_ms", number_value<&ModemConf::diag_delay_ms, 0, kDiagDelayMaxMs>},
     {"diag.response_size", number_value<&ModemConf::diag_response_size, 1, kDiagResponseMax>},
     {"diag.dci", switch_value<&ModemConf::diag_dci_down, kUpWords>},
+    {"fault.nas", fault_value<&ModemConf::nas_fault>},
+    {"fault.vs", fault_value<&ModemConf::vs_fault>},
+    {"rat.0", rat_value<0>},
+    {"rat.1", rat_value<1>},
+    {"stats.debug_version",
+     number_value<&ModemConf::stats_debug_version, 0, kStatsDebugVersionMax>},
+    {"stats.enable", number_value<&ModemConf::stats_enable, 0, 1>},
+    {"stats.not_supported", number_value<&ModemConf::stats_not_supported, 0>},
+    {"stats.log_ids", log_ids_value},
 }};
 
+// Keys whose name goes on with an id; looked up when no key above is meant.
+struct ConfKeyFamily {
+  std::string_view prefix;
+  ConfOutcome (*parse)(std::string_view rest_of_name, std::string_view value, ModemConf& conf);
+};
+
+constexpr std::array<ConfKeyFamily, 2> kConfKeyFamilies{{
+    {"stats.", stats_value},
+    {"vs.indication.", indication_value},
+}};
+
+ConfOutcome take_value(std::string_view name, std::string_view value, ModemConf& conf) {
+  for (const ConfKey& key : kConfKeys) {
+    if (key.name == name) {
+      return key.parse(value, conf) ? ConfOutcome::kTaken : ConfOutcome::kBadValue;
+    }
+  }
+  for (const ConfKeyFamily& family : kConfKeyFamilies) {
+    if (name.starts_with(family.prefix)) {
+      return family.parse(name.substr(family.prefix.size()), value, conf);
+    }
+  }
+  return ConfOutcome::kUnknownKey;
+}
+
 std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view kBlanks = " \t\r";
   const size_t first = text.find_first_not_of(kBlanks);
   if (first == std::string_view::npos) {
     return {};
@@ -177,11 +319,10 @@ void parse_line(size_t line_number, std::string_view line, ModemConf& conf) {
     return;
   }
   const std::string_view name = trimmed(line.substr(0, equals));
-  const auto key = std::find_if(kConfKeys.begin(), kConfKeys.end(),
-                                [name](const ConfKey& row) { return row.name == name; });
-  if (key == kConfKeys.end()) {
+  const ConfOutcome outcome = take_value(name, trimmed(line.substr(equals + 1)), conf);
+  if (outcome == ConfOutcome::kUnknownKey) {
     complain(line_number, "unknown key", name);
-  } else if (!key->parse(trimmed(line.substr(equals + 1)), conf)) {
+  } else if (outcome == ConfOutcome::kBadValue) {
     complain(line_number, "bad value", line);
   }
 }

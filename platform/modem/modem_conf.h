@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 namespace kiv::platform {
 
@@ -35,6 +36,21 @@ using Eid = std::array<uint8_t, 16>;
 inline constexpr Eid kFactoryEid{0x89, 0x00, 0x10, 0x17, 0x00, 0x00, 0x00, 0x00,
                                  0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x63};
 
+inline constexpr size_t kStatsValueMax = 700;
+
+// What the modem answers instead of its own measurement.
+struct StatsOverride {
+  uint32_t id = 0;
+  uint32_t sub = 0;
+  std::vector<uint8_t> value;  // empty: the modem has none
+};
+
+// One indication of the VS service, as it is sent.
+struct VsIndication {
+  uint16_t msg_id = 0;
+  std::vector<uint8_t> bytes;
+};
+
 struct ModemConf {
   ServiceFault extension_fault;
   // Not 0: the extension service carries out no class 2 and class 4 request and answers with this
@@ -58,6 +74,20 @@ struct ModemConf {
   int32_t diag_delay_ms = 0;       // of every answer
   int32_t diag_response_size = 0;  // what every answer is filled up or cut to; 0: as it is
   bool diag_dci_down = false;
+
+  ServiceFault nas_fault;
+
+  ServiceFault vs_fault;
+  // Radio technology of each subscription: 9 is LTE, 12 NR.
+  std::array<int32_t, kCardSlots> rats{9, 12};
+  std::vector<StatsOverride> stats_overrides;  // of one parameter the last one counts
+  std::vector<VsIndication> vs_indications;    // in the order in which they are sent
+
+  // What the extension service tells of the modem's statistics.
+  int32_t stats_debug_version = 3;  // layout of the debug block, 0 to 4
+  int32_t stats_enable = 1;
+  int32_t stats_not_supported = 0;
+  std::vector<uint16_t> stats_log_ids{0x1100, 0x1101};
 };
 
 // The configuration that the text of a `modem.conf` describes.

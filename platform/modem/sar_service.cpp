@@ -74,9 +74,6 @@ Service make_sar_service(const ModemConf& conf) {
 qmi_idl_service_object_type sar_get_service_object_internal_v01(uint32_t idl_major_version,
                                                                 uint32_t idl_minor_version,
                                                                 uint32_t library_version) {
-  const auto& object = kiv::platform::kServiceObject;
-  const bool known = idl_major_version == object.idl_version &&
-                     idl_minor_version == object.idl_minor_version &&
-                     library_version == object.library_version;
-  return known ? &object : nullptr;
+  return kiv::platform::object_of_version(kiv::platform::kServiceObject, idl_major_version,
+                                          idl_minor_version, library_version);
 }

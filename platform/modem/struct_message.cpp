@@ -4,6 +4,16 @@
 
 namespace kiv::platform {
 
+qmi_idl_service_object_type object_of_version(const qmi_idl_service_object& object,
+                                              uint32_t idl_major_version,
+                                              uint32_t idl_minor_version,
+                                              uint32_t library_version) {
+  const bool known = idl_major_version == object.idl_version &&
+                     idl_minor_version == object.idl_minor_version &&
+                     library_version == object.library_version;
+  return known ? &object : nullptr;
+}
+
 uint32_t read_stored_number(std::string_view name, uint32_t initial) {
   const auto content = read_state_file(name);
   uint32_t number = initial;

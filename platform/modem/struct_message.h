@@ -34,6 +34,11 @@ ServiceReply reply_with(const Body& body) {
   return ServiceReply::response({bytes, bytes + sizeof body});
 }
 
+// `object`, or null when it is of another version.
+qmi_idl_service_object_type object_of_version(const qmi_idl_service_object& object,
+                                              uint32_t idl_major_version,
+                                              uint32_t idl_minor_version, uint32_t library_version);
+
 // The number in the state file (4 bytes, little-endian), or `initial` when it holds none.
 uint32_t read_stored_number(std::string_view name, uint32_t initial);
 

@@ -120,29 +120,45 @@ bool take(std::span<const uint8_t>& encoded, void* destination, size_t length) {
   return true;
 }
 
-// Reads one value from the front of `encoded` into the zeroed structure.
 bool decode_value(const qmi_idl_field& field, std::span<const uint8_t>& encoded,
-                  std::span<uint8_t> structure) {
-  if (!row_fits(field, structure.size())) {
-    return false;
-  }
-  size_t count = array_bound(field);
-  if (field.shape == QMI_IDL_COUNTED) {
-    uint32_t wire_count = 0;
-    if (!take(encoded, &wire_count, field.count_wire_width) || wire_count > field.max_count) {
+                  std::span<uint8_t> structure);
+
+// Reads one record from the front of `encoded` into its zeroed element.
+bool decode_record(const qmi_idl_field& field, std::span<const uint8_t>& encoded,
+                   std::span<uint8_t> element) {
+  return std::all_of(field.record.begin(), field.record.end(), [&](const qmi_idl_field& member) {
+    return decode_value(member, encoded, element);
+  });
+}
+
+// Passes over `count` elements that have no place in the structure.
+bool skip_elements(const qmi_idl_field& field, std::span<const uint8_t>& encoded, size_t count) {
+  if (field.record.empty()) {
+    const size_t length = count * field.wire_width;
+    if (length > encoded.size()) {
       return false;
     }
-    count = wire_count;
-    std::memcpy(structure.data() + field.count_offset, &wire_count, sizeof wire_count);
+    encoded = encoded.subspan(length);
+    return true;
   }
+  std::vector<uint8_t> scratch(field.record_size);
+  for (size_t i = 0; i < count; ++i) {
+    if (!decode_record(field, encoded, scratch)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Reads an array's elements from the front of `encoded` into the zeroed structure.
+bool decode_elements(const qmi_idl_field& field, std::span<const uint8_t>& encoded,
+                     std::span<uint8_t> structure, size_t count) {
   if (!field.record.empty()) {
     for (size_t i = 0; i < count; ++i) {
-      const auto element =
-          structure.subspan(field.offset + i * field.record_size, field.record_size);
-      for (const qmi_idl_field& member : field.record) {
-        if (!decode_value(member, encoded, element)) {
-          return false;
-        }
+      if (!decode_record(
+              field, encoded,
+              structure.subspan(field.offset + i * field.record_size, field.record_size))) {
+        return false;
       }
     }
     return true;
@@ -157,6 +173,28 @@ bool decode_value(const qmi_idl_field& field, std::span<const uint8_t>& encoded,
     }
   }
   return true;
+}
+
+// Reads one value from the front of `encoded` into the zeroed structure.
+bool decode_value(const qmi_idl_field& field, std::span<const uint8_t>& encoded,
+                  std::span<uint8_t> structure) {
+  if (!row_fits(field, structure.size())) {
+    return false;
+  }
+  if (field.shape != QMI_IDL_COUNTED) {
+    return decode_elements(field, encoded, structure, array_bound(field));
+  }
+  uint32_t wire_count = 0;
+  if (!take(encoded, &wire_count, field.count_wire_width)) {
+    return false;
+  }
+  const auto count = static_cast<uint32_t>(std::min<size_t>(wire_count, field.max_count));
+  if (count != wire_count && !field.drops_excess) {
+    return false;
+  }
+  std::memcpy(structure.data() + field.count_offset, &count, sizeof count);
+  return decode_elements(field, encoded, structure, count) &&
+         skip_elements(field, encoded, wire_count - count);
 }
 
 bool decode_tlvs(const qmi_idl_message& message, std::span<const uint8_t> encoded,

@@ -9,7 +9,6 @@
 #include <string>
 
 #include "platform/modem/extension_service.h"
-#include "qmi_client.h"
 #include "tests/support/state_directory_fixture.h"
 #include "uim_idl.h"
 
@@ -186,28 +185,20 @@ TEST_F(UimServiceTest, AMemoryResetDeletesTheProfilesOnce) {
   EXPECT_EQ(send(open(), kMemoryReset), nothing);
 }
 
-TEST_F(UimServiceTest, TheBusKnowsItAndItsFailures) {
-  EXPECT_EQ(uim_get_service_object_internal_v01(1, 0x70, 6), nullptr);
-  const auto object = uim_get_service_object_internal_v01(1, 0x71, 6);
-  ASSERT_NE(object, nullptr);
-  for (const int32_t failure : {0, 1}) {
-    write_state_file_text("modem.conf", failure != 0 ? "fault.uim = result:1" : "");
-    platform::reset_service_bus();
-    qmi_client_type client = nullptr;
-    ASSERT_EQ(qmi_client_init_instance(object, QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr, nullptr,
-                                       4000, &client),
-              QMI_NO_ERR);
-    // The second request tells whether the failing service carries requests out.
-    const uim_set_sim_type_req_msg_v01 request{.sim_type_len = 2,
-                                               .sim_type = {1, failure == 0 ? 3u : 9u, 7, 7, 7}};
-    uim_set_sim_type_resp_msg_v01 response{};
-    EXPECT_EQ(qmi_client_send_msg_sync(client, QMI_UIM_SET_SIM_TYPE_REQ_V01, &request,
-                                       sizeof request, &response, sizeof response, 3000),
-              QMI_NO_ERR);
-    EXPECT_EQ(response.resp.result, failure);
-    EXPECT_EQ(read_state_file_text("uim/sim_type"), std::string("\1\0\0\0\3\0\0\0", 8));
-    EXPECT_EQ(qmi_client_release(client), QMI_NO_ERR);
-  }
+TEST_F(UimServiceTest, TheSimTypeIsKeptUnlessTheServiceFails) {
+  const auto set = [this](uint32_t count, uint32_t second) {
+    return ask<uim_set_sim_type_resp_msg_v01>(
+               QMI_UIM_SET_SIM_TYPE_REQ_V01,
+               uim_set_sim_type_req_msg_v01{count, {1, second, 7, 7, 7}})
+        .resp.result;
+  };
+  start();
+  EXPECT_EQ(set(2, 3), 0);
+  EXPECT_EQ(set(6, 9), 1);
+  start("fault.uim = result:-4");
+  EXPECT_EQ(set(2, 9), -4);
+  EXPECT_EQ(eid(2), "");
+  EXPECT_EQ(read_state_file_text("uim/sim_type"), std::string("\1\0\0\0\3\0\0\0", 8));
 }
 
 // A common message of the extension service: TLV 0x01 class 4, 0x02 length, 0x10 payload.
@@ -225,16 +216,22 @@ TEST(CardCommonMessages, AnswerFromTheConfiguredCards) {
       platform::make_extension_service(platform::parse_modem_conf("card.1 = error"));
   const struct {
     uint32_t type;
-    Words data;
     uint32_t result;
+    Words data;
     Words answer;
-  } cases[] = {{39, {}, 0, {1, 0}},      {55, {0}, 0, {1}},
-               {55, {1}, 0, {0}},        {55, {2}, EINVAL, {}},
-               {55, {}, EINVAL, {}},     {56, {}, 0, {2}},
-               {57, {1, 0, 1}, 0, {}},   {57, {1, 2, 1}, EINVAL, {}},
-               {57, {1, 1}, EINVAL, {}}, {80, {1, 2, 3, 4}, 0, {}},
-               {80, {0}, 0, {}},         {80, {0, 2, 3, 4}, EINVAL, {}},
-               {80, {1}, EINVAL, {}}};
+  } cases[] = {{39, 0, {}, {1, 0}},
+               {55, 0, {0}, {1}},
+               {55, 0, {1}, {0}},
+               {55, EINVAL, {2}, {}},
+               {55, EINVAL, {}, {}},
+               {56, 0, {}, {2}},
+               {57, 0, {1, 0, 1}, {}},
+               {57, EINVAL, {1, 2, 1}, {}},
+               {57, EINVAL, {1, 1}, {}},
+               {80, 0, {1, 2, 3, 4}, {}},
+               {80, EINVAL, {0, 2, 3, 4}, {}},
+               {80, 0, {0}, {}},
+               {80, EINVAL, {1}, {}}};
   for (const auto& row : cases) {
     const ServiceReply reply = common_message(service, row.type, row.data);
     ASSERT_EQ(reply.bytes.size(), 567u);

@@ -288,7 +288,8 @@ TEST_F(ExtendSar, FailedRequestDropsTheClientAndTheNextMakesANewOne) {
         log.count("qmi_client_send_msg_sync failed, qmi_client_error = " + std::to_string(error)),
         2u);
     EXPECT_EQ(platform::open_handle_count(), clients += 2) << error;
-    EXPECT_EQ((std::chrono::steady_clock::now() - begin) / 60s, error == QMI_TIMEOUT_ERR ? 1 : 0);
+    const auto passed = std::chrono::steady_clock::now() - begin;
+    EXPECT_TRUE(error != QMI_TIMEOUT_ERR || (passed >= 60s && passed < 50min));
   }
   reply_ = ServiceReply::response(Bytes(40));
   EXPECT_EQ(tervik_get_sar_dsi(), 0);

@@ -146,9 +146,10 @@ std::string captured_stdout(const std::function<void()>& run) {
     const std::unique_ptr<const void, decltype(restore)> restorer(&terminal, restore);
     run();
   }
+  fseek(file.get(), 0, SEEK_END);
+  std::string text(std::min(static_cast<size_t>(ftell(file.get())), kMost), '\0');
   rewind(file.get());
-  std::string text(kMost, '\0');
-  text.resize(fread(text.data(), 1, kMost, file.get()));
+  text.resize(fread(text.data(), 1, text.size(), file.get()));
   return text;
 }
 

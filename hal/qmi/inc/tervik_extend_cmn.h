@@ -38,6 +38,9 @@ static_assert(offsetof(tervik_common_response, result) == 4);
 static_assert(offsetof(tervik_common_response, type) == 8);
 static_assert(offsetof(tervik_common_response, data) == 16);
 
+// An answer must at least carry its result.
+inline constexpr int TERVIK_COMMON_RESULT_END = offsetof(tervik_common_response, type);
+
 inline constexpr int TERVIK_COMMON_MODEM_SSR = 31;
 inline constexpr int TERVIK_COMMON_NV_SYNC = 35;
 inline constexpr int TERVIK_COMMON_MODEM_TEST = 73;
@@ -76,6 +79,34 @@ void tervik_modem_crash_with_orange_screen(int flag);
 void tervik_modem_nv_sync();
 // NV synchronisation: the results of the send and of the modem, or-ed.
 [[nodiscard]] int tervik_nvefs_sync();
+
+// ---- NAS and common requests ----
+
+// Sends one request of the NAS service on a client that lives for it alone. Waits at most
+// `time_out_ms` for the response. 0; -1 for a null buffer or without a client; else the error of
+// the send.
+[[nodiscard]] int tervik_send_nas_qmi_req_msg(int msg_id, const void* req, unsigned req_len,
+                                              void* rsp, unsigned rsp_len, unsigned time_out_ms);
+
+// The longest data of a common request, in bytes.
+inline constexpr unsigned TERVIK_COMMON_REQ_DATA_MAX = 499;
+inline constexpr int TERVIK_COMMON_REQ_STATS_DEBUG = 20;
+inline constexpr int TERVIK_COMMON_REQ_STATS_LOG_IDS = 27;
+
+// What comes back for a common request: `data` as far as it was received.
+struct tervik_common_req_response {
+  uint32_t unused_0;
+  int32_t result;  // 0 when the modem carried the request out
+  uint8_t data[500];
+};
+static_assert(sizeof(tervik_common_req_response) == 508);
+static_assert(offsetof(tervik_common_req_response, data) == 8);
+
+// Sends one common request of `len` bytes of data. `rsp` is a tervik_common_req_response, zeroed
+// first; `rsp_len`, when given, returns how many of its bytes were received. Returns the result of
+// the extension client, or TERVIK_ERR_INVALID_INPUT.
+[[nodiscard]] int tervik_common_qmi_req(int type, unsigned len, const void* data, void* rsp,
+                                        int* rsp_len = nullptr);
 
 // ---- SIM cards: the UIM service ----
 //
@@ -120,4 +151,6 @@ void error_cb(qmi_client_type client, int error, void* data);
 void tervik_qmi_client_common_empty_unsol_ind_cb(qmi_client_type client, unsigned int msg_id,
                                                  void* ind_buf, unsigned int ind_buf_len,
                                                  void* ind_cb_data);
+void tervik_qmi_client_unsol_ind_cb(qmi_client_type client, unsigned int msg_id, void* ind_buf,
+                                    unsigned int ind_buf_len, void* ind_cb_data);
 void tervik_qmi_client_error_cb(qmi_client_type client, qmi_client_error_type error, void* data);

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "nas_idl.h"
 #include "qcril_malloc.h"
 #include "sar_idl.h"
 #include "tervik_extend_api.h"
@@ -42,11 +43,6 @@ qmi_client_os_params g_sar_os_params;
   }
   return err;
 }
-
-// ---- common messages ----
-
-// An answer must at least carry its result.
-constexpr int RESULT_END = offsetof(tervik_common_response, type);
 
 // ---- SIM cards ----
 
@@ -157,11 +153,14 @@ int take_card_states(const tervik_log_place& place,
     tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
                      "tervik_uim_get_card_status check response");
     const size_t listed = response.card_list_valid == 1 ? response.card_list_len : 0;
-    const size_t cards = std::min(listed, UIM_CARDS_KEPT);
+    const size_t cards = std::min(listed, UIM_CARDS_MAX_V01);
     for (size_t i = 0; i < cards; ++i) {
-      states[i] = static_cast<uint8_t>(response.card_list[i].card_state);
+      const auto state = static_cast<uint8_t>(response.card_list[i].card_state);
       tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "SIM[%d] State = %d",
-                       static_cast<int>(i), states[i]);
+                       static_cast<int>(i), state);
+      if (i < UIM_CARDS_KEPT) {
+        states[i] = state;
+      }
     }
   }
   static_assert(sizeof(*states_out) == sizeof(states));
@@ -202,6 +201,121 @@ int take_apdu(const tervik_log_place& place, const uim_send_apdu_resp_msg_v01& r
   return 0;
 }
 
+// ---- requests of class 4 ----
+
+// Sends the body of a class 4 request; refuses an answer too short to hold its result.
+[[nodiscard]] int send_class_4(const tervik_log_place& place, const void* body, void* rsp,
+                               int* rsp_len) {
+  int received = sizeof(tervik_common_response);
+  int result = tervik_extend_qmi_send_sync(REQUEST_ID_COMMON, static_cast<const uint8_t*>(body),
+                                           sizeof(tervik_common_request),
+                                           static_cast<uint8_t*>(rsp), &received);
+  if (result == TERVIK_EXTEND_SUCCESS && received < TERVIK_COMMON_RESULT_END) {
+    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "qmi response of %d bytes is too short",
+                     received);
+    memset(rsp, 0, sizeof(tervik_common_response));
+    result = TERVIK_EXTEND_SEND_FAILED;
+  }
+  if (rsp_len != nullptr) {
+    *rsp_len = result == TERVIK_EXTEND_SUCCESS ? received : 0;
+  }
+  return result;
+}
+
+// The checks of both class 4 requests; each logs its reason.
+[[nodiscard]] bool check_class_4_data(const tervik_log_place& place, unsigned len, unsigned max_len,
+                                      const void* data) {
+  if (len > max_len) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "l is out of range");
+    return false;
+  }
+  if (len != 0 && data == nullptr) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "v is null");
+    return false;
+  }
+  return true;
+}
+
+// Body of a common request. Little-endian.
+struct common_req_body {
+  uint32_t type;
+  uint32_t unused_4;
+  uint8_t data[504];
+};
+static_assert(sizeof(common_req_body) == sizeof(tervik_common_request));
+static_assert(offsetof(common_req_body, data) == 8);
+
+// ---- NAS ----
+
+constexpr uint32_t NAS_IDL_MAJOR_VERSION = 1;
+constexpr uint32_t NAS_IDL_MINOR_VERSION = 0x199;
+constexpr uint32_t NAS_IDL_LIBRARY_VERSION = 6;
+constexpr uint32_t NAS_INIT_TIMEOUT_MS = 5000;
+constexpr int NAS_FAILURE = -1;
+
+qmi_client_type g_nas_qmi_client = nullptr;  // null between requests
+qmi_client_os_params g_nas_os_params;
+
+// Opens the NAS client; leaves it null on a failure.
+void open_nas_client(const tervik_log_place& place) {
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "init qmi_client");
+  const qmi_idl_service_object_type service = nas_get_service_object_internal_v01(
+      NAS_IDL_MAJOR_VERSION, NAS_IDL_MINOR_VERSION, NAS_IDL_LIBRARY_VERSION);
+  const qmi_client_error_type err =
+      qmi_client_init_instance(service, QMI_CLIENT_INSTANCE_ANY, tervik_qmi_client_unsol_ind_cb,
+                               nullptr, &g_nas_os_params, NAS_INIT_TIMEOUT_MS, &g_nas_qmi_client);
+  if (err != QMI_NO_ERR) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                     "tervik_qmi_client_init instance failed, qmi_client_error = %d", err);
+    g_nas_qmi_client = nullptr;
+    return;
+  }
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "qmi_svc_client %p", g_nas_qmi_client);
+  if (qmi_client_register_error_cb(g_nas_qmi_client, tervik_qmi_client_error_cb, nullptr) !=
+      QMI_NO_ERR) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "qmi_client_register_error_cb failed");
+    g_nas_qmi_client = nullptr;
+  }
+}
+
+// Sends the request, on a client opened for it.
+[[nodiscard]] int send_nas_request(const tervik_log_place& place, int msg_id, const void* req,
+                                   unsigned req_len, void* rsp, unsigned rsp_len,
+                                   unsigned time_out_ms) {
+  if (req == nullptr || rsp == nullptr) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "%s",
+                     req == nullptr ? "qmi_request is NULL" : "qmi_response is NULL");
+    return NAS_FAILURE;
+  }
+  if (g_nas_qmi_client == nullptr) {
+    open_nas_client(place);
+  }
+  if (g_nas_qmi_client == nullptr) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "qmi_client_ptr is NULL");
+    return NAS_FAILURE;
+  }
+  const qmi_client_error_type err = qmi_client_send_msg_sync(
+      g_nas_qmi_client, static_cast<unsigned>(msg_id), req, req_len, rsp, rsp_len, time_out_ms);
+  if (err != QMI_NO_ERR) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                     "qmi_client_send_msg_sync fail, qmi_client_error = %d", err);
+  }
+  return err;
+}
+
+void release_nas_client(const tervik_log_place& place) {
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                   "tervik_qmi_client_recovery, qmi_client_ptr %p", g_nas_qmi_client);
+  if (g_nas_qmi_client == nullptr) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "qmi_client_ptr is NULL");
+    return;
+  }
+  if (qmi_client_release(g_nas_qmi_client) != QMI_NO_ERR) {
+    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "qmi_client_release failed");
+  }
+  g_nas_qmi_client = nullptr;
+}
+
 // ---- restarts ----
 
 constexpr uint32_t NON_MASK_FLAG = 0x80000000;
@@ -237,6 +351,16 @@ void restore_ssr_type(int old_type) {
   static_cast<void>(tervik_set_modem_ssr_type(static_cast<uint32_t>(old_type)));
 }
 
+// NV synchronisation: the results of the send and of the modem, or-ed.
+[[nodiscard]] int sync_nv(const tervik_log_place& place) {
+  tervik_common_response rsp = {};
+  const int ret_sync = tervik_send_common_qmi_msg(TERVIK_COMMON_NV_SYNC, 0, nullptr, &rsp);
+  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+                   "tervik_send_common_qmi_msg, ret_sync: %d, rsp.result: %d", ret_sync,
+                   rsp.result);
+  return ret_sync | rsp.result;
+}
+
 }  // namespace
 
 // ---- common messages ----
@@ -249,12 +373,7 @@ int tervik_send_common_qmi_msg(int type, unsigned len, const void* data, void* r
     return TERVIK_ERR_INVALID_INPUT;
   }
   tervik_log_debug("l %d", len);
-  if (len > TERVIK_COMMON_DATA_MAX) {
-    tervik_log_debug("l is out of range");
-    return TERVIK_ERR_INVALID_INPUT;
-  }
-  if (len != 0 && data == nullptr) {
-    tervik_log_debug("v is null");
+  if (!check_class_4_data(TERVIK_LOG_PLACE, len, TERVIK_COMMON_DATA_MAX, data)) {
     return TERVIK_ERR_INVALID_INPUT;
   }
   tervik_common_request request = {};
@@ -265,17 +384,38 @@ int tervik_send_common_qmi_msg(int type, unsigned len, const void* data, void* r
     memcpy(request.data, data, len);
   }
   memset(rsp, 0, sizeof(tervik_common_response));
-  int received = sizeof(tervik_common_response);
-  int result =
-      tervik_extend_qmi_send_sync(REQUEST_ID_COMMON, reinterpret_cast<const uint8_t*>(&request),
-                                  sizeof(request), static_cast<uint8_t*>(rsp), &received);
-  if (result == TERVIK_EXTEND_SUCCESS && received < RESULT_END) {
-    tervik_log_error("qmi response of %d bytes is too short", received);
-    result = TERVIK_EXTEND_SEND_FAILED;
+  return send_class_4(TERVIK_LOG_PLACE, &request, rsp, rsp_len);
+}
+
+int tervik_common_qmi_req(int type, unsigned len, const void* data, void* rsp, int* rsp_len) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  if (rsp == nullptr) {
+    tervik_log_debug("rsp is NULL");
+    return TERVIK_ERR_INVALID_INPUT;
   }
-  if (rsp_len != nullptr) {
-    *rsp_len = result == TERVIK_EXTEND_SUCCESS ? received : 0;
+  if (!check_class_4_data(TERVIK_LOG_PLACE, len, TERVIK_COMMON_REQ_DATA_MAX, data)) {
+    return TERVIK_ERR_INVALID_INPUT;
   }
+  common_req_body request = {};
+  request.type = static_cast<uint32_t>(type);
+  if (len != 0) {
+    memcpy(request.data, data, len);
+  }
+  memset(rsp, 0, sizeof(tervik_common_req_response));
+  return send_class_4(TERVIK_LOG_PLACE, &request, rsp, rsp_len);
+}
+
+// ---- NAS ----
+
+int tervik_send_nas_qmi_req_msg(int msg_id, const void* req, unsigned req_len, void* rsp,
+                                unsigned rsp_len, unsigned time_out_ms) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  tervik_log_debug(
+      "tervik_send_nas_qmi_req_msg, msg_id = %d, time_out_ms = %d, qmi_client_ptr = 0x%08x", msg_id,
+      time_out_ms, static_cast<unsigned>(reinterpret_cast<uintptr_t>(g_nas_qmi_client)));
+  const int result =
+      send_nas_request(TERVIK_LOG_PLACE, msg_id, req, req_len, rsp, rsp_len, time_out_ms);
+  release_nas_client(TERVIK_LOG_PLACE);
   return result;
 }
 
@@ -396,7 +536,8 @@ void tervik_modem_crash_without_orange_screen(int flag) {
   const int result = send_restart(TERVIK_LOG_PLACE, TERVIK_COMMON_MODEM_CRASH, flag, &rsp);
   if (result != 0) {
     tervik_log_debug("tervik_extend_qmi_send_sync fail, REQUEST_ID_COMMON");
-  } else if (rsp.result != 0) {
+  }
+  if (rsp.result != 0) {
     tervik_log_debug("qmi response fail");
   }
   if (!changed) {
@@ -424,16 +565,12 @@ void tervik_modem_crash_with_orange_screen(int flag) {
 }
 
 int tervik_nvefs_sync() {
-  tervik_common_response rsp = {};
-  const int ret_sync = tervik_send_common_qmi_msg(TERVIK_COMMON_NV_SYNC, 0, nullptr, &rsp);
-  tervik_log_debug("tervik_send_common_qmi_msg, ret_sync: %d, rsp.result: %d", ret_sync,
-                   rsp.result);
-  return ret_sync | rsp.result;
+  return sync_nv(TERVIK_LOG_PLACE);
 }
 
 void tervik_modem_nv_sync() {
   // The line in the log is all that the operator is told.
-  static_cast<void>(tervik_nvefs_sync());
+  static_cast<void>(sync_nv(TERVIK_LOG_PLACE));
 }
 
 // ---- SIM cards ----
@@ -482,7 +619,7 @@ void uim_qmi_client_recovery() {
 }
 
 int tervik_setSimType(const uint32_t* data) {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  tervik_log_debug("function entry ------------->");
   recover_after_ssr();
   if (data == nullptr) {
     tervik_log_debug("tervik_set_sim_type data error");
@@ -592,6 +729,12 @@ int tervik_uim_send_apdu(const uint8_t* apdu_in, uint8_t* rsp_out) {
 void tervik_qmi_client_common_empty_unsol_ind_cb(qmi_client_type /*client*/, unsigned int msg_id,
                                                  void* /*ind_buf*/, unsigned int /*ind_buf_len*/,
                                                  void* /*ind_cb_data*/) {
+  tervik_log_debug("msg_id %d", msg_id);
+}
+
+void tervik_qmi_client_unsol_ind_cb(qmi_client_type /*client*/, unsigned int msg_id,
+                                    void* /*ind_buf*/, unsigned int /*ind_buf_len*/,
+                                    void* /*ind_cb_data*/) {
   tervik_log_debug("msg_id %d", msg_id);
 }
 

@@ -1,0 +1,416 @@
+#include "modem_lyrax_api.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string_view>
+
+#include "tervik_utils_cmn.h"
+
+namespace {
+
+constexpr uint32_t VS_CLIENT_TYPE = 0;
+constexpr uint32_t STATUS_LOST = 4;
+constexpr size_t CLIENTS_MAX = 10;
+constexpr int VALUE_TEXT_SIZE = 29;
+
+struct modem_api_client {
+  uint32_t client_type;
+  uint32_t pid;
+  uint32_t operational_status;
+  vs_event_cb event_cb;
+  modem_api_operational_status_event_cb operational_status_cb;
+};
+
+// The client id is the slot.
+std::array<std::unique_ptr<modem_api_client>, CLIENTS_MAX> g_clients;
+std::mutex g_client_table_mutex;
+std::mutex g_module_mutex;
+uint32_t g_init_count = 0;  // under g_module_mutex
+
+// ---- white list ----
+
+constexpr std::array<const char*, 3> WHITE_LIST = {"qcrilNrd", "kiv", "modem_api_test"};
+
+bool g_white_list_checked = false;
+bool g_white_list_failed = false;
+
+bool is_on_white_list(const char* p_name) {
+  return std::any_of(WHITE_LIST.begin(), WHITE_LIST.end(),
+                     [p_name](const char* known) { return tervik_str_cmp(p_name, known) == 0; });
+}
+
+[[nodiscard]] bool admitted() {
+  if (modem_api_check_white_list() != 0) {
+    return true;
+  }
+  tervik_log_error("check fail, do nothing");
+  return false;
+}
+
+// ---- clients ----
+
+bool in_table(int32_t client_id) {
+  return client_id >= 0 && client_id < static_cast<int32_t>(CLIENTS_MAX);
+}
+
+std::unique_ptr<modem_api_client>& slot_of(int32_t client_id) {
+  return g_clients[static_cast<size_t>(client_id)];
+}
+
+bool modem_api_check_client_valid(int32_t client_id) {
+  if (!in_table(client_id)) {
+    return false;
+  }
+  const modem_api_client* client = slot_of(client_id).get();
+  return client != nullptr && client->client_type == VS_CLIENT_TYPE &&
+         client->operational_status == VS_CONNECTED;
+}
+
+// The result with which another client of the type keeps a new one out; 0 when there is none.
+uint32_t refused_by_other_client() {
+  for (const auto& client : g_clients) {
+    if (client == nullptr || client->client_type != VS_CLIENT_TYPE) {
+      continue;
+    }
+    if (client->operational_status == VS_CONNECTED) {
+      tervik_log_debug("Already another client init vs client successfully");
+      return MODEM_API_OTHER_CLIENT;
+    }
+    tervik_log_debug("Another client init vs client with operational status %d",
+                     client->operational_status);
+    return MODEM_API_OTHER_CLIENT_NOT_READY;
+  }
+  return MODEM_API_SUCCESS;
+}
+
+// ---- results ----
+
+struct mapped_error {
+  uint32_t qmi_error;
+  modem_api_result result;
+};
+
+// What the QMI errors of a failed response stand for; any other is a failure.
+constexpr std::array<mapped_error, 12> QMI_ERRORS = {{
+    {0, MODEM_API_SUCCESS},
+    {26, MODEM_API_SUCCESS},
+    {4, MODEM_API_QMI_ERROR_4},
+    {17, MODEM_API_INVALID_ARG},
+    {19, MODEM_API_INVALID_ARG},
+    {48, MODEM_API_INVALID_ARG},
+    {49, MODEM_API_INVALID_ARG},
+    {24, MODEM_API_NOT_SUPPORTED},
+    {42, MODEM_API_NOT_SUPPORTED},
+    {77, MODEM_API_NOT_SUPPORTED},
+    {94, MODEM_API_NOT_SUPPORTED},
+    {52, MODEM_API_QMI_ERROR_52},
+}};
+
+uint32_t map_response(const vs_result& response) {
+  constexpr uint32_t QMI_RESULT_SUCCESS = 0;
+  constexpr uint32_t QMI_RESULT_FAILURE = 1;
+  if (response.result == QMI_RESULT_SUCCESS) {
+    return MODEM_API_SUCCESS;
+  }
+  if (response.result != QMI_RESULT_FAILURE) {
+    return MODEM_API_FAILURE;
+  }
+  const auto row = std::find_if(
+      QMI_ERRORS.begin(), QMI_ERRORS.end(),
+      [&response](const mapped_error& each) { return each.qmi_error == response.error; });
+  return row != QMI_ERRORS.end() ? row->result : MODEM_API_FAILURE;
+}
+
+// ---- parameters ----
+
+// A value as the log shows it: its first bytes in hex.
+struct value_text {
+  explicit value_text(const vs_stats_entry& entry) {
+    // It fails for a null or tiny buffer alone.
+    static_cast<void>(
+        tervik_get_hex_str(text, sizeof(text), entry.value, static_cast<int>(entry.value_len)));
+  }
+
+  char text[VALUE_TEXT_SIZE];
+};
+
+// Fills the entries of a request from the caller's, which are cut to their buffers.
+void fill_entries(const stats_para_data& data, vs_get_stats_parameter_req& request) {
+  request.entries_len = data.para_num;
+  for (uint32_t i = 0; i < data.para_num; ++i) {
+    vs_stats_entry& entry = request.entries[i];
+    entry.id = data.para[i].id;
+    entry.value_len = std::min(data.para[i].value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
+    memcpy(entry.value, data.para[i].value, sizeof(entry.value));
+    tervik_log_debug("req: ids[%d] = %d, value_len = %d, type = %d, value: %s", i, entry.id,
+                     entry.value_len, entry.second_half_word, value_text(entry).text);
+  }
+}
+
+void take_entries(const vs_get_stats_parameter_resp& response, stats_para_data& data) {
+  data.para_num = std::min(response.entries_len, static_cast<uint32_t>(VS_STATS_ENTRIES_MAX));
+  for (uint32_t i = 0; i < data.para_num; ++i) {
+    const vs_stats_entry& entry = response.entries[i];
+    vs_stats_entry& taken = data.para[i];
+    taken.sub = entry.sub;
+    taken.second_half_word = entry.second_half_word;
+    taken.id = entry.id;
+    taken.value_len = std::min(entry.value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
+    memcpy(taken.value, entry.value, taken.value_len);
+    tervik_log_debug("rsp: ids[%d] = %d, value_len = %d, value: %s", i, taken.id, taken.value_len,
+                     value_text(taken).text);
+  }
+}
+
+// ---- asynchronous responses ----
+
+struct malloc_deleter {
+  void operator()(void* memory) const { free(memory); }
+};
+
+// A copy of the bytes behind the head of a response to message 0, for its callback to free; null
+// without memory or when the response claims more than it has.
+uint8_t* copy_async_data(const void* resp, unsigned int resp_len, uint32_t* data_len) {
+  modem_api_async_response head = {};
+  if (resp_len < sizeof(head)) {
+    return nullptr;
+  }
+  memcpy(&head, resp, sizeof(head));
+  if (head.data_len > resp_len - sizeof(head)) {
+    return nullptr;
+  }
+  auto* copy = static_cast<uint8_t*>(malloc(head.data_len + size_t{1}));
+  if (copy != nullptr) {
+    memcpy(copy, static_cast<const uint8_t*>(resp) + sizeof(head), head.data_len);
+    *data_len = head.data_len;
+  }
+  return copy;
+}
+
+uint32_t async_outcome(unsigned int msg_id, const void* resp, unsigned int resp_len,
+                       qmi_client_error_type transport_error) {
+  if (resp == nullptr || resp_len == 0) {
+    return MODEM_API_NO_MEMORY;
+  }
+  vs_result outcome = {};
+  memcpy(&outcome, resp, std::min<size_t>(resp_len, sizeof(outcome)));
+  const uint32_t result = modem_api_map_qmi_error_to_modem_api(transport_error, outcome);
+  if (result != MODEM_API_SUCCESS) {
+    return result;
+  }
+  return msg_id == 0 ? MODEM_API_SUCCESS : MODEM_API_UNEXPECTED_MSG;
+}
+
+}  // namespace
+
+uint32_t modem_api_check_white_list() {
+  if (!g_white_list_checked) {
+    const char* p_name = tervik_utils_get_pid_name();
+    g_white_list_failed = !is_on_white_list(p_name);
+    g_white_list_checked = true;
+    tervik_log_debug("check %s, p_id: %d, p_name: %s", g_white_list_failed ? "fail" : "pass",
+                     tervik_utils_get_pid_number(), p_name);
+  } else if (g_white_list_failed) {
+    tervik_log_debug("check fail, p_id: %d, p_name: %s", tervik_utils_get_pid_number(),
+                     tervik_utils_get_pid_name());
+  }
+  return g_white_list_failed ? 0 : 1;
+}
+
+uint32_t modem_api_init() {
+  if (!admitted()) {
+    return MODEM_API_NOT_ALLOWED;
+  }
+  {
+    const std::lock_guard lock(g_module_mutex);
+    if (g_init_count == 0) {
+      ++g_init_count;
+      g_clients = {};
+    }
+  }
+  vs_init();
+  return MODEM_API_SUCCESS;
+}
+
+uint32_t modem_api_release() {
+  const std::lock_guard lock(g_module_mutex);
+  if (g_init_count >= 1) {
+    --g_init_count;
+    g_clients = {};
+  }
+  return MODEM_API_SUCCESS;
+}
+
+uint32_t modem_api_init_client(uint32_t client_type, vs_event_cb event_cb,
+                               modem_api_operational_status_event_cb status_cb,
+                               int32_t* client_id) {
+  if (!admitted()) {
+    return MODEM_API_NOT_ALLOWED;
+  }
+  std::unique_ptr<modem_api_client> client(new (std::nothrow) modem_api_client{});
+  if (client == nullptr) {
+    tervik_log_error("could not allocate memory");
+    return MODEM_API_NO_MEMORY;
+  }
+  if (client_type != VS_CLIENT_TYPE) {
+    tervik_log_error("modem api client type %d not supported", client_type);
+    return MODEM_API_NOT_SUPPORTED;
+  }
+  const uint32_t refused = refused_by_other_client();
+  if (refused != MODEM_API_SUCCESS) {
+    return refused;
+  }
+  const auto slot = std::find(g_clients.begin(), g_clients.end(), nullptr);
+  if (slot == g_clients.end()) {
+    tervik_log_error("no more client can be added");
+    return MODEM_API_NO_SLOT;
+  }
+  client->pid = static_cast<uint32_t>(getpid());
+  client->event_cb = event_cb;
+  client->operational_status_cb = status_cb;
+  *slot = std::move(client);
+  vs_client_set_operational_status_callback(modem_api_operational_status_cb);
+  if (vs_client_init(event_cb) == 0) {
+    slot->reset();
+    return MODEM_API_FAILURE;
+  }
+  *client_id = static_cast<int32_t>(slot - g_clients.begin());
+  tervik_log_debug("new client: type %d, id %d", client_type, *client_id);
+  return MODEM_API_SUCCESS;
+}
+
+void modem_api_operational_status_cb(uint32_t client_type, uint32_t status) {
+  for (size_t id = 0; id < g_clients.size(); ++id) {
+    modem_api_client* client = g_clients[id].get();
+    if (client == nullptr || client->client_type != client_type) {
+      continue;
+    }
+    client->operational_status = status;
+    tervik_log_debug("client type %d, client id %d, operational_status %d", client_type,
+                     static_cast<int>(id), status);
+    if (client->operational_status_cb == nullptr) {
+      continue;
+    }
+    if (status == VS_CONNECTED) {
+      client->operational_status_cb(MODEM_API_EVENT_CONNECTED, client_type);
+    } else if (status == STATUS_LOST) {
+      client->operational_status_cb(MODEM_API_EVENT_LOST, client_type);
+    }
+  }
+}
+
+uint32_t modem_api_free_client(int32_t client_id) {
+  tervik_log_debug("client_id %d", client_id);
+  if (!in_table(client_id)) {
+    tervik_log_error("invalid client_id %d", client_id);
+    return MODEM_API_INVALID_CLIENT;
+  }
+  const std::lock_guard lock(g_client_table_mutex);
+  std::unique_ptr<modem_api_client>& slot = slot_of(client_id);
+  if (slot == nullptr) {
+    tervik_log_error("client already freed");
+    return MODEM_API_SUCCESS;
+  }
+  if (slot->client_type == VS_CLIENT_TYPE) {
+    vs_client_release();
+  }
+  slot.reset();
+  return MODEM_API_SUCCESS;
+}
+
+uint32_t modem_api_map_qmi_error_to_modem_api(qmi_client_error_type transport_error,
+                                              const vs_result& response) {
+  switch (transport_error) {
+    case -5:
+    case -1:
+      return MODEM_API_TRANSPORT;
+    case -3:
+      return MODEM_API_TIMEOUT;
+    case 0:
+    case -2:
+      return map_response(response);
+    default:
+      return MODEM_API_FAILURE;
+  }
+}
+
+uint32_t modem_api_set_lyrax_feature_status(int32_t client_id, uint32_t feature, uint8_t status,
+                                            uint8_t second_flag_present, uint8_t second_flag) {
+  if (!modem_api_check_client_valid(client_id)) {
+    tervik_log_error("modem_api_check_client_valid fail, do nothing");
+    return MODEM_API_INVALID_CLIENT;
+  }
+  const vs_set_feature_status_req request = {.feature = feature,
+                                             .status = status,
+                                             .second_flag_valid = second_flag_present,
+                                             .second_flag = second_flag,
+                                             .unused_7 = 0};
+  vs_set_feature_status_resp response = {};
+  const qmi_client_error_type qmi_error = vs_client_send_msg_sync(
+      VS_SET_FEATURE_STATUS, &request, sizeof(request), &response, sizeof(response));
+  const uint32_t result = modem_api_map_qmi_error_to_modem_api(qmi_error, response.resp);
+  tervik_log_debug("result %d, qmi_error %d", result, qmi_error);
+  return result;
+}
+
+uint32_t modem_api_get_stats_parameter(int32_t client_id, uint16_t sub, uint16_t slot,
+                                       stats_para_data* data) {
+  tervik_log_debug("client_id = %d, sub = %d, slot = %d", client_id, sub, slot);
+  if (!modem_api_check_client_valid(client_id)) {
+    tervik_log_error("modem_api_check_client_valid fail, do nothing");
+    return MODEM_API_INVALID_CLIENT;
+  }
+  if (data == nullptr) {
+    tervik_log_debug("stats_para_data is null");
+    return MODEM_API_INVALID_ARG;
+  }
+  if (data->para_num < 1 || data->para_num > VS_STATS_ENTRIES_MAX) {
+    tervik_log_debug("para_num(%d) is invalid", data->para_num);
+    return MODEM_API_INVALID_ARG;
+  }
+  vs_get_stats_parameter_req request = {};
+  request.sub = sub;
+  request.slot = slot;
+  fill_entries(*data, request);
+  vs_get_stats_parameter_resp response = {};
+  const qmi_client_error_type qmi_error = vs_client_send_msg_sync(
+      VS_GET_STATS_PARAMETER, &request, sizeof(request), &response, sizeof(response));
+  const uint32_t result = modem_api_map_qmi_error_to_modem_api(qmi_error, response.resp);
+  if (result != MODEM_API_SUCCESS) {
+    return result;
+  }
+  if (response.entries_valid == 0) {
+    return MODEM_API_FAILURE;
+  }
+  take_entries(response, *data);
+  return MODEM_API_SUCCESS;
+}
+
+void modem_api_process_response(unsigned int msg_id, void* resp, unsigned int resp_len,
+                                void* cb_data, qmi_client_error_type transport_error) {
+  const std::unique_ptr<void, malloc_deleter> owned_resp(resp);
+  const std::unique_ptr<void, malloc_deleter> owned_cb_data(cb_data);
+  if (cb_data == nullptr) {
+    return;
+  }
+  modem_api_async_request request = {};
+  memcpy(&request, cb_data, sizeof(request));
+  if (request.callback == nullptr) {
+    return;
+  }
+  uint32_t result = async_outcome(msg_id, resp, resp_len, transport_error);
+  uint32_t data_len = 0;
+  uint8_t* data = nullptr;
+  if (result == MODEM_API_SUCCESS) {
+    data = copy_async_data(resp, resp_len, &data_len);
+    result = data != nullptr ? MODEM_API_SUCCESS : MODEM_API_NO_MEMORY;
+  }
+  request.callback(data, data_len, request.user_data, result);
+}

@@ -1,0 +1,263 @@
+#include "vs_client.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "tervik_utils_cmn.h"
+
+namespace {
+
+constexpr uint32_t CLIENT_TYPE = 0;
+constexpr uint32_t ANY_PORT = 65535;
+constexpr int LAST_ATTEMPT = 9;
+constexpr uint32_t INIT_TIMEOUT_MS = 4;
+constexpr unsigned SEND_TIMEOUT_MS = 30000;
+constexpr uint32_t NO_LAST_VALUE = 0xFFFFFFFF;
+
+using vs_command_cb = void (*)(qmi_client_type handle, unsigned int msg_id, void* resp,
+                               unsigned int resp_len, void* cb_data,
+                               qmi_client_error_type transport_error);
+
+// The framework's thread reads the service object and the event callback while the command's
+// thread releases the client; the rest belongs to the command's thread.
+struct vs_client_record {
+  std::atomic<qmi_idl_service_object_type> service_object;
+  qmi_client_type client_handle;
+  qmi_client_os_params os_params;
+  vs_command_cb command_cb;
+  std::atomic<vs_event_cb> event_cb;
+  vs_operational_status_cb operational_status_cb;
+  uint32_t inited;
+
+  void clear() {
+    service_object = nullptr;
+    client_handle = nullptr;
+    os_params = {};
+    command_cb = nullptr;
+    event_cb = nullptr;
+    operational_status_cb = nullptr;
+    inited = 0;
+  }
+};
+
+vs_client_record vs_client_info;
+
+void report_status(vs_operational_status status) {
+  if (vs_client_info.operational_status_cb != nullptr) {
+    vs_client_info.operational_status_cb(CLIENT_TYPE, status);
+  }
+}
+
+// ---- connecting ----
+
+qmi_client_error_type connect_with_retries() {
+  qmi_client_error_type err = QMI_NO_ERR;
+  for (int n = 0;; ++n) {
+    if (n > 0) {
+      sleep(1);
+    }
+    tervik_log_debug("Trying qmi_client_init_instance() try # %d port[%d]", n, ANY_PORT);
+    err = qmi_client_init_instance(vs_client_info.service_object, ANY_PORT, vs_client_unsol_ind_cb,
+                                   nullptr, &vs_client_info.os_params, INIT_TIMEOUT_MS,
+                                   &vs_client_info.client_handle);
+    if (err == QMI_NO_ERR || n == LAST_ATTEMPT) {
+      return err;
+    }
+  }
+}
+
+uint32_t vs_client_init_client_handles() {
+  tervik_log_debug("using port %d", ANY_PORT);
+  const qmi_client_error_type err = connect_with_retries();
+  tervik_log_debug("qmi_client_init_instance returned (%d)", err);
+  if (err != QMI_NO_ERR) {
+    tervik_log_error("qmi_client_init_instance returned failure(%d)", err);
+    vs_client_info.client_handle = nullptr;
+    return 0;
+  }
+  // Without the callback a loss of the service shows in the next send all the same.
+  static_cast<void>(qmi_client_register_error_cb(vs_client_info.client_handle,
+                                                 vs_client_service_down_event, nullptr));
+  vs_client_info.inited = 1;
+  return 1;
+}
+
+// ---- indications as events ----
+
+// The structure that an indication was decoded into, copied out of its bytes.
+template <typename Indication>
+Indication indication_of(const uint8_t* decoded) {
+  Indication indication;
+  memcpy(&indication, decoded, sizeof(indication));
+  return indication;
+}
+
+template <typename Event>
+void send_event(vs_event_cb event_cb, vs_event_id event_id, const Event& event) {
+  event_cb(event_id, &event, sizeof(event));
+}
+
+// Converts at most `max_count` entries; returns how many.
+uint32_t convert_entries(const vs_stats_entry* from, uint32_t count, size_t max_count,
+                         vs_event_entry* to) {
+  const auto converted = static_cast<uint32_t>(std::min<size_t>(count, max_count));
+  for (uint32_t i = 0; i < converted; ++i) {
+    to[i].id = from[i].id;
+    to[i].value_len = std::min(from[i].value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
+    memcpy(to[i].value, from[i].value, sizeof(to[i].value));
+    to[i].sub = from[i].sub;
+    to[i].second_half_word = from[i].second_half_word;
+  }
+  return converted;
+}
+
+void send_feature_status(vs_event_cb event_cb, const uint8_t* decoded) {
+  const auto indication = indication_of<vs_feature_status_ind>(decoded);
+  vs_event_feature_status event = {};
+  event.value = indication.value;
+  event.first_flag = indication.first_flag != 0 ? 1 : 0;
+  event.second_flag = indication.second_flag != 0 ? 1 : 0;
+  send_event(event_cb, VS_EVENT_FEATURE_STATUS, event);
+}
+
+void send_stats_parameter(vs_event_cb event_cb, const uint8_t* decoded) {
+  const auto indication = indication_of<vs_stats_parameter_ind>(decoded);
+  vs_event_stats_parameter event = {};
+  event.value = indication.value;
+  event.entries_len = convert_entries(indication.entries, indication.entries_len,
+                                      VS_STATS_ENTRIES_MAX, event.entries);
+  if (indication.more_entries_valid != 0) {
+    event.more_entries_len = convert_entries(indication.more_entries, indication.more_entries_len,
+                                             VS_STATS_MORE_ENTRIES_MAX, event.more_entries);
+  }
+  event.last_value = indication.last_value_valid != 0 ? indication.last_value : NO_LAST_VALUE;
+  send_event(event_cb, VS_EVENT_STATS_PARAMETER, event);
+}
+
+void send_stats_event(vs_event_cb event_cb, const uint8_t* decoded) {
+  const auto indication = indication_of<vs_stats_event_ind>(decoded);
+  vs_event_stats_event event = {};
+  event.value = indication.value;
+  event.values_len = std::min(indication.bytes_len, static_cast<uint32_t>(VS_EVENT_BYTES_MAX));
+  std::copy_n(indication.bytes, event.values_len, event.values);
+  event.third_value = indication.third_value;
+  event.fourth_value = indication.fourth_value;
+  send_event(event_cb, VS_EVENT_STATS_EVENT, event);
+}
+
+void send_state(vs_event_cb event_cb, const uint8_t* decoded) {
+  send_event(event_cb, VS_EVENT_STATE, indication_of<vs_state_ind>(decoded));
+}
+
+void vs_client_ind_hdlr(unsigned int msg_id, const uint8_t* decoded) {
+  const vs_event_cb event_cb = vs_client_info.event_cb;
+  if (event_cb == nullptr) {
+    tervik_log_error("vvs_client_info.event_cb is null, do nothing");
+    return;
+  }
+  tervik_log_debug("Handling indication msg 0x%x", msg_id);
+  switch (msg_id) {
+    case VS_FEATURE_STATUS_IND:
+      send_feature_status(event_cb, decoded);
+      break;
+    case VS_STATS_PARAMETER_IND:
+      send_stats_parameter(event_cb, decoded);
+      break;
+    case VS_STATS_EVENT_IND:
+      send_stats_event(event_cb, decoded);
+      break;
+    case VS_STATE_IND:
+      send_state(event_cb, decoded);
+      break;
+    default:
+      tervik_log_error("Unknown indication msg %0x", msg_id);
+      break;
+  }
+}
+
+}  // namespace
+
+void vs_init() {
+  vs_client_info.clear();
+  vs_client_info.command_cb = vs_client_command_cb;
+  vs_client_info.service_object = vs_get_service_object_internal_v01(
+      VS_IDL_LIBRARY_VERSION, VS_IDL_VERSION, VS_IDL_MINOR_VERSION);
+}
+
+uint32_t vs_client_init(vs_event_cb event_cb) {
+  vs_client_info.event_cb = event_cb;
+  tervik_log_debug("Client connecting to QMI FW");
+  report_status(VS_CONNECTING);
+  const uint32_t res = vs_client_init_client_handles();
+  report_status(res == 1 ? VS_CONNECTED : VS_CONNECT_FAILED);
+  tervik_log_debug("function exit, res = %d", res);
+  return res;
+}
+
+uint32_t vs_client_release() {
+  report_status(VS_RELEASED);
+  vs_client_info.inited = 0;
+  if (vs_client_info.client_handle != nullptr) {
+    // An unknown handle is gone already.
+    static_cast<void>(qmi_client_release(vs_client_info.client_handle));
+  }
+  vs_client_info.clear();
+  return 1;
+}
+
+void vs_client_set_operational_status_callback(vs_operational_status_cb cb) {
+  vs_client_info.operational_status_cb = cb;
+}
+
+qmi_client_error_type vs_client_send_msg_sync(uint16_t msg_id, const void* req, uint32_t req_len,
+                                              void* resp, uint32_t resp_len) {
+  return qmi_client_send_msg_sync(vs_client_info.client_handle, msg_id, req, req_len, resp,
+                                  resp_len, SEND_TIMEOUT_MS);
+}
+
+void vs_client_unsol_ind_cb(qmi_client_type handle, unsigned int msg_id, void* ind_buf,
+                            unsigned int ind_len, void* /*cb_data*/) {
+  if (vs_client_info.event_cb == nullptr) {
+    tervik_log_error("vs_client_info.event_cb is null, do nothing");
+    return;
+  }
+  uint32_t decoded_payload_len = 0;
+  // An unknown indication has no length, which is looked at next.
+  static_cast<void>(
+      qmi_idl_get_message_c_struct_len(vs_client_info.service_object, QMI_IDL_INDICATION,
+                                       static_cast<uint16_t>(msg_id), &decoded_payload_len));
+  if (decoded_payload_len == 0) {
+    tervik_log_error("decoded_payload_len(%d) can not <= 0", decoded_payload_len);
+    return;
+  }
+  const std::unique_ptr<uint8_t[]> decoded_payload(new (std::nothrow)
+                                                       uint8_t[decoded_payload_len]());
+  if (decoded_payload == nullptr) {
+    tervik_log_error("decoded_payload is NULL");
+    return;
+  }
+  const qmi_client_error_type err =
+      qmi_client_message_decode(handle, QMI_IDL_INDICATION, msg_id, ind_buf, ind_len,
+                                decoded_payload.get(), decoded_payload_len);
+  if (err != QMI_NO_ERR) {
+    tervik_log_error("Indication decode failed for msg 0x%x with error %d", msg_id, err);
+    return;
+  }
+  vs_client_ind_hdlr(msg_id, decoded_payload.get());
+}
+
+void vs_client_service_down_event(qmi_client_type /*handle*/, qmi_client_error_type error,
+                                  void* /*cb_data*/) {
+  tervik_log_error("service down with error %d", error);
+}
+
+void vs_client_command_cb(qmi_client_type /*handle*/, unsigned int msg_id, void* resp,
+                          unsigned int resp_len, void* cb_data,
+                          qmi_client_error_type transport_error) {
+  modem_api_process_response(msg_id, resp, resp_len, cb_data, transport_error);
+}

@@ -1,0 +1,210 @@
+#include "vs_idl.h"
+
+#include <array>
+#include <bit>
+
+static_assert(std::endian::native == std::endian::little, "wire records are little-endian");
+
+namespace {
+
+constexpr qmi_idl_field integer(uint8_t tlv, uint8_t width, size_t offset,
+                                size_t presence_offset = QMI_IDL_MANDATORY) {
+  return {.tlv = tlv,
+          .wire_width = width,
+          .memory_width = width,
+          .offset = offset,
+          .presence_offset = presence_offset};
+}
+
+constexpr qmi_idl_field bytes(uint8_t tlv, size_t offset, size_t max_count, size_t count_offset,
+                              uint8_t count_wire_width) {
+  return {.tlv = tlv,
+          .wire_width = 1,
+          .memory_width = 1,
+          .shape = QMI_IDL_COUNTED,
+          .offset = offset,
+          .max_count = max_count,
+          .count_offset = count_offset,
+          .count_wire_width = count_wire_width,
+          .drops_excess = true};
+}
+
+constexpr std::array ENTRY_FIELDS = {
+    integer(0, 2, offsetof(vs_stats_entry, sub)),
+    integer(0, 2, offsetof(vs_stats_entry, second_half_word)),
+    integer(0, 4, offsetof(vs_stats_entry, id)),
+    bytes(0, offsetof(vs_stats_entry, value), VS_STATS_VALUE_MAX,
+          offsetof(vs_stats_entry, value_len), 2),
+};
+
+constexpr qmi_idl_field entries(uint8_t tlv, size_t offset, size_t max_count, size_t count_offset,
+                                size_t presence_offset = QMI_IDL_MANDATORY) {
+  return {.tlv = tlv,
+          .shape = QMI_IDL_COUNTED,
+          .offset = offset,
+          .presence_offset = presence_offset,
+          .max_count = max_count,
+          .count_offset = count_offset,
+          .count_wire_width = 1,
+          .drops_excess = true,
+          .record = ENTRY_FIELDS,
+          .record_size = sizeof(vs_stats_entry)};
+}
+
+constexpr std::array RESULT_FIELDS = {
+    integer(0, 4, offsetof(vs_result, result)),
+    integer(0, 4, offsetof(vs_result, error)),
+};
+
+constexpr qmi_idl_field result(size_t offset) {
+  return {.tlv = 0x02, .offset = offset, .record = RESULT_FIELDS, .record_size = sizeof(vs_result)};
+}
+
+constexpr std::array SET_FEATURE_STATUS_REQ_FIELDS = {
+    integer(0x01, 4, offsetof(vs_set_feature_status_req, feature)),
+    integer(0x02, 1, offsetof(vs_set_feature_status_req, status)),
+    integer(0x10, 1, offsetof(vs_set_feature_status_req, second_flag),
+            offsetof(vs_set_feature_status_req, second_flag_valid)),
+};
+
+constexpr std::array SET_FEATURE_STATUS_RESP_FIELDS = {
+    result(offsetof(vs_set_feature_status_resp, resp)),
+};
+
+constexpr std::array GET_STATS_PARAMETER_REQ_FIELDS = {
+    integer(0x01, 2, offsetof(vs_get_stats_parameter_req, sub)),
+    integer(0x02, 2, offsetof(vs_get_stats_parameter_req, slot)),
+    entries(0x03, offsetof(vs_get_stats_parameter_req, entries), VS_STATS_ENTRIES_MAX,
+            offsetof(vs_get_stats_parameter_req, entries_len)),
+};
+
+constexpr std::array GET_STATS_PARAMETER_RESP_FIELDS = {
+    result(offsetof(vs_get_stats_parameter_resp, resp)),
+    entries(0x10, offsetof(vs_get_stats_parameter_resp, entries), VS_STATS_ENTRIES_MAX,
+            offsetof(vs_get_stats_parameter_resp, entries_len),
+            offsetof(vs_get_stats_parameter_resp, entries_valid)),
+};
+
+constexpr std::array FEATURE_STATUS_IND_FIELDS = {
+    integer(0x01, 4, offsetof(vs_feature_status_ind, value)),
+    integer(0x02, 1, offsetof(vs_feature_status_ind, first_flag)),
+    integer(0x03, 1, offsetof(vs_feature_status_ind, second_flag)),
+};
+
+constexpr std::array STATS_PARAMETER_IND_FIELDS = {
+    integer(0x01, 4, offsetof(vs_stats_parameter_ind, value)),
+    entries(0x02, offsetof(vs_stats_parameter_ind, entries), VS_STATS_ENTRIES_MAX,
+            offsetof(vs_stats_parameter_ind, entries_len)),
+    entries(0x10, offsetof(vs_stats_parameter_ind, more_entries), VS_STATS_MORE_ENTRIES_MAX,
+            offsetof(vs_stats_parameter_ind, more_entries_len),
+            offsetof(vs_stats_parameter_ind, more_entries_valid)),
+    integer(0x11, 4, offsetof(vs_stats_parameter_ind, last_value),
+            offsetof(vs_stats_parameter_ind, last_value_valid)),
+};
+
+constexpr std::array STATS_EVENT_IND_FIELDS = {
+    integer(0x01, 4, offsetof(vs_stats_event_ind, value)),
+    bytes(0x02, offsetof(vs_stats_event_ind, bytes), VS_EVENT_BYTES_MAX,
+          offsetof(vs_stats_event_ind, bytes_len), 1),
+    integer(0x03, 2, offsetof(vs_stats_event_ind, third_value)),
+    integer(0x04, 2, offsetof(vs_stats_event_ind, fourth_value)),
+};
+
+constexpr std::array STATE_IND_FIELDS = {
+    integer(0x01, 1, offsetof(vs_state_ind, value)),
+};
+
+// A message that kiv neither builds nor interprets, of the given longest form.
+constexpr qmi_idl_message opaque(uint16_t id, size_t max_encoded_len) {
+  return {id, max_encoded_len, max_encoded_len, {}};
+}
+
+constexpr std::array REQUESTS = {
+    opaque(0x0000, 517),
+    opaque(0x0001, 8),
+    opaque(0x0002, 7),
+    qmi_idl_message{VS_SET_FEATURE_STATUS, sizeof(vs_set_feature_status_req), 15,
+                    SET_FEATURE_STATUS_REQ_FIELDS},
+    opaque(0x0100, 16),
+    opaque(0x0101, 277),
+    opaque(0x0102, 16),
+    opaque(0x0103, 12),
+    opaque(0x0104, 273),
+    opaque(0x0105, 12),
+    opaque(0x0106, 112),
+    opaque(0x0107, 373),
+    opaque(0x0108, 112),
+    opaque(0x0109, 7),
+    opaque(0x010A, 268),
+    opaque(0x010B, 7),
+    opaque(0x010C, 16),
+    opaque(0x0200, 11),
+    opaque(0x0201, 4321),
+    opaque(0x0202, 421),
+    qmi_idl_message{VS_GET_STATS_PARAMETER, sizeof(vs_get_stats_parameter_req), 7114,
+                    GET_STATS_PARAMETER_REQ_FIELDS},
+    opaque(0x0208, 54),
+    opaque(0x0400, 0),
+    opaque(0x0401, 0),
+};
+
+constexpr std::array RESPONSES = {
+    opaque(0x0000, 528),
+    opaque(0x0001, 11),
+    opaque(0x0002, 19),
+    qmi_idl_message{VS_SET_FEATURE_STATUS, sizeof(vs_set_feature_status_resp), 11,
+                    SET_FEATURE_STATUS_RESP_FIELDS},
+    opaque(0x0100, 272),
+    opaque(0x0101, 11),
+    opaque(0x0102, 11),
+    opaque(0x0103, 272),
+    opaque(0x0104, 11),
+    opaque(0x0105, 11),
+    opaque(0x0106, 272),
+    opaque(0x0107, 11),
+    opaque(0x0108, 11),
+    opaque(0x0109, 272),
+    opaque(0x010A, 11),
+    opaque(0x010B, 11),
+    opaque(0x010C, 11),
+    opaque(0x0200, 18),
+    opaque(0x0201, 11),
+    opaque(0x0202, 11),
+    qmi_idl_message{VS_GET_STATS_PARAMETER, sizeof(vs_get_stats_parameter_resp), 7115,
+                    GET_STATS_PARAMETER_RESP_FIELDS},
+    opaque(0x0208, 11),
+    opaque(0x0400, 11),
+    opaque(0x0401, 11),
+};
+static_assert(REQUESTS.size() == 24 && RESPONSES.size() == 24);
+
+constexpr std::array INDICATIONS = {
+    qmi_idl_message{VS_FEATURE_STATUS_IND, sizeof(vs_feature_status_ind), 15,
+                    FEATURE_STATUS_IND_FIELDS},
+    qmi_idl_message{VS_STATS_PARAMETER_IND, sizeof(vs_stats_parameter_ind), 10672,
+                    STATS_PARAMETER_IND_FIELDS},
+    qmi_idl_message{VS_STATS_EVENT_IND, sizeof(vs_stats_event_ind), 121, STATS_EVENT_IND_FIELDS},
+    qmi_idl_message{VS_STATE_IND, sizeof(vs_state_ind), 4, STATE_IND_FIELDS},
+};
+
+// The object numbers its versions in another order than its getter takes them.
+constexpr qmi_idl_service_object SERVICE_OBJECT = {
+    .library_version = 6,
+    .idl_version = 1,
+    .service_id = VS_SERVICE_ID,
+    .idl_minor_version = 2,
+    .max_message_len = 10672,
+    .requests = REQUESTS,
+    .responses = RESPONSES,
+    .indications = INDICATIONS,
+};
+
+}  // namespace
+
+qmi_idl_service_object_type vs_get_service_object_internal_v01(uint32_t library_version,
+                                                               uint32_t idl_version,
+                                                               uint32_t idl_minor_version) {
+  const bool known = library_version == VS_IDL_LIBRARY_VERSION && idl_version == VS_IDL_VERSION &&
+                     idl_minor_version == VS_IDL_MINOR_VERSION;
+  return known ? &SERVICE_OBJECT : nullptr;
+}

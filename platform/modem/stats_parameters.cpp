@@ -1,0 +1,228 @@
+#include "platform/modem/stats_parameters.h"
+
+#include <algorithm>
+#include <array>
+
+namespace kiv::platform {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr int32_t kLteRat = 9;
+constexpr int32_t kNrRat = 12;
+constexpr size_t kAntennas = 4;
+
+// The records, packed as they are handed out. Levels in dBm, qualities and path losses in dB.
+#pragma pack(push, 1)
+
+struct LteAntenna {
+  float rsrp;
+  float rsrq;
+  float rssi;
+  float snr;
+};
+
+struct LteServingCell {
+  uint8_t version = 1;
+  uint8_t version_ssmr = 1;
+  uint32_t earfcn = 1300;
+  uint16_t pci = 101;
+  uint8_t is_serving_cell = 1;
+  uint16_t rx_valid = 0xF;
+  std::array<LteAntenna, kAntennas> antennas{};
+};
+static_assert(sizeof(LteServingCell) == 75);
+
+struct NrServingCell {
+  uint32_t version = 1;
+  std::array<float, kAntennas> rsrp{};
+  float rsrq = -10.75F;
+};
+static_assert(sizeof(NrServingCell) == 24);
+
+struct NrPerAntenna {
+  uint32_t version = 1;
+  std::array<float, kAntennas> values{};
+};
+static_assert(sizeof(NrPerAntenna) == 20);
+
+struct NrAntennaSwitch {
+  uint32_t version = 1;
+  std::array<uint8_t, 12> old_and_new{};  // of four receive antennas, then of two transmit ones
+};
+static_assert(sizeof(NrAntennaSwitch) == 16);
+
+struct NrUplinkPower {
+  uint32_t version = 1;
+  std::array<float, 4> tx_power{};  // PUSCH, PUCCH, SRS, PRACH
+  std::array<float, 4> limit{};     // of the same
+  std::array<float, 4> path_loss{};
+};
+static_assert(sizeof(NrUplinkPower) == 52);
+
+struct LtePuschPower {
+  uint8_t version = 1;
+  int16_t tx_power = 0;
+  uint8_t path_loss = 0;
+  int16_t max_power = 0;
+  int16_t extended_tx_power = 0;
+};
+static_assert(sizeof(LtePuschPower) == 8);
+
+struct PrimaryAndDiversity {
+  uint8_t version = 1;
+  float primary = 0;
+  float diversity = 0;
+};
+static_assert(sizeof(PrimaryAndDiversity) == 9);
+
+struct AntennaState {
+  uint8_t version = 1;
+  uint8_t antennas = 0;
+  uint16_t switch_path = 0;
+  uint16_t signal_path = 0;
+  uint8_t old_config = 0;
+  uint8_t new_config = 0;
+};
+static_assert(sizeof(AntennaState) == 8);
+
+struct SystemMode {
+  uint8_t stack_max = 1;
+  uint32_t rat = 0;
+};
+static_assert(sizeof(SystemMode) == 5);
+
+#pragma pack(pop)
+
+template <class Record>
+Bytes bytes_of(const Record& record) {
+  const auto* const bytes = reinterpret_cast<const uint8_t*>(&record);
+  return {bytes, bytes + sizeof record};
+}
+
+struct Asked {
+  uint32_t carrier;  // 0 is the primary one
+  int32_t rat;
+};
+
+// Each further antenna and each further carrier is a little worse.
+Bytes lte_serving_cell(const Asked& asked) {
+  const auto carrier = static_cast<float>(asked.carrier);
+  LteServingCell cell;
+  cell.earfcn += 100 * asked.carrier;
+  cell.pci = static_cast<uint16_t>(cell.pci + asked.carrier);
+  float loss = 2.0F * carrier;
+  for (LteAntenna& antenna : cell.antennas) {
+    antenna = {.rsrp = -84.5F - loss,
+               .rsrq = -9.25F - loss / 4,
+               .rssi = -55.75F - loss,
+               .snr = 18.5F - loss / 2};
+    loss += 1.0F;
+  }
+  return bytes_of(cell);
+}
+
+Bytes nr_serving_cell(const Asked& asked) {
+  NrServingCell cell;
+  float loss = 2.0F * static_cast<float>(asked.carrier);
+  cell.rsrq -= loss / 4;
+  for (float& rsrp : cell.rsrp) {
+    rsrp = -88.25F - loss;
+    loss += 1.0F;
+  }
+  return bytes_of(cell);
+}
+
+Bytes nr_receive_level(const Asked&) {
+  return bytes_of(NrPerAntenna{.values = {-61.5F, -62.75F, -64.0F, -65.25F}});
+}
+
+Bytes nr_snr(const Asked&) {
+  return bytes_of(NrPerAntenna{.values = {21.25F, 20.0F, 18.75F, 17.5F}});
+}
+
+Bytes nr_antenna_switch(const Asked&) {
+  return bytes_of(NrAntennaSwitch{.old_and_new = {0, 4, 1, 5, 2, 6, 3, 7, 8, 10, 9, 11}});
+}
+
+Bytes nr_uplink_power(const Asked&) {
+  return bytes_of(NrUplinkPower{.tx_power = {18.75F, 9.5F, 16.25F, 14.0F},
+                                .limit = {23.0F, 22.75F, 22.5F, 22.25F},
+                                .path_loss = {96.0F, 97.0F, 98.0F, 99.0F}});
+}
+
+Bytes lte_pusch_power(const Asked&) {
+  return bytes_of(
+      LtePuschPower{.tx_power = 12, .path_loss = 98, .max_power = 23, .extended_tx_power = 11});
+}
+
+Bytes wcdma_receive_level(const Asked&) {
+  return bytes_of(PrimaryAndDiversity{.primary = -72.5F, .diversity = -75.25F});
+}
+
+Bytes gsm_receive_level(const Asked&) {
+  return bytes_of(PrimaryAndDiversity{.primary = -68.75F, .diversity = -71.5F});
+}
+
+Bytes antenna_state(const Asked&) {
+  return bytes_of(AntennaState{
+      .antennas = 4, .switch_path = 2, .signal_path = 5, .old_config = 0, .new_config = 1});
+}
+
+Bytes system_mode(const Asked& asked) {
+  return bytes_of(SystemMode{.rat = static_cast<uint32_t>(asked.rat)});
+}
+
+enum class Where : uint8_t { kAnywhere, kOnLte, kOnNr };
+
+// Parameters with ids that follow each other are one for each further carrier.
+struct ParameterRow {
+  uint32_t first_id;
+  uint32_t count;
+  uint32_t first_carrier;
+  Where where;
+  Bytes (*make)(const Asked& asked);
+};
+
+constexpr std::array<ParameterRow, 13> kParameters{{
+    {0x52, 1, 0, Where::kOnLte, lte_serving_cell},
+    {0x67, 6, 1, Where::kOnLte, lte_serving_cell},
+    {0x62, 1, 0, Where::kOnLte, lte_pusch_power},
+    {0x87, 1, 0, Where::kOnNr, nr_serving_cell},
+    {0x06, 2, 1, Where::kOnNr, nr_serving_cell},
+    {0x5E, 1, 0, Where::kOnNr, nr_receive_level},
+    {0x70, 1, 0, Where::kOnNr, nr_snr},
+    {0x71, 1, 0, Where::kOnNr, nr_antenna_switch},
+    {0x5A, 1, 0, Where::kOnNr, nr_uplink_power},
+    {0x6E, 1, 0, Where::kAnywhere, wcdma_receive_level},
+    {0x6F, 1, 0, Where::kAnywhere, gsm_receive_level},
+    {0x64, 1, 0, Where::kAnywhere, antenna_state},
+    {0x2C, 1, 0, Where::kAnywhere, system_mode},
+}};
+
+bool is_there(Where where, int32_t rat) {
+  return where == Where::kAnywhere || rat == (where == Where::kOnLte ? kLteRat : kNrRat);
+}
+
+}  // namespace
+
+std::vector<uint8_t> read_stats_parameter(const ModemConf& conf, uint32_t sub, uint32_t id) {
+  if (sub >= conf.rats.size()) {
+    return {};
+  }
+  const auto given = std::find_if(
+      conf.stats_overrides.rbegin(), conf.stats_overrides.rend(),
+      [sub, id](const StatsOverride& entry) { return entry.id == id && entry.sub == sub; });
+  if (given != conf.stats_overrides.rend()) {
+    return given->value;
+  }
+  const int32_t rat = conf.rats[sub];
+  for (const ParameterRow& row : kParameters) {
+    if (id >= row.first_id && id - row.first_id < row.count && is_there(row.where, rat)) {
+      return row.make({.carrier = row.first_carrier + id - row.first_id, .rat = rat});
+    }
+  }
+  return {};
+}
+
+}  // namespace kiv::platform
