@@ -24,6 +24,7 @@ constexpr int AT_TEXT_MAX = 100;
 constexpr size_t SHELL_LINE_SIZE = 501;
 constexpr size_t RECEIVE_MAX = 511;
 constexpr int RECEIVE_TIMEOUT_MS = 3000;
+constexpr int SEND_TIMEOUT_MS = 3000;
 
 // Set by the receiver thread when it is through.
 std::atomic<bool> g_at_receive_done{false};
@@ -41,8 +42,13 @@ void open_at_channel() {
   if (stat(g_at_device_path, &status) != 0 || !S_ISCHR(status.st_mode)) {
     return;
   }
-  const int fd = open(g_at_device_path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-  g_at_serial_fd = fd > 0 ? fd : 0;
+  int fd = open(g_at_device_path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  if (fd == 0) {
+    // Standard input was closed: 0 stands for a channel that is not open.
+    fd = fcntl(fd, F_DUPFD_CLOEXEC, 1);
+    close(0);
+  }
+  g_at_serial_fd = std::max(fd, 0);
 }
 
 void close_at_channel() {
@@ -55,8 +61,8 @@ void close_at_channel() {
 }
 
 // Appends `at_cmd` to the shell line so that the device gets it as it is. What the shell interprets
-// between double quotes is escaped once for the shell; a backslash once more for echo, which takes
-// it as an escape of its own.
+// between double quotes is escaped once for the shell; a backslash once more for the echo of the
+// shells of Debian and Android, which takes it as an escape of its own.
 size_t append_escaped(std::array<char, SHELL_LINE_SIZE>& line, size_t length, const char* at_cmd) {
   for (; *at_cmd != '\0'; ++at_cmd) {
     const char* text = nullptr;
@@ -82,6 +88,12 @@ size_t append_escaped(std::array<char, SHELL_LINE_SIZE>& line, size_t length, co
     length = std::min(length + static_cast<size_t>(written), line.size() - 1);
   }
   return length;
+}
+
+// A channel that takes no bytes would hold up the shell, and with it the command.
+bool channel_takes_bytes() {
+  pollfd waiting = {.fd = g_at_serial_fd, .events = POLLOUT, .revents = 0};
+  return g_at_serial_fd < 1 || poll(&waiting, 1, SEND_TIMEOUT_MS) > 0;
 }
 
 // Reads one answer; a channel without one is given up after the time-out.
@@ -149,7 +161,7 @@ void tervik_test_at_cmd_send(const char* at_cmd) {
   length = append_escaped(line, length, at_cmd);
   snprintf(line.data() + length, line.size() - length, "\r\" > %s", g_at_device_path);
   tervik_log_notice("at shell cmd: %s", line.data());
-  const int ret_sys = system(line.data());
+  const int ret_sys = channel_takes_bytes() ? system(line.data()) : -1;
   tervik_log_notice("echo, ret_sys: %d", ret_sys);
   if (ret_sys != 0) {
     tervik_log_error("Fail to send at shell cmd");

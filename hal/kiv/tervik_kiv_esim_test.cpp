@@ -81,7 +81,7 @@ void switch_to_esim() {
     print_failed();
     return;
   }
-  tervik_log_debug("switch to esim");
+  tervik_log_debug("switch to eSIM");
   tervik_log_debug("card counts = %d", ESIM_TYPES[0]);
   const int res = tervik_setSimType(ESIM_TYPES.data());
   tervik_log_debug("switch to esim res = %d", res);

@@ -1,8 +1,11 @@
-// Category 9: live radio statistics of the modem. Its help function and the one of category 7 carry
-// each other's names. Command thread.
+// Category 9: live radio statistics of the modem, one query a run, in one line. Its help function
+// and the one of category 7 carry each other's names. Command thread.
 #pragma once
 
-// The handler of category 9. Returns 0.
-int tervik_test_qmi_modem_stats_do(int argc, char** argv);
+// The handler of category 9.
+void tervik_test_qmi_modem_stats_do(int argc, char** argv);
 // Prints the help block of category 9 when `category` is 0 or 9.
 void tervik_test_modem_stats_show_help(int category);
+
+// Runs the query that `opt` names, on the connected statistics client.
+void tervik_test_qmi_modem_stats_hdl(int opt, int sub);

@@ -1,7 +1,12 @@
 #include "tervik_kiv_lyrax_test.h"
 
+#include <algorithm>
 #include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <span>
 
+#include "tervik_kiv_lyrax_unpk.h"
 #include "tervik_kiv_test_args.h"
 
 namespace {
@@ -18,11 +23,130 @@ constexpr std::array HELP = {
     help_line("                                    type: 0 - check, 1 - debuginfo "),
 };
 
+struct stats_command {
+  int number;
+  int (*run)(int argc, char** argv);  // 0 is a failure
+  const char* failure;
+};
+
+constexpr std::array<stats_command, 2> COMMANDS = {{
+    {0, tervik_test_modem_stats_parsing_process, "tervik_test_modem_stats_parsing_process FAIL"},
+    {1, tervik_test_modem_stats_get_debug_info, "tervik_test_modem_stats_get_debug_info FAIL"},
+}};
+
+// ---- record decoding ----
+
+// A cell record of layout version 0x30001.
+constexpr std::array<uint8_t, 48> TEST_RECORD = {
+    0x01, 0x00, 0x03, 0x00, 0x01, 0x49, 0x27, 0x03, 0xC7, 0xB4, 0xFC, 0x60, 0x17, 0x01, 0x4F, 0x06,
+    0x6E, 0x8B, 0x06, 0x00, 0xE8, 0xEB, 0x05, 0x00, 0x14, 0x00, 0x14, 0x00, 0xC7, 0xB4, 0xFC, 0x60,
+    0x07, 0x00, 0x00, 0x00, 0xCC, 0x01, 0x02, 0x0B, 0x00, 0x02, 0x0A, 0x8A, 0x76, 0x00, 0x01, 0x00,
+};
+
+// ---- debug block ----
+
+// A part of the debug block and its printer.
+struct debug_section {
+  const char* name;
+  int (*print)(std::span<const uint8_t> data, int version);
+};
+
+// A printer of counters that every layout version has, as a row's function.
+template <int (*print)(std::span<const uint8_t> data)>
+int of_any_version(std::span<const uint8_t> data, int /*version*/) {
+  return print(data);
+}
+
+constexpr std::array<debug_section, 4> DEBUG_SECTIONS = {{
+    {"main", tervik_modem_stats_main_info_unpk},
+    {"diag", tervik_modem_stats_diag_info_unpk},
+    {"cm", of_any_version<tervik_modem_stats_cm_info_unpk>},
+    {"uim", of_any_version<tervik_modem_stats_uim_info_unpk>},
+}};
+
+// Prints the block, up to its end or to the first counter that was not received.
+void print_debug_block(std::span<const uint8_t> block) {
+  if (tervik_modem_stats_version_unpk(block) == UNPK_ENDS_EARLY) {
+    return;
+  }
+  const int version = block[0];
+  uint8_t cnt = 1;
+  for (const debug_section& section : DEBUG_SECTIONS) {
+    printf("-------- stats %s info start --------\n", section.name);
+    const int consumed = section.print(block.subspan(cnt), version);
+    if (consumed == UNPK_ENDS_EARLY) {
+      return;
+    }
+    // Eight bits, also as the offset of the next section: it may wrap, but not pass the end.
+    cnt = static_cast<uint8_t>(cnt + consumed);
+    printf("-------- stats %s info end, cnt(%d) --------\n", section.name, cnt);
+  }
+}
+
 }  // namespace
 
-int tervik_test_modem_stats_do(int /*argc*/, char** /*argv*/) {
-  tervik_log_error("category %d is not built yet", CATEGORY);
-  return 0;
+int tervik_test_modem_stats_parsing_process(int argc, char** argv) {
+  if (argc < 4) {
+    tervik_log_error("%s", NOTE_TOO_FEW_PARAMETERS);
+    return 0;
+  }
+  const int print_flag = atoi(argv[3]);
+  tervik_log_notice("length = %d, print_flag = %d", static_cast<int>(TEST_RECORD.size()),
+                    print_flag);
+  g_unpk_print_flag = static_cast<uint32_t>(print_flag);
+  tervik_test_modem_stats_parsing_process_do(TEST_RECORD);
+  return 1;
+}
+
+int tervik_test_modem_stats_get_debug_info(int argc, char** argv) {
+  if (argc < 4) {
+    tervik_log_error("%s", NOTE_TOO_FEW_PARAMETERS);
+    return 0;
+  }
+  tervik_test_modem_stats_get_debug_info_do(atoi(argv[3]));
+  return 1;
+}
+
+void tervik_test_modem_stats_get_debug_info_do(int type) {
+  tervik_log_notice("Get the debug info of modem_stats, mask = 0x%x", static_cast<unsigned>(type));
+  tervik_common_req_response rsp = {};
+  int received = 0;
+  const int result =
+      tervik_common_qmi_req(TERVIK_COMMON_REQ_STATS_DEBUG, 0, nullptr, &rsp, &received);
+  if (result != 0) {
+    tervik_log_error("tervik_common_qmi_req fail, REQUEST_ID_COMMON, result = %d, rsp.result = %d",
+                     result, rsp.result);
+    return;
+  }
+  if (rsp.result != 0) {
+    tervik_log_error("qmi response fail, result = %d, rsp.result = %d", result, rsp.result);
+    return;
+  }
+  const std::span<const uint8_t> block = modem_stats_reply_data(rsp, received);
+  if (type == 0) {
+    tervik_modem_stats_support_status_check(block);
+  } else {
+    print_debug_block(block);
+  }
+}
+
+void tervik_test_modem_stats_do(int argc, char** argv) {
+  if (!tervik_check_category_args(TERVIK_LOG_PLACE, CATEGORY, argc, argv)) {
+    return;
+  }
+  const int type = atoi(argv[2]);
+  const auto* const command =
+      std::find_if(COMMANDS.begin(), COMMANDS.end(),
+                   [type](const stats_command& row) { return row.number == type; });
+  if (command == COMMANDS.end()) {
+    tervik_log_error("invalid type = %d", type);
+    show_help(CATEGORY);
+    return;
+  }
+  if (command->run(argc, argv) == 0) {
+    tervik_log_error("%s", command->failure);
+    show_help(CATEGORY);
+  }
 }
 
 void tervik_test_qmi_modem_stats_show_help(int category) {

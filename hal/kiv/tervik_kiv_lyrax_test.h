@@ -1,9 +1,17 @@
 // Category 7: statistics records decoded from DIAG logs, and the debug block of the modem's
 // statistics framework. Its help function and the one of category 9 carry each other's names.
-// Command thread.
+// Command thread. Arguments and replies are untrusted.
 #pragma once
 
-// The handler of category 7. Returns 0.
-int tervik_test_modem_stats_do(int argc, char** argv);
+// The handler of category 7: what went wrong was printed.
+void tervik_test_modem_stats_do(int argc, char** argv);
 // Prints the help block of category 7 when `category` is 0 or 7.
 void tervik_test_qmi_modem_stats_show_help(int category);
+
+// Command 0: decodes the built-in record, argv[3] switches the trace. 1, or 0 for too few
+// arguments.
+[[nodiscard]] int tervik_test_modem_stats_parsing_process(int argc, char** argv);
+// Command 1, argv[3] is its type. 1 whatever the modem answers, or 0 for too few arguments.
+[[nodiscard]] int tervik_test_modem_stats_get_debug_info(int argc, char** argv);
+// Fetches the debug block: type 0 checks the support status, any other prints the counters.
+void tervik_test_modem_stats_get_debug_info_do(int type);

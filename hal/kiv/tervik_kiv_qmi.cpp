@@ -1,12 +1,17 @@
 #include "tervik_kiv_qmi.h"
 
 #include <array>
+#include <memory>
+#include <new>
 
+#include "tervik_extend_cmn.h"
 #include "tervik_kiv_test_args.h"
 
 namespace {
 
 constexpr int CATEGORY = 12;
+constexpr unsigned SCAN_TIMEOUT_MS = 10000;
+constexpr nas_scan_scope_enum_v01 DEFAULT_SCAN_SCOPE{};
 
 constexpr std::array HELP = {
     help_line("%d: qmi option cmd", {CATEGORY}),
@@ -17,11 +22,53 @@ constexpr std::array HELP = {
         {CATEGORY, 1}),
 };
 
+constexpr std::array<category_command, 2> COMMANDS = {{
+    {0,
+     [](int /*argc*/, char** /*argv*/) {
+       return tervik_send_nas_perform_network_scan_req_msg_v01(DEFAULT_SCAN_SCOPE);
+     }},
+    {1,
+     [](int /*argc*/, char** /*argv*/) {
+       return tervik_send_nas_perform_incremental_network_scan_req_msg_v01(DEFAULT_SCAN_SCOPE);
+     }},
+}};
+
+// Sends a scan request with no optional field present; its results are not looked at. `place` is
+// the scan's own function, whose name the notice repeats.
+template <typename Request, typename Response>
+[[nodiscard]] int send_scan(const tervik_log_place& place, int msg_id,
+                            nas_scan_scope_enum_v01 scan_scope) {
+  tervik_log_write(place, LOG_CLASS_NOTICE, TERVIK_NO_SUB, "%s, scan_scope = %d", place.func,
+                   static_cast<int>(scan_scope));
+  const Request request = {};
+  const std::unique_ptr<Response> response(new (std::nothrow) Response{});
+  const int result = tervik_send_nas_qmi_req_msg(msg_id, &request, sizeof(request), response.get(),
+                                                 sizeof(Response), SCAN_TIMEOUT_MS);
+  if (result != 0) {
+    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
+                     "qmi_client_send_msg_sync fail, qmi_client_error = %d", result);
+  }
+  return result;
+}
+
 }  // namespace
 
-int tervik_test_qmi_do(int /*argc*/, char** /*argv*/) {
-  tervik_log_error("category %d is not built yet", CATEGORY);
-  return 0;
+int tervik_send_nas_perform_network_scan_req_msg_v01(nas_scan_scope_enum_v01 scan_scope) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  return send_scan<nas_perform_network_scan_req_msg_v01, nas_perform_network_scan_resp_msg_v01>(
+      TERVIK_LOG_PLACE, QMI_NAS_PERFORM_NETWORK_SCAN_REQ_MSG_V01, scan_scope);
+}
+
+int tervik_send_nas_perform_incremental_network_scan_req_msg_v01(
+    nas_scan_scope_enum_v01 scan_scope) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  return send_scan<nas_perform_incremental_network_scan_req_msg_v01,
+                   nas_perform_incremental_network_scan_resp_msg_v01>(
+      TERVIK_LOG_PLACE, QMI_NAS_PERFORM_INCREMENTAL_NETWORK_SCAN_REQ_MSG_V01, scan_scope);
+}
+
+int tervik_test_qmi_do(int argc, char** argv) {
+  return tervik_run_category(TERVIK_LOG_PLACE, CATEGORY, COMMANDS, argc, argv);
 }
 
 void tervik_test_qmi_show_help(int category) {

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <cstring>
 #include <span>
 
 #include "cutils/properties.h"
@@ -31,6 +30,8 @@ constexpr int FULL_DUMP_FLAG = static_cast<int>(0x80000012);
 constexpr size_t SHARE_MEMORY_SIZE = 100;
 constexpr int SHARE_MEMORY_SHOWN = 5;
 constexpr unsigned MODEM_TEST_DATA_LIMIT = 501;
+// How much later than asked for a timer may expire.
+constexpr int TIMER_TEST_MARGIN_S = 10;
 
 constexpr std::array HELP = {
     help_line("%d: smart test", {CATEGORY}),
@@ -275,6 +276,12 @@ void tervik_smart_test_tervik_timer(int timeout_s) {
   for (int seconds = 1; g_tervik_timer_running != 0; ++seconds) {
     sleep(1);
     tervik_log_debug(seconds == 1 ? "%d second has passed" : "%d seconds have passed", seconds);
+    if (seconds - TIMER_TEST_MARGIN_S > timeout_s) {
+      tervik_log_error("note: the timer did not expire, timeout_s = %d", timeout_s);
+      tervik_timer_stop(timer_id);
+      g_tervik_timer_running = 0;
+      return;
+    }
   }
   tervik_log_notice("Timer test done");
 }

@@ -28,7 +28,7 @@ void tervik_smart_test_bp_lyrax_print_switch(int opt);
 void tervik_smart_test_bp_qmi_print_switch(int opt);
 void tervik_smart_test_bp_rf_print_switch(int opt);
 void tervik_smart_test_share_memory();
-// Maps the shared file (made and grown to 100 bytes when needed) and logs its first five bytes.
+// Maps the shared file (made when needed, and set to 100 bytes) and logs its first five bytes.
 void tervik_smart_test_sh_test_read();
 // Starts a timer of `timeout_s` seconds and waits for it, telling the seconds.
 void tervik_smart_test_tervik_timer(int timeout_s);

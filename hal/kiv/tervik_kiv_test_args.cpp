@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
-#include <cstring>
 
 void tervik_print_note_and_help(const tervik_log_place& place, int category, const char* note) {
   tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "%s", note);

@@ -203,10 +203,11 @@ void print_common_answer(const tervik_common_response& response, int received) {
 // Parses `param_cnt` parameters from argv[3] on and sends them.
 [[nodiscard]] int send_card_command(const tervik_log_place& place, int type, int param_cnt,
                                     int argc, char** argv, bool as_flags) {
-  if (!tervik_check_argc(place, argc, param_cnt + 3)) {
+  std::array<int32_t, CARD_PARAMS_MAX> params = {};
+  if (param_cnt < 0 || static_cast<size_t>(param_cnt) > params.size() ||
+      !tervik_check_argc(place, argc, param_cnt + 3)) {
     return TERVIK_ERR_INVALID_INPUT;
   }
-  std::array<int32_t, CARD_PARAMS_MAX> params = {};
   printf("param(cnt: %d):", param_cnt);
   for (int i = 0; i < param_cnt; ++i) {
     const int typed = atoi(argv[3 + i]);
@@ -277,11 +278,11 @@ int tervik_cmn_diag_cmd_send(int argc, char** argv) {
   std::array<uint8_t, TERVIK_DIAG_COMMAND_MAX> buffer = {};
   const auto typed = static_cast<size_t>(argc - FIRST_DIAG_BYTE_ARG);
   const std::span<uint8_t> command = std::span(buffer).first(std::min(typed, buffer.size()));
+  printf("diag cmd:\n");
   for (size_t i = 0; i < command.size(); ++i) {
     command[i] =
         static_cast<uint8_t>(tervik_string_to_int(argv[FIRST_DIAG_BYTE_ARG + static_cast<int>(i)]));
   }
-  printf("diag cmd:\n");
   print_bytes(command, "", " ");
   const diag_transport& transport = DIAG_TRANSPORTS[mode != 0 ? 1 : 0][type != 0 ? 1 : 0];
   tervik_log_notice("%s", transport.name);
@@ -299,9 +300,14 @@ int tervik_cmn_cmd_send(int type, unsigned int len, const char* data) {
   }
   tervik_common_response response = {};
   int received = sizeof(response);
-  const int result = tervik_extend_qmi_send_sync(
+  int result = tervik_extend_qmi_send_sync(
       REQUEST_ID_COMMON, reinterpret_cast<const uint8_t*>(&request), sizeof(request),
       reinterpret_cast<uint8_t*>(&response), &received);
+  if (result == TERVIK_EXTEND_SUCCESS && received < TERVIK_COMMON_RESULT_END) {
+    tervik_log_error("qmi response of %d bytes is too short", received);
+    response = {};
+    result = TERVIK_EXTEND_SEND_FAILED;
+  }
   tervik_log_notice("result = %d, rsp.result = %d", result, response.result);
   if (result != 0) {
     tervik_log_error("tervik_extend_qmi_send_sync fail");

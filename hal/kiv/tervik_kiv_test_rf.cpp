@@ -120,7 +120,8 @@ constexpr rf_setting TX_SETTING = {"/oem/debug/ant_tx_config", 25, true};
 
 [[nodiscard]] int report_efs(const tervik_log_place& place, int result) {
   if (result != 0) {
-    tervik_log_write(place, LOG_CLASS_ERROR, 0, "tervik_extend_qmi_send_sync fail, REQUEST_ID_EFS");
+    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
+                     "tervik_extend_qmi_send_sync fail, REQUEST_ID_EFS");
   }
   return result;
 }
@@ -132,9 +133,9 @@ constexpr rf_setting TX_SETTING = {"/oem/debug/ant_tx_config", 25, true};
   if (result != 0) {
     return report_efs(place, result);
   }
-  tervik_log_write(place, LOG_CLASS_NOTICE, 0, "data len(%d)%sdata: ", len,
+  tervik_log_write(place, LOG_CLASS_NOTICE, TERVIK_NO_SUB, "data len(%d)%sdata: ", len,
                    setting.length_on_own_line ? "\n" : "");
-  tervik_print_byte_lines(place, LOG_CLASS_NOTICE, 0, std::span(data).first(len));
+  tervik_print_byte_lines(place, LOG_CLASS_NOTICE, TERVIK_NO_SUB, std::span(data).first(len));
   return 0;
 }
 

@@ -1,0 +1,548 @@
+#include "tervik_kiv_lyrax_unpk.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "tervik_utils_cmn.h"
+
+static_assert(std::endian::native == std::endian::little);
+
+modem_stats_result g_modem_stats_result;
+uint32_t g_unpk_print_flag = 0;
+
+namespace {
+
+// ---- the cursor ----
+
+constexpr int SPAN_HALF_BITS = 64;
+constexpr int SPAN_BITS = 2 * SPAN_HALF_BITS;
+constexpr size_t SPAN_SIZE = SPAN_BITS / 8;
+
+// Holds the record and behind it zeros, so that the span of a field at the end of the record, or of
+// the limit, is inside.
+std::array<uint8_t, UNPK_LIMIT + SPAN_SIZE> g_unpk_buffer;
+
+const uint8_t* g_unpk_data_ptr = nullptr;
+uint32_t g_unpk_data_id = 0;
+int32_t g_unpk_data_base = 0;      // byte of the last rebase
+int32_t g_unpk_data_base_bit = 0;  // bit that the current structure begins at
+int32_t g_unpk_data_cnt = 0;       // bytes read since the byte base
+
+[[gnu::format(printf, 1, 2)]] void trace_step(const char* format, ...) {
+  if (g_unpk_print_flag == 0) {
+    return;
+  }
+  va_list arguments;
+  va_start(arguments, format);
+  vprintf(format, arguments);
+  va_end(arguments);
+}
+
+// The value's bytes as they lie in memory, without the zeros at the end.
+std::array<char, 2 + 2 * sizeof(uint64_t) + 1> memory_text(uint64_t value) {
+  constexpr char DIGITS[] = "0123456789ABCDEF";
+  std::array<char, 2 + 2 * sizeof(uint64_t) + 1> text = {'0', 'x'};
+  size_t len = 2;
+  do {
+    text[len++] = DIGITS[value >> 4 & 0x0F];
+    text[len++] = DIGITS[value & 0x0F];
+    value >>= 8;
+  } while (value != 0);
+  return text;
+}
+
+// The `bits` (1 to 64) lowest bits.
+constexpr uint64_t low_mask(int bits) {
+  return ~uint64_t{0} >> (64 - bits);
+}
+
+constexpr bool is_within(int value, int first, int last) {
+  return first <= value && value <= last;
+}
+
+// Brings bit `low` (2 and above, counted from 1) of the span down to bit 1.
+std::optional<uint64_t> unpk_high(const unpk_field& field, const unpk_span& span, int low) {
+  const int kept = SPAN_BITS + 1 - low;
+  if (!is_within(kept, SPAN_HALF_BITS, SPAN_BITS)) {
+    printf("UNPK_HIGH, bit_num(%d) should be in [64, 128] for %s, id(0x%x)\n", kept, field.name,
+           g_unpk_data_id);
+    return std::nullopt;
+  }
+  // A shift by the whole width is not a shift.
+  const uint64_t lower = low > SPAN_HALF_BITS ? 0 : span.tmp1 >> (low - 1);
+  const uint64_t result =
+      lower | (span.tmp2 & low_mask(low - 1)) * (uint64_t{1} << (SPAN_HALF_BITS + 1 - low));
+  trace_step("UNPK_HIGH, old_val: %" PRIu64 ", new_val: %" PRIu64
+             ", bit_num: %d, name: %s, id(0x%x)\n",
+             span.tmp1, result, kept, field.name, g_unpk_data_id);
+  return result;
+}
+
+// Keeps the `bit_num` lowest bits.
+std::optional<uint64_t> unpk_low(const unpk_field& field, uint64_t value, int bit_num) {
+  const int variable_bits = 8 * field.size;
+  if (!is_within(bit_num, 1, variable_bits)) {
+    printf("UNPK_LOW, bit_num(%d) should be in [1, %d] for %s, id(0x%x)\n", bit_num, variable_bits,
+           field.name, g_unpk_data_id);
+    return std::nullopt;
+  }
+  const uint64_t result = value & low_mask(bit_num);
+  trace_step("UNPK_LOW, old_val: %" PRIu64 ", new_val: %" PRIu64
+             ", bit_num: %d, mask_max(0x%" PRIx64 "), old_size(%d), name: %s, id(0x%x)\n",
+             value, result, bit_num, low_mask(variable_bits), field.size, field.name,
+             g_unpk_data_id);
+  return result;
+}
+
+// Whether bits `low` to `high` can be cut out of a span.
+bool check_span_bits(const unpk_field& field, int low, int high) {
+  if (low == 1) {
+    if (!is_within(high, 1, SPAN_HALF_BITS)) {
+      printf("UNPK_MID, high(%d) should be in [1, %d] for %s, id(0x%x)\n", high, SPAN_HALF_BITS,
+             field.name, g_unpk_data_id);
+      return false;
+    }
+    return true;
+  }
+  if (!is_within(low, 1, SPAN_BITS)) {
+    printf("UNPK_MID, low(%d) should be in [1, 128] for %s, id(0x%x)\n", low, field.name,
+           g_unpk_data_id);
+    return false;
+  }
+  if (!is_within(high, 1, SPAN_BITS)) {
+    printf("UNPK_MID, high(%d) should be in [1, 128] for %s, id(0x%x)\n", high, field.name,
+           g_unpk_data_id);
+    return false;
+  }
+  if (low > high) {
+    printf("UNPK_MID, low(%d) should <= high(%d) for %s, id(0x%x)\n", low, high, field.name,
+           g_unpk_data_id);
+    return false;
+  }
+  return true;
+}
+
+// ---- the cell record ----
+
+constexpr uint32_t TEST_RECORD_ID = 0x123;
+constexpr int VERSION_SIZE = 4;
+
+// The versions of the record, and the order of the offsets in the rows below.
+constexpr std::array<uint32_t, 4> CELL_VERSIONS = {0x30000, 0x30001, 0x30002, 4};
+
+struct decoded_cell {
+  modem_stats_cell_record record;
+  uint8_t mnc_num;  // shown, but not handed on
+};
+static_assert(offsetof(decoded_cell, record) == 0);
+
+struct cell_field {
+  unpk_field field;
+  size_t variable;                            // its offset in decoded_cell
+  std::array<int, CELL_VERSIONS.size()> bit;  // in the body, by version
+};
+
+constexpr std::array<cell_field, 12> CELL_FIELDS = {{
+    {{"mcc", 2, 16}, offsetof(modem_stats_cell_record, mcc), {240, 250, 264, 176}},
+    {{"mnc_num", 1, 8}, offsetof(decoded_cell, mnc_num), {256, 266, 280, 192}},
+    {{"mnc", 2, 16}, offsetof(modem_stats_cell_record, mnc), {264, 274, 288, 200}},
+    {{"tac", 4, 32}, offsetof(modem_stats_cell_record, tac), {288, 298, 312, 224}},
+    {{"cgi", 8, 64}, offsetof(modem_stats_cell_record, cgi), {176, 186, 200, 112}},
+    {{"pci", 2, 16}, offsetof(modem_stats_cell_record, pci), {0, 10, 24, 0}},
+    {{"freq_band_ind", 2, 16},
+     offsetof(modem_stats_cell_record, freq_band_ind),
+     {320, 330, 344, 256}},
+    {{"dl_earfcn", 4, 32}, offsetof(modem_stats_cell_record, dl_earfcn), {80, 90, 104, 16}},
+    {{"dl_bw", 2, 16}, offsetof(modem_stats_cell_record, dl_bw), {144, 154, 168, 80}},
+    {{"ul_earfcn", 4, 32}, offsetof(modem_stats_cell_record, ul_earfcn), {112, 122, 136, 48}},
+    {{"ul_bw", 2, 16}, offsetof(modem_stats_cell_record, ul_bw), {160, 170, 184, 96}},
+    {{"allow_access", 1, 8}, offsetof(modem_stats_cell_record, allow_access), {280, 290, 304, 216}},
+}};
+
+// Decodes the body's fields by the rows' column of the record's version.
+bool unpk_cell_fields(size_t column, decoded_cell& cell) {
+  for (const cell_field& row : CELL_FIELDS) {
+    const std::optional<uint64_t> value = unpk_at(row.field, row.bit[column]);
+    if (!value) {
+      return false;
+    }
+    memcpy(reinterpret_cast<uint8_t*>(&cell) + row.variable, &*value, row.field.size);
+  }
+  return true;
+}
+
+void print_cell(const decoded_cell& cell) {
+  const modem_stats_cell_record& record = cell.record;
+  printf("version = %d, mcc = %d, mnc_num %d, mnc %d, tac %d, cgi %" PRIu64 ", pci %d\n",
+         static_cast<int>(record.version), record.mcc, cell.mnc_num, record.mnc,
+         static_cast<int>(record.tac), record.cgi, record.pci);
+  printf(
+      "freq_band_ind = %d, dl_earfcn = %d, dl_bw %d, ul_earfcn %d, ul_bw %d, allow_access %d, scs "
+      "%d\n",
+      record.freq_band_ind, static_cast<int>(record.dl_earfcn), record.dl_bw,
+      static_cast<int>(record.ul_earfcn), record.ul_bw, record.allow_access, record.scs);
+}
+
+// ---- debug counters ----
+
+struct counter {
+  const char* name;
+  uint8_t size;
+  uint8_t from_version = 0;  // of the block's layout
+};
+
+constexpr std::array<counter, 1> VERSION_COUNTERS = {{{"version", 1}}};
+
+constexpr std::array<counter, 10> MAIN_COUNTERS = {{
+    {"g_modem_stats_feature_enable_status", 1},
+    {"g_unpk_version_not_support_num", 8},
+    {"g_modem_stats_cmd_ok_count", 8},
+    {"g_modem_stats_cmd_fail_count", 8},
+    {"lyrax_system_heapi_mem_max_num", 8, 2},
+    {"lyrax_system_heapi_mem_cur_num", 8, 2},
+    {"modem_statsi_cmd_q_count", 4, 2},
+    {"modem_statsi_cmd_free_q_count", 4, 2},
+    {"g_lyrax_log_mask", 4, 4},
+    {"g_lyrax_log_stats_mask", 4, 4},
+}};
+
+constexpr std::array<counter, 22> DIAG_COUNTERS = {{
+    {"init_state", 1},
+    {"listener_event_num", 4},
+    {"listener_event_state", 1},
+    {"listener_event_call_num", 4},
+    {"listener_event_parse_num", 4},
+    {"listener_log_num", 4},
+    {"listener_log_state", 1},
+    {"listener_log_call_num", 8},
+    {"listener_log_parse_num", 8},
+    {"poll_update_call_num", 4},
+    {"poll_update_parse_num", 4},
+    {"listener_event_callback_num", 8, 1},
+    {"listener_log_callback_num", 8, 1},
+    {"lte_cell_id_invalid_num", 4, 1},
+    {"nr5g_cell_id_invalid_num", 4, 1},
+    {"event_duration_ms_max", 4, 2},
+    {"log_duration_ms_max", 4, 2},
+    {"do_duration_ms_max", 4, 2},
+    {"debug_call_num", 4, 2},
+    {"debug_parse_num", 4, 2},
+    {"cust_event_call_num", 4, 3},
+    {"cust_event_parse_num", 4, 3},
+}};
+
+constexpr std::array<counter, 16> CM_COUNTERS = {{
+    {"init_state", 1},
+    {"listener_state", 1},
+    {"listener_call_event_call_num", 4},
+    {"listener_call_event_parse_num", 4},
+    {"listener_subs_event_call_num", 4},
+    {"listener_subs_event_parse_num", 4},
+    {"listener_ss_event_call_num", 4},
+    {"listener_ss_event_parse_num", 4},
+    {"listener_stats_event_call_num", 4},
+    {"listener_stats_event_parse_num", 4},
+    {"poll_update_rf_call_num", 4},
+    {"poll_update_rf_parse_num", 4},
+    {"poll_update_lte_call_num", 4},
+    {"poll_update_lte_parse_num", 4},
+    {"poll_update_nr5g_call_num", 4},
+    {"poll_update_nr5g_parse_num", 4},
+}};
+
+constexpr std::array<counter, 4> UIM_COUNTERS = {{
+    {"init_state", 1},
+    {"listener_state", 1},
+    {"listener_event_call_num", 4},
+    {"listener_event_parse_num", 4},
+}};
+
+constexpr std::array<counter, 5> SUPPORT_COUNTERS = {{
+    {"version", 1},
+    {"modem_stats_feature_enable_status", 1},
+    {"version_not_support_num", 8},
+    {"modem_stats_cmd_ok_count", 8},
+    {"modem_stats_cmd_fail_count", 8},
+}};
+
+constexpr std::array<counter, 1> LOG_NUM_COUNTERS = {{{"log_num", 2}}};
+
+// Prints the counters that a block of `version` has. The bytes that they take, 0 for no data, or
+// UNPK_ENDS_EARLY.
+int print_counters(std::span<const counter> counters, std::span<const uint8_t> data,
+                   int version = 0) {
+  if (data.data() == nullptr) {
+    printf("ptr is null\n");
+    return 0;
+  }
+  size_t consumed = 0;
+  for (const counter& row : counters) {
+    if (row.from_version > version) {
+      break;
+    }
+    const std::span<const uint8_t> rest = data.subspan(consumed);
+    if (rest.size() < row.size) {
+      printf("UNPK, the data ends before %s: %zu of %d bytes received\n", row.name, rest.size(),
+             row.size);
+      return UNPK_ENDS_EARLY;
+    }
+    uint64_t value = 0;
+    memcpy(&value, rest.data(), row.size);
+    printf("UNPK[size:%d], %s = %" PRIu64 "\n", row.size, row.name, value);
+    consumed += row.size;
+  }
+  return static_cast<int>(consumed);
+}
+
+// ---- support status ----
+
+// What the support check looks at. Little-endian.
+struct [[gnu::packed]] support_record {
+  uint8_t version;
+  uint8_t modem_stats_feature_enable_status;
+  uint64_t version_not_support_num;
+  uint64_t modem_stats_cmd_ok_count;
+  uint64_t modem_stats_cmd_fail_count;
+};
+static_assert(sizeof(support_record) == 26);
+static_assert(offsetof(support_record, version_not_support_num) == 2);
+
+void print_banner(const char* verdict) {
+  constexpr const char* RULE = "===========================================";
+  printf("%s\n%s\n%s\n", RULE, verdict, RULE);
+}
+
+// Prints the ids of the list that `data` begins with, as far as they were received.
+void print_logs_to_upgrade(std::span<const uint8_t> data) {
+  if (print_counters(LOG_NUM_COUNTERS, data) == UNPK_ENDS_EARLY) {
+    return;
+  }
+  uint16_t log_num = 0;
+  memcpy(&log_num, data.data(), sizeof(log_num));
+  print_banner("================= FAIL ====================");
+  printf("Diag logs to be upgraded[num:%d]:\n", log_num);
+  const std::span<const uint8_t> ids = data.subspan(sizeof(log_num));
+  const int received = static_cast<int>(ids.size() / sizeof(uint16_t));
+  for (int i = 0; i < std::min<int>(log_num, received); ++i) {
+    uint16_t log_id = 0;
+    memcpy(&log_id, &ids[static_cast<size_t>(i) * sizeof(log_id)], sizeof(log_id));
+    printf("log_id[%d]: 0x%04X\n", i, log_id);
+  }
+  if (received < log_num) {
+    printf("UNPK, the data ends early: %d of %d log ids received\n", received, log_num);
+  }
+}
+
+// Asks the modem for the DIAG logs whose versions it does not support, and prints them.
+void query_logs_to_upgrade() {
+  tervik_common_req_response rsp_not_support = {};
+  int received = 0;
+  const int result = tervik_common_qmi_req(TERVIK_COMMON_REQ_STATS_LOG_IDS, 0, nullptr,
+                                           &rsp_not_support, &received);
+  if (result != 0) {
+    tervik_log_error("tervik_common_qmi_req fail, result = %d, rsp_not_support.result = %d", result,
+                     rsp_not_support.result);
+  } else if (rsp_not_support.result != 0) {
+    tervik_log_error("qmi response fail, result = %d, rsp_not_support.result = %d", result,
+                     rsp_not_support.result);
+  } else {
+    print_logs_to_upgrade(modem_stats_reply_data(rsp_not_support, received));
+  }
+}
+
+}  // namespace
+
+// ---- the unpacker's steps ----
+
+bool unpk_start(std::span<const uint8_t> record, uint32_t id) {
+  g_modem_stats_result = {};
+  g_unpk_data_id = id;
+  g_unpk_data_base = 0;
+  g_unpk_data_base_bit = 0;
+  g_unpk_data_cnt = 0;
+  if (record.data() == nullptr) {
+    g_unpk_data_ptr = nullptr;
+    printf("UNPK_START, payload is NULL, id(0x%x)\n", id);
+    return false;
+  }
+  g_unpk_buffer = {};
+  memcpy(g_unpk_buffer.data(), record.data(), std::min<size_t>(record.size(), UNPK_LIMIT));
+  g_unpk_data_ptr = g_unpk_buffer.data();
+  return true;
+}
+
+std::optional<uint64_t> unpk_i(const char* name, const char* suffix, int size) {
+  if (g_unpk_data_ptr == nullptr) {
+    printf("DATA_UNPK, g_unpk_data_ptr is NULL, name: %s%s, id(0x%x)\n", name, suffix,
+           g_unpk_data_id);
+    return std::nullopt;
+  }
+  const int pos = g_unpk_data_base + g_unpk_data_cnt;
+  if (!is_within(pos, 0, UNPK_LIMIT - 1)) {
+    printf("DATA_UNPK, (base + cnt)(%d) is can not >= %d for %s%s, id(0x%x)\n", pos, UNPK_LIMIT,
+           name, suffix, g_unpk_data_id);
+    return std::nullopt;
+  }
+  uint64_t value = 0;
+  memcpy(&value, g_unpk_data_ptr + pos, static_cast<size_t>(size));
+  g_unpk_data_cnt += size;
+  trace_step("    UNPK_I, name: %s%s, val: %" PRIu64
+             "(%s), val_size: %d, unpk_cnt: %d, data_base: %d, base_bit: %d\n",
+             name, suffix, value, memory_text(value).data(), size, g_unpk_data_cnt,
+             g_unpk_data_base, g_unpk_data_base_bit);
+  return value;
+}
+
+void unpk_base_with_bit(int bits) {
+  g_unpk_data_base_bit += bits;
+  g_unpk_data_base = g_unpk_data_base_bit / 8;
+  g_unpk_data_cnt = 0;
+  trace_step(
+      "BASE_WITH_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
+      "bit(%d), id(0x%x)\n",
+      g_unpk_data_base_bit, g_unpk_data_base, g_unpk_data_cnt, bits, g_unpk_data_id);
+}
+
+bool unpk_set_bit(int bit) {
+  // Rounds down, so that a bit before the record does not count as one in its first byte.
+  const int pos = static_cast<int>((int64_t{g_unpk_data_base_bit} + bit) >> 3);
+  if (!is_within(pos, 0, UNPK_LIMIT - 1)) {
+    printf("UNPK_SET_BIT, pos(%d) should be[0, %d), id(0x%x)\n", pos, UNPK_LIMIT, g_unpk_data_id);
+    return false;
+  }
+  g_unpk_data_cnt = pos - g_unpk_data_base;
+  trace_step(
+      "UNPK_SET_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
+      "bit(%d), id(0x%x)\n",
+      g_unpk_data_base_bit, g_unpk_data_base, g_unpk_data_cnt, bit, g_unpk_data_id);
+  return true;
+}
+
+std::optional<uint64_t> unpk_mid(const unpk_field& field, const unpk_span& span, int low,
+                                 int high) {
+  if (!check_span_bits(field, low, high)) {
+    return std::nullopt;
+  }
+  std::optional<uint64_t> value = span.tmp1;
+  if (low == 1) {
+    // The lower half is what is kept.
+    trace_step("UNPK_HIGH, old_val: %" PRIu64 ", new_val: %" PRIu64
+               ", bit_num: %d, name: %s, id(0x%x)\n",
+               span.tmp1, *value, SPAN_HALF_BITS, field.name, g_unpk_data_id);
+  } else {
+    value = unpk_high(field, span, low);
+  }
+  if (value) {
+    value = unpk_low(field, *value, high - low + 1);
+  }
+  if (value) {
+    trace_step("UNPK_MID, old_val: %" PRIu64 ", new_val: %" PRIu64
+               ", low: %d, high: %d, name: %s, id(0x%x)\n",
+               span.tmp1, *value, low, high, field.name, g_unpk_data_id);
+  }
+  return value;
+}
+
+std::optional<uint64_t> unpk_at(const unpk_field& field, int bit) {
+  if (!unpk_set_bit(bit)) {
+    return std::nullopt;
+  }
+  const int low = g_unpk_data_base_bit + bit - (g_unpk_data_base + g_unpk_data_cnt) * 8 + 1;
+  const int high = low + field.width - 1;
+  trace_step(
+      "PRINT_CNT, base_bit: %d, base_byte: %d, data_cnt: %d, low: %d, high: %d, param: %d, name: "
+      "%s\n",
+      g_unpk_data_base_bit, g_unpk_data_base, g_unpk_data_cnt, low, high, bit, field.name);
+  const std::optional<uint64_t> tmp1 = unpk_i(field.name, "_tmp1", sizeof(uint64_t));
+  const std::optional<uint64_t> tmp2 =
+      tmp1 ? unpk_i(field.name, "_tmp2", sizeof(uint64_t)) : std::nullopt;
+  const std::optional<uint64_t> value =
+      tmp2 ? unpk_mid(field, {*tmp1, *tmp2}, low, high) : std::nullopt;
+  if (value) {
+    trace_step("    UNPK_AT, name: %s, val: %" PRIu64
+               "(%s), low: %d, high: %d, bit_start: %d, bit_num: %d\n",
+               field.name, *value, memory_text(*value).data(), low, high, bit, field.width);
+  }
+  return value;
+}
+
+void modem_stats_parse_xxxx_diag_xxxx() {
+  const std::optional<uint64_t> version = unpk_i("version", "", VERSION_SIZE);
+  if (!version) {
+    return;
+  }
+  unpk_base_with_bit(8 * VERSION_SIZE);
+  const auto* const layout = std::find(CELL_VERSIONS.begin(), CELL_VERSIONS.end(), *version);
+  if (layout == CELL_VERSIONS.end()) {
+    return;
+  }
+  decoded_cell cell = {};
+  cell.record.version = *layout;
+  if (!unpk_cell_fields(static_cast<size_t>(layout - CELL_VERSIONS.begin()), cell)) {
+    return;
+  }
+  print_cell(cell);
+  memcpy(g_modem_stats_result.value, &cell.record, sizeof(cell.record));
+  g_modem_stats_result.len = sizeof(cell.record);
+}
+
+void tervik_test_modem_stats_parsing_process_do(std::span<const uint8_t> record) {
+  if (unpk_start(record, TEST_RECORD_ID)) {
+    modem_stats_parse_xxxx_diag_xxxx();
+  }
+}
+
+// ---- debug counters ----
+
+int tervik_modem_stats_version_unpk(std::span<const uint8_t> data) {
+  return print_counters(VERSION_COUNTERS, data);
+}
+
+int tervik_modem_stats_main_info_unpk(std::span<const uint8_t> data, int version) {
+  return print_counters(MAIN_COUNTERS, data, version);
+}
+
+int tervik_modem_stats_diag_info_unpk(std::span<const uint8_t> data, int version) {
+  return print_counters(DIAG_COUNTERS, data, version);
+}
+
+int tervik_modem_stats_cm_info_unpk(std::span<const uint8_t> data) {
+  return print_counters(CM_COUNTERS, data);
+}
+
+int tervik_modem_stats_uim_info_unpk(std::span<const uint8_t> data) {
+  return print_counters(UIM_COUNTERS, data);
+}
+
+void tervik_modem_stats_support_status_check(std::span<const uint8_t> data) {
+  if (data.data() == nullptr) {
+    printf("tervik_modem_stats_support_status_check, ptr is null\n");
+    return;
+  }
+  if (print_counters(SUPPORT_COUNTERS, data) == UNPK_ENDS_EARLY) {
+    return;
+  }
+  support_record record = {};
+  memcpy(&record, data.data(), sizeof(record));
+  if (record.modem_stats_feature_enable_status == 0) {
+    print_banner("================ CLOSED ===================");
+  } else if (record.version_not_support_num == 0) {
+    print_banner("================ SUCCES ===================");
+  } else {
+    query_logs_to_upgrade();
+  }
+}
+
+// ---- replies to the statistics requests ----
+
+std::span<const uint8_t> modem_stats_reply_data(const tervik_common_req_response& reply,
+                                                int received) {
+  const int carried = received - static_cast<int>(offsetof(tervik_common_req_response, data));
+  const int room = sizeof(reply.data);
+  return std::span(reply.data).first(static_cast<size_t>(std::clamp(carried, 0, room)));
+}

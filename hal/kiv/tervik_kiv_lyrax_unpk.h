@@ -1,0 +1,109 @@
+// What category 7 reads of the modem's statistics: the unpacker of bit-packed cell records from
+// DIAG logs, the printers of the statistics framework's debug counters, and the check whether the
+// framework is enabled and supported. Cursor and result are module state: one thread at a time, the
+// command's. Records and replies are untrusted: a record is decoded inside a buffer that every read
+// falls into, and of a reply nothing is printed but what was received. All lines but the errors of
+// a failed request go straight to standard output, whatever the print masks.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "tervik_extend_cmn.h"
+
+// ---- the unpacker ----
+
+// Byte positions at or beyond it are not read.
+inline constexpr int UNPK_LIMIT = 2000;
+inline constexpr size_t UNPK_RESULT_SIZE = 700;
+
+// A decoded cell record. Little-endian.
+struct [[gnu::packed]] modem_stats_cell_record {
+  uint32_t version;
+  uint16_t mcc;
+  uint16_t mnc;
+  uint32_t tac;
+  uint64_t cgi;
+  uint16_t pci;
+  uint16_t freq_band_ind;
+  uint32_t dl_earfcn;
+  uint16_t dl_bw;
+  uint32_t ul_earfcn;
+  uint16_t ul_bw;
+  uint8_t allow_access;
+  uint8_t scs;  // not part of the records that are decoded: always 0
+};
+static_assert(sizeof(modem_stats_cell_record) == 38);
+static_assert(offsetof(modem_stats_cell_record, cgi) == 12);
+static_assert(offsetof(modem_stats_cell_record, ul_earfcn) == 30);
+
+// What the last decode gave: a modem_stats_cell_record and zeros; `len` is 0 when it gave nothing.
+struct modem_stats_result {
+  uint32_t len;
+  uint8_t value[UNPK_RESULT_SIZE];
+};
+extern modem_stats_result g_modem_stats_result;
+
+// Not 0: every step of a decode prints a trace line.
+extern uint32_t g_unpk_print_flag;
+
+// Decodes a record, cut to the limit; its data() is null for no record.
+void tervik_test_modem_stats_parsing_process_do(std::span<const uint8_t> record);
+
+// ---- the unpacker's steps: each moves the cursor; a failed one prints the reason ----
+
+// A field: its name, the bytes of the variable that takes it (1, 2, 4 or 8), its bits.
+struct unpk_field {
+  const char* name;
+  uint8_t size;
+  uint8_t width;
+};
+
+// The 128 bits that a field is cut out of, the lower half first.
+struct unpk_span {
+  uint64_t tmp1;
+  uint64_t tmp2;
+};
+
+// Puts the cursor to the start of a record of DIAG log `id`. False when there is no record.
+[[nodiscard]] bool unpk_start(std::span<const uint8_t> record, uint32_t id);
+// Reads the `size` (4 or 8) next bytes; `suffix` follows the name in what is printed.
+[[nodiscard]] std::optional<uint64_t> unpk_i(const char* name, const char* suffix, int size);
+// Moves the base by `bits`.
+void unpk_base_with_bit(int bits);
+// Puts the next read to the byte that holds `bit`, counted from the base.
+[[nodiscard]] bool unpk_set_bit(int bit);
+// Bits `low` to `high` of a span, counted from 1.
+[[nodiscard]] std::optional<uint64_t> unpk_mid(const unpk_field& field, const unpk_span& span,
+                                               int low, int high);
+// Reads the field at `bit`, counted from the base.
+[[nodiscard]] std::optional<uint64_t> unpk_at(const unpk_field& field, int bit);
+// Decodes the record that unpk_start was given into g_modem_stats_result and prints it. A record of
+// an unknown version is ignored.
+void modem_stats_parse_xxxx_diag_xxxx();
+
+// ---- the debug counters ----
+
+// A printer's result when the received data ends within its counters. Those before were printed.
+inline constexpr int UNPK_ENDS_EARLY = -1;
+
+// Each prints the counters that `data` begins with, as many as the block's layout version has.
+// Returns the bytes that they take, 0 when data.data() is null, or UNPK_ENDS_EARLY.
+[[nodiscard]] int tervik_modem_stats_main_info_unpk(std::span<const uint8_t> data, int version);
+[[nodiscard]] int tervik_modem_stats_diag_info_unpk(std::span<const uint8_t> data, int version);
+[[nodiscard]] int tervik_modem_stats_cm_info_unpk(std::span<const uint8_t> data);
+[[nodiscard]] int tervik_modem_stats_uim_info_unpk(std::span<const uint8_t> data);
+// The same of the layout version that stands before the counters.
+[[nodiscard]] int tervik_modem_stats_version_unpk(std::span<const uint8_t> data);
+
+// Prints the state that `data` tells (data.data() may be null). When the framework lacks support,
+// asks the modem for the DIAG logs to be upgraded and prints their ids.
+void tervik_modem_stats_support_status_check(std::span<const uint8_t> data);
+
+// ---- replies to the statistics requests ----
+
+// The data of a reply of which `received` bytes came.
+[[nodiscard]] std::span<const uint8_t> modem_stats_reply_data(
+    const tervik_common_req_response& reply, int received);
