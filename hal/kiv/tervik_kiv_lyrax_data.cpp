@@ -87,10 +87,11 @@ void tervik_test_qmi_modem_stats_4g_rssi(uint32_t sub, int opt) {
   modem_lyrax_lte_srv_meas_info lte = {};
   const lte_getter get = getter_of(LTE_GETTERS, 0, opt);
   if (get == nullptr || get(sub, &lte) == 0) {
-    tervik_log_error("get lyrax data failed");
+    tervik_log_print(LOG_CLASS_ERROR, sub, "get lyrax data failed");
     return;
   }
-  tervik_log_help(
+  tervik_log_print(
+      LOG_CLASS_HELP, sub,
       "ASDIV DATA: earfcn: %d, pci: %d, rx_valid: %d, rsrp_rx0: %.2f, rsrq_rx0: %.2f, rssi_rx0: %.2f, snr_rx0: %.2f, rsrp_rx1: %.2f, rsrq_rx1: %.2f, rssi_rx1: %.2f, snr_rx1: %.2f, rsrp_rx2: %.2f, rsrq_rx2: %.2f, rssi_rx2: %.2f, snr_rx2: %.2f, rsrp_rx3: %.2f, rsrq_rx3: %.2f, rssi_rx3: %.2f, snr_rx3: %.2f",
       lte.earfcn, lte.pci, lte.rx_valid, shown(lte.rsrp[0]), shown(lte.rsrq[0]), shown(lte.rssi[0]),
       shown(lte.snr[0]), shown(lte.rsrp[1]), shown(lte.rsrq[1]), shown(lte.rssi[1]),
@@ -102,30 +103,34 @@ void tervik_test_qmi_modem_stats_4g_rssi(uint32_t sub, int opt) {
 void tervik_test_qmi_modem_stats_5g_rssi(uint32_t sub) {
   modem_lyrax_nr5g_ll1_fw_rx_control_agc agc = {};
   if (modem_lyrax_nr5g_ll1_fw_rx_control_agc_get(sub, &agc) == 0) {
-    tervik_log_error("modem_lyrax_nr5g_ll1_fw_rx_control_agc_get failed");
+    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_nr5g_ll1_fw_rx_control_agc_get failed");
     return;
   }
-  tervik_log_help("ASDIV DATA: rssi_rx0: %.2f, rssi_rx1: %.2f, rssi_rx2: %.2f, rssi_rx3: %.2f",
-                  shown(agc.rssi[0]), shown(agc.rssi[1]), shown(agc.rssi[2]), shown(agc.rssi[3]));
+  tervik_log_print(LOG_CLASS_HELP, sub,
+                   "ASDIV DATA: rssi_rx0: %.2f, rssi_rx1: %.2f, rssi_rx2: %.2f, rssi_rx3: %.2f",
+                   shown(agc.rssi[0]), shown(agc.rssi[1]), shown(agc.rssi[2]), shown(agc.rssi[3]));
 }
 
 void tervik_test_qmi_modem_stats_5g_snr(uint32_t sub) {
   modem_lyrax_nr5g_ll1_fw_serving_ftl ftl = {};
   if (modem_lyrax_nr5g_ll1_fw_serving_ftl_get(sub, &ftl) == 0) {
-    tervik_log_error("modem_lyrax_nr5g_ll1_fw_serving_ftl_get failed");
+    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_nr5g_ll1_fw_serving_ftl_get failed");
     return;
   }
-  tervik_log_help("ASDIV DATA: snr_rx0: %.2f, snr_rx1: %.2f, snr_rx2: %.2f, snr_rx3: %.2f",
-                  shown(ftl.snr[0]), shown(ftl.snr[1]), shown(ftl.snr[2]), shown(ftl.snr[3]));
+  tervik_log_print(LOG_CLASS_HELP, sub,
+                   "ASDIV DATA: snr_rx0: %.2f, snr_rx1: %.2f, snr_rx2: %.2f, snr_rx3: %.2f",
+                   shown(ftl.snr[0]), shown(ftl.snr[1]), shown(ftl.snr[2]), shown(ftl.snr[3]));
 }
 
 void tervik_test_qmi_modem_stats_5g_ant_diversity(uint32_t sub) {
   modem_lyrax_nr5g_ml1_antenna_switch_diversity ant = {};
   if (modem_lyrax_nr5g_ml1_antenna_switch_diversity_get(sub, &ant) == 0) {
-    tervik_log_error("modem_lyrax_nr5g_ml1_antenna_switch_diversity_get failed");
+    tervik_log_print(LOG_CLASS_ERROR, sub,
+                     "modem_lyrax_nr5g_ml1_antenna_switch_diversity_get failed");
     return;
   }
-  tervik_log_help(
+  tervik_log_print(
+      LOG_CLASS_HELP, sub,
       "ASDIV DATA: ant_rx_0_old = %d, ant_rx_0_new = %d, ant_rx_1_old = %d, ant_rx_1_new = %d, ant_rx_2_old = %d, ant_rx_2_new = %d, ant_rx_3_old = %d, ant_rx_3_new = %d, ant_tx_0_old = %d, ant_tx_0_new = %d, ant_tx_1_old = %d, ant_tx_1_new = %d",
       ant.ant_rx_0_old, ant.ant_rx_0_new, ant.ant_rx_1_old, ant.ant_rx_1_new, ant.ant_rx_2_old,
       ant.ant_rx_2_new, ant.ant_rx_3_old, ant.ant_rx_3_new, ant.ant_tx_0_old, ant.ant_tx_0_new,
@@ -136,10 +141,11 @@ void tervik_test_qmi_modem_stats_5g_rsrp(uint32_t sub, int opt) {
   modem_lyrax_nr5g_srv_meas_info nr = {};
   const nr_rsrp_getter get = getter_of(NR_RSRP_GETTERS, FIRST_NR_RSRP_OPT, opt);
   if (get == nullptr || get(sub, &nr) == 0) {
-    tervik_log_error("get lyrax data failed");
+    tervik_log_print(LOG_CLASS_ERROR, sub, "get lyrax data failed");
     return;
   }
-  tervik_log_help(
+  tervik_log_print(
+      LOG_CLASS_HELP, sub,
       "ASDIV DATA: rsrp_rx0: %.2f, rsrp_rx1: %.2f, rsrp_rx2: %.2f, rsrp_rx3: %.2f, rsrq: %.2f",
       shown(nr.rsrp[0]), shown(nr.rsrp[1]), shown(nr.rsrp[2]), shown(nr.rsrp[3]), shown(nr.rsrq));
 }
@@ -147,20 +153,21 @@ void tervik_test_qmi_modem_stats_5g_rsrp(uint32_t sub, int opt) {
 void tervik_test_qmi_modem_stats_wcdma_rssi(uint32_t sub) {
   modem_lyrax_wcdma_pn_search_edition2 wcdma = {};
   if (modem_lyrax_wcdma_pn_search_edition2_get(sub, &wcdma) == 0) {
-    tervik_log_error("modem_lyrax_wcdma_pn_search_edition2_get failed");
+    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_wcdma_pn_search_edition2_get failed");
     return;
   }
-  tervik_log_help("ASDIV DATA: rx_agc_0: %.2f, rx_agc_1: %.2f", shown(wcdma.rx_agc_0),
-                  shown(wcdma.rx_agc_1));
+  tervik_log_print(LOG_CLASS_HELP, sub, "ASDIV DATA: rx_agc_0: %.2f, rx_agc_1: %.2f",
+                   shown(wcdma.rx_agc_0), shown(wcdma.rx_agc_1));
 }
 
 void tervik_test_qmi_modem_stats_gsm_rssi(uint32_t sub) {
   modem_lyrax_gsm_l1_rx_diversity_metrics gsm = {};
   if (modem_lyrax_gsm_l1_rx_diversity_metrics_get(sub, &gsm) == 0) {
-    tervik_log_error("modem_lyrax_gsm_l1_rx_diversity_metrics_get failed");
+    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_gsm_l1_rx_diversity_metrics_get failed");
     return;
   }
-  tervik_log_help("ASDIV DATA: rx_prx: %.2f, rx_drx: %.2f", shown(gsm.rx_prx), shown(gsm.rx_drx));
+  tervik_log_print(LOG_CLASS_HELP, sub, "ASDIV DATA: rx_prx: %.2f, rx_drx: %.2f", shown(gsm.rx_prx),
+                   shown(gsm.rx_drx));
 }
 
 void tervik_test_qmi_modem_stats_ant_info() {
@@ -183,7 +190,7 @@ void tervik_test_qmi_modem_stats_tx_info(uint32_t sub) {
   } else {
     tx_power = modem_tx_power_get_for_max_sub();
   }
-  tervik_log_help("TX INFO: tx_power = %d", tx_power);
+  tervik_log_print(LOG_CLASS_HELP, sub, "TX INFO: tx_power = %d", tx_power);
 }
 
 // The opts from `first` to `last` and the query that they run.
@@ -222,7 +229,8 @@ void tervik_test_qmi_modem_stats_hdl(int opt, int sub) {
     return opt >= row.first && opt <= row.last;
   });
   if (query == QUERIES.end()) {
-    tervik_log_error("tervik_test_qmi_modem_stats_hdl: Unknown opt(%d), sub(%d)", opt, sub);
+    tervik_log_print(LOG_CLASS_ERROR, static_cast<uint32_t>(sub),
+                     "tervik_test_qmi_modem_stats_hdl: Unknown opt(%d), sub(%d)", opt, sub);
     return;
   }
   query->run(static_cast<uint32_t>(sub), opt);
@@ -235,7 +243,7 @@ void tervik_test_qmi_modem_stats_do(int argc, char** argv) {
   }
   const int opt = atoi(argv[2]);
   const int sub = atoi(argv[3]);
-  tervik_log_notice("opt = %d, sub = %d", opt, sub);
+  tervik_log_print(LOG_CLASS_NOTICE, static_cast<uint32_t>(sub), "opt = %d, sub = %d", opt, sub);
   // A failed connection shows in the query.
   static_cast<void>(modem_lyrax_api_init());
   static_cast<void>(modem_lyrax_stats_start());

@@ -191,8 +191,8 @@ void print_cell(const decoded_cell& cell) {
 // ---- debug counters ----
 
 struct counter {
-  const char* name;
-  uint8_t size;
+  const char* name = nullptr;
+  uint8_t size = 0;
   uint8_t from_version = 0;  // of the block's layout
 };
 

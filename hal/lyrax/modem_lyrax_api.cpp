@@ -142,19 +142,21 @@ struct value_text {
 };
 
 // Fills the entries of a request from the caller's, which are cut to their buffers.
-void fill_entries(const stats_para_data& data, vs_get_stats_parameter_req& request) {
+void fill_entries(uint32_t sub, const stats_para_data& data, vs_get_stats_parameter_req& request) {
   request.entries_len = data.para_num;
   for (uint32_t i = 0; i < data.para_num; ++i) {
     vs_stats_entry& entry = request.entries[i];
     entry.id = data.para[i].id;
     entry.value_len = std::min(data.para[i].value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
     memcpy(entry.value, data.para[i].value, sizeof(entry.value));
-    tervik_log_debug("req: ids[%d] = %d, value_len = %d, type = %d, value: %s", i, entry.id,
+    tervik_log_print(LOG_CLASS_DEBUG, sub,
+                     "req: ids[%d] = %d, value_len = %d, type = %d, value: %s", i, entry.id,
                      entry.value_len, entry.second_half_word, value_text(entry).text);
   }
 }
 
-void take_entries(const vs_get_stats_parameter_resp& response, stats_para_data& data) {
+void take_entries(uint32_t sub, const vs_get_stats_parameter_resp& response,
+                  stats_para_data& data) {
   data.para_num = std::min(response.entries_len, static_cast<uint32_t>(VS_STATS_ENTRIES_MAX));
   for (uint32_t i = 0; i < data.para_num; ++i) {
     const vs_stats_entry& entry = response.entries[i];
@@ -164,8 +166,8 @@ void take_entries(const vs_get_stats_parameter_resp& response, stats_para_data& 
     taken.id = entry.id;
     taken.value_len = std::min(entry.value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
     memcpy(taken.value, entry.value, taken.value_len);
-    tervik_log_debug("rsp: ids[%d] = %d, value_len = %d, value: %s", i, taken.id, taken.value_len,
-                     value_text(taken).text);
+    tervik_log_print(LOG_CLASS_DEBUG, sub, "rsp: ids[%d] = %d, value_len = %d, value: %s", i,
+                     taken.id, taken.value_len, value_text(taken).text);
   }
 }
 
@@ -362,23 +364,24 @@ uint32_t modem_api_set_lyrax_feature_status(int32_t client_id, uint32_t feature,
 
 uint32_t modem_api_get_stats_parameter(int32_t client_id, uint16_t sub, uint16_t slot,
                                        stats_para_data* data) {
-  tervik_log_debug("client_id = %d, sub = %d, slot = %d", client_id, sub, slot);
+  tervik_log_print(LOG_CLASS_DEBUG, sub, "client_id = %d, sub = %d, slot = %d", client_id, sub,
+                   slot);
   if (!modem_api_check_client_valid(client_id)) {
-    tervik_log_error("modem_api_check_client_valid fail, do nothing");
+    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_api_check_client_valid fail, do nothing");
     return MODEM_API_INVALID_CLIENT;
   }
   if (data == nullptr) {
-    tervik_log_debug("stats_para_data is null");
+    tervik_log_print(LOG_CLASS_DEBUG, sub, "stats_para_data is null");
     return MODEM_API_INVALID_ARG;
   }
   if (data->para_num < 1 || data->para_num > VS_STATS_ENTRIES_MAX) {
-    tervik_log_debug("para_num(%d) is invalid", data->para_num);
+    tervik_log_print(LOG_CLASS_DEBUG, sub, "para_num(%d) is invalid", data->para_num);
     return MODEM_API_INVALID_ARG;
   }
   vs_get_stats_parameter_req request = {};
   request.sub = sub;
   request.slot = slot;
-  fill_entries(*data, request);
+  fill_entries(sub, *data, request);
   vs_get_stats_parameter_resp response = {};
   const qmi_client_error_type qmi_error = vs_client_send_msg_sync(
       VS_GET_STATS_PARAMETER, &request, sizeof(request), &response, sizeof(response));
@@ -389,7 +392,7 @@ uint32_t modem_api_get_stats_parameter(int32_t client_id, uint16_t sub, uint16_t
   if (response.entries_valid == 0) {
     return MODEM_API_FAILURE;
   }
-  take_entries(response, *data);
+  take_entries(sub, response, *data);
   return MODEM_API_SUCCESS;
 }
 

@@ -165,16 +165,16 @@ constexpr std::array NR5G_POWER_FIELDS = {
 // ---- decoding ----
 
 // Copies the next `width` bytes of the blob. False when they are not there.
-[[nodiscard]] bool read_field(const tervik_log_place& place, const char* name, uint32_t width,
-                              void* to) {
+[[nodiscard]] bool read_field(const tervik_log_place& place, uint32_t sub, const char* name,
+                              uint32_t width, void* to) {
   if (g_lyrax_data_left < width) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
+    tervik_log_write(place, LOG_CLASS_ERROR, sub,
                      "g_lyrax_data_left(%d) is not enough for %s, id(0x%x)", g_lyrax_data_left,
                      name, g_lyrax_data_id);
     return false;
   }
   if (g_pK_DATA_CNT < 0) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
+    tervik_log_write(place, LOG_CLASS_ERROR, sub,
                      "g_pK_DATA_CNT(%d) is can not < 0 for %s, id(0x%x)", g_pK_DATA_CNT, name,
                      g_lyrax_data_id);
     return false;
@@ -207,7 +207,7 @@ struct stats_target {
   auto* const bytes = static_cast<uint8_t*>(target.record);
   const bool filled =
       std::all_of(target.fields.begin(), target.fields.end(), [&](const stats_field& field) {
-        return read_field(place, field.name, field.width, bytes + field.offset);
+        return read_field(place, sub, field.name, field.width, bytes + field.offset);
       });
   return filled ? 1 : 0;
 }
@@ -239,18 +239,18 @@ template <typename Record>
 // ---- fetching ----
 
 // Makes a client when there is none. False when that fails.
-[[nodiscard]] bool ensure_client() {
+[[nodiscard]] bool ensure_client(uint32_t sub) {
   if (modem_lyrax_api_is_inited() != 0) {
     return true;
   }
-  tervik_log_error("The lyrax is not inited, will init it");
+  tervik_log_print(LOG_CLASS_DEBUG, sub, "The lyrax is not inited, will init it");
   // Whether there is a client afterwards is asked next.
   static_cast<void>(
       modem_lyrax_api_init_ex(modem_lyrax_callback_event_cb, modem_lyrax_operational_status_cb));
   if (modem_lyrax_api_is_inited() != 0) {
     return true;
   }
-  tervik_log_error("The lyrax init failed, will do nothing");
+  tervik_log_print(LOG_CLASS_ERROR, sub, "The lyrax init failed, will do nothing");
   return false;
 }
 
@@ -361,7 +361,7 @@ uint32_t modem_lyrax_stats_start() {
 
 uint32_t modem_lyrax_get_stats_parameter(uint16_t sub, uint16_t slot, stats_para_data* data) {
   if (modem_lyrax_api_is_inited() == 0) {
-    tervik_log_error("The lyrax is not inited, do nothing");
+    tervik_log_print(LOG_CLASS_ERROR, sub, "The lyrax is not inited, do nothing");
     return MODEM_API_FAILURE;
   }
   return modem_api_get_stats_parameter(g_lyrax_client_id, sub, slot, data);
@@ -370,11 +370,12 @@ uint32_t modem_lyrax_get_stats_parameter(uint16_t sub, uint16_t slot, stats_para
 uint32_t modem_lyrax_data_get(uint32_t sub, uint32_t id) {
   g_lyrax_data_len = 0;
   memset(g_lyrax_data, 0, sizeof(g_lyrax_data));
-  if (!ensure_client()) {
+  if (!ensure_client(sub)) {
     return DATA_GET_FAILURE;
   }
   if (!tervik_check_sub_id(sub)) {
-    tervik_log_error("modem_api_get_stats_parameter, sub(%d) is invalid", sub);
+    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_api_get_stats_parameter, sub(%d) is invalid",
+                     sub);
     return DATA_GET_FAILURE;
   }
   stats_para_data data = {};
@@ -516,9 +517,9 @@ int32_t modem_sys_mode_get(uint32_t sub) {
     uint32_t first_rat = 0;
     if (modem_lyrax_data_get(sub, SYS_MODE_ID) != DATA_GET_SUCCESS) {
       tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_data_get failed");
-    } else if (read_field(TERVIK_LOG_PLACE, "stack_max", sizeof(stack_max), &stack_max) &&
+    } else if (read_field(TERVIK_LOG_PLACE, sub, "stack_max", sizeof(stack_max), &stack_max) &&
                stack_max != 0 &&
-               read_field(TERVIK_LOG_PLACE, "rat", sizeof(first_rat), &first_rat)) {
+               read_field(TERVIK_LOG_PLACE, sub, "rat", sizeof(first_rat), &first_rat)) {
       rat = static_cast<int32_t>(first_rat);
     }
   }
@@ -533,13 +534,14 @@ namespace {
 int32_t nr_tx_power(uint32_t sub) {
   modem_lyrax_nr5g_mac_ul_phy_ch_power_info power = {};
   if (modem_lyrax_nr5g_mac_ul_phy_ch_power_info_get(sub, &power) == 0) {
-    tervik_log_error("modem_lyrax_nr5g_mac_ul_phy_ch_power_info_get faile");
+    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_nr5g_mac_ul_phy_ch_power_info_get faile");
     return MODEM_TX_POWER_UNAVAILABLE;
   }
   // A float outside the integers has no truncation.
   constexpr float LIMIT = 2147483648.0F;
   if (!(std::fabs(power.tx_power_pusch) < LIMIT)) {
-    tervik_log_error("tx_power_pusch(%f) is invalid", static_cast<double>(power.tx_power_pusch));
+    tervik_log_print(LOG_CLASS_ERROR, sub, "tx_power_pusch(%f) is invalid",
+                     static_cast<double>(power.tx_power_pusch));
     return MODEM_TX_POWER_UNAVAILABLE;
   }
   return static_cast<int32_t>(power.tx_power_pusch);
@@ -548,7 +550,7 @@ int32_t nr_tx_power(uint32_t sub) {
 int32_t lte_tx_power(uint32_t sub) {
   modem_lyrax_lte_pusch_power_info power = {};
   if (modem_lyrax_lte_pusch_power_info_get(sub, &power) == 0) {
-    tervik_log_error("modem_lyrax_lte_pusch_power_info_get faile");
+    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_lte_pusch_power_info_get faile");
     return MODEM_TX_POWER_UNAVAILABLE;
   }
   return power.pusch_tx_power;

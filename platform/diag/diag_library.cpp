@@ -171,15 +171,13 @@ std::shared_ptr<Connection> open_connection() {
   return connection;
 }
 
-// Ends the connection, if one is open, and its thread with it.
+// Ends the connection, if one is open, and its thread with it. Receivers and deliveries go with it.
 void close_connection(DiagState& diag, std::unique_lock<std::mutex>& lock) {
   const auto closed = std::exchange(diag.connection, nullptr);
   if (closed == nullptr) {
     return;
   }
   closed->open = false;
-  closed->receivers.clear();
-  closed->deliveries.clear();
   diag.changed.notify_all();
   lock.unlock();
   if (pthread_equal(pthread_self(), closed->thread) != 0) {

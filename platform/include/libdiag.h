@@ -25,6 +25,8 @@ using diag_response_callback = int (*)(unsigned char* packet, int len, void* con
 using diag_dci_response_callback = void (*)(unsigned char* packet, int len, void* context);
 using diag_dci_stream_callback = void (*)(unsigned char* packet, int len);
 
+extern "C" {
+
 // Opens the connection, or one more use of it; false on failure. `environment` is null.
 [[nodiscard]] bool Diag_LSM_Init(unsigned char* environment);
 // Ends one use of the connection; false when none is open.
@@ -60,3 +62,5 @@ void diag_register_remote_callback(diag_response_callback callback, int processo
                                           diag_dci_response_callback callback, void* context);
 // Ends the client; no callback of it runs any more once it returned.
 [[nodiscard]] int diag_release_dci_client(int* client_id);
+
+}  // extern "C"

@@ -42,6 +42,10 @@ struct nas_perform_incremental_network_scan_resp_msg_v01 {
 };
 static_assert(sizeof(nas_perform_incremental_network_scan_resp_msg_v01) == 8);
 
+extern "C" {
+
 // The service object of this IDL version (1, 0x199, 6), or null.
 [[nodiscard]] qmi_idl_service_object_type nas_get_service_object_internal_v01(
     uint32_t idl_major_version, uint32_t idl_minor_version, uint32_t library_version);
+
+}  // extern "C"

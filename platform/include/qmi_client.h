@@ -38,6 +38,8 @@ using qmi_client_ind_cb = void (*)(qmi_client_type client, unsigned int msg_id, 
 using qmi_client_error_cb = void (*)(qmi_client_type client, qmi_client_error_type error,
                                      void* error_cb_data);
 
+extern "C" {
+
 // Registers interest in the service: `os_params` is raised when an instance comes up.
 [[nodiscard]] qmi_client_error_type qmi_client_notifier_init(qmi_idl_service_object_type service,
                                                              qmi_client_os_params* os_params,
@@ -92,3 +94,5 @@ void qmi_cci_os_signal_wait(qmi_cci_os_signal_type* signal, unsigned int timeout
 // Closes a client or a notifier; waits for a callback of it that is running on another thread.
 // 0, or QMI_CLIENT_PARAM_ERR for an unknown handle.
 [[nodiscard]] qmi_client_error_type qmi_client_release(qmi_client_type client);
+
+}  // extern "C"

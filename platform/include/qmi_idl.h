@@ -60,8 +60,12 @@ struct qmi_idl_service_object {
 
 using qmi_idl_service_object_type = const qmi_idl_service_object*;
 
+extern "C" {
+
 // Stores the C structure size of message `msg_id` in `*c_struct_len`.
 // Returns 0, or -1 (and stores 0) when the service has no such message. Any thread.
 [[nodiscard]] int qmi_idl_get_message_c_struct_len(qmi_idl_service_object_type service,
                                                    qmi_idl_message_type type, uint16_t msg_id,
                                                    uint32_t* c_struct_len);
+
+}  // extern "C"

@@ -40,6 +40,10 @@ static_assert(sizeof(sar_rf_get_state_resp_msg_v01) == 40);
 static_assert(offsetof(sar_rf_get_state_resp_msg_v01, sar_rf_state_valid) == 8);
 static_assert(offsetof(sar_rf_get_state_resp_msg_v01, sar_rf_state) == 12);
 
+extern "C" {
+
 // The service object of this IDL version, or null.
 [[nodiscard]] qmi_idl_service_object_type sar_get_service_object_internal_v01(
     uint32_t idl_major_version, uint32_t idl_minor_version, uint32_t library_version);
+
+}  // extern "C"

@@ -159,6 +159,10 @@ static_assert(sizeof(uim_send_apdu_resp_msg_v01) == 1052);
 static_assert(offsetof(uim_send_apdu_resp_msg_v01, apdu_len) == 12);
 static_assert(offsetof(uim_send_apdu_resp_msg_v01, apdu) == 16);
 
+extern "C" {
+
 // The service object of this IDL version (1, 0x71, 6), or null.
 [[nodiscard]] qmi_idl_service_object_type uim_get_service_object_internal_v01(
     uint32_t idl_major_version, uint32_t idl_minor_version, uint32_t library_version);
+
+}  // extern "C"

@@ -6,6 +6,7 @@
 #include "platform/modem/extension_service.h"
 #include "platform/modem/modem_conf.h"
 #include "platform/modem/nas_service.h"
+#include "platform/modem/pdc_service.h"
 #include "platform/modem/sar_service.h"
 #include "platform/modem/uim_service.h"
 #include "platform/modem/vs_service.h"
@@ -18,20 +19,25 @@ struct ModemService {
   uint32_t service_id;
   ServiceFault ModemConf::*fault;
   Service (*make)(const ModemConf& conf);
+  bool answers_in_silence = false;  // silence is that of its indications, which it sees to itself
 };
 
-constexpr std::array<ModemService, 5> kModemServices{{
+constexpr std::array<ModemService, 6> kModemServices{{
     {kExtensionServiceId, &ModemConf::extension_fault, make_extension_service},
     {kSarServiceId, &ModemConf::sar_fault, make_sar_service},
     {kUimServiceId, &ModemConf::uim_fault, make_uim_service},
     {kNasServiceId, &ModemConf::nas_fault, make_nas_service},
+    {kPdcServiceId, &ModemConf::pdc_fault, make_pdc_service, true},
     {kVsServiceId, &ModemConf::vs_fault, make_vs_service},
 }};
 
 // What the bus shows of a service that is up: itself, or nothing but its fault.
-Service with_fault(const ServiceFault& fault, Service service) {
+Service with_fault(const ServiceFault& fault, const ModemService& row, Service service) {
   switch (fault.kind) {
     case ServiceFault::Kind::kSilent:
+      if (row.answers_in_silence) {
+        break;
+      }
       return [](uint16_t, std::span<const uint8_t>) { return ServiceReply::silence(); };
     case ServiceFault::Kind::kError:
       return [code = fault.code](uint16_t, std::span<const uint8_t>) {
@@ -52,7 +58,7 @@ void publish_modem_services() {
   for (const ModemService& row : kModemServices) {
     const ServiceFault& fault = conf.*row.fault;
     if (fault.kind != ServiceFault::Kind::kDown) {
-      publish_service(row.service_id, with_fault(fault, row.make(conf)));
+      publish_service(row.service_id, with_fault(fault, row, row.make(conf)));
     }
   }
 }

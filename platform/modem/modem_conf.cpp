@@ -135,6 +135,13 @@ constexpr std::array<ConfWord<CardState>, 3> kCardStateWords{{
     {"present", CardState::kPresent},
     {"error", CardState::kError},
 }};
+constexpr std::array<ConfWord<PdcIndication>, 5> kPdcIndicationWords{{
+    {"normal", PdcIndication::kNormal},
+    {"late", PdcIndication::kLate},
+    {"twice", PdcIndication::kTwice},
+    {"never", PdcIndication::kNever},
+    {"early", PdcIndication::kEarly},
+}};
 constexpr std::array<ConfWord<bool>, 2> kOkWords{{{"ok", false}, {"fail", true}}};
 constexpr std::array<ConfWord<bool>, 2> kUpWords{{{"up", false}, {"down", true}}};
 
@@ -157,6 +164,20 @@ bool switch_value(std::string_view value, ModemConf& conf) {
 template <size_t slot>
 bool card_value(std::string_view value, ModemConf& conf) {
   return parse_word(value, kCardStateWords, conf.card_states[slot]);
+}
+
+bool pdc_indication_value(std::string_view value, ModemConf& conf) {
+  return parse_word(value, kPdcIndicationWords, conf.pdc_indication);
+}
+
+template <std::array<std::vector<uint8_t>, kCardSlots> ModemConf::*member, size_t sub>
+bool config_id_value(std::string_view value, ModemConf& conf) {
+  std::vector<uint8_t> id;
+  if (value != "none" && !parse_hex_bytes(value, kPdcConfigIdMax, id)) {
+    return false;
+  }
+  (conf.*member)[sub] = std::move(id);
+  return true;
 }
 
 // Any digits: wrong check digits are a case to try.
@@ -239,7 +260,7 @@ struct ConfKey {
   bool (*parse)(std::string_view value, ModemConf& conf);
 };
 
-constexpr std::array<ConfKey, 24> kConfKeys{{
+constexpr std::array<ConfKey, 31> kConfKeys{{
     {"fault.extension", fault_value<&ModemConf::extension_fault>},
     {"extension.rsp_result", number_value<&ModemConf::extension_rsp_result>},
     {"fault.sar", fault_value<&ModemConf::sar_fault>},
@@ -257,6 +278,13 @@ constexpr std::array<ConfKey, 24> kConfKeys{{
     {"diag.response_size", number_value<&ModemConf::diag_response_size, 1, kDiagResponseMax>},
     {"diag.dci", switch_value<&ModemConf::diag_dci_down, kUpWords>},
     {"fault.nas", fault_value<&ModemConf::nas_fault>},
+    {"fault.pdc", fault_value<&ModemConf::pdc_fault>},
+    {"pdc.active.0", config_id_value<&ModemConf::pdc_active, 0>},
+    {"pdc.active.1", config_id_value<&ModemConf::pdc_active, 1>},
+    {"pdc.pending.0", config_id_value<&ModemConf::pdc_pending, 0>},
+    {"pdc.pending.1", config_id_value<&ModemConf::pdc_pending, 1>},
+    {"pdc.ind_error", number_value<&ModemConf::pdc_ind_error, 0>},
+    {"pdc.ind", pdc_indication_value},
     {"fault.vs", fault_value<&ModemConf::vs_fault>},
     {"rat.0", rat_value<0>},
     {"rat.1", rat_value<1>},

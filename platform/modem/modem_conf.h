@@ -51,6 +51,18 @@ struct VsIndication {
   std::vector<uint8_t> bytes;
 };
 
+// When the PDC service tells the outcome of a request.
+enum class PdcIndication : uint8_t {
+  kNormal,  // soon after the response
+  kLate,    // when nobody waits for it any more
+  kTwice,
+  kNever,
+  kEarly,  // before the response
+};
+
+// One byte more than there is room for in a message: a length to try.
+inline constexpr size_t kPdcConfigIdMax = 125;
+
 struct ModemConf {
   ServiceFault extension_fault;
   // Not 0: the extension service carries out no class 2 and class 4 request and answers with this
@@ -76,6 +88,14 @@ struct ModemConf {
   bool diag_dci_down = false;
 
   ServiceFault nas_fault;
+
+  ServiceFault pdc_fault;
+  // The configuration ids of each subscription until they are set; empty for none.
+  std::array<std::vector<uint8_t>, kCardSlots> pdc_active{std::vector<uint8_t>(20, 0xC0),
+                                                          std::vector<uint8_t>(20, 0xC1)};
+  std::array<std::vector<uint8_t>, kCardSlots> pdc_pending;
+  int32_t pdc_ind_error = 0;  // of every indication
+  PdcIndication pdc_indication = PdcIndication::kNormal;
 
   ServiceFault vs_fault;
   // Radio technology of each subscription: 9 is LTE, 12 NR.

@@ -17,7 +17,6 @@ namespace {
 
 using platform::DiagAnswer;
 using platform::DiagFaults;
-using std::chrono::milliseconds;
 using namespace std::chrono_literals;
 using Bytes = std::vector<uint8_t>;
 using Strings = std::vector<std::string>;
@@ -28,12 +27,11 @@ constexpr unsigned (*kSends[])(const uint8_t*, int, int, uint8_t*, int*) = {
     tervik_diag_cmd_send_with_result_by_callback_mode,
     tervik_diag_cmd_send_with_result_by_dci_mode};
 constexpr auto kStart = tervik_diag_cmd_send_without_result_start_thread;
-constexpr auto kLate = 30000ms;
 constexpr int kLong = 60000;
 
-Bytes response_of(size_t size, uint8_t first = 1) {
+Bytes response_of(size_t size) {
   Bytes bytes(size);
-  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(first + i * 7 + i / 256);
+  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(1 + i * 7 + i / 256);
   return bytes;
 }
 
@@ -91,64 +89,28 @@ class DiagSend : public StateDirectoryTest {
   }
 };
 
-TEST_F(DiagSend, ResponseTimeOutOrRefusalEndsTheWait) {
-  const char* const whole = "stop waiting, receive success, length is times of 4096";
-  const char* const expired = "stop waiting";
-  const struct {
-    Mode mode;
-    size_t size;
-    std::vector<milliseconds> delays;  // of the answers
-    size_t capacity;
-    unsigned result;
-    size_t length;
-    std::string line;  // with "stop", the send waits for the whole second of its time-out
-  } rows[] = {
-      {kCallback, 1, {0ms}, 10240, 0, 1, "callback, cmd_code = 0x01, data_size = 1"},
-      {kCallback, 300, {10ms}, 100, 0, 100, "callback, cmd_code = 0x01, data_size = 300"},
-      {kCallback, 4095, {0ms}, 10240, 0, 4095, "response from 0[MSM], len = 4095"},
-      {kCallback, 4096, {0ms}, 4096, 0, 4096, "data hex show, len(4096), data: 01 08"},
-      {kCallback, 4097, {0ms}, 4096, 0, 4096, "print_data_with_hex, invalid data len(4097)"},
-      {kCallback, 8192, {0ms}, 10240, 0, 8192, "data_size = 8192"},
-      {kCallback, 10240, {0ms, 0ms}, 10240, 0, 10240, "data_size = 10240"},
-      {kCallback, 10241, {0ms}, 10240, 1, 0, expired},
-      {kCallback, 0, {0ms}, 10240, 1, 0, expired},
-      {kCallback, 20, {kLate}, 10240, 1, 0, expired},
-      {kCallback, 20, {}, 1, 1, 0, expired},
-      {kDci, 1, {0ms, kLate}, 10240, 0, 1, "response, cmd_code = 0x01, data_size = 1"},
-      {kDci, 4095, {10ms}, 100, 0, 100, "context_data is null"},
-      {kDci, 4096, {0ms}, 10240, 0, 4096, whole},
-      {kDci, 4097, {0ms}, 10240, 0, 4097, "data_size = 4097"},
-      {kDci, 8192, {0ms}, 8191, 0, 8191, whole},
-      {kDci, 10240, {0ms}, 10240, 0, 10240, "data_size = 10240"},
-      {kDci, 10241, {0ms}, 10240, 0, 10240, "data_size = 10241"},
-      {kDci, 12000, {0ms}, 20000, 0, 12000, "response from -1[Unknown], len = 3808"},
-      {kDci, 0, {0ms}, 10240, 1, 0, expired},
-      {kDci, 20, {kLate}, 10240, 1, 0, expired},
-      {kDci, 20, {}, 10240, 1, 0, expired},
-  };
+TEST_F(DiagSend, ResponsesOfEverySizeAreTakenAsFarAsTheyFit) {
   const TimeLapse lapse(200);
-  for (const auto& row : rows) {
-    SCOPED_TRACE(::testing::Message() << "row " << &row - rows);
-    g_qcril_diag_rsp_buf = {};
-    Bytes response = response_of(row.size);
-    std::vector<DiagAnswer> answers;
-    for (const auto delay : row.delays) answers.push_back({.bytes = response, .delay = delay});
-    answer_with(answers);
-    const bool waits = row.line.starts_with(expired);
-    const LogCapture log;
-    const auto begin = Clock::now();
-    const Reply reply = send(row.mode, waits ? 1000 : kLong, row.capacity);
-    const auto took = Clock::now() - begin;
-    EXPECT_EQ(reply.result, row.result);
-    response.resize(row.length);
-    EXPECT_EQ(reply.bytes, response);
-    EXPECT_TRUE(log.contains(row.line));
-    EXPECT_EQ(log.contains(expired), waits);
-    EXPECT_GE(took, waits ? 1000ms : 0ms);
-    EXPECT_LT(took, waits ? kLate : milliseconds(kLong));
-    const auto ticks =
-        count_starting(log.messages(), "tervik_diag_cmd_send_with_result_wait_thread_proc, ");
-    EXPECT_TRUE(ticks == 10 || !waits) << ticks;
+  for (const size_t size : {0u, 1u, 300u, 4095u, 4096u, 4097u, 8192u, 10240u, 10241u, 12000u}) {
+    for (const Mode mode : {kCallback, kDci}) {
+      SCOPED_TRACE(::testing::Message() << size << " bytes, mode " << mode);
+      const bool refused = size == 0 || (mode == kCallback && size > 10240);
+      const bool whole_pieces = !refused && mode == kDci && size % 4096 == 0;
+      Bytes response = response_of(size);
+      answer_with({{.bytes = response}});
+      const LogCapture log;
+      g_qcril_diag_rsp_buf = {};
+      const auto begin = Clock::now();
+      const Reply reply = send(mode, refused || whole_pieces ? 1000 : kLong, 10000);
+      EXPECT_LT(Clock::now() - begin, 60s);
+      EXPECT_EQ(reply.result, refused ? 1u : 0u);
+      response.resize(refused ? 0 : std::min<size_t>(size, 10000));
+      EXPECT_EQ(reply.bytes, response);
+      EXPECT_EQ(log.contains("tervik_diag_cmd_response_check fail"), refused);
+      EXPECT_EQ(log.count("stop waiting"), refused ? 1u : 0u);
+      EXPECT_EQ(log.count("stop waiting, receive success, length is times of 4096"),
+                whole_pieces ? 1u : 0u);
+    }
   }
 }
 
@@ -156,96 +118,83 @@ TEST_F(DiagSend, LateResponseReachesNoLaterSend) {
   const TimeLapse lapse(200);
   uint8_t byte = 9;
   for (const Mode mode : {kCallback, kDci}) {
-    g_qcril_diag_rsp_buf = {};
     answer_with({{.bytes = response_of(3), .delay = 5000ms}});
-    EXPECT_EQ(send(mode, 1000).result, 1u);
     const LogCapture log;
+    const auto begin = Clock::now();
+    EXPECT_EQ(send(mode, 1000).result, 1u);
+    EXPECT_GE(Clock::now() - begin, 1000ms);
+    EXPECT_EQ(count_starting(log.messages(), "tervik_diag_cmd_send_with_result_wait_thread"), 10);
     EXPECT_EQ(tervik_diag_cmd_response_by_callback(&byte, 1, nullptr), 1);
     tervik_diag_cmd_response_by_dci(&byte, 1, nullptr);
     EXPECT_EQ(log.count("late response is dropped, len = 1"), 2u);
-    answer_with({{.bytes = response_of(20, 7), .delay = 10000ms}});
-    EXPECT_EQ(send(mode, kLong).bytes, response_of(20, 7));
+    const Bytes response = response_of(20);
+    answer_with({{.bytes = response, .delay = 8s}, {.bytes = response_of(4), .delay = 50s}});
+    EXPECT_EQ(send(mode, kLong).bytes, response);
     answer_with({});
     const Reply unanswered = send(mode, 100);
     EXPECT_EQ(unanswered.result, 1u);
     // Callback mode shows the last response once more.
-    EXPECT_EQ(unanswered.bytes, mode == kCallback ? response_of(20, 7) : Bytes{});
+    EXPECT_EQ(unanswered.bytes, mode == kCallback ? response : Bytes{});
   }
 }
 
 TEST_F(DiagSend, TimeOutsAreTicksWithADefaultInCallbackModeAlone) {
+  const int time_outs[] = {0, -250, 150, 60000, 60001};
+  const int limits[2][5] = {{30, 30, 1, 600, 30}, {0, -2, 1, 600, 600}};
   const TimeLapse lapse(200);
-  for (const auto& [mode, time_out, limit] : {std::tuple{kCallback, 0, 30},
-                                              {kCallback, -1, 30},
-                                              {kCallback, 150, 1},
-                                              {kCallback, kLong, 600},
-                                              {kCallback, kLong + 1, 30},
-                                              {kDci, 0, 0},
-                                              {kDci, 150, 1},
-                                              {kDci, -250, -2},
-                                              {kDci, kLong + 1, 600}}) {
-    const bool one_tick = limit <= 1;
-    answer_with(one_tick ? std::vector<DiagAnswer>{} : std::vector<DiagAnswer>{{.bytes = {1}}});
-    const LogCapture log;
-    EXPECT_EQ(send(mode, time_out).result, one_tick ? 1u : 0u);
-    const std::string line = "ommand time = " + std::to_string(limit);
-    EXPECT_EQ(log.count(mode == kCallback ? "C" + line + " * 100ms" : "Dci C" + line), 1u) << line;
-    EXPECT_EQ(log.contains("Time out is invalid, set default"), limit == 30);
-    EXPECT_FALSE(one_tick && log.contains("cnt_of_100ms = 2"));
+  for (const Mode mode : {kCallback, kDci}) {
+    for (size_t i = 0; i < std::size(time_outs); ++i) {
+      const int limit = limits[mode][i];
+      if (limit > 1) answer_with({{.bytes = {1}}});
+      const LogCapture log;
+      EXPECT_EQ(send(mode, time_outs[i]).result, limit > 1 ? 0u : 1u);
+      const std::string line = "ommand time = " + std::to_string(limit);
+      EXPECT_EQ(log.count(mode == kCallback ? "C" + line + " * 100ms" : "Dci C" + line), 1u) << i;
+      EXPECT_EQ(log.contains("Time out is invalid, set default"), limit == 30);
+      EXPECT_TRUE(limit > 1 || !log.contains("cnt_of_100ms = 2"));
+      platform::set_diag_modem({});
+    }
   }
 }
 
 TEST_F(DiagSend, WrongCommandsAndReplyBuffersAreRefusedBeforeTheLibraryIsOpened) {
-  Bytes bytes(4097, 0xAB);
-  uint8_t* const data = bytes.data();
+  uint8_t bytes[4097] = {};
   int one = 1;
   int none = 0;
-  const std::string invalid = "Invalid input parameter, data_len = ";
-  const std::tuple<uint8_t*, int, uint8_t*, int*, std::string> rows[] = {
-      {nullptr, 1, data, &one, "data is null"},
-      {data, 0, data, &one, invalid + "0"},
-      {data, -1, data, &one, invalid + "-1"},
-      {data, 4097, data, &one, invalid + "4097"},
-      {data, 4096, nullptr, &one, "reply_buf is null"},
-      {data, 4096, data, nullptr, "p_reply_len is null"},
-      {data, 4096, data, &none, "Invalid output parameter, reply_len = 0"}};
-  std::string dump = "data hex show, len(4096), data: AB";
-  for (int i = 1; i < 4096; ++i) dump += " AB";
+  const std::tuple<uint8_t*, int, uint8_t*, int*, const char*> rows[] = {
+      {nullptr, 1, bytes, &one, "data is null"},
+      {bytes, 0, bytes, &one, "Invalid input parameter, data_len = 0"},
+      {bytes, 4097, bytes, &one, "Invalid input parameter, data_len = 4097"},
+      {bytes, 4096, nullptr, &one, "reply_buf is null"},
+      {bytes, 4096, bytes, nullptr, "p_reply_len is null"},
+      {bytes, 4096, bytes, &none, "Invalid output parameter, reply_len = 0"}};
   for (const auto& [command, length, reply, reply_length, line] : rows) {
     const bool good_command = length == 4096;
-    const std::string part = good_command ? "output_check" : "param_check";
     const LogCapture log;
     for (const Mode mode : {kCallback, kDci}) {
       EXPECT_EQ(kSends[mode](command, length, 1000, reply, reply_length), 1u);
       EXPECT_TRUE(good_command || kStart(command, length, mode) == 1u);
     }
     EXPECT_EQ(log.count(line), good_command ? 2u : 4u) << line;
-    EXPECT_EQ(log.count(dump), good_command ? 2u : 0u);
-    EXPECT_EQ(log.count("tervik_diag_comand_" + part + " fail"), 2u);
     EXPECT_FALSE(log.contains("ret_send") || log.contains("DCI"));
   }
 }
 
 TEST_F(DiagSend, FailuresOfTheLibraryEndTheSendAndReleaseWhatWasRegistered) {
-  const std::string failed = "err: -7, errno: 5";
+  const std::string failed = ", err: -7, errno: 5";
   const struct {
     DiagFaults faults;
-    std::string line;      // of both DCI sends
-    std::string released;  // the release's code
-    int ret_send = 0;      // in callback mode
+    std::string line;  // of both DCI sends
+    int ret_send = 0;  // in callback mode
   } rows[] = {
-      {{.init = true}, "Could not register with DCI, err: -1, errno: 107 ch:0", "", -1},
-      {{.callback_send = -9, .register_dci_client = -7},
-       "Could not register with DCI, " + failed + " ch:0",
-       "",
-       -9},
-      {{.register_dci_signal = -7},
-       "Could not register signal for DCI Data for ch:0, " + failed,
-       "1001"},
-      {{.dci_support_list = -7}, "Could not get support list for ch 0, " + failed, "1001"},
-      {{.register_dci_stream = -7}, "Unable to register DCI stream for ch:0, " + failed, "1001"},
-      {{.dci_send = 9}, "Error sending SEND_REQUEST_ASYNC to peripheral 2 for ch:0", "1001"},
-      {{.release_dci_client = 6}, "MPSS on ch:0: DOWN", "6"},
+      {{.init = true}, "Could not register with DCI, err: -1, errno: 107 ch:0", -1},
+      {{.callback_send = -9}, "MPSS on ch:0: DOWN", -9},
+      {{.register_dci_client = -7}, "Could not register with DCI" + failed + " ch:0"},
+      {{.register_dci_signal = -7}, "Could not register signal for DCI Data for ch:0" + failed},
+      {{.dci_support_list = -7}, "Could not get support list for ch 0" + failed},
+      {{.register_dci_stream = -7}, "Unable to register DCI stream for ch:0" + failed},
+      {{.dci_send = 9}, "Error sending SEND_REQUEST_ASYNC to peripheral 2 for ch:0"},
+      {{.release_dci_client = 6}, "MPSS on ch:0: DOWN"},
   };
   const TimeLapse lapse(200);
   for (const auto& row : rows) {
@@ -255,14 +204,15 @@ TEST_F(DiagSend, FailuresOfTheLibraryEndTheSendAndReleaseWhatWasRegistered) {
     EXPECT_EQ(send(kCallback, kLong).result, row.ret_send != 0 ? 1u : 0u);
     EXPECT_EQ(log.count("ret_send = " + std::to_string(row.ret_send) + ", will wait callback"), 1u);
     EXPECT_EQ(log.contains("Fail to send diag cmd"), row.ret_send != 0);
-    EXPECT_EQ(send(kDci, kLong).result, row.released == "6" ? 0u : 1u);
+    EXPECT_EQ(send(kDci, kLong).result, row.line.starts_with("MPSS") ? 0u : 1u);
     ASSERT_EQ(kStart(Bytes{1}.data(), 1, kDci), 0u);
     wait_for_end(log, 1);
     // A worker that cannot open the library goes no further.
     EXPECT_EQ(log.count(row.line), row.faults.init ? 1u : 2u);
     EXPECT_EQ(log.count("LSM init failed"), row.faults.init ? 3u : 0u);
-    EXPECT_EQ(count_starting(log.messages(), "Releasing DCI connection, err: " + row.released),
-              row.released.empty() ? 0 : 2);
+    const std::string code = row.faults.release_dci_client == 0 ? "1001" : "6";
+    EXPECT_EQ(count_starting(log.messages(), "Releasing DCI connection, err: " + code),
+              row.line.starts_with("Could not register with DCI") ? 0 : 2);
   }
 }
 
@@ -271,11 +221,8 @@ TEST_F(DiagSend, EveryProcessorOfTheMaskAnswersUnderItsName) {
     answer_with({{.bytes = {8, 9}, .processor = processor}}, {.remote_mask = 5});
     const LogCapture log;
     EXPECT_EQ(send(kCallback, kLong).bytes, (Bytes{8, 9}));
-    EXPECT_EQ(log.messages_from("] tervik_diag_register_callback:"),
-              (Strings{"register call back, g_diag_channel = [0]MSM, data_primary = 0, "
-                       "remote_mask = [5] APSS",
-                       "register remote call back, data_remote = 1",
-                       "register remote call back, data_remote = 3"}));
+    EXPECT_TRUE(log.contains("data_primary = 0, remote_mask = [5] APSS"));
+    EXPECT_EQ(count_starting(log.messages(), "register remote call back, data_remote = "), 2);
     EXPECT_TRUE(log.contains(std::string("response from ") + name + ", len = 2 "));
   }
 }
@@ -286,33 +233,28 @@ TEST_F(DiagSend, WorkersHandOverOneByOneAndAreWaitedForInBounds) {
   std::atomic<int> sum{0};
   platform::set_diag_modem({.processor = [&sum, gate = unblock.get_future().share()](auto command) {
     gate.wait();
-    sum += command[0];
+    sum += command[0] + command.back();
     return std::vector<DiagAnswer>{{.bytes = {1}}};
   }});
-  const auto wait_time = [](int time_out) {
-    const auto begin = Clock::now();
-    tervik_diag_wait_for_workers(time_out);
-    return Clock::now() - begin;
-  };
   const LogCapture log;
   for (const Mode mode : {kCallback, kDci}) {
-    Bytes command(4096, 0x4B);
-    EXPECT_EQ(kStart(command.data(), 4096, mode), 0u);
-    std::fill(command.begin(), command.end(), uint8_t{0});  // the worker has a copy of its own
+    EXPECT_EQ(kStart(Bytes(4096, 100).data(), 4096, mode), 0u);
   }
-  EXPECT_GE(wait_time(2000), 2000ms);
+  const auto begin = Clock::now();
+  tervik_diag_wait_for_workers(2000);
+  EXPECT_GE(Clock::now() - begin, 2s);
   EXPECT_EQ(sum, 0);
   unblock.set_value();
-  EXPECT_LT(wait_time(300'000), 300s);
-  EXPECT_EQ(sum, 2 * 0x4B);
+  tervik_diag_wait_for_workers(100'000);
+  EXPECT_EQ(sum, 400);
   wait_for_end(log, 2);
   auto slept = lapse.slept();
   std::sort(slept.begin(), slept.end());
   EXPECT_EQ(slept, (decltype(slept){200ms, 1s, 3s, 3s}));
-  EXPECT_EQ(g_qcril_diag_rsp_buf.length, 0);
   tervik_diag_cmd_send_without_result_by_callback_mode_thread_proc(nullptr);
   EXPECT_EQ(log.count("param is null"), 1u);
-  EXPECT_LT(wait_time(300'000), 300s) << "a worker that nobody started is waited for";
+  tervik_diag_wait_for_workers(200'000);
+  EXPECT_LT(Clock::now() - begin, 200s) << "a worker that nobody started is waited for";
 }
 
 // Answers come about when their sends' time is over; one that is in time is the sender's own.
@@ -320,8 +262,9 @@ TEST_F(DiagSend, TwoThreadsSendWhileAnswersRaceTheTimeOut) {
   std::atomic<int> commands{0};
   platform::set_diag_modem({.processor = [&commands](std::span<const uint8_t> command) {
     const int round = ++commands;
-    const DiagAnswer answer{.bytes = {command.begin(), command.end()},
-                            .delay = milliseconds(round % 3 == 0 ? 10 : 90 + 5 * (round % 5))};
+    const DiagAnswer answer{
+        .bytes = {command.begin(), command.end()},
+        .delay = std::chrono::milliseconds(round % 3 == 0 ? 10 : 90 + 5 * (round % 5))};
     return std::vector<DiagAnswer>(1 + static_cast<size_t>(round % 2), answer);
   }});
   const TimeLapse lapse(200);
@@ -332,15 +275,13 @@ TEST_F(DiagSend, TwoThreadsSendWhileAnswersRaceTheTimeOut) {
       const Reply reply = send((round + thread) % 2 == 0 ? kCallback : kDci, 100, 64, command);
       if (reply.result != 0) continue;
       ++answered;
-      // A DCI response stands behind what callback mode left.
       ASSERT_GE(reply.bytes.size(), command.size());
-      EXPECT_TRUE(std::equal(command.rbegin(), command.rend(), reply.bytes.rbegin()));
+      EXPECT_TRUE(std::equal(command.begin(), command.end(), reply.bytes.begin()));
     }
   };
   std::thread other(send_rounds, uint8_t{1});
   send_rounds(0);
   other.join();
-  EXPECT_EQ(commands, 300);
   EXPECT_GT(answered, 0);
 }
 

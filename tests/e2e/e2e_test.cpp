@@ -25,6 +25,7 @@ constexpr const char* kHelpOnly = "256";
 // In expected lines: the help of a category as a whole.
 constexpr const char* kHelp3 = "<help 3>";
 constexpr const char* kHelp4 = "<help 4>";
+constexpr const char* kHelp5 = "<help 5>";
 constexpr const char* kTooFewParameters =
     "note: Too few parameters, Pls refer to the following cmd:";
 constexpr const char* kInvalidCommand =
@@ -58,7 +59,7 @@ Lines with_help(const Lines& lines) {
   Lines all;
   for (const std::string& line : lines) {
     const Lines more = line.starts_with("<help ")
-                           ? split(golden("help_" + line.substr(6, 1) + ".txt"))
+                           ? split(golden("help_" + line.substr(6, line.size() - 7) + ".txt"))
                            : Lines{line};
     all.insert(all.end(), more.begin(), more.end());
   }
@@ -174,8 +175,70 @@ Lines write_many(Lines arguments, size_t count, const std::string& value) {
   return arguments;
 }
 
+constexpr const char* kEid = "eID=89001017000000000000000000000163";
+constexpr const char* kGood = "value=SUCCEED";
+constexpr const char* kBad = "value=FAILED";
+constexpr const char* kBothPresent = "PRESENT,PRESENT";
+
+// The eSIM cases from 1 on, without log: each prints one line and nothing else. Empty stands for no
+// stored EID.
+Scenario esim(const std::string& name, const std::string& conf, const Lines& results,
+              const std::string& eid_before = "", const std::string& eid_after = "") {
+  const std::string eid_file = "efs/1/nv/item_files/modem/uim/uimdrv/esim_eid";
+  Scenario scenario{.name = name, .steps = {}, .files_before = {{"modem.conf", conf}}};
+  if (!eid_before.empty()) scenario.files_before.emplace_back(eid_file, eid_before);
+  scenario.files_after.emplace_back(eid_file, eid_after);
+  for (const std::string& result : results) {
+    const std::string number = std::to_string(scenario.steps.size() + 1);
+    scenario.steps.push_back({{"5", "10", number, "0"}, {result}});
+  }
+  scenario.time_factor = 1000;
+  return scenario;
+}
+
+// A command of category 5 that prints `lines`, then when it fails the code and the help.
+Step common_step(std::string arguments, Lines lines, int code = 0) {
+  std::replace(arguments.begin(), arguments.end(), ' ', '\n');
+  if (code != 0) lines.insert(lines.end(), {error_note(code), kHelp5});
+  return {split("5\n" + arguments), lines};
+}
+
+Step diag_step(const std::string& mode_and_type, const std::string& name, const Lines& lines,
+               int code = 0) {
+  Lines all{"work_mode: " + mode_and_type.substr(0, 1) + ", io_type: " + mode_and_type.substr(2) +
+                ", wait_time_ms: 900",
+            "diag cmd:", "0x4B 0x2C ", name};
+  all.insert(all.end(), lines.begin(), lines.end());
+  return common_step("0 " + mode_and_type + " 900 0x4B 300", all, code);
+}
+
+// `answer` is what the modem answered: type, length and data of a common message.
+Step card_step(const std::string& arguments, Lines lines, const std::string& request,
+               const std::string& answer) {
+  lines[0] = "tervik_cmn_card_" + lines[0];
+  lines.insert(lines.end(),
+               {"tervik_cmn_cmd_send, t: " + request, "result = 0, rsp.result = 0",
+                "data len(" + std::to_string(answer.size() / 3) + ")", "data:" + answer});
+  return common_step(arguments, lines);
+}
+
+constexpr int kInvalidInput = 268431370;
+
 const Lines kReadNv550{"4", "1", "0", "550"};
 const Lines kReadFile{"4", "4", "0", "/nv/item_files/x"};
+
+Step stats_step(const std::string& arguments, const std::string& line) {
+  const size_t blank = arguments.find(' ');
+  return {{"9", arguments.substr(0, blank), arguments.substr(blank + 1)}, {line}};
+}
+
+// A failed query of antenna state and Tx power, and of a carrier.
+std::vector<Step> stats_failures() {
+  return {
+      {{"9", "30", "1"}, {"modem_lyrax_data_get failed", "modem_lyrax_mcs_trm_asdiv_get failed"}},
+      {{"9", "31", "5"}, {"rat(-1) is invalid", "rat(-1) is invalid", "TX INFO: tx_power = 65535"}},
+      {{"9", "4", "0"}, {"modem_lyrax_data_get failed", "get lyrax data failed"}}};
+}
 
 const Scenario kCommands[] = {
     {.name = "Unsupported",
@@ -281,6 +344,92 @@ const Scenario kCommands[] = {
                  "qmi_id = 4, result = 0", "tk_qmi rsp data(qmi_id: 4, len: 500[max: 500]):", " 49",
                  " 00"}}},
      .match = Match::kInSequence},
+    esim("EsimHealthy", "", {kEid, kGood, kEid, kBothPresent, kGood, kBad}, "",
+         std::string("\x89\0\x10\x17\0\0\0\0\0\0\0\0\0\0\1\x63", 16)),
+    esim("EsimStoredBefore", "uim.reset = fail", {kEid, kGood, kEid, kBothPresent, kBad}, "old",
+         "old"),
+    esim("EsimNeverReported", "eid = none\ncard.0 = error",
+         {kBad, kGood, kBad, "ERROR,PRESENT", kGood}),
+    esim("EsimWithWrongCheckDigits",
+         "eid = 89001017000000000000000000000164\ncard.1 = absent\nuim.open_channel = fail",
+         {"value=FAILED - 89001017000000000000000000000164", kGood,
+          "eID=89001017000000000000000000000164", "PRESENT,ABSENT", kBad}),
+    esim("EsimServiceDown", "fault.uim = down", Lines(5, kBad)),
+    esim("EsimServiceSilent", "fault.uim = silent", Lines(5, kBad)),
+    esim("EsimServiceLost", "fault.uim = error:-2", Lines(5, kBad)),
+    esim("EsimRequestsRefused", "fault.uim = result:1",
+         {kBad, kGood, kBad, "UNKNOWN,UNKNOWN", kBad}),
+    esim("EsimHardwareUnknown", "fault.extension = down", {kBad}),
+    {.name = "EsimHardware",
+     .steps = {common_step("10 1 0", {kBad}), common_step("10 6 1", {kBad}),
+               common_step("10 1", {"invalid input"}, -1)},
+     .files_before = {{"nv/0/6853", std::string(16, '\1') + std::string(108, '\0')}}},
+    {.name = "EsimWithLog",
+     .steps = {common_step("10 1 1", {"hw support esim", "switch to eSIM", "type value is 3",
+                                      "get eid loop = 29", "get eid timeout", kBad}),
+               common_step("10 2 1", {"switch to SIM2", "value is 1", "value is 1",
+                                      "SIM2 Power Up successfully", kGood}),
+               common_step("10 4 1", {"card_status, [1, 1]", "map_sim_state ...", kBothPresent}),
+               common_step("10 5 1", {"res = 0, channel_id = 1", "apdu=08bf34038001009000",
+                                      "tervik_uim_close_channel res = 0", kGood}),
+               common_step("10 5 1", {"apdu=08bf34038001019000", "nothing to delete", kGood}),
+               common_step("10 6 1", {"invalid input skip", kBad})},
+     .files_before = {{"properties", ""},
+                      {"modem.conf", "eid = none"},
+                      {"nv/0/6853", std::string(16, '\0') + '\2' + std::string(107, '\0')}},
+     .match = Match::kInSequence,
+     .time_factor = 1000},
+    {.name = "DiagCommandsInFourTransports",
+     .steps = {diag_step("0 0", "callback mode with result",
+                         {"rsp data len(2)", "rsp data: 0x4B 0x2C"}),
+               diag_step("7 0", "dci mode with result", {"rsp data len(2)", "rsp data: 0x4B 0x2C"}),
+               diag_step("0 1", "callback mode without result", {"done without rsp data"}),
+               diag_step("1 -1", "dci mode without result", {"done without rsp data"}),
+               common_step("0 0 0 900", {"note: Too few inputs, Pls refer to the following cmd:"},
+                           kInvalidInput)}},
+    {.name = "DiagCommandWithoutAnswer",
+     .steps = {diag_step("1 0", "dci mode with result", {"tervik_diag_cmd_send fail"}, 1)},
+     .files_before = {{"modem.conf", "fault.diag = silent"}},
+     .time_factor = 100},
+    {.name = "CardCommands",
+     .steps = {card_step("1", {"status_query", "param(cnt: 0):"}, "39, l: 0",
+                         " 27 00 00 00 08 00 00 00 01 00 00 00 00 00 00 00"),
+               card_step("2 -7", {"status_get", "param(cnt: 1): 1"}, "55, l: 4",
+                         " 37 00 00 00 04 00 00 00 00 00 00 00"),
+               card_step("3 0 2 1", {"status_set", "param(cnt: 3): 0 1 1"}, "57, l: 12",
+                         " 39 00 00 00 00 00 00 00"),
+               card_step("4", {"type_query", "param(cnt: 0):"}, "56, l: 0",
+                         " 38 00 00 00 04 00 00 00 02 00 00 00"),
+               card_step("6 1 5 -5 7", {"hotswap_test", "opt: 1", "param(cnt: 4): 1 5 -5 7"},
+                         "80, l: 16", " 50 00 00 00 00 00 00 00"),
+               card_step("6 0 5", {"hotswap_test", "opt: 0"}, "80, l: 4",
+                         " 50 00 00 00 00 00 00 00"),
+               common_step("2 1 0",
+                           {"tervik_cmn_card_status_get",
+                            "note: need 4 inputs, Pls refer to the following cmd:"},
+                           kInvalidInput),
+               common_step("6 1 5 5",
+                           {"tervik_cmn_card_hotswap_test", "opt: 1",
+                            "note: need 7 inputs, Pls refer to the following cmd:"},
+                           kInvalidInput),
+               common_step("6",
+                           {"tervik_cmn_card_hotswap_test",
+                            "note: need 4 inputs at least, Pls refer to the following cmd:"},
+                           kInvalidInput),
+               common_step("9", {kInvalidCommand, kHelp5})},
+     .files_before = {{"modem.conf", "card.1 = error"}}},
+    {.name = "SarIndexAndDeviceStates",
+     .steps = {common_step("5", {"JUDGE SAR DSI: 7", "Modem SAR DSI: 0"}),
+               common_step("7 20", {"SAR DSI(to be set): 20, the setting result: 0"}),
+               common_step("5", {"JUDGE SAR DSI: 7", "Modem SAR DSI: 20"}),
+               common_step("7", {kTooFewParameters}, kInvalidInput),
+               common_step(
+                   "8", {"[0]WIFI_STATE: 0", "[2]MODEM_STATE: -1", "[18]GRAVITY_Y_AXES_STATE: 5"})},
+     .files_before = {{"properties",
+                       "persist.vendor.radio.adb_log_shell=296\n"
+                       "debug.device.gravity_y_axes_state=5\ndebug.device.modem_state=-1\n"
+                       "debug.device.wifi_state=0\ndebug.device.usb_state=-255\n"
+                       "debug.modem.sar.judge_dsi=7\n"}}},
     {.name = "TimerTestEndsWithItsTimer",
      .steps = {{{"11", "8", "20"},
                 {"Timer test start, timeout_s = 20", "Start one timer(timer_id 501)",
@@ -307,6 +456,69 @@ const Scenario kCommands[] = {
     {.name = "RequestError",
      .steps = {{kReadNv550, failed(9)}, {{"4", "3", "0", "550"}, failed(9)}},
      .files_before = {{"modem.conf", "extension.rsp_result = 9\n"}}},
+    {.name = "Statistics",
+     .steps =
+         {stats_step(
+              "0 0",
+              "ASDIV DATA: earfcn: 1300, pci: 101, rx_valid: 15, rsrp_rx0: -84.50, rsrq_rx0: -9.25, rssi_rx0: -55.75, snr_rx0: 18.50, rsrp_rx1: -85.50, rsrq_rx1: -9.50, rssi_rx1: -56.75, snr_rx1: 18.00, rsrp_rx2: -86.50, rsrq_rx2: -9.75, rssi_rx2: -57.75, snr_rx2: 17.50, rsrp_rx3: -87.50, rsrq_rx3: -10.00, rssi_rx3: -58.75, snr_rx3: 17.00"),
+          stats_step("1 0", "earfcn: 1400, pci: 102, rx_valid: 15, rsrp_rx0: -86.50, "),
+          stats_step("2 0", "earfcn: 1500, pci: 103, rx_valid: 15, rsrp_rx0: -88.50, "),
+          stats_step("3 0", "earfcn: 1600, pci: 104, rx_valid: 15, rsrp_rx0: -90.50, "),
+          stats_step("4 0", "earfcn: 1700, pci: 105, rx_valid: 15, rsrp_rx0: -92.50, "),
+          stats_step("5 0", "earfcn: 1800, pci: 106, rx_valid: 15, rsrp_rx0: -94.50, "),
+          stats_step("6 0", "earfcn: 1900, pci: 107, rx_valid: 15, rsrp_rx0: -96.50, "),
+          stats_step(
+              "7 1",
+              "ASDIV DATA: rssi_rx0: -61.50, rssi_rx1: -62.75, rssi_rx2: -64.00, rssi_rx3: -65.25"),
+          stats_step("8 1",
+                     "ASDIV DATA: snr_rx0: 21.25, snr_rx1: 20.00, snr_rx2: 18.75, snr_rx3: 17.50"),
+          stats_step(
+              "9 1",
+              "ASDIV DATA: ant_rx_0_old = 0, ant_rx_0_new = 4, ant_rx_1_old = 1, ant_rx_1_new = 5, ant_rx_2_old = 2, ant_rx_2_new = 6, ant_rx_3_old = 3, ant_rx_3_new = 7, ant_tx_0_old = 8, ant_tx_0_new = 10, ant_tx_1_old = 9, ant_tx_1_new = 11"),
+          stats_step(
+              "10 1",
+              "ASDIV DATA: rsrp_rx0: -88.25, rsrp_rx1: -89.25, rsrp_rx2: -90.25, rsrp_rx3: -91.25, rsrq: -10.75"),
+          stats_step("11 1", "rsrp_rx3: -93.25, rsrq: -11.25"),
+          stats_step("12 1", "rsrp_rx3: -95.25, rsrq: -11.75"),
+          stats_step("20 0", "ASDIV DATA: rx_agc_0: -72.50, rx_agc_1: -75.25"),
+          stats_step("21 0", "ASDIV DATA: rx_prx: -68.75, rx_drx: -71.50"),
+          stats_step(
+              "30 1",
+              "ANT INFO: ant_num: 4, ant_path: 2, sig_path: 5, old_config: 0, new_config: 1"),
+          stats_step("31 0", "TX INFO: tx_power = 12"),
+          stats_step("31 1", "TX INFO: tx_power = 18"),
+          stats_step("31 2", "TX INFO: tx_power = 12"),
+          stats_step("31 -1", "TX INFO: tx_power = 18"),
+          stats_step("7 0", "modem_lyrax_nr5g_ll1_fw_rx_control_agc_get failed"),
+          stats_step("13 0", "tervik_test_qmi_modem_stats_hdl: Unknown opt(13), sub(0)")},
+     .match = Match::kInSequence},
+    {.name = "StatisticsServiceThatIsDown",
+     .steps = stats_failures(),
+     .files_before = {{"modem.conf", "fault.vs = down\n"}},
+     .match = Match::kInSequence,
+     .time_factor = 1000},
+    {.name = "StatisticsServiceThatIsSilent",
+     .steps = stats_failures(),
+     .files_before = {{"modem.conf", "fault.vs = silent\n"}},
+     .match = Match::kInSequence,
+     .time_factor = 1000},
+    {.name = "StatisticsServiceThatFails",
+     .steps = stats_failures(),
+     .files_before = {{"modem.conf", "fault.vs = error:-1\n"}},
+     .match = Match::kInSequence},
+    {.name = "NetworkScans",
+     .steps = {{{"12", "0", "anything"},
+                {"tervik_send_nas_perform_network_scan_req_msg_v01, scan_scope = 0"}},
+               {{"12", "1"},
+                {"tervik_send_nas_perform_incremental_network_scan_req_msg_v01, scan_scope = 0"}},
+               {{"12", "2"}, {kInvalidCommand, "<help 12>"}}}},
+    {.name = "NetworkScanThatFails",
+     .steps = {{{"12", "0"},
+                {"tervik_send_nas_perform_network_scan_req_msg_v01, scan_scope = 0",
+                 "qmi_client_send_msg_sync fail, qmi_client_error = -1", error_note(-1),
+                 "<help 12>"}}},
+     .files_before = {{"modem.conf", "fault.nas = down\n"}},
+     .time_factor = 1000},
     {.name = "BadLineOfModemConfIsNamedAndTheRestCounts",
      .steps = {{kReadNv550, failed(9)}},
      .files_before = {{"modem.conf",
@@ -344,6 +556,14 @@ TEST_F(KivTest, PrintsNothingWithAnEmptyMask) {
   }
 }
 
+TEST_F(KivTest, EsimCasesCloseTheLog) {
+  for (const char* number : {"1", "2", "3", "4", "5", "6"}) {
+    const Lines lines = messages(run_kiv({"5", "10", number, "0"}).standard_output);
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_TRUE(lines[lines.size() - 2].starts_with("TERVIK_MANUFACTURER_ID is")) << number;
+  }
+}
+
 TEST_F(KivTest, PrintsTheWholeHelpWhenThereIsNoSuchCategory) {
   for (const char* mask : {kHelpOnly, kNoTraces}) {
     set_print_mask(mask);
@@ -368,7 +588,7 @@ TEST_P(CategoryHelp, FollowsACommandLineWithoutCommand) {
   EXPECT_EQ(printed, golden("help_" + category + ".txt"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Kiv, CategoryHelp, ::testing::Values(3, 4, 6, 8, 11));
+INSTANTIATE_TEST_SUITE_P(Kiv, CategoryHelp, ::testing::Values(3, 4, 5, 6, 7, 8, 9, 11, 12));
 
 }  // namespace
 }  // namespace kiv::test

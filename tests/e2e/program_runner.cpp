@@ -12,6 +12,7 @@
 #include <chrono>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 namespace kiv::test {
 namespace {
@@ -69,8 +70,9 @@ pid_t spawn(std::vector<std::string> command, std::vector<std::string> environme
   posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
   pid_t pid = -1;
-  const int result = posix_spawn(&pid, command[0].c_str(), &actions, nullptr,
-                                 pointers(command).data(), pointers(environment).data());
+  const std::string path = std::exchange(command[0], "kiv");
+  const int result = posix_spawn(&pid, path.c_str(), &actions, nullptr, pointers(command).data(),
+                                 pointers(environment).data());
   posix_spawn_file_actions_destroy(&actions);
   return result == 0 ? pid : -1;
 }

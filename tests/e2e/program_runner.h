@@ -17,8 +17,8 @@ struct ProgramRun {
   std::string standard_error;
 };
 
-// Runs `path` with `arguments` (argv[1] on) and this process's environment, with the variables of
-// `environment` ("NAME=value") added or replaced. Standard input is empty.
+// Runs `path` under the name kiv, with `arguments` (argv[1] on) and this process's environment,
+// with the variables of `environment` ("NAME=value") added or replaced. Standard input is empty.
 ProgramRun run_program(const std::string& path, const std::vector<std::string>& arguments,
                        const std::vector<std::string>& environment);
 

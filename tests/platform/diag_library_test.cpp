@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <future>
@@ -228,21 +229,28 @@ TEST_F(DiagLibraryTest, NoCallbackOutlivesTheConnection) {
 
 TEST_F(DiagLibraryTest, ACallbackMayCloseTheConnection) {
   answer_with({{.bytes = {1}}, {.bytes = {2}}});
-  std::promise<bool> closed;
+  struct {
+    std::promise<bool> closed;
+    std::atomic<bool> ended = false;
+  } closing;
   ASSERT_TRUE(Diag_LSM_Init(nullptr));
   diag_switch_logging(DIAG_CALLBACK_MODE, nullptr);
   diag_register_callback(
       [](unsigned char*, int, void* context) {
-        static_cast<std::promise<bool>*>(context)->set_value(Diag_LSM_DeInit());
+        auto& state = *static_cast<decltype(closing)*>(context);
+        state.closed.set_value(Diag_LSM_DeInit());
+        std::this_thread::sleep_for(milliseconds(20));
+        state.ended = true;
         return 0;
       },
-      &closed);
+      &closing);
   ASSERT_EQ(send(), 0);
-  EXPECT_TRUE(closed.get_future().get());
+  EXPECT_TRUE(closing.closed.get_future().get());
   Packets packets;
   open_callback_mode(packets);
   ASSERT_EQ(send(), 0);
   EXPECT_EQ(packets.wait_for(2).size(), 2u);
+  EXPECT_TRUE(closing.ended) << "two callbacks at once";
 }
 
 TEST_F(DiagLibraryTest, AReleasedClientGetsNothingMore) {

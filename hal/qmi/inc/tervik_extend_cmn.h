@@ -1,5 +1,6 @@
 // Services that act on the modem as a whole (SAR state, subsystem restart, crash with and without a
-// full dump, NV synchronisation, the counters of all restarts) and on its SIM cards. They run on
+// full dump, NV synchronisation, the counters of all restarts) and on its SIM cards; NAS requests
+// and the common messages and requests of the extension service. They run on
 // the command's thread; the callbacks run on the QMI framework's. Responses are untrusted.
 #pragma once
 

@@ -1,0 +1,52 @@
+#include "qcril_qmi_util.h"
+
+#include <algorithm>
+#include <array>
+
+#include "ril_logger.h"
+
+namespace {
+
+constexpr int RIL_SUCCESS = 0;
+constexpr int RIL_INTERNAL_ERROR = 39;
+constexpr int RIL_UNMAPPED_ERROR = 40;
+constexpr int MAPPED_ERRORS = 98;
+
+struct mapped_error {
+  int qmi_error;
+  int ril_result;
+};
+
+// The QMI errors that have a RIL result of their own.
+constexpr std::array<mapped_error, 28> ERRORS = {{
+    {0, 0},   {1, 38},  {2, 37},  {4, 7},   {13, 63}, {16, 61}, {17, 44},
+    {19, 44}, {23, 64}, {24, 54}, {25, 6},  {26, 0},  {48, 44}, {50, 59},
+    {51, 42}, {52, 46}, {53, 60}, {58, 57}, {60, 54}, {70, 54}, {71, 6},
+    {73, 58}, {74, 61}, {83, 39}, {90, 46}, {91, 14}, {95, 62}, {97, 65},
+}};
+static_assert(std::all_of(ERRORS.begin(), ERRORS.end(),
+                          [](const mapped_error& row) { return row.qmi_error < MAPPED_ERRORS; }));
+
+int map_error(int qmi_error) {
+  const auto row =
+      std::find_if(ERRORS.begin(), ERRORS.end(),
+                   [qmi_error](const mapped_error& each) { return each.qmi_error == qmi_error; });
+  return row != ERRORS.end() ? row->ril_result : RIL_UNMAPPED_ERROR;
+}
+
+}  // namespace
+
+int qcril_qmi_util_convert_qmi_response_codes_to_ril_result(int transport_result,
+                                                            const qcril_qmi_response* response) {
+  constexpr int SERVICE_GONE = -2;
+  constexpr int QMI_RESULT_FAILURE = 1;
+  if (transport_result != 0 && transport_result != SERVICE_GONE) {
+    return RIL_INTERNAL_ERROR;
+  }
+  qti::ril::logger::Logger::log(qti::ril::logger::qcril_get_thread_name(), __func__, __LINE__,
+                                "ctx check 0");
+  if (response == nullptr || response->result == 0) {
+    return RIL_SUCCESS;
+  }
+  return response->result == QMI_RESULT_FAILURE ? map_error(response->error) : RIL_INTERNAL_ERROR;
+}

@@ -1,0 +1,363 @@
+#include "platform/modem/pdc_service.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "pdc_idl.h"
+#include "platform/android/state_directory.h"
+#include "platform/modem/struct_message.h"
+#include "qmi_client.h"
+
+namespace kiv::platform {
+namespace {
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+using ConfigId = std::vector<uint8_t>;
+
+// Time enough for the response to be back first.
+constexpr milliseconds kNormalDelay{10};
+constexpr milliseconds kLateDelay{6000};
+// How long an early indication has for its way before the response goes back.
+constexpr milliseconds kEarlyLead{50};
+
+constexpr pdc_result_v01 kAccepted{.result = 0, .error = 0};
+constexpr pdc_result_v01 kInvalidArgument{.result = 1, .error = 48};
+constexpr uint32_t kInternalError = 3;  // of an indication
+
+// Sends the service's indications when their time has come.
+class DelayedIndications {
+ public:
+  DelayedIndications() = default;
+  ~DelayedIndications();
+  DelayedIndications(const DelayedIndications&) = delete;
+  DelayedIndications& operator=(const DelayedIndications&) = delete;
+
+  void send_in(milliseconds delay, uint16_t msg_id, std::vector<uint8_t> bytes);
+
+ private:
+  struct Indication {
+    uint16_t msg_id;
+    std::vector<uint8_t> bytes;
+  };
+
+  void run();
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::multimap<Clock::time_point, Indication> waiting_;
+  bool ended_ = false;
+  std::optional<pthread_t> thread_;
+};
+
+DelayedIndications::~DelayedIndications() {
+  {
+    const std::lock_guard lock(mutex_);
+    ended_ = true;
+    changed_.notify_all();
+  }
+  if (thread_) {
+    pthread_join(*thread_, nullptr);
+  }
+}
+
+// A failed start is tried again with the next indication; what is queued waits for it.
+void DelayedIndications::send_in(milliseconds delay, uint16_t msg_id, std::vector<uint8_t> bytes) {
+  const auto run_thread = [](void* indications) -> void* {
+    static_cast<DelayedIndications*>(indications)->run();
+    return nullptr;
+  };
+  const std::lock_guard lock(mutex_);
+  waiting_.emplace(Clock::now() + delay, Indication{msg_id, std::move(bytes)});
+  pthread_t thread{};
+  if (!thread_ && pthread_create(&thread, nullptr, run_thread, this) == 0) {
+    thread_ = thread;
+  }
+  changed_.notify_all();
+}
+
+void DelayedIndications::run() {
+  std::unique_lock lock(mutex_);
+  while (!ended_) {
+    if (waiting_.empty()) {
+      changed_.wait(lock);
+      continue;
+    }
+    const auto due = waiting_.begin()->first;
+    if (Clock::now() < due) {
+      changed_.wait_until(lock, due);
+      continue;
+    }
+    const Indication indication = std::move(waiting_.extract(waiting_.begin()).mapped());
+    lock.unlock();
+    send_indication(kPdcServiceId, indication.msg_id, indication.bytes);
+    lock.lock();
+  }
+}
+
+class PdcService {
+ public:
+  explicit PdcService(const ModemConf& conf) : conf_(conf) {}
+
+  ServiceReply handle(uint16_t msg_id, std::span<const uint8_t> request);
+
+ private:
+  struct MessageRow {
+    uint16_t id;
+    ServiceReply (PdcService::*answer)(uint16_t msg_id, std::span<const uint8_t> request);
+  };
+  static const std::array<MessageRow, 4> kMessages;
+
+  // Accepts a request of the right size and sends what `carry_out` makes of it, or refuses it.
+  template <class Request, class Indication,
+            void (PdcService::*carry_out)(const Request& request, Indication& indication)>
+  ServiceReply answer_with(uint16_t msg_id, std::span<const uint8_t> bytes);
+
+  void get_selected(const pdc_get_selected_config_req_msg_v01& request,
+                    pdc_get_selected_config_ind_msg_v01& indication);
+  void set_selected(const pdc_set_selected_config_req_msg_v01& request,
+                    pdc_set_selected_config_ind_msg_v01& indication);
+  void activate(const pdc_activate_config_req_msg_v01& request,
+                pdc_activate_config_ind_msg_v01& indication);
+  void deactivate(const pdc_deactivate_config_req_msg_v01& request,
+                  pdc_deactivate_config_ind_msg_v01& indication);
+
+  ConfigId active(uint32_t sub) const;
+  ConfigId pending(uint32_t sub) const;
+  ConfigId selected(uint32_t sub) const;
+  void send_outcome(uint16_t msg_id, std::vector<uint8_t> indication);
+
+  const ModemConf conf_;
+  std::mutex mutex_;  // one request at a time
+  DelayedIndications indications_;
+};
+
+std::string id_file(uint32_t sub, const char* name) {
+  return "pdc/" + std::to_string(sub) + "/" + name;
+}
+
+// An empty file is no configuration; without a file the initial one counts.
+ConfigId read_id(uint32_t sub, const char* name, const ConfigId& initial) {
+  const auto file = read_state_file_part(id_file(sub, name), 0, kPdcConfigIdMax);
+  return file ? file->bytes : initial;
+}
+
+// 0, or the error of an indication.
+uint32_t write_id(uint32_t sub, const char* name, std::span<const uint8_t> id) {
+  return write_state_file(id_file(sub, name), id) == 0 ? 0 : kInternalError;
+}
+
+// An id that is too long keeps its length and loses its end.
+void set_id(const ConfigId& id, uint8_t& valid, uint32_t& length, std::span<uint8_t> bytes) {
+  valid = id.empty() ? 0 : 1;
+  length = static_cast<uint32_t>(id.size());
+  std::copy_n(id.begin(), std::min(id.size(), bytes.size()), bytes.begin());
+}
+
+// The subscription that the request means: the first one unless it names one.
+template <class Request>
+uint32_t subscription_of(const Request& request) {
+  return request.subscription_id_valid != 0 ? request.subscription_id : 0;
+}
+
+template <class Request>
+bool is_valid(const Request& request) {
+  return request.config_type <= PDC_CONFIG_TYPE_MODEM_SW_V01 &&
+         subscription_of(request) < kCardSlots;
+}
+
+bool is_valid(const pdc_set_selected_config_req_msg_v01& request) {
+  const pdc_config_info_v01& config = request.new_config_info;
+  return config.config_type <= PDC_CONFIG_TYPE_MODEM_SW_V01 && config.config_id_len != 0 &&
+         config.config_id_len <= sizeof config.config_id && subscription_of(request) < kCardSlots;
+}
+
+const std::array<PdcService::MessageRow, 4> PdcService::kMessages{{
+    {QMI_PDC_GET_SELECTED_CONFIG_REQ_V01,
+     &PdcService::answer_with<pdc_get_selected_config_req_msg_v01,
+                              pdc_get_selected_config_ind_msg_v01, &PdcService::get_selected>},
+    {QMI_PDC_SET_SELECTED_CONFIG_REQ_V01,
+     &PdcService::answer_with<pdc_set_selected_config_req_msg_v01,
+                              pdc_set_selected_config_ind_msg_v01, &PdcService::set_selected>},
+    {QMI_PDC_ACTIVATE_CONFIG_REQ_V01,
+     &PdcService::answer_with<pdc_activate_config_req_msg_v01, pdc_activate_config_ind_msg_v01,
+                              &PdcService::activate>},
+    {QMI_PDC_DEACTIVATE_CONFIG_REQ_V01,
+     &PdcService::answer_with<pdc_deactivate_config_req_msg_v01, pdc_deactivate_config_ind_msg_v01,
+                              &PdcService::deactivate>},
+}};
+
+ServiceReply PdcService::handle(uint16_t msg_id, std::span<const uint8_t> request) {
+  const auto row = std::find_if(kMessages.begin(), kMessages.end(),
+                                [msg_id](const MessageRow& entry) { return entry.id == msg_id; });
+  return row != kMessages.end() ? (this->*row->answer)(msg_id, request)
+                                : ServiceReply::transport_error(QMI_INTERNAL_ERR);
+}
+
+template <class Request, class Indication,
+          void (PdcService::*carry_out)(const Request& request, Indication& indication)>
+ServiceReply PdcService::answer_with(uint16_t msg_id, std::span<const uint8_t> bytes) {
+  Request request{};
+  if (!read_struct(bytes, request)) {
+    return ServiceReply::transport_error(QMI_INTERNAL_ERR);
+  }
+  if (conf_.pdc_fault.kind == ServiceFault::Kind::kResult) {
+    return reply_with(pdc_result_v01{.result = 1, .error = conf_.pdc_fault.code});
+  }
+  if (!is_valid(request)) {
+    return reply_with(kInvalidArgument);
+  }
+  Indication indication{};
+  indication.indication_error = static_cast<uint32_t>(conf_.pdc_ind_error);
+  if (conf_.pdc_ind_error == 0) {
+    const std::lock_guard lock(mutex_);
+    (this->*carry_out)(request, indication);
+  }
+  const auto* const start = reinterpret_cast<const uint8_t*>(&indication);
+  send_outcome(msg_id, {start, start + sizeof indication});
+  return reply_with(kAccepted);
+}
+
+void PdcService::get_selected(const pdc_get_selected_config_req_msg_v01& request,
+                              pdc_get_selected_config_ind_msg_v01& indication) {
+  const uint32_t sub = subscription_of(request);
+  set_id(active(sub), indication.active_config_id_valid, indication.active_config_id_len,
+         indication.active_config_id);
+  set_id(pending(sub), indication.pending_config_id_valid, indication.pending_config_id_len,
+         indication.pending_config_id);
+}
+
+void PdcService::set_selected(const pdc_set_selected_config_req_msg_v01& request,
+                              pdc_set_selected_config_ind_msg_v01& indication) {
+  const uint32_t sub = subscription_of(request);
+  const pdc_config_info_v01& config = request.new_config_info;
+  const auto id = std::span(config.config_id).first(config.config_id_len);
+  indication.indication_error = write_id(sub, "selected", id);
+  if (indication.indication_error == 0) {
+    indication.indication_error = write_id(sub, "pending", id);
+  }
+}
+
+void PdcService::activate(const pdc_activate_config_req_msg_v01& request,
+                          pdc_activate_config_ind_msg_v01& indication) {
+  if (request.activation_type_valid != 0 &&
+      request.activation_type == PDC_ACTIVATION_REFRESH_ONLY_V01) {
+    return;
+  }
+  const uint32_t sub = subscription_of(request);
+  indication.indication_error = write_id(sub, "active", selected(sub));
+  if (indication.indication_error == 0) {
+    indication.indication_error = write_id(sub, "pending", {});
+  }
+}
+
+void PdcService::deactivate(const pdc_deactivate_config_req_msg_v01& request,
+                            pdc_deactivate_config_ind_msg_v01& indication) {
+  indication.indication_error = write_id(subscription_of(request), "active", {});
+}
+
+ConfigId PdcService::active(uint32_t sub) const {
+  return read_id(sub, "active", conf_.pdc_active[sub]);
+}
+
+ConfigId PdcService::pending(uint32_t sub) const {
+  return read_id(sub, "pending", conf_.pdc_pending[sub]);
+}
+
+// As long as none was selected: the one that waits, else the one that was active at first.
+ConfigId PdcService::selected(uint32_t sub) const {
+  const ConfigId& waiting = conf_.pdc_pending[sub];
+  return read_id(sub, "selected", waiting.empty() ? conf_.pdc_active[sub] : waiting);
+}
+
+void PdcService::send_outcome(uint16_t msg_id, std::vector<uint8_t> indication) {
+  if (conf_.pdc_fault.kind == ServiceFault::Kind::kSilent) {
+    return;
+  }
+  switch (conf_.pdc_indication) {
+    case PdcIndication::kNever:
+      break;
+    case PdcIndication::kEarly:
+      send_indication(kPdcServiceId, msg_id, indication);
+      std::this_thread::sleep_for(kEarlyLead);
+      break;
+    case PdcIndication::kLate:
+      indications_.send_in(kLateDelay, msg_id, std::move(indication));
+      break;
+    case PdcIndication::kTwice:
+      indications_.send_in(kNormalDelay, msg_id, indication);
+      [[fallthrough]];
+    case PdcIndication::kNormal:
+      indications_.send_in(kNormalDelay, msg_id, std::move(indication));
+      break;
+  }
+}
+
+constexpr std::array<qmi_idl_message, 4> kRequests{{
+    struct_message<pdc_get_selected_config_req_msg_v01>(QMI_PDC_GET_SELECTED_CONFIG_REQ_V01),
+    struct_message<pdc_set_selected_config_req_msg_v01>(QMI_PDC_SET_SELECTED_CONFIG_REQ_V01),
+    struct_message<pdc_activate_config_req_msg_v01>(QMI_PDC_ACTIVATE_CONFIG_REQ_V01),
+    struct_message<pdc_deactivate_config_req_msg_v01>(QMI_PDC_DEACTIVATE_CONFIG_REQ_V01),
+}};
+constexpr std::array<qmi_idl_message, 4> kResponses{{
+    struct_message<pdc_get_selected_config_resp_msg_v01>(QMI_PDC_GET_SELECTED_CONFIG_REQ_V01),
+    struct_message<pdc_set_selected_config_resp_msg_v01>(QMI_PDC_SET_SELECTED_CONFIG_REQ_V01),
+    struct_message<pdc_activate_config_resp_msg_v01>(QMI_PDC_ACTIVATE_CONFIG_REQ_V01),
+    struct_message<pdc_deactivate_config_resp_msg_v01>(QMI_PDC_DEACTIVATE_CONFIG_REQ_V01),
+}};
+constexpr std::array<qmi_idl_message, 11> kIndications{{
+    struct_message<pdc_get_selected_config_ind_msg_v01>(QMI_PDC_GET_SELECTED_CONFIG_IND_V01),
+    struct_message<pdc_set_selected_config_ind_msg_v01>(QMI_PDC_SET_SELECTED_CONFIG_IND_V01),
+    struct_message<pdc_list_configs_ind_msg_v01>(QMI_PDC_LIST_CONFIGS_IND_V01),
+    struct_message<pdc_delete_config_ind_msg_v01>(QMI_PDC_DELETE_CONFIG_IND_V01),
+    struct_message<pdc_load_config_ind_msg_v01>(QMI_PDC_LOAD_CONFIG_IND_V01),
+    struct_message<pdc_activate_config_ind_msg_v01>(QMI_PDC_ACTIVATE_CONFIG_IND_V01),
+    struct_message<pdc_get_config_info_ind_msg_v01>(QMI_PDC_GET_CONFIG_INFO_IND_V01),
+    struct_message<pdc_get_default_config_info_ind_msg_v01>(
+        QMI_PDC_GET_DEFAULT_CONFIG_INFO_IND_V01),
+    struct_message<pdc_deactivate_config_ind_msg_v01>(QMI_PDC_DEACTIVATE_CONFIG_IND_V01),
+    struct_message<pdc_validate_config_ind_msg_v01>(QMI_PDC_VALIDATE_CONFIG_IND_V01),
+    struct_message<pdc_set_feature_ind_msg_v01>(QMI_PDC_SET_FEATURE_IND_V01),
+}};
+constexpr qmi_idl_service_object kServiceObject{
+    .library_version = 6,
+    .idl_version = 1,
+    .service_id = kPdcServiceId,
+    .idl_minor_version = 18,
+    .max_message_len = sizeof(pdc_get_selected_config_ind_msg_v01),
+    .requests = kRequests,
+    .responses = kResponses,
+    .indications = kIndications,
+};
+
+}  // namespace
+
+Service make_pdc_service(const ModemConf& conf) {
+  return [service = std::make_shared<PdcService>(conf)](uint16_t msg_id,
+                                                        std::span<const uint8_t> request) {
+    return service->handle(msg_id, request);
+  };
+}
+
+}  // namespace kiv::platform
+
+qmi_idl_service_object_type pdc_get_service_object_internal_v01(uint32_t idl_major_version,
+                                                                uint32_t idl_minor_version,
+                                                                uint32_t library_version) {
+  return kiv::platform::object_of_version(kiv::platform::kServiceObject, idl_major_version,
+                                          idl_minor_version, library_version);
+}
