@@ -26,13 +26,13 @@ using vs_command_cb = void (*)(qmi_client_type handle, unsigned int msg_id, void
 // The framework's thread reads the service object and the event callback while the command's
 // thread releases the client; the rest belongs to the command's thread.
 struct vs_client_record {
-  std::atomic<qmi_idl_service_object_type> service_object;
-  qmi_client_type client_handle;
+  std::atomic<qmi_idl_service_object_type> service_object{nullptr};
+  qmi_client_type client_handle = nullptr;
   qmi_client_os_params os_params;
-  vs_command_cb command_cb;
-  std::atomic<vs_event_cb> event_cb;
-  vs_operational_status_cb operational_status_cb;
-  uint32_t inited;
+  vs_command_cb command_cb = nullptr;
+  std::atomic<vs_event_cb> event_cb{nullptr};
+  vs_operational_status_cb operational_status_cb = nullptr;
+  uint32_t inited = 0;
 
   void clear() {
     service_object = nullptr;
@@ -92,7 +92,7 @@ uint32_t vs_client_init_client_handles() {
 // The structure that an indication was decoded into, copied out of its bytes.
 template <typename Indication>
 Indication indication_of(const uint8_t* decoded) {
-  Indication indication;
+  Indication indication = {};
   memcpy(&indication, decoded, sizeof(indication));
   return indication;
 }

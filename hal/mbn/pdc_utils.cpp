@@ -32,8 +32,8 @@ using pdc_lock = std::unique_lock<qtimutex::QtiSharedMutex>;
 
 // The connection. The framework's thread reads the service object, the rest is the command's.
 struct pdc_client {
-  std::atomic<qmi_idl_service_object_type> service_object;
-  qmi_client_type handle;
+  std::atomic<qmi_idl_service_object_type> service_object{nullptr};
+  qmi_client_type handle = nullptr;
   qmi_client_os_params os_params;
 };
 pdc_client g_pdc_client;
@@ -54,12 +54,16 @@ pdc_req_waiter& waiter_of(int req_type) {
 
 // ---- one request: claim, send, wait, take the result ----
 
-// Claims a kind; returns the number of the claim, or 0 when the kind is busy.
-uint32_t claim(int req_type) {
+// Claims a kind; returns the number of the claim, or 0 when the kind is busy. Get selected says
+// where its id is to go.
+uint32_t claim(int req_type, pdc_config_pdc_info* get_sel_holder = nullptr) {
   const pdc_lock lock(g_pdc_info_ex.mutex);
   pdc_req_waiter& waiter = waiter_of(req_type);
   if (waiter.is_handling != 0) {
     return 0;
+  }
+  if (req_type == PDC_REQ_GET_SEL) {
+    g_pdc_info_ex.get_sel_holder = get_sel_holder;
   }
   waiter.is_handling = 1;
   ++waiter.claim_number;
@@ -73,7 +77,11 @@ bool holds(const pdc_req_waiter& waiter, uint32_t claim_number) {
   return waiter.is_handling != 0 && waiter.claim_number == claim_number;
 }
 
+// The holder of get selected goes with its claim: it lives on the requester's stack.
 void clear_claim(pdc_req_waiter& waiter) {
+  if (&waiter == &waiter_of(PDC_REQ_GET_SEL)) {
+    g_pdc_info_ex.get_sel_holder = nullptr;
+  }
   waiter.is_done = 0;
   waiter.is_handling = 0;
   waiter.is_waiting = 0;
@@ -108,7 +116,7 @@ void drop_claim(int req_type, uint32_t claim_number) {
     return PDC_FAILURE;
   }
   if (waiter.timer_id != 0) {
-    // Another kind's watchdog ended this wait: its own must not end a later one.
+    // Another kind's watchdog ended this wait; its own is not needed any more.
     qmi_pdc_request_timer_stop(req_type);
   }
   const int result = waiter.result;
@@ -148,9 +156,10 @@ send_outcome send_request(uint16_t msg_id, const Request& request) {
 struct pdc_indication {
   uint16_t msg_id;
   const char* handler;
-  const char* name;     // in "... is received"; null where the handler logs another line
-  int req_type;         // of the waiter; 0 for none
-  const char* ignored;  // said when nobody waits for it
+  const char* name;      // in "... is received"; null where the handler logs another line
+  int req_type;          // of the waiter; 0 for none
+  uint32_t record_size;  // of a completing indication's structure; 0 for the others
+  const char* ignored;   // said when nobody waits for it
   // The result of a completing indication; null for the kinds that are never requested. The first
   // form evaluates without the mutex, the second under it.
   int (*evaluate)(const tervik_log_place& place, const uint8_t* decoded);
@@ -159,7 +168,7 @@ struct pdc_indication {
 
 template <typename Indication>
 Indication indication_of(const uint8_t* decoded) {
-  Indication indication;
+  Indication indication = {};
   memcpy(&indication, decoded, sizeof(indication));
   return indication;
 }
@@ -201,6 +210,9 @@ int evaluate_get_selected(const tervik_log_place& place, const uint8_t* decoded)
     return PDC_NO_ACTIVE_CONFIG;
   }
   if (indication.active_config_id_len > PDC_CONFIG_ID_MAX) {
+    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
+                     "active_config_id_len(%d) is invalid, max %d", indication.active_config_id_len,
+                     PDC_CONFIG_ID_MAX);
     return PDC_FAILURE;
   }
   holder->config_id_len = indication.active_config_id_len;
@@ -211,36 +223,38 @@ int evaluate_get_selected(const tervik_log_place& place, const uint8_t* decoded)
 constexpr std::array<pdc_indication, 11> INDICATIONS = {{
     {QMI_PDC_GET_SELECTED_CONFIG_IND_V01, "qmi_pdc_get_selected_config_ind_hdlr_ex",
      "QMI_PDC_GET_SELECTED_CONFIG_IND_V01", PDC_REQ_GET_SEL,
+     sizeof(pdc_get_selected_config_ind_msg_v01),
      "Do nothing, No QMI_PDC_GET_SELECTED_CONFIG_REQ_V01", nullptr, evaluate_get_selected},
     {QMI_PDC_SET_SELECTED_CONFIG_IND_V01, "qmi_pdc_select_config_ind_hdlr_ex",
      "QMI_PDC_SET_SELECTED_CONFIG_IND_V01", PDC_REQ_SEL_CONFIG,
+     sizeof(pdc_set_selected_config_ind_msg_v01),
      "Do nothing, No QMI_PDC_SET_SELECTED_CONFIG_REQ_V01",
      evaluate_plain<pdc_set_selected_config_ind_msg_v01>, nullptr},
-    {QMI_PDC_LIST_CONFIGS_IND_V01, "qmi_pdc_list_configs_ind_hdlr_ex", nullptr, PDC_REQ_LIST,
+    {QMI_PDC_LIST_CONFIGS_IND_V01, "qmi_pdc_list_configs_ind_hdlr_ex", nullptr, PDC_REQ_LIST, 0,
      "pdc_list_configs_flag, g_pdc_info_ex.is_pdc_list_handling is not running, do nothing",
      nullptr, nullptr},
     {QMI_PDC_DELETE_CONFIG_IND_V01, "qmi_pdc_delete_config_ind_hdlr_ex",
-     "QMI_PDC_DELETE_CONFIG_IND_V01", PDC_REQ_DEL, "Do nothing, No QMI_PDC_DELETE_CONFIG_REQ_V01",
-     nullptr, nullptr},
+     "QMI_PDC_DELETE_CONFIG_IND_V01", PDC_REQ_DEL, 0,
+     "Do nothing, No QMI_PDC_DELETE_CONFIG_REQ_V01", nullptr, nullptr},
     {QMI_PDC_LOAD_CONFIG_IND_V01, "qmi_pdc_load_config_ind_hdlr_ex", "QMI_PDC_LOAD_CONFIG_IND_V01",
-     PDC_REQ_LOAD, "Do nothing, No QMI_PDC_LOAD_CONFIG_REQ_V01", nullptr, nullptr},
+     PDC_REQ_LOAD, 0, "Do nothing, No QMI_PDC_LOAD_CONFIG_REQ_V01", nullptr, nullptr},
     {QMI_PDC_ACTIVATE_CONFIG_IND_V01, "qmi_pdc_activate_config_ind_hdlr_ex",
-     "QMI_PDC_ACTIVATE_CONFIG_IND_V01", PDC_REQ_ACT_CONFIG,
+     "QMI_PDC_ACTIVATE_CONFIG_IND_V01", PDC_REQ_ACT_CONFIG, sizeof(pdc_activate_config_ind_msg_v01),
      "Do nothing, No QMI_PDC_ACTIVATE_CONFIG_REQ_V01", evaluate_activate, nullptr},
     {QMI_PDC_GET_CONFIG_INFO_IND_V01, "qmi_pdc_get_config_info_ind_hdlr_ex",
-     "QMI_PDC_GET_CONFIG_INFO_IND_V01", PDC_REQ_INFO,
+     "QMI_PDC_GET_CONFIG_INFO_IND_V01", PDC_REQ_INFO, 0,
      "Do nothing, No QMI_PDC_GET_CONFIG_INFO_REQ_V01", nullptr, nullptr},
     {QMI_PDC_GET_DEFAULT_CONFIG_INFO_IND_V01, "tervik_mbn_get_default_config_info_ind_hdlr",
-     "QMI_PDC_GET_DEFAULT_CONFIG_INFO_IND_V01", PDC_REQ_DEFAULT_INFO,
+     "QMI_PDC_GET_DEFAULT_CONFIG_INFO_IND_V01", PDC_REQ_DEFAULT_INFO, 0,
      "Do nothing, No QMI_PDC_GET_DEFAULT_CONFIG_INFO_REQ_V01", nullptr, nullptr},
     {QMI_PDC_DEACTIVATE_CONFIG_IND_V01, "qmi_pdc_deactivate_config_ind_hdlr_ex",
-     "QMI_PDC_DEACTIVATE_CONFIG_IND_V01", PDC_REQ_DEACT,
+     "QMI_PDC_DEACTIVATE_CONFIG_IND_V01", PDC_REQ_DEACT, sizeof(pdc_deactivate_config_ind_msg_v01),
      "Do nothing, No QMI_PDC_DEACTIVATE_CONFIG_REQ_V01",
      evaluate_plain<pdc_deactivate_config_ind_msg_v01>, nullptr},
-    {QMI_PDC_VALIDATE_CONFIG_IND_V01, "qcril_qmi_pdc_validate_config_ind_hdlr_ex", nullptr, 0,
+    {QMI_PDC_VALIDATE_CONFIG_IND_V01, "qcril_qmi_pdc_validate_config_ind_hdlr_ex", nullptr, 0, 0,
      "ignore this indication, no pdc_validate_config_req", nullptr, nullptr},
     {QMI_PDC_SET_FEATURE_IND_V01, "qmi_pdc_set_feature_ind_hdlr_ex", "QMI_PDC_SET_FEATURE_IND_V01",
-     PDC_REQ_SET_FEATURE, "Do nothing, No QMI_PDC_SET_FEATURE_REQ_V01", nullptr, nullptr},
+     PDC_REQ_SET_FEATURE, 0, "Do nothing, No QMI_PDC_SET_FEATURE_REQ_V01", nullptr, nullptr},
 }};
 
 // The line with which a handler begins. The mutex is held.
@@ -285,16 +299,20 @@ void handle_indication(const pdc_indication& row, const uint8_t* decoded, uint32
   const uint32_t claim_number = waiter_of(row.req_type).claim_number;
   lock.unlock();
   int result = PDC_FAILURE;
+  const bool readable = decoded != nullptr && len >= row.record_size;
   if (decoded == nullptr) {
     tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "NULL pointer for ind_data_ptr");
+  } else if (!readable) {
+    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "ind_data_len(%d) is too short", len);
   } else if (row.evaluate != nullptr) {
     result = row.evaluate(place, decoded);
   }
   lock.lock();
-  if (!holds(waiter_of(row.req_type), claim_number)) {
+  const pdc_req_waiter& waiter = waiter_of(row.req_type);
+  if (!holds(waiter, claim_number) || waiter.is_done != 0) {
     return;
   }
-  if (decoded != nullptr && row.evaluate_locked != nullptr) {
+  if (readable && row.evaluate_locked != nullptr) {
     result = row.evaluate_locked(place, decoded);
   }
   complete(row.req_type, result);
@@ -304,7 +322,8 @@ void handle_indication(const pdc_indication& row, const uint8_t* decoded, uint32
 void release_all_waiting() {
   for (int req_type = 1; req_type <= PDC_REQ_TYPE_COUNT; ++req_type) {
     pdc_req_waiter& waiter = waiter_of(req_type);
-    if (waiter.is_waiting == 0) {
+    // A result that came first counts.
+    if (waiter.is_waiting == 0 || waiter.is_done != 0) {
       continue;
     }
     tervik_log_debug("%s is waiting, will stop it.",
@@ -348,7 +367,6 @@ void qmi_pdc_init_pdc_info_ex() {
     for (pdc_req_waiter& waiter : g_pdc_info_ex.waiters) {
       reset_waiter(waiter);
     }
-    g_pdc_info_ex.get_sel_holder = nullptr;
     g_pdc_info_ex.spare_timer_id = 0;
     g_pdc_info_ex.is_pdc_test_handling = 0;
     g_pdc_info_ex.is_pdc_test_waiting = 0;
@@ -468,23 +486,11 @@ int pdc_deactivate_config_ex(uint32_t sub, uint32_t config_type) {
   return result;
 }
 
-namespace {
-
-void set_get_sel_holder(uint32_t claim_number, pdc_config_pdc_info* holder) {
-  const pdc_lock lock(g_pdc_info_ex.mutex);
-  if (waiter_of(PDC_REQ_GET_SEL).claim_number == claim_number) {
-    g_pdc_info_ex.get_sel_holder = holder;
-  }
-}
-
-}  // namespace
-
 int pdc_get_current_config_ex(pdc_config_pdc_info* holder, uint32_t config_type, uint32_t sub) {
-  const uint32_t claim_number = claim(PDC_REQ_GET_SEL);
+  const uint32_t claim_number = claim(PDC_REQ_GET_SEL, holder);
   if (claim_number == 0) {
     return PDC_BUSY;
   }
-  set_get_sel_holder(claim_number, holder);
   pdc_get_selected_config_req_msg_v01 request = {};
   request.config_type = config_type;
   if (config_type <= PDC_CONFIG_TYPE_MODEM_SW_V01) {
@@ -497,16 +503,13 @@ int pdc_get_current_config_ex(pdc_config_pdc_info* holder, uint32_t config_type,
       outcome.transport, outcome.transport == QMI_NO_ERR ? &response : nullptr);
   // A service that went away has no response to convert.
   if (ril_result != 0 || outcome.transport != QMI_NO_ERR) {
-    set_get_sel_holder(claim_number, nullptr);
     drop_claim(PDC_REQ_GET_SEL, claim_number);
     tervik_log_print(LOG_CLASS_DEBUG, sub,
                      "qmi send message error for get_sel_configs, errno: %d %d", outcome.transport,
                      ril_result);
     return PDC_FAILURE;
   }
-  const int result = wait_and_take_result(PDC_REQ_GET_SEL, claim_number);
-  set_get_sel_holder(claim_number, nullptr);
-  return result;
+  return wait_and_take_result(PDC_REQ_GET_SEL, claim_number);
 }
 
 int pdc_select_config_ex(const pdc_config_pdc_info* holder, uint32_t config_type, uint32_t sub) {
@@ -515,6 +518,8 @@ int pdc_select_config_ex(const pdc_config_pdc_info* holder, uint32_t config_type
     return PDC_BUSY;
   }
   if (holder->config_id_len > PDC_CONFIG_ID_MAX) {
+    tervik_log_print(LOG_CLASS_ERROR, sub, "config_id_len(%d) is invalid, max %d",
+                     holder->config_id_len, PDC_CONFIG_ID_MAX);
     drop_claim(PDC_REQ_SEL_CONFIG, claim_number);
     return PDC_ID_TOO_LONG;
   }

@@ -111,7 +111,8 @@ void qmi_pdc_request_timer_timeout_proc(union sigval value);
 // The indication callback. Framework thread.
 void qmi_pdc_unsol_ind_cb_ex(qmi_client_type user_handle, unsigned int msg_id, void* ind_buf,
                              unsigned int ind_buf_len, void* ind_cb_data);
-// Asked before an indication is looked at; the MBN layer defines it.
+// Asked before an indication is looked at, and defined by the MBN layer: false when the debug
+// property "persist.radio.all_pdc_no_rsp_count" has all indications dropped.
 [[nodiscard]] bool tervik_mbn_debug_all_pdc_no_rsp_count_check();
 
 // ---- self-test of waiting and notifying: the outcome is in the log; takes 1010 s ----

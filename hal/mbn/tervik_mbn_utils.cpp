@@ -125,11 +125,11 @@ int tervik_reactivate_sw_mbn(uint32_t sub_mask) {
 
 void tervik_mbn_deactivate_config(uint32_t sub, uint32_t config_type) {
   if (!tervik_check_sub_id(sub)) {
-    tervik_log_error("sub is invalid, sub: %d", sub);
+    tervik_log_print(LOG_CLASS_ERROR, sub, "sub is invalid, sub: %d", sub);
     return;
   }
   if (config_type >= MBN_TYPE_LIMIT) {
-    tervik_log_error("config_type is invalid, config_type: %d", config_type);
+    tervik_log_print(LOG_CLASS_ERROR, sub, "config_type is invalid, config_type: %d", config_type);
     return;
   }
   const int ret_pdc = pdc_deactivate_config_ex(sub, config_type);

@@ -3,10 +3,11 @@
 
 namespace qti::ril::logger {
 
-// Writes one line for the calling source place.
+// Writes one line of a system-log priority under a tag, for the calling source place.
 class Logger {
  public:
-  static void log(const char* thread_name, const char* function, int line, const char* text);
+  static void log(int level, const char* tag, const char* thread_name, const char* function,
+                  int line, const char* text);
 };
 
 // The calling thread's name, in a buffer of that thread.

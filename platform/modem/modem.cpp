@@ -16,9 +16,9 @@ namespace kiv::platform {
 namespace {
 
 struct ModemService {
-  uint32_t service_id;
-  ServiceFault ModemConf::*fault;
-  Service (*make)(const ModemConf& conf);
+  uint32_t service_id = 0;
+  ServiceFault ModemConf::*fault = nullptr;
+  Service (*make)(const ModemConf& conf) = nullptr;
   bool answers_in_silence = false;  // silence is that of its indications, which it sees to itself
 };
 

@@ -97,12 +97,13 @@ void DelayedIndications::run() {
       changed_.wait(lock);
       continue;
     }
-    const auto due = waiting_.begin()->first;
-    if (Clock::now() < due) {
+    const auto first = waiting_.begin();
+    if (const auto due = first->first; Clock::now() < due) {
       changed_.wait_until(lock, due);
       continue;
     }
-    const Indication indication = std::move(waiting_.extract(waiting_.begin()).mapped());
+    const Indication indication = std::move(first->second);
+    waiting_.erase(first);
     lock.unlock();
     send_indication(kPdcServiceId, indication.msg_id, indication.bytes);
     lock.lock();
@@ -111,7 +112,7 @@ void DelayedIndications::run() {
 
 class PdcService {
  public:
-  explicit PdcService(const ModemConf& conf) : conf_(conf) {}
+  explicit PdcService(ModemConf conf) : conf_(std::move(conf)) {}
 
   ServiceReply handle(uint16_t msg_id, std::span<const uint8_t> request);
 

@@ -24,9 +24,10 @@ const char* text_or_empty(const char* text) {
 
 }  // namespace
 
-void Logger::log(const char* thread_name, const char* function, int line, const char* text) {
-  write_line(LOG_INFO, "[%s] %s:%d: %s", text_or_empty(thread_name), text_or_empty(function), line,
-             text_or_empty(text));
+void Logger::log(int level, const char* tag, const char* thread_name, const char* function,
+                 int line, const char* text) {
+  write_line(level, "%s: [%s] %s:%d: %s", text_or_empty(tag), text_or_empty(thread_name),
+             text_or_empty(function), line, text_or_empty(text));
 }
 
 const char* qcril_get_thread_name() {

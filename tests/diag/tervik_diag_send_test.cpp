@@ -228,7 +228,7 @@ TEST_F(DiagSend, EveryProcessorOfTheMaskAnswersUnderItsName) {
 }
 
 TEST_F(DiagSend, WorkersHandOverOneByOneAndAreWaitedForInBounds) {
-  const TimeLapse lapse(100);
+  const TimeLapse lapse(25);
   std::promise<void> unblock;
   std::atomic<int> sum{0};
   platform::set_diag_modem({.processor = [&sum, gate = unblock.get_future().share()](auto command) {
@@ -247,6 +247,7 @@ TEST_F(DiagSend, WorkersHandOverOneByOneAndAreWaitedForInBounds) {
   unblock.set_value();
   tervik_diag_wait_for_workers(100'000);
   EXPECT_EQ(sum, 400);
+  EXPECT_FALSE(log.contains("Releasing DCI connection")) << "waited for more than the hand-over";
   wait_for_end(log, 2);
   auto slept = lapse.slept();
   std::sort(slept.begin(), slept.end());

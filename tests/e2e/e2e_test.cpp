@@ -519,6 +519,19 @@ const Scenario kCommands[] = {
                  "<help 12>"}}},
      .files_before = {{"modem.conf", "fault.nas = down\n"}},
      .time_factor = 1000},
+    {.name = "ReactivationKeepsTheConfigurationUnlessItsIndicationsAreDropped",
+     .steps = {{{"10", "0", "3"}, {"pdc_info init done"}},
+               {{"10", "1", "3"}, {"pdc_info init done"}},
+               {{"10", "7", "1"}, {"invalid mbn_i = 7", "<help 10>"}},
+               {{"10", "0"}, {kTooFewParameters, "<help 10>"}},
+               {{"10", "30", "1"}},
+               {{"10", "1", "1"},
+                {"NOTICE!!! PROPERTY_DEBUG_ALL_PDC_NO_RSP_COUNT(1) is running",
+                 "SUB_0 pdc_get_current_config_ex fail"}}},
+     .files_before = {{"modem.conf", "pdc.active.1 = 4142\n"}},
+     .files_after = {{"pdc/1/active", "AB"}},
+     .match = Match::kInSequence,
+     .time_factor = 100},
     {.name = "BadLineOfModemConfIsNamedAndTheRestCounts",
      .steps = {{kReadNv550, failed(9)}},
      .files_before = {{"modem.conf",
@@ -588,7 +601,7 @@ TEST_P(CategoryHelp, FollowsACommandLineWithoutCommand) {
   EXPECT_EQ(printed, golden("help_" + category + ".txt"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Kiv, CategoryHelp, ::testing::Values(3, 4, 5, 6, 7, 8, 9, 11, 12));
+INSTANTIATE_TEST_SUITE_P(Kiv, CategoryHelp, ::testing::Values(3, 4, 5, 6, 7, 8, 9, 10, 11, 12));
 
 }  // namespace
 }  // namespace kiv::test

@@ -43,7 +43,7 @@ inline ExtensionAnswer answer_of(const Bytes& body) {
 // Numbers as the modem takes them, of 32 bits each.
 inline Bytes words(const std::vector<uint32_t>& numbers) {
   Bytes bytes(numbers.size() * sizeof(uint32_t));
-  std::memcpy(bytes.data(), numbers.data(), bytes.size());
+  if (!numbers.empty()) std::memcpy(bytes.data(), numbers.data(), bytes.size());
   return bytes;
 }
 

@@ -7,8 +7,9 @@
 void* qcril_malloc_adv(size_t size, const char* function, int line) {
   void* memory = calloc(1, size);
   if (memory == nullptr) {
-    qti::ril::logger::Logger::log(qti::ril::logger::qcril_get_thread_name(), function, line,
-                                  "Fail to allocate memory");
+    constexpr int LEVEL_ERROR = 3;
+    qti::ril::logger::Logger::log(LEVEL_ERROR, "malloc", qti::ril::logger::qcril_get_thread_name(),
+                                  function, line, "Fail to allocate memory");
   }
   return memory;
 }

@@ -43,8 +43,9 @@ int qcril_qmi_util_convert_qmi_response_codes_to_ril_result(int transport_result
   if (transport_result != 0 && transport_result != SERVICE_GONE) {
     return RIL_INTERNAL_ERROR;
   }
-  qti::ril::logger::Logger::log(qti::ril::logger::qcril_get_thread_name(), __func__, __LINE__,
-                                "ctx check 0");
+  constexpr int LEVEL_NOTICE = 5;
+  qti::ril::logger::Logger::log(LEVEL_NOTICE, "util", qti::ril::logger::qcril_get_thread_name(),
+                                __func__, __LINE__, "ctx check 0");
   if (response == nullptr || response->result == 0) {
     return RIL_SUCCESS;
   }
