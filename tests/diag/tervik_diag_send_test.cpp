@@ -217,6 +217,7 @@ TEST_F(DiagSend, FailuresOfTheLibraryEndTheSendAndReleaseWhatWasRegistered) {
 }
 
 TEST_F(DiagSend, EveryProcessorOfTheMaskAnswersUnderItsName) {
+  const TimeLapse lapse(200);
   for (const auto& [processor, name] : {std::pair{0, "0[MSM]"}, {1, "1[MDM]"}, {3, "3[Unknown]"}}) {
     answer_with({{.bytes = {8, 9}, .processor = processor}}, {.remote_mask = 5});
     const LogCapture log;
