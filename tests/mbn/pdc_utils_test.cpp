@@ -315,10 +315,10 @@ TEST_F(PdcTest, SurvivesIndicationsAtAnyMoment) {
   });
   auto others = std::async(std::launch::async, [] {
     int failures = 0;
-    for (int round = 0; round < 300; ++round) failures += (deactivate() | select()) != 0;
+    for (int round = 0; round < 1000; ++round) failures += (deactivate() | select()) != 0;
     return failures;
   });
-  for (int round = 0; round < 300; ++round) {
+  for (int round = 0; round < 1000; ++round) {
     pdc_config_pdc_info config{};
     EXPECT_EQ(pdc_get_current_config_ex(&config, 1, 0), 0);
     const auto ids = std::count(config.config_id, std::end(config.config_id), 1) * 100 +
