@@ -51,10 +51,14 @@ Service with_fault(const ServiceFault& fault, const ModemService& row, Service s
   return service;
 }
 
-}  // namespace
+// The configuration that the modem came up with: a restart keeps it. Written before the services
+// are up that read it; never destroyed, because a restart may come from any thread.
+ModemConf& current_conf() {
+  static ModemConf& conf = *new ModemConf;
+  return conf;
+}
 
-void publish_modem_services() {
-  const ModemConf conf = load_modem_conf();
+void publish_all(const ModemConf& conf) {
   for (const ModemService& row : kModemServices) {
     const ServiceFault& fault = conf.*row.fault;
     if (fault.kind != ServiceFault::Kind::kDown) {
@@ -63,11 +67,18 @@ void publish_modem_services() {
   }
 }
 
+}  // namespace
+
+void publish_modem_services() {
+  current_conf() = load_modem_conf();
+  publish_all(current_conf());
+}
+
 void restart_modem() {
   for (const ModemService& row : kModemServices) {
     withdraw_service(row.service_id);
   }
-  publish_modem_services();
+  publish_all(current_conf());
 }
 
 }  // namespace kiv::platform
