@@ -4,21 +4,27 @@
 #include <charconv>
 #include <cstdlib>
 
-void tervik_print_note_and_help(const tervik_log_place& place, int category, const char* note) {
+namespace {
+
+// Prints `note` in the handler's name, then the category's help.
+void print_note_and_help(const tervik_log_place& place, int category, const char* note) {
   tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "%s", note);
   show_help(category);
 }
 
-void tervik_print_error_code_and_help(const tervik_log_place& place, int category, int error_code) {
+// Prints the code of a command that failed, then the category's help.
+void print_error_code_and_help(const tervik_log_place& place, int category, int error_code) {
   tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "note: Error happen! error_code(%d)",
                    error_code);
   show_help(category);
 }
 
+}  // namespace
+
 bool tervik_check_category_args(const tervik_log_place& place, int category, int argc, char** argv,
                                 int argc_min) {
   if (argc < argc_min) {
-    tervik_print_note_and_help(place, category, NOTE_TOO_FEW_PARAMETERS);
+    print_note_and_help(place, category, NOTE_TOO_FEW_PARAMETERS);
     return false;
   }
   if (atoi(argv[1]) != category) {
@@ -40,12 +46,13 @@ int tervik_run_category(const tervik_log_place& place, int category,
       commands.begin(), commands.end(),
       [number = atoi(argv[2])](const category_command& row) { return row.number == number; });
   if (command == commands.end()) {
-    tervik_print_note_and_help(place, category, NOTE_SECOND_PARAMETER_INVALID);
+    print_note_and_help(place, category,
+                        "note: the second parameters is invalid, Pls refer to the following cmd:");
     return 0;
   }
   const int result = command->run(argc, argv);
   if (result != 0) {
-    tervik_print_error_code_and_help(place, category, result);
+    print_error_code_and_help(place, category, result);
   }
   return 0;
 }

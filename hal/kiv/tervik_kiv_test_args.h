@@ -26,17 +26,9 @@ struct category_command {
 [[nodiscard]] bool tervik_check_category_args(const tervik_log_place& place, int category, int argc,
                                               char** argv, int argc_min = 3);
 
-// Prints `note` in the handler's name, then the category's help.
-void tervik_print_note_and_help(const tervik_log_place& place, int category, const char* note);
-
-// The notes that several categories print.
+// The note that several categories print by themselves.
 inline constexpr const char* NOTE_TOO_FEW_PARAMETERS =
     "note: Too few parameters, Pls refer to the following cmd:";
-inline constexpr const char* NOTE_SECOND_PARAMETER_INVALID =
-    "note: the second parameters is invalid, Pls refer to the following cmd:";
-
-// Prints the error code of a command that failed, then the category's help.
-void tervik_print_error_code_and_help(const tervik_log_place& place, int category, int error_code);
 
 // A category's whole run: checks the arguments, finds the command by its number and runs it; each
 // failure prints its note in the handler's name, then the category's help. Returns 0.
