@@ -68,8 +68,8 @@ Bytes answer_echo(std::span<const uint8_t> command) {
 }
 
 Bytes answer_with_error(uint8_t code, std::span<const uint8_t> command) {
-  Bytes response{code};
-  response.insert(response.end(), command.begin(), command.end());
+  Bytes response(1 + command.size(), code);
+  std::copy(command.begin(), command.end(), response.begin() + 1);
   return response;
 }
 

@@ -531,7 +531,7 @@ const Scenario kCommands[] = {
      .files_before = {{"modem.conf", "pdc.active.1 = 4142\n"}},
      .files_after = {{"pdc/1/active", "AB"}},
      .match = Match::kInSequence,
-     .time_factor = 100},
+     .time_factor = 20},
     {.name = "BadLineOfModemConfIsNamedAndTheRestCounts",
      .steps = {{kReadNv550, failed(9)}},
      .files_before = {{"modem.conf",

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstdlib>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -61,16 +62,26 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
   return all;
 }
 
+// The program's path and its argv. With KIV_EMULATOR the program is one of another processor: the
+// emulator (a path) gets the name to run it under, then the program.
+std::pair<std::string, std::vector<std::string>> invocation(
+    const std::string& program, const std::vector<std::string>& arguments) {
+  std::vector<std::string> command{"kiv"};
+  const char* const emulator = getenv("KIV_EMULATOR");
+  if (emulator != nullptr) command = {emulator, "-0", "kiv", program};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return {emulator != nullptr ? emulator : program, std::move(command)};
+}
+
 // -1 when the program cannot be started.
-pid_t spawn(std::vector<std::string> command, std::vector<std::string> environment, int out,
-            int err) {
+pid_t spawn(const std::string& path, std::vector<std::string> command,
+            std::vector<std::string> environment, int out, int err) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
   pid_t pid = -1;
-  const std::string path = std::exchange(command[0], "kiv");
   const int result = posix_spawn(&pid, path.c_str(), &actions, nullptr, pointers(command).data(),
                                  pointers(environment).data());
   posix_spawn_file_actions_destroy(&actions);
@@ -117,12 +128,12 @@ bool reap(pid_t pid, Deadline deadline, int& status) {
 
 ProgramRun run_program(const std::string& path, const std::vector<std::string>& arguments,
                        const std::vector<std::string>& environment) {
-  std::vector<std::string> command{path};
-  command.insert(command.end(), arguments.begin(), arguments.end());
+  auto [program, command] = invocation(path, arguments);
   Pipe out;
   Pipe err;
   ProgramRun run;
-  run.pid = spawn(std::move(command), merged_environment(environment), out.ends[1], err.ends[1]);
+  run.pid =
+      spawn(program, std::move(command), merged_environment(environment), out.ends[1], err.ends[1]);
   if (run.pid < 0) throw std::runtime_error("cannot start " + path);
   out.close_end(1);
   err.close_end(1);
