@@ -1,0 +1,4 @@
+/* The least that a static process costs. */
+int main(void) {
+  return 0;
+}
