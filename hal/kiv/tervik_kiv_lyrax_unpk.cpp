@@ -4,7 +4,6 @@
 #include <array>
 #include <bit>
 #include <cinttypes>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -26,6 +25,7 @@ constexpr size_t SPAN_SIZE = SPAN_BITS / 8;
 // Holds the record and behind it zeros, so that the span of a field at the end of the record, or of
 // the limit, is inside.
 std::array<uint8_t, UNPK_LIMIT + SPAN_SIZE> g_unpk_buffer;
+size_t g_unpk_buffer_used = 0;  // by the last record; what follows is zeros
 
 const uint8_t* g_unpk_data_ptr = nullptr;
 uint32_t g_unpk_data_id = 0;
@@ -33,14 +33,9 @@ int32_t g_unpk_data_base = 0;      // byte of the last rebase
 int32_t g_unpk_data_base_bit = 0;  // bit that the current structure begins at
 int32_t g_unpk_data_cnt = 0;       // bytes read since the byte base
 
-[[gnu::format(printf, 1, 2)]] void trace_step(const char* format, ...) {
-  if (g_unpk_print_flag == 0) {
-    return;
-  }
-  va_list arguments;
-  va_start(arguments, format);
-  vprintf(format, arguments);
-  va_end(arguments);
+// Tested before a step's trace is put together: a decode without it must not pay for it.
+bool is_traced() {
+  return g_unpk_print_flag != 0;
 }
 
 // The value's bytes as they lie in memory, without the zeros at the end.
@@ -77,9 +72,11 @@ std::optional<uint64_t> unpk_high(const unpk_field& field, const unpk_span& span
   const uint64_t lower = low > SPAN_HALF_BITS ? 0 : span.tmp1 >> (low - 1);
   const uint64_t result =
       lower | (span.tmp2 & low_mask(low - 1)) * (uint64_t{1} << (SPAN_HALF_BITS + 1 - low));
-  trace_step("UNPK_HIGH, old_val: %" PRIu64 ", new_val: %" PRIu64
-             ", bit_num: %d, name: %s, id(0x%x)\n",
-             span.tmp1, result, kept, field.name, g_unpk_data_id);
+  if (is_traced()) {
+    printf("UNPK_HIGH, old_val: %" PRIu64 ", new_val: %" PRIu64
+           ", bit_num: %d, name: %s, id(0x%x)\n",
+           span.tmp1, result, kept, field.name, g_unpk_data_id);
+  }
   return result;
 }
 
@@ -92,10 +89,11 @@ std::optional<uint64_t> unpk_low(const unpk_field& field, uint64_t value, int bi
     return std::nullopt;
   }
   const uint64_t result = value & low_mask(bit_num);
-  trace_step("UNPK_LOW, old_val: %" PRIu64 ", new_val: %" PRIu64
-             ", bit_num: %d, mask_max(0x%" PRIx64 "), old_size(%d), name: %s, id(0x%x)\n",
-             value, result, bit_num, low_mask(variable_bits), field.size, field.name,
-             g_unpk_data_id);
+  if (is_traced()) {
+    printf("UNPK_LOW, old_val: %" PRIu64 ", new_val: %" PRIu64 ", bit_num: %d, mask_max(0x%" PRIx64
+           "), old_size(%d), name: %s, id(0x%x)\n",
+           value, result, bit_num, low_mask(variable_bits), field.size, field.name, g_unpk_data_id);
+  }
   return result;
 }
 
@@ -360,7 +358,8 @@ void query_logs_to_upgrade() {
 // ---- the unpacker's steps ----
 
 bool unpk_start(std::span<const uint8_t> record, uint32_t id) {
-  g_modem_stats_result = {};
+  memset(g_modem_stats_result.value, 0, g_modem_stats_result.len);
+  g_modem_stats_result.len = 0;
   g_unpk_data_id = id;
   g_unpk_data_base = 0;
   g_unpk_data_base_bit = 0;
@@ -370,8 +369,12 @@ bool unpk_start(std::span<const uint8_t> record, uint32_t id) {
     printf("UNPK_START, payload is NULL, id(0x%x)\n", id);
     return false;
   }
-  g_unpk_buffer = {};
-  memcpy(g_unpk_buffer.data(), record.data(), std::min<size_t>(record.size(), UNPK_LIMIT));
+  const size_t len = std::min<size_t>(record.size(), UNPK_LIMIT);
+  memcpy(g_unpk_buffer.data(), record.data(), len);
+  if (len < g_unpk_buffer_used) {
+    memset(g_unpk_buffer.data() + len, 0, g_unpk_buffer_used - len);
+  }
+  g_unpk_buffer_used = len;
   g_unpk_data_ptr = g_unpk_buffer.data();
   return true;
 }
@@ -389,12 +392,15 @@ std::optional<uint64_t> unpk_i(const char* name, const char* suffix, int size) {
     return std::nullopt;
   }
   uint64_t value = 0;
-  memcpy(&value, g_unpk_data_ptr + pos, static_cast<size_t>(size));
+  memcpy(&value, g_unpk_data_ptr + pos, sizeof(value));
+  value &= low_mask(8 * size);
   g_unpk_data_cnt += size;
-  trace_step("    UNPK_I, name: %s%s, val: %" PRIu64
-             "(%s), val_size: %d, unpk_cnt: %d, data_base: %d, base_bit: %d\n",
-             name, suffix, value, memory_text(value).data(), size, g_unpk_data_cnt,
-             g_unpk_data_base, g_unpk_data_base_bit);
+  if (is_traced()) {
+    printf("    UNPK_I, name: %s%s, val: %" PRIu64
+           "(%s), val_size: %d, unpk_cnt: %d, data_base: %d, base_bit: %d\n",
+           name, suffix, value, memory_text(value).data(), size, g_unpk_data_cnt, g_unpk_data_base,
+           g_unpk_data_base_bit);
+  }
   return value;
 }
 
@@ -402,10 +408,12 @@ void unpk_base_with_bit(int bits) {
   g_unpk_data_base_bit += bits;
   g_unpk_data_base = g_unpk_data_base_bit / 8;
   g_unpk_data_cnt = 0;
-  trace_step(
-      "BASE_WITH_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
-      "bit(%d), id(0x%x)\n",
-      g_unpk_data_base_bit, g_unpk_data_base, g_unpk_data_cnt, bits, g_unpk_data_id);
+  if (is_traced()) {
+    printf(
+        "BASE_WITH_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
+        "bit(%d), id(0x%x)\n",
+        g_unpk_data_base_bit, g_unpk_data_base, g_unpk_data_cnt, bits, g_unpk_data_id);
+  }
 }
 
 bool unpk_set_bit(int bit) {
@@ -416,10 +424,12 @@ bool unpk_set_bit(int bit) {
     return false;
   }
   g_unpk_data_cnt = pos - g_unpk_data_base;
-  trace_step(
-      "UNPK_SET_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
-      "bit(%d), id(0x%x)\n",
-      g_unpk_data_base_bit, g_unpk_data_base, g_unpk_data_cnt, bit, g_unpk_data_id);
+  if (is_traced()) {
+    printf(
+        "UNPK_SET_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
+        "bit(%d), id(0x%x)\n",
+        g_unpk_data_base_bit, g_unpk_data_base, g_unpk_data_cnt, bit, g_unpk_data_id);
+  }
   return true;
 }
 
@@ -431,9 +441,11 @@ std::optional<uint64_t> unpk_mid(const unpk_field& field, const unpk_span& span,
   std::optional<uint64_t> value = span.tmp1;
   if (low == 1) {
     // The lower half is what is kept.
-    trace_step("UNPK_HIGH, old_val: %" PRIu64 ", new_val: %" PRIu64
-               ", bit_num: %d, name: %s, id(0x%x)\n",
-               span.tmp1, *value, SPAN_HALF_BITS, field.name, g_unpk_data_id);
+    if (is_traced()) {
+      printf("UNPK_HIGH, old_val: %" PRIu64 ", new_val: %" PRIu64
+             ", bit_num: %d, name: %s, id(0x%x)\n",
+             span.tmp1, *value, SPAN_HALF_BITS, field.name, g_unpk_data_id);
+    }
   } else {
     value = unpk_high(field, span, low);
   }
@@ -441,9 +453,11 @@ std::optional<uint64_t> unpk_mid(const unpk_field& field, const unpk_span& span,
     value = unpk_low(field, *value, high - low + 1);
   }
   if (value) {
-    trace_step("UNPK_MID, old_val: %" PRIu64 ", new_val: %" PRIu64
-               ", low: %d, high: %d, name: %s, id(0x%x)\n",
-               span.tmp1, *value, low, high, field.name, g_unpk_data_id);
+    if (is_traced()) {
+      printf("UNPK_MID, old_val: %" PRIu64 ", new_val: %" PRIu64
+             ", low: %d, high: %d, name: %s, id(0x%x)\n",
+             span.tmp1, *value, low, high, field.name, g_unpk_data_id);
+    }
   }
   return value;
 }
@@ -454,19 +468,23 @@ std::optional<uint64_t> unpk_at(const unpk_field& field, int bit) {
   }
   const int low = g_unpk_data_base_bit + bit - (g_unpk_data_base + g_unpk_data_cnt) * 8 + 1;
   const int high = low + field.width - 1;
-  trace_step(
-      "PRINT_CNT, base_bit: %d, base_byte: %d, data_cnt: %d, low: %d, high: %d, param: %d, name: "
-      "%s\n",
-      g_unpk_data_base_bit, g_unpk_data_base, g_unpk_data_cnt, low, high, bit, field.name);
+  if (is_traced()) {
+    printf(
+        "PRINT_CNT, base_bit: %d, base_byte: %d, data_cnt: %d, low: %d, high: %d, param: %d, name: "
+        "%s\n",
+        g_unpk_data_base_bit, g_unpk_data_base, g_unpk_data_cnt, low, high, bit, field.name);
+  }
   const std::optional<uint64_t> tmp1 = unpk_i(field.name, "_tmp1", sizeof(uint64_t));
   const std::optional<uint64_t> tmp2 =
       tmp1 ? unpk_i(field.name, "_tmp2", sizeof(uint64_t)) : std::nullopt;
   const std::optional<uint64_t> value =
       tmp2 ? unpk_mid(field, {*tmp1, *tmp2}, low, high) : std::nullopt;
   if (value) {
-    trace_step("    UNPK_AT, name: %s, val: %" PRIu64
-               "(%s), low: %d, high: %d, bit_start: %d, bit_num: %d\n",
-               field.name, *value, memory_text(*value).data(), low, high, bit, field.width);
+    if (is_traced()) {
+      printf("    UNPK_AT, name: %s, val: %" PRIu64
+             "(%s), low: %d, high: %d, bit_start: %d, bit_num: %d\n",
+             field.name, *value, memory_text(*value).data(), low, high, bit, field.width);
+    }
   }
   return value;
 }
