@@ -12,6 +12,8 @@ void tervik_test_at_cmd_show_help(int category);
 
 // The AT channel's device.
 extern const char* g_at_device_path;
+// How long the shell may take to write into the device.
+extern int g_at_shell_limit_ms;
 // The open AT channel; below 1 it is not open.
 extern std::atomic<int> g_at_serial_fd;
 

@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -128,6 +130,23 @@ TEST_F(KivAtCmd, WhatIsNoDeviceIsNotOpened) {
               1);
   }
   EXPECT_EQ(read_state_file_text("plain"), "AT\r\n");
+}
+
+// A pipe without a reader stands for whatever holds the shell up for ever: a device that waits for
+// a carrier, or has room for a part of the bytes.
+TEST_F(KivAtCmd, ShellThatIsHeldUpEndsAtItsLimit) {
+  const std::string pipe = state_dir() + "/pipe";
+  write_state_file_text("any", "");  // the folder
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  g_at_device_path = pipe.c_str();
+  const int usual_limit = std::exchange(g_at_shell_limit_ms, 50);
+  const TimeLapse lapse(100);
+  const Strings printed = run({"kiv", "8", "AT"});
+  g_at_shell_limit_ms = usual_limit;
+  for (const std::string& line :
+       {"echo, ret_sys: " + std::to_string(SIGALRM), std::string("Fail to send at shell cmd")}) {
+    EXPECT_EQ(std::count(printed.begin(), printed.end(), line), 1) << line;
+  }
 }
 
 TEST_F(KivAtCmd, WrongArgumentsShowTheirNoteAndTheHelp) {
