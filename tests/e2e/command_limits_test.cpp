@@ -166,13 +166,14 @@ class CommandLimits : public StateDirectoryTest {
     return run_program(KIV_TIME_LAPSE_BINARY, row.example, environment);
   }
 
-  // How long the example takes by the tool's own clock. What the machine adds grows with the
-  // factor, so a run that is too long is tried again with less of it.
+  // How long the example waits, by the tool's own clock. Where threads of the tool wait for each
+  // other, what the machine adds grows with the factor: a run that is too long is tried again with
+  // less of it.
   double length_of(const CommandRow& row, const Silence& silence, const std::string& folder) const {
     const double limit = seconds_of(row) + 1;
     double shortest = kEndless;
-    int factor = static_cast<int>(std::min(50 + 4 * limit, 1500.0));
-    for (int attempt = 0; attempt < 6 && shortest > limit; ++attempt, factor = factor / 2 + 1) {
+    int factor = static_cast<int>(std::min(50 + 25 * limit, 10000.0));
+    for (int attempt = 0; attempt < 5 && shortest > limit; ++attempt, factor = factor / 4 + 1) {
       const ProgramRun run =
           run_example(row, silence, folder + "-" + std::to_string(attempt), factor);
       EXPECT_EQ(run.exit_status, 0) << row.usage();

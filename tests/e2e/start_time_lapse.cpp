@@ -1,9 +1,13 @@
 // The tool's entry with what the tests change about its surroundings, each by an environment
 // variable: KIV_TIME_FACTOR, how much faster time runs; KIV_AT_DEVICE, the device that stands for
 // the AT channel; KIV_DROP_PDC, set for a PDC service that drops every request, which modem.conf
-// has no word for; KIV_REPORT_TIME, set to have the run's length by its own clock printed on
-// standard error at its end, as a number of seconds.
+// has no word for; KIV_REPORT_TIME, set to have printed on standard error at the end how many
+// seconds the command's own thread has waited, by its own clock.
+#include <semaphore.h>
+#include <sys/wait.h>
+
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 
@@ -12,6 +16,44 @@
 #include "tervik_kiv_at_cmd.h"
 #include "tervik_kiv_test_main.h"
 #include "tests/support/time_lapse.h"
+
+namespace {
+
+using std::chrono::steady_clock;
+
+thread_local steady_clock::duration g_waited_without_deadline{};
+
+template <typename Wait>
+auto counted(Wait wait) {
+  struct Count {
+    ~Count() { g_waited_without_deadline += steady_clock::now() - begin; }
+    steady_clock::time_point begin = steady_clock::now();
+  } const count;
+  return wait();
+}
+
+}  // namespace
+
+// Waits without a deadline, which somebody else ends in time: replaced at link time, to be counted.
+int real_sem_wait(sem_t* semaphore) asm("__real_sem_wait");
+int counted_sem_wait(sem_t* semaphore) asm("__wrap_sem_wait");
+int counted_sem_wait(sem_t* semaphore) {
+  return counted([=] { return real_sem_wait(semaphore); });
+}
+pid_t real_waitpid(pid_t pid, int* status, int options) asm("__real_waitpid");
+pid_t counted_waitpid(pid_t pid, int* status, int options) asm("__wrap_waitpid");
+pid_t counted_waitpid(pid_t pid, int* status, int options) {
+  return counted([=] { return real_waitpid(pid, status, options); });
+}
+using Condition = std::condition_variable;
+using Lock = std::unique_lock<std::mutex>;
+void real_wait(Condition* condition,
+               Lock& lock) asm("__real__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE");
+void counted_wait(Condition* condition, Lock& lock) asm(
+    "__wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE");
+void counted_wait(Condition* condition, Lock& lock) {
+  counted([&] { real_wait(condition, lock); });
+}
 
 int main(int argc, char** argv) {
   if (const char* factor = getenv("KIV_TIME_FACTOR"); factor != nullptr && atoi(factor) > 0) {
@@ -23,9 +65,8 @@ int main(int argc, char** argv) {
     kiv::platform::publish_service(kiv::platform::kPdcServiceId,
                                    [](auto...) { return kiv::platform::ServiceReply::silence(); });
   }
-  const auto start = std::chrono::steady_clock::now();
   const int result = tervik_kiv_test_main(argc, argv);
-  const std::chrono::duration<double> length = std::chrono::steady_clock::now() - start;
-  if (getenv("KIV_REPORT_TIME") != nullptr) fprintf(stderr, "%f\n", length.count());
+  const std::chrono::duration<double> waited = kiv::test::waited() + g_waited_without_deadline;
+  if (getenv("KIV_REPORT_TIME") != nullptr) fprintf(stderr, "%f\n", waited.count());
   return result;
 }

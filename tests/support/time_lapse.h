@@ -33,6 +33,11 @@ class TimeLapse {
   size_t first_sleep_;
 };
 
+// How long the calling thread has been in timed waits, by the clock that it sees. A wait that ended
+// by its deadline counts up to there, however much later the thread came to run: what a busy
+// machine adds, and a lapse makes long, does not count.
+std::chrono::nanoseconds waited();
+
 // The next timer_create, or timer_settime, of any thread fails with EAGAIN.
 void fail_next_timer_create();
 void fail_next_timer_settime();

@@ -50,8 +50,11 @@ TEST(TimeLapse, WaitsOfTenSecondsTakeATick) {
     SCOPED_TRACE(&wait - waits);
     const auto start = steady_clock::now();
     const auto real_start = real_now();
+    const auto waited_before = waited();
     wait();
     EXPECT_GE(steady_clock::now() - start, milliseconds(9'990));
+    EXPECT_LE(waited() - waited_before, seconds(10));
+    EXPECT_GE(waited() - waited_before, seconds(5));
     EXPECT_LT(real_now() - real_start, seconds(5));
   }
   EXPECT_EQ(lapse.slept().front(), seconds(10));
