@@ -1,0 +1,54 @@
+# The man page and the completion, which are made from the table of commands; what `cmake --install`
+# puts where; and the Debian package, by `cpack` in the build folder.
+include(GNUInstallDirs)
+
+set(make_docs ${PROJECT_SOURCE_DIR}/scripts/make-docs)
+set(commands ${PROJECT_SOURCE_DIR}/docs/commands.md)
+set(template ${PROJECT_SOURCE_DIR}/docs/kiv.1.in)
+set(made ${PROJECT_BINARY_DIR}/share)
+file(MAKE_DIRECTORY ${made})
+add_custom_command(OUTPUT ${made}/kiv.1
+  COMMAND ${make_docs} man ${commands} ${template} ${PROJECT_VERSION} > ${made}/kiv.1
+  DEPENDS ${make_docs} ${commands} ${template} VERBATIM)
+add_custom_command(OUTPUT ${made}/kiv.bash
+  COMMAND ${make_docs} completion ${commands} > ${made}/kiv.bash
+  DEPENDS ${make_docs} ${commands} VERBATIM)
+
+set(pages kiv)
+install(TARGETS kiv)
+foreach(tool kiv-check kiv-nv-save)
+  if(EXISTS ${PROJECT_SOURCE_DIR}/tools/${tool})
+    install(PROGRAMS ${PROJECT_SOURCE_DIR}/tools/${tool} TYPE BIN)
+  endif()
+  if(EXISTS ${PROJECT_SOURCE_DIR}/docs/${tool}.1)
+    configure_file(${PROJECT_SOURCE_DIR}/docs/${tool}.1 ${made}/${tool}.1 COPYONLY)
+    list(APPEND pages ${tool})
+  endif()
+endforeach()
+# As Debian has its man pages: compressed, without name and time.
+foreach(page ${pages})
+  add_custom_command(OUTPUT ${made}/${page}.1.gz
+    COMMAND gzip -9nc ${made}/${page}.1 > ${made}/${page}.1.gz
+    DEPENDS ${made}/${page}.1 VERBATIM)
+  list(APPEND compressed ${made}/${page}.1.gz)
+endforeach()
+add_custom_target(share ALL DEPENDS ${compressed} ${made}/kiv.bash)
+install(FILES ${compressed} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${made}/kiv.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+        RENAME kiv)
+# The README links to the folder beside it.
+install(FILES README.md TYPE DOC)
+install(DIRECTORY docs TYPE DOC FILES_MATCHING PATTERN "*.md")
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR})
+set(CPACK_PACKAGE_CONTACT "kiv maintainers <kiv@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "test tool for the cellular modem of an Android handset")
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION utils)
+# A static binary depends on nothing.
+if(NOT KIV_STATIC_PIE)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+endif()
+include(CPack)
