@@ -433,8 +433,9 @@ void send_block_by_callback(const command_block& block, hand_over_notice& notice
   diag_switch_logging(DIAG_CALLBACK_MODE, nullptr);
   const int ret_send =
       diag_callback_send_data(PRIMARY_PROCESSOR, library_bytes(block_command(block)), length);
-  notice.give();
+  // First: the run may end with the notice, and nothing else tells whether the send failed.
   tervik_log_debug("ret_send = %d, will wait callback", ret_send);
+  notice.give();
   usleep(RESPONSE_TIME_US);
   diag_switch_logging(DIAG_USB_MODE, nullptr);
   Diag_LSM_DeInit();
