@@ -23,7 +23,7 @@ install_missing() {
 }
 
 build_packages=(g++ cmake ninja-build)
-test_packages=(libgtest-dev libbenchmark-dev clang-format clang-tidy git groff-base)
+test_packages=(libgtest-dev libbenchmark-dev clang-format clang-tidy git groff-base shellcheck busybox mksh)
 aarch64_packages=(g++-aarch64-linux-gnu qemu-user)
 
 # Configures a preset once and builds the named targets of it (all without any). Silent when all
