@@ -2,26 +2,21 @@
 # puts where; and the Debian package, by `cpack` in the build folder.
 include(GNUInstallDirs)
 
-set(make_docs ${PROJECT_SOURCE_DIR}/scripts/make-docs)
-set(commands ${PROJECT_SOURCE_DIR}/docs/commands.md)
-set(template ${PROJECT_SOURCE_DIR}/docs/kiv.1.in)
+set(docs ${PROJECT_SOURCE_DIR}/docs)
 set(made ${PROJECT_BINARY_DIR}/share)
+set(make_docs ${PROJECT_SOURCE_DIR}/scripts/make-docs)
 file(MAKE_DIRECTORY ${made})
-add_custom_command(OUTPUT ${made}/kiv.1
-  COMMAND ${make_docs} man ${commands} ${template} ${PROJECT_VERSION} > ${made}/kiv.1
-  DEPENDS ${make_docs} ${commands} ${template} VERBATIM)
-add_custom_command(OUTPUT ${made}/kiv.bash
-  COMMAND ${make_docs} completion ${commands} > ${made}/kiv.bash
-  DEPENDS ${make_docs} ${commands} VERBATIM)
+add_custom_command(OUTPUT ${made}/kiv.1 ${made}/kiv.bash
+  COMMAND ${make_docs} man ${docs}/commands.md ${docs}/kiv.1.in ${PROJECT_VERSION} > ${made}/kiv.1
+  COMMAND ${make_docs} completion ${docs}/commands.md > ${made}/kiv.bash
+  DEPENDS ${make_docs} ${docs}/commands.md ${docs}/kiv.1.in VERBATIM)
 
 set(pages kiv)
 install(TARGETS kiv)
 foreach(tool kiv-check kiv-nv-save)
   if(EXISTS ${PROJECT_SOURCE_DIR}/tools/${tool})
-    install(PROGRAMS ${PROJECT_SOURCE_DIR}/tools/${tool} TYPE BIN)
-  endif()
-  if(EXISTS ${PROJECT_SOURCE_DIR}/docs/${tool}.1)
-    configure_file(${PROJECT_SOURCE_DIR}/docs/${tool}.1 ${made}/${tool}.1 COPYONLY)
+    install(PROGRAMS tools/${tool} TYPE BIN)
+    configure_file(${docs}/${tool}.1 ${made}/${tool}.1 COPYONLY)
     list(APPEND pages ${tool})
   endif()
 endforeach()

@@ -4,10 +4,8 @@
 // has no word for; KIV_REPORT_TIME, set to have printed on standard error at the end two numbers
 // of seconds by the tool's own clock: how long the command's thread has waited, and the whole run.
 #include <semaphore.h>
-#include <sys/wait.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 
@@ -17,45 +15,21 @@
 #include "tervik_kiv_test_main.h"
 #include "tests/support/time_lapse.h"
 
-namespace {
-
+using Seconds = std::chrono::duration<double>;
 using std::chrono::steady_clock;
 
 // Never ended: threads that wait may outlive main.
-const kiv::test::TimeLapse* g_lapse = nullptr;
+static const kiv::test::TimeLapse* g_lapse = nullptr;
+static thread_local Seconds g_waited_without_deadline{};
 
-thread_local steady_clock::duration g_waited_without_deadline{};
-
-template <typename Wait>
-auto counted(Wait wait) {
-  struct Count {
-    ~Count() { g_waited_without_deadline += steady_clock::now() - begin; }
-    steady_clock::time_point begin = steady_clock::now();
-  } const count;
-  return wait();
-}
-
-}  // namespace
-
-// Waits without a deadline, which somebody else ends in time: replaced at link time, to be counted.
+// The wait for a DIAG answer, which another thread ends in time: replaced to be counted.
 int real_sem_wait(sem_t* semaphore) asm("__real_sem_wait");
 int counted_sem_wait(sem_t* semaphore) asm("__wrap_sem_wait");
 int counted_sem_wait(sem_t* semaphore) {
-  return counted([=] { return real_sem_wait(semaphore); });
-}
-pid_t real_waitpid(pid_t pid, int* status, int options) asm("__real_waitpid");
-pid_t counted_waitpid(pid_t pid, int* status, int options) asm("__wrap_waitpid");
-pid_t counted_waitpid(pid_t pid, int* status, int options) {
-  return counted([=] { return real_waitpid(pid, status, options); });
-}
-using Condition = std::condition_variable;
-using Lock = std::unique_lock<std::mutex>;
-void real_wait(Condition* condition,
-               Lock& lock) asm("__real__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE");
-void counted_wait(Condition* condition, Lock& lock) asm(
-    "__wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE");
-void counted_wait(Condition* condition, Lock& lock) {
-  counted([&] { real_wait(condition, lock); });
+  const auto begin = steady_clock::now();
+  const int result = real_sem_wait(semaphore);
+  g_waited_without_deadline += steady_clock::now() - begin;
+  return result;
 }
 
 int main(int argc, char** argv) {
@@ -67,7 +41,6 @@ int main(int argc, char** argv) {
     kiv::platform::publish_service(kiv::platform::kPdcServiceId,
                                    [](auto...) { return kiv::platform::ServiceReply::silence(); });
   }
-  using Seconds = std::chrono::duration<double>;
   const auto start = steady_clock::now();
   const int result = tervik_kiv_test_main(argc, argv);
   const Seconds whole = steady_clock::now() - start;

@@ -128,19 +128,13 @@ int64_t seen_now(clockid_t clock) {
 
 thread_local int64_t g_waited = 0;
 
-// A timed wait of this thread, for waited(); `deadline` is of the seen time.
-class TimedWait {
- public:
-  TimedWait(clockid_t clock, int64_t deadline)
-      : clock_(clock), deadline_(deadline), begin_(seen_now(clock)) {}
-  ~TimedWait() { g_waited += std::max<int64_t>(std::min(seen_now(clock_), deadline_) - begin_, 0); }
-  TimedWait(const TimedWait&) = delete;
-  TimedWait& operator=(const TimedWait&) = delete;
+// A timed wait of this thread, for waited(). The deadline is of the seen time.
+struct TimedWait {
+  ~TimedWait() { g_waited += std::max<int64_t>(std::min(seen_now(clock), deadline) - begin, 0); }
 
- private:
-  const clockid_t clock_;
-  const int64_t deadline_;
-  const int64_t begin_;
+  clockid_t clock;
+  int64_t deadline;
+  int64_t begin = seen_now(clock);
 };
 
 // The real deadline of a deadline of the seen time; one that is not valid stays so.
@@ -180,7 +174,7 @@ void record_sleep(int64_t nanoseconds) {
 // Sleeps the factor's part of `nanoseconds`. 0, or -1 and errno with the rest in `*remaining`.
 int sleep_for(int64_t nanoseconds, int64_t* remaining) {
   record_sleep(nanoseconds);
-  const TimedWait wait(CLOCK_MONOTONIC, seen_now(CLOCK_MONOTONIC) + nanoseconds);
+  const TimedWait wait{CLOCK_MONOTONIC, seen_now(CLOCK_MONOTONIC) + nanoseconds};
   const int64_t factor = clock_map().factor;
   const timespec real = to_timespec(divide_up(nanoseconds, factor));
   timespec left{};
@@ -290,7 +284,7 @@ int lapsed_clock_nanosleep(clockid_t clock, int flags, const timespec* requested
   if ((flags & TIMER_ABSTIME) == 0) {
     return lapsed_nanosleep(requested, remaining) == 0 ? 0 : errno;
   }
-  const TimedWait wait(clock, to_nanoseconds(*requested));
+  const TimedWait wait{clock, to_nanoseconds(*requested)};
   const timespec deadline = real_deadline(clock, *requested);
   return real_clock_nanosleep(clock, flags, &deadline, remaining);
 }
@@ -312,19 +306,19 @@ std::chrono::system_clock::time_point lapsed_system_now() noexcept {
 int lapsed_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex, clockid_t clock,
                           const timespec* deadline) {
   if (!is_lapsed(clock)) return real_cond_clockwait(cond, mutex, clock, deadline);
-  const TimedWait wait(clock, to_nanoseconds(*deadline));
+  const TimedWait wait{clock, to_nanoseconds(*deadline)};
   const timespec real = real_deadline(clock, *deadline);
   return real_cond_clockwait(cond, mutex, clock, &real);
 }
 
 int lapsed_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex, const timespec* deadline) {
-  const TimedWait wait(CLOCK_REALTIME, to_nanoseconds(*deadline));
+  const TimedWait wait{CLOCK_REALTIME, to_nanoseconds(*deadline)};
   const timespec real = real_deadline(CLOCK_REALTIME, *deadline);
   return real_cond_timedwait(cond, mutex, &real);
 }
 
 int lapsed_sem_timedwait(sem_t* semaphore, const timespec* deadline) {
-  const TimedWait wait(CLOCK_REALTIME, to_nanoseconds(*deadline));
+  const TimedWait wait{CLOCK_REALTIME, to_nanoseconds(*deadline)};
   const timespec real = real_deadline(CLOCK_REALTIME, *deadline);
   return real_sem_timedwait(semaphore, &real);
 }
@@ -332,7 +326,7 @@ int lapsed_sem_timedwait(sem_t* semaphore, const timespec* deadline) {
 // By way of sem_timedwait, because ThreadSanitizer does not know sem_clockwait.
 int lapsed_sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* deadline) {
   if (!is_lapsed(clock)) return fail(EINVAL);
-  const TimedWait wait(clock, to_nanoseconds(*deadline));
+  const TimedWait wait{clock, to_nanoseconds(*deadline)};
   timespec real = real_deadline(clock, *deadline);
   if (clock == CLOCK_MONOTONIC && is_valid(&real)) {
     const int64_t offset = real_now(CLOCK_REALTIME) - real_now(CLOCK_MONOTONIC);
@@ -342,8 +336,8 @@ int lapsed_sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* dead
 }
 
 int lapsed_poll(pollfd* descriptors, nfds_t count, int milliseconds) {
-  const TimedWait wait(CLOCK_MONOTONIC,
-                       seen_now(CLOCK_MONOTONIC) + int64_t{milliseconds} * 1'000'000);
+  const TimedWait wait{CLOCK_MONOTONIC,
+                       seen_now(CLOCK_MONOTONIC) + int64_t{milliseconds} * 1'000'000};
   const auto real = static_cast<int>(divide_up(milliseconds, clock_map().factor));
   return real_poll(descriptors, count, milliseconds < 0 ? milliseconds : real);
 }
