@@ -14,11 +14,9 @@ add_custom_command(OUTPUT ${made}/kiv.1 ${made}/kiv.bash
 set(pages kiv)
 install(TARGETS kiv)
 foreach(tool kiv-check kiv-nv-save)
-  if(EXISTS ${PROJECT_SOURCE_DIR}/tools/${tool})
-    install(PROGRAMS tools/${tool} TYPE BIN)
-    configure_file(${docs}/${tool}.1 ${made}/${tool}.1 COPYONLY)
-    list(APPEND pages ${tool})
-  endif()
+  install(PROGRAMS tools/${tool} TYPE BIN)
+  configure_file(${docs}/${tool}.1 ${made}/${tool}.1 COPYONLY)
+  list(APPEND pages ${tool})
 endforeach()
 # As Debian has its man pages: compressed, without name and time.
 foreach(page ${pages})
@@ -34,6 +32,7 @@ install(FILES ${made}/kiv.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-complet
 # The README links to the folder beside it.
 install(FILES README.md TYPE DOC)
 install(DIRECTORY docs TYPE DOC FILES_MATCHING PATTERN "*.md")
+install(DIRECTORY examples TYPE DOC USE_SOURCE_PERMISSIONS)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR})

@@ -11,10 +11,11 @@
 #   stats.0x52.0 = none           no measurement: only the step "signal" fails
 #   eid = none                    only the step "eSIM" fails
 set -u
-tools=$(cd "$(dirname "$0")/../tools" && pwd)
+tools=$(dirname "$0")/../tools
+[ ! -d "$tools" ] || PATH=$(cd "$tools" && pwd):$PATH # else those that are installed
 folder=${1:?usage: factory_check.sh FOLDER}
 mkdir "$folder" || exit 2
-"$tools/kiv-nv-save" -o "$folder/restore.sh" 0 nv 3000 efs /oem/factory/station || exit 1
+kiv-nv-save -o "$folder/restore.sh" 0 nv 3000 efs /oem/factory/station || exit 1
 
 failed=0
 
@@ -22,7 +23,7 @@ failed=0
 step() {
   name=$1 limit=$2
   shift 2
-  "$tools/kiv-check" -t "$limit" -j "$folder/records.json" "$@" >"$folder/$name.txt" 2>&1
+  kiv-check -t "$limit" -j "$folder/records.json" "$@" >"$folder/$name.txt" 2>&1
   case $? in
     0) verdict=pass ;;
     124) verdict='TIME OUT' failed=1 ;;
