@@ -250,7 +250,8 @@ class ExtensionService {
   const std::vector<uint8_t> stats_debug_block_;
   const std::vector<uint8_t> stats_log_ids_block_;
   std::mutex mutex_;  // one request at a time, as the modem carries them out
-  EfsWriteTransfers transfers_;
+  EfsReadTransfer read_transfer_;
+  EfsWriteTransfers write_transfers_;
   bool restart_wanted_ = false;  // by the request at work
 };
 
@@ -396,13 +397,13 @@ int32_t ExtensionService::efs_read(const NvEfsRequest& request, NvEfsResponse& r
   if (error != 0) {
     return error;
   }
-  const auto part = read_state_file_part(name, request.data_len_cur, kEfsChunkMax);
-  if (!part) {
+  const auto chunk = read_transfer_.read_chunk(name, request.data_len_cur);
+  if (!chunk) {
     return errno;
   }
-  std::copy(part->bytes.begin(), part->bytes.end(), response.data.begin());
-  response.data_len_all = static_cast<uint32_t>(std::min<uint64_t>(part->file_size, UINT32_MAX));
-  response.data_len_send = static_cast<uint32_t>(part->bytes.size());
+  std::copy(chunk->bytes.begin(), chunk->bytes.end(), response.data.begin());
+  response.data_len_all = static_cast<uint32_t>(std::min<uint64_t>(chunk->file_size, UINT32_MAX));
+  response.data_len_send = static_cast<uint32_t>(chunk->bytes.size());
   return 0;
 }
 
@@ -421,7 +422,7 @@ int32_t ExtensionService::efs_write(const NvEfsRequest& request, NvEfsResponse& 
     return -EINVAL;
   }
   chunk.bytes = std::span(request.data).first(request.data_len_send);
-  return -transfers_.add_chunk(chunk, response.ins_id);
+  return -write_transfers_.add_chunk(chunk, response.ins_id);
 }
 
 int32_t ExtensionService::efs_delete(const NvEfsRequest& request, NvEfsResponse&) {

@@ -5,10 +5,13 @@
 
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/android/state_directory.h"
 
 namespace kiv::platform {
 
@@ -30,6 +33,27 @@ inline constexpr uint16_t kNewTransfer = 255;    // `ins_id` of a transfer's fir
 // The state file of an EFS path, which ends at a NUL if there is one. 0; EINVAL for an empty path
 // or an unknown subscription; EACCES for a path that climbs ("..").
 [[nodiscard]] int efs_state_file(uint32_t sub, std::string_view path, std::string& name);
+
+// The file that a client is reading, chunk by chunk. One that is replaced meanwhile is read on as
+// it was, so that no client gets a mixture of two files.
+class EfsReadTransfer {
+ public:
+  struct Chunk {
+    uint64_t file_size = 0;
+    std::span<const uint8_t> bytes;  // until the next call
+  };
+
+  // At most kEfsChunkMax bytes from `offset`, none behind the end; offset 0 begins anew. Nothing
+  // and errno when the file cannot be read.
+  std::optional<Chunk> read_chunk(const std::string& state_file, uint32_t offset);
+
+ private:
+  bool holds(const std::string& state_file, uint32_t offset) const;
+
+  std::string state_file_;
+  uint32_t start_ = 0;  // where in the file the bytes begin
+  StateFilePart part_;
+};
 
 // One chunk of a file that is being written.
 struct EfsChunk {

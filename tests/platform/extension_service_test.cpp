@@ -210,6 +210,19 @@ TEST_F(ExtensionServiceTest, NoPathLeadsOutOfTheFolder) {
   for (const uint32_t beyond : {6u, UINT32_MAX}) EXPECT_EQ(efs_read("/a/b", beyond).sent, 0u);
 }
 
+TEST_F(ExtensionServiceTest, AFileThatIsReplacedIsReadOnAsItWas) {
+  write_state_file_text("efs/0/a/b", std::string(1000, 'o'));
+  EXPECT_EQ(efs_read("/a/b").sent, 414u);
+  write_state_file_text("efs/0/a/b", std::string(500, 'n'));
+  const NvEfsAnswer last = efs_read("/a/b", 828);
+  EXPECT_EQ(last.all, 1000u);
+  EXPECT_EQ(last.sent, 172u);
+  EXPECT_EQ(last.data[0], 'o');
+  const NvEfsAnswer anew = efs_read("/a/b");
+  EXPECT_EQ(anew.all, 500u);
+  EXPECT_EQ(anew.data[0], 'n');
+}
+
 TEST_F(ExtensionServiceTest, EfsFilesArriveWholeOrNotAtAll) {
   const NvEfsAnswer first = efs_chunk(255, 416, 0, Bytes(414, 'w'));
   EXPECT_EQ(read_state_file_text("efs/0/a/b"), "") << "visible before the last chunk";
