@@ -25,6 +25,7 @@ install_missing() {
 build_packages=(g++ cmake ninja-build)
 test_packages=(libgtest-dev libbenchmark-dev clang-format clang-tidy git groff-base shellcheck busybox mksh)
 aarch64_packages=(g++-aarch64-linux-gnu qemu-user)
+fuzz_packages=(clang libclang-rt-14-dev libgtest-dev)
 
 # Configures a preset once and builds the named targets of it (all without any). Silent when all
 # goes well; two builds of one preset wait for each other.

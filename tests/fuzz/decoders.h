@@ -1,0 +1,76 @@
+// The list of all that reaches the product from outside: a row for each kind of message, packet or
+// text, with the commands that take it in. The fuzz targets, the limits test and the test that the
+// list is complete walk this one table; a row that is added becomes a fuzz target by its name
+// alone.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace kiv::fuzz {
+
+using Bytes = std::vector<uint8_t>;
+using ByteView = std::span<const uint8_t>;
+
+// How a row's bytes get in front of the product.
+enum class Inlet : uint8_t {
+  kFunction,    // handed to the row's function
+  kResponse,    // the encoded response to the row's messages
+  kPayload,     // the payload of a well-formed response of the extension service
+  kIndication,  // message id (2 bytes), then the encoded indication: sent twice before the response
+  kStatsBlob,   // the index of a command, then the value of whatever parameter it asks for
+  kDiag,        // the answer to a DIAG command; in DCI mode as a log and an event packet, too
+};
+
+// Which requests a row answers. Those of the extension service differ in their kind alone: class 1;
+// class 2 by operation; class 4, common messages by type and common requests by sub-command.
+struct MessageKey {
+  uint32_t service = 0;
+  uint32_t msg_id = 0;
+  uint32_t kind = 0;
+};
+inline constexpr uint32_t kAny = 0xFFFFFFFF;  // message, or kind
+constexpr uint32_t nv_item() {
+  return 1 << 16;
+}
+constexpr uint32_t nv_efs(uint32_t operation) {
+  return 2 << 16 | operation;
+}
+constexpr uint32_t common_message(uint32_t type) {
+  return 4 << 16 | type;
+}
+constexpr uint32_t common_request(uint32_t sub_command) {
+  return 5 << 16 | sub_command;
+}
+
+// A length or count inside the bytes, its place and the most that it can mean.
+struct CountField {
+  size_t offset = 0;
+  size_t width = 0;
+  uint64_t max = 0;
+};
+
+inline constexpr size_t kNoData = SIZE_MAX;
+
+struct Decoder {
+  std::string name;
+  Inlet inlet = Inlet::kFunction;
+  std::vector<MessageKey> messages{};    // that it answers or, for indications, comes before
+  std::vector<std::string> commands{};   // of the tool, that take the bytes in
+  std::vector<std::string> consumers{};  // functions of the product that receive the bytes
+  std::vector<CountField> fields{};      // besides those of TLVs
+  size_t data_offset = kNoData;          // where that begins which the product prints in hex
+  int64_t time_factor = 1;               // high where the commands sleep
+  void (*function)(ByteView) = nullptr;  // called with the bytes after the commands
+  std::vector<Bytes> samples{};          // seeds that no healthy run brings
+  std::vector<std::string> prepare{};    // commands before the healthy run
+};
+
+const std::vector<Decoder>& decoders();
+
+// True when the row answers the request.
+bool answers(const Decoder& row, const MessageKey& request);
+
+}  // namespace kiv::fuzz

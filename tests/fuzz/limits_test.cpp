@@ -1,0 +1,194 @@
+// Every message that the product takes in, cut at every byte and with every length and count at its
+// limits. Nothing that was not received may show: neither what stands behind the cut, nor what an
+// earlier answer left behind, nor zeros in its place. Reads out of bounds show under
+// AddressSanitizer.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ostream>
+#include <sstream>
+
+#include "tests/fuzz/stage.h"
+#include "tests/support/log_capture.h"
+
+namespace kiv::fuzz {
+
+void PrintTo(const Decoder& row, std::ostream* out) {
+  *out << row.name;
+}
+
+namespace {
+
+// Every byte of a longer message would take minutes, and what is read of one stands at its
+// beginning.
+constexpr size_t kCutsAtTheBeginning = 600;
+constexpr size_t kCutsAtTheEnd = 64;
+// Of these what is shown is compared: each at the beginning, where the lengths stand, then one in
+// so many.
+constexpr size_t kCutsCompared = 37;
+
+struct Output {
+  std::string lines;         // on standard output, traces left out: they show handles
+  std::vector<Bytes> dumps;  // all that was shown in hex, by either sink
+};
+
+// The bytes of a word such as "1F" or "0x1F"; false for any other.
+bool is_byte(std::string word, Bytes& bytes) {
+  if (word.starts_with("0x")) word.erase(0, 2);
+  if (word.size() != 2 || word.find_first_not_of("0123456789ABCDEF") != std::string::npos) {
+    return false;
+  }
+  bytes.push_back(static_cast<uint8_t>(std::stoi(word, nullptr, 16)));
+  return true;
+}
+
+// Takes the bytes out of one line. A dump begins behind "data:" and goes on over the lines that
+// hold nothing but bytes.
+void take_dump(const std::string& line, bool& in_dump, std::vector<Bytes>& dumps) {
+  constexpr std::string_view kMark = "data:";
+  const size_t mark = line.rfind(kMark);
+  const bool response = line.find("rsp data(") != std::string::npos;
+  Bytes bytes;
+  std::istringstream words(mark == std::string::npos ? line : line.substr(mark + kMark.size()));
+  bool only_bytes = true;
+  for (std::string word; words >> word;) only_bytes = is_byte(word, bytes) && only_bytes;
+  if (mark != std::string::npos || response) {
+    dumps.emplace_back();
+    in_dump = true;
+  }
+  in_dump = in_dump && (only_bytes || response);
+  if (in_dump && !response) dumps.back().insert(dumps.back().end(), bytes.begin(), bytes.end());
+}
+
+Output output_of(Stage& stage, ByteView bytes, uint8_t filler) {
+  const test::LogCapture log;
+  Output output;
+  const std::string text = test::captured_stdout([&] { stage.feed(bytes, filler); });
+  bool in_shell_dump = false;
+  bool in_log_dump = false;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    const std::string message(test::message_of(line));
+    take_dump(message, in_shell_dump, output.dumps);
+    // What is of no message: the number of a request, a watchdog on a loaded machine.
+    const bool steady = message.find("number = ") == std::string::npos &&
+                        message.find("timer") == std::string::npos;
+    if (steady) output.lines += message + "\n";
+  }
+  for (const std::string& message : log.messages()) take_dump(message, in_log_dump, output.dumps);
+  return output;
+}
+
+bool is_part(const Bytes& dump, ByteView bytes) {
+  return std::search(bytes.begin(), bytes.end(), dump.begin(), dump.end()) != bytes.end() ||
+         dump.empty();
+}
+
+// True when the dump is one beginning of `data` again and again, as a file is that comes in pieces
+// which are all the same.
+bool repeats(const Bytes& dump, ByteView data) {
+  for (size_t piece = 1; piece <= std::min(data.size(), dump.size()); ++piece) {
+    size_t i = 0;
+    while (i < dump.size() && dump[i] == data[i % piece]) ++i;
+    if (i == dump.size()) return true;
+  }
+  return false;
+}
+
+// Feeds the bytes twice, with other bytes behind them and in the answer before them: `whole` is
+// what they are the beginning of. What is shown must be the same, and be of the bytes themselves.
+void expect_nothing_else_shown(Stage& stage, const Decoder& row, ByteView bytes, ByteView whole) {
+  std::string first_lines;
+  for (const uint8_t filler : {uint8_t{0x3C}, uint8_t{0xC3}}) {
+    Bytes earlier(whole.begin(), whole.end());
+    std::fill(earlier.begin() + static_cast<ptrdiff_t>(bytes.size()), earlier.end(), filler);
+    stage.feed(earlier, filler);
+    const Output output = output_of(stage, bytes, filler);
+    if (first_lines.empty()) first_lines = output.lines;
+    ASSERT_EQ(output.lines, first_lines) << "bytes received: " << bytes.size();
+    if (row.data_offset == kNoData) continue;
+    const ByteView data = bytes.subspan(std::min(row.data_offset, bytes.size()));
+    for (const Bytes& dump : output.dumps) {
+      if (row.inlet == Inlet::kDiag && dump == Bytes{1}) continue;  // the command itself
+      ASSERT_TRUE(is_part(dump, bytes) || repeats(dump, data))
+          << "a dump of " << dump.size() << " bytes, received " << bytes.size();
+    }
+  }
+}
+
+void expect_cuts_hold(Stage& stage, const Decoder& row, ByteView whole, size_t step) {
+  for (size_t size = 0; size < whole.size(); size += step) {
+    if (size >= kCutsAtTheBeginning && size + kCutsAtTheEnd < whole.size()) continue;
+    stage.feed(whole.first(size));
+    const bool compared = size < kCutsCompared || size % kCutsCompared == 0;
+    if (compared && row.inlet != Inlet::kFunction) {
+      expect_nothing_else_shown(stage, row, whole.first(size), whole);
+    }
+    if (testing::Test::HasFatalFailure()) return;
+  }
+}
+
+// The lengths in a message of TLVs, and the counts that some values begin with.
+std::vector<CountField> tlv_fields(const Decoder& row, ByteView message) {
+  constexpr size_t kHeaderSize = 3;
+  const bool tlvs = row.messages.empty()
+                        ? row.name.ends_with("_idl")
+                        : row.messages[0].service == kExtension || row.messages[0].service == kVs;
+  if (!tlvs || row.inlet == Inlet::kPayload || row.inlet == Inlet::kStatsBlob) return {};
+  size_t at = row.inlet == Inlet::kIndication ? 2 : row.inlet == Inlet::kFunction ? 1 : 0;
+  std::vector<CountField> fields;
+  while (at + kHeaderSize <= message.size()) {
+    const size_t length = message[at + 1] | static_cast<size_t>(message[at + 2]) << 8;
+    if (length > message.size() - at - kHeaderSize) return {};
+    fields.push_back({at + 1, 2, length});
+    for (const size_t width : {size_t{1}, size_t{2}, size_t{4}}) {
+      if (width <= length) fields.push_back({at + kHeaderSize, width, message[at + kHeaderSize]});
+    }
+    at += kHeaderSize + length;
+  }
+  return at == message.size() ? fields : std::vector<CountField>{};
+}
+
+void expect_limits_hold(Stage& stage, const Decoder& row, const Bytes& seed) {
+  std::vector<CountField> fields = tlv_fields(row, seed);
+  fields.insert(fields.end(), row.fields.begin(), row.fields.end());
+  for (const CountField& field : fields) {
+    if (field.offset + field.width > seed.size()) continue;
+    for (const uint64_t value : {uint64_t{0}, uint64_t{1}, field.max, field.max + 1, UINT64_MAX}) {
+      Bytes changed(seed);
+      std::memcpy(changed.data() + field.offset, &value, field.width);
+      SCOPED_TRACE(testing::Message()
+                   << "the " << field.width << " bytes at " << field.offset << " are " << value);
+      expect_nothing_else_shown(stage, row, changed, changed);
+      // A count that claims too much of a message that ends early.
+      if (row.inlet == Inlet::kPayload) expect_cuts_hold(stage, row, changed, 37);
+      if (testing::Test::HasFatalFailure()) return;
+    }
+  }
+}
+
+class Limits : public testing::TestWithParam<Decoder> {};
+
+TEST_P(Limits, HoldAndShowNothingThatWasNotReceived) {
+  const Decoder& row = GetParam();
+  Stage stage(row);
+  const std::vector<Bytes> seeds = stage.record();
+  ASSERT_FALSE(seeds.empty());
+  show_traces(false);
+  for (Bytes seed : seeds) {
+    for (size_t i = row.data_offset; i < seed.size(); ++i) {
+      seed[i] = static_cast<uint8_t>(1 + (i - row.data_offset) % 251);
+    }
+    expect_cuts_hold(stage, row, seed, 1);
+    expect_limits_hold(stage, row, seed);
+    if (HasFatalFailure()) break;
+  }
+  show_traces(true);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Limits, testing::ValuesIn(decoders()),
+                         [](const auto& row) { return row.param.name; });
+
+}  // namespace
+}  // namespace kiv::fuzz
