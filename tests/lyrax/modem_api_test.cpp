@@ -6,9 +6,7 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -17,6 +15,7 @@
 #include "modem_lyrax_mgr.h"
 #include "tervik_utils_cmn.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process_name.h"
 #include "tests/support/state_directory_fixture.h"
 #include "tests/support/time_lapse.h"
 
@@ -275,26 +274,14 @@ using StatsManager = StatsServiceTest;
 
 constexpr const char* kOtherName = "modem_api_tes";
 
-// Becomes this test binary under the other name, in an emulator of its processor where it needs
-// one.
-void restart_under_other_name() {
-  constexpr const char* kFilter = "--gtest_filter=WhiteList.*";
-  const std::string binary = std::filesystem::read_symlink("/proc/self/exe");
-  const char* const emulator = getenv("KIV_EMULATOR");
-  if (emulator != nullptr) {
-    execl(emulator, emulator, "-0", kOtherName, binary.c_str(), kFilter, nullptr);
-  } else {
-    execl(binary.c_str(), kOtherName, kFilter, nullptr);
-  }
-}
-
 TEST(WhiteList, KeepsOtherProcessesOut) {
   if (std::string(tervik_utils_get_pid_name()) == kOtherName) {
     int32_t id = -1;
     const bool refused = modem_api_init() == 6 && modem_api_init_client(0, {}, {}, &id) == 6;
     _exit(refused && id == -1 && modem_lyrax_api_init() == 0 ? 42 : 1);
   }
-  EXPECT_EXIT(restart_under_other_name(), ::testing::ExitedWithCode(42), "");
+  EXPECT_EXIT(restart_under_name(kOtherName, {"--gtest_filter=WhiteList.*"}),
+              ::testing::ExitedWithCode(42), "");
 }
 
 TEST_F(ModemApi, FeatureRequestsAreSentInTheirBytes) {

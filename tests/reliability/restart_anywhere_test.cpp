@@ -14,6 +14,7 @@
 
 #include "platform/qmi/bus_state.h"
 #include "tervik_kiv_test_main.h"
+#include "tests/support/process_name.h"
 #include "tests/support/state_directory_fixture.h"
 #include "tests/support/time_lapse.h"
 
@@ -236,9 +237,7 @@ void watched_publish(uint32_t service_id, Service service) {
 // The product admits processes of a few names alone to the statistics: the test is one of them.
 int main(int argc, char** argv) {
   if (std::string_view(argv[0]) != "kiv") {
-    std::string name = "kiv";
-    argv[0] = name.data();
-    execv("/proc/self/exe", argv);
+    kiv::test::restart_under_name("kiv", {argv + 1, argv + argc});
   }
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
