@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <thread>
 #include <utility>
 
@@ -44,8 +46,9 @@ class Descriptor {
   bool valid() const { return descriptor_ >= 0; }
   int get() const { return descriptor_; }
 
-  // Closes now, because a write may fail as late as here. 0 or errno.
-  int close() { return ::close(std::exchange(descriptor_, -1)) == 0 ? 0 : errno; }
+  // Closes now, because a write may fail as late as here. 0 or errno. An interrupted close has
+  // closed all the same, and what was written is with the system.
+  int close() { return ::close(std::exchange(descriptor_, -1)) == 0 || errno == EINTR ? 0 : errno; }
 
  private:
   int descriptor_;
@@ -178,7 +181,7 @@ class LockedDirectory {
       }
       std::this_thread::sleep_for(kLockPause);
     }
-    errno = ETIMEDOUT;
+    errno = EBUSY;
     return false;
   }
 
@@ -229,6 +232,15 @@ std::optional<std::vector<uint8_t>> read_file(const std::string& path) {
   }
   content.resize(length);
   return content;
+}
+
+// Passes the result of a change on. Several commands end alike whatever became of it; then the line
+// is the only sign that nothing was stored.
+int tell_refusal(int error) {
+  if (error != 0) {
+    std::fprintf(stderr, "state directory: not stored: %s (%d)\n", std::strerror(error), error);
+  }
+  return error;
 }
 
 std::string environment(const char* name) {
@@ -299,25 +311,26 @@ std::optional<StateFilePart> read_state_file_part(std::string_view name, uint64_
 
 int write_state_file(std::string_view name, std::span<const uint8_t> bytes) {
   const LockedDirectory directory(LockedDirectory::Missing::kCreate);
-  return directory.error() != 0 ? directory.error() : directory.replace(name, bytes);
+  return tell_refusal(directory.error() != 0 ? directory.error() : directory.replace(name, bytes));
 }
 
 int remove_state_file(std::string_view name) {
   const LockedDirectory directory(LockedDirectory::Missing::kRefuse);
-  if (directory.error() != 0) {
-    return directory.error();
+  int error = directory.error();
+  if (error == 0 && ::unlink(directory.path_of(name).c_str()) != 0) {
+    error = errno;
   }
-  return ::unlink(directory.path_of(name).c_str()) == 0 ? 0 : errno;
+  return error == ENOENT ? error : tell_refusal(error);
 }
 
 int update_state_file(std::string_view name, const StateFileChange& change) {
   const LockedDirectory directory(LockedDirectory::Missing::kCreate);
   if (directory.error() != 0) {
-    return directory.error();
+    return tell_refusal(directory.error());
   }
   const auto present = read_file(directory.path_of(name));
   if (!present && errno != ENOENT) {
-    return errno;
+    return tell_refusal(errno);
   }
   std::string_view text;
   if (present) {
@@ -327,8 +340,8 @@ int update_state_file(std::string_view name, const StateFileChange& change) {
   if (present && changed == text) {
     return 0;
   }
-  return directory.replace(name,
-                           {reinterpret_cast<const uint8_t*>(changed.data()), changed.size()});
+  return tell_refusal(
+      directory.replace(name, {reinterpret_cast<const uint8_t*>(changed.data()), changed.size()}));
 }
 
 }  // namespace kiv::platform

@@ -29,6 +29,9 @@ struct StateFilePart {
 std::optional<StateFilePart> read_state_file_part(std::string_view name, uint64_t offset,
                                                   size_t length);
 
+// The changes below say on standard error when one was refused, but for the removal of a file that
+// is not there. EBUSY: another process held the directory for some 2 s.
+
 // Replaces the state file, creating its folders. 0 or errno.
 [[nodiscard]] int write_state_file(std::string_view name, std::span<const uint8_t> bytes);
 
