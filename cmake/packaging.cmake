@@ -30,7 +30,7 @@ install(FILES ${compressed} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${made}/kiv.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
         RENAME kiv)
 # The README links to the folder beside it.
-install(FILES README.md TYPE DOC)
+install(FILES README.md CONTRIBUTING.md TYPE DOC)
 install(DIRECTORY docs TYPE DOC FILES_MATCHING PATTERN "*.md")
 install(DIRECTORY examples TYPE DOC USE_SOURCE_PERMISSIONS)
 

@@ -15,7 +15,11 @@ tools=$(dirname "$0")/../tools
 [ ! -d "$tools" ] || PATH=$(cd "$tools" && pwd):$PATH # else those that are installed
 folder=${1:?usage: factory_check.sh FOLDER}
 mkdir "$folder" || exit 2
-kiv-nv-save -o "$folder/restore.sh" 0 nv 3000 efs /oem/factory/station || exit 1
+kiv-nv-save -o "$folder/restore.sh" 0 nv 3000 efs /oem/factory/station || {
+  rmdir "$folder"
+  exit 1
+}
+trap 'sh "$folder/restore.sh"; exit 1' HUP INT TERM
 
 failed=0
 
@@ -26,6 +30,7 @@ step() {
   kiv-check -t "$limit" -j "$folder/records.json" "$@" >"$folder/$name.txt" 2>&1
   case $? in
     0) verdict=pass ;;
+    2) verdict='NOT RUN' failed=1 ;; # wrong usage, or a print mask that hides failures
     124) verdict='TIME OUT' failed=1 ;;
     *) verdict=FAIL failed=1 ;;
   esac
@@ -49,5 +54,5 @@ shows efs-kept '53 37'
 step signal 10 9 0 0
 step eSIM 20 5 10 3 0
 
-[ "$failed" -eq 0 ] || sh "$folder/restore.sh"
+[ "$failed" -eq 0 ] || sh "$folder/restore.sh" || echo 'restore  FAIL'
 exit "$failed"

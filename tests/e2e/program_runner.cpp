@@ -145,6 +145,7 @@ ProgramRun run_program(const std::string& path, const std::vector<std::string>& 
     waitpid(run.pid, &status, 0);
   }
   if (WIFEXITED(status)) run.exit_status = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) run.signal = WTERMSIG(status);
   return run;
 }
 

@@ -13,6 +13,7 @@ struct ProgramRun {
   pid_t pid = -1;
   bool timed_out = false;
   int exit_status = -1;  // -1 when it did not exit by itself
+  int signal = 0;        // that ended it, 0 when it exited
   std::string standard_output;
   std::string standard_error;
 };

@@ -1,13 +1,17 @@
 // The tool's entry with what the tests change about its surroundings, each by an environment
 // variable: KIV_TIME_FACTOR, how much faster time runs; KIV_AT_DEVICE, the device that stands for
-// the AT channel; KIV_DROP_PDC, set for a PDC service that drops every request, which modem.conf
-// has no word for; KIV_REPORT_TIME, set to have printed on standard error at the end two numbers
-// of seconds by the tool's own clock: how long the command's thread has waited, and the whole run.
+// the AT channel; KIV_DROP_PDC, set for a PDC service that drops every request (the
+// "silent" one of modem.conf drops indications alone); KIV_REPORT_TIME, set to have printed on
+// standard error at the end two numbers of seconds by the tool's own clock: how long the command's
+// thread has waited, and the whole run.
 #include <semaphore.h>
+#include <sys/wait.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 
 #include "platform/modem/pdc_service.h"
 #include "platform/qmi/service_bus.h"
@@ -22,14 +26,38 @@ using std::chrono::steady_clock;
 static const kiv::test::TimeLapse* g_lapse = nullptr;
 static thread_local Seconds g_waited_without_deadline{};
 
-// The wait for a DIAG answer, which another thread ends in time: replaced to be counted.
+// Waits without a deadline of their own, which another thread or process ends in time, are replaced
+// to be counted: for a DIAG answer, for an indication, for the shell of an AT command.
+template <typename Wait>
+auto counted(Wait wait) {
+  const auto begin = steady_clock::now();
+  const auto result = wait();
+  g_waited_without_deadline += steady_clock::now() - begin;
+  return result;
+}
+
 int real_sem_wait(sem_t* semaphore) asm("__real_sem_wait");
 int counted_sem_wait(sem_t* semaphore) asm("__wrap_sem_wait");
 int counted_sem_wait(sem_t* semaphore) {
-  const auto begin = steady_clock::now();
-  const int result = real_sem_wait(semaphore);
-  g_waited_without_deadline += steady_clock::now() - begin;
-  return result;
+  return counted([&] { return real_sem_wait(semaphore); });
+}
+
+pid_t real_waitpid(pid_t pid, int* status, int options) asm("__real_waitpid");
+pid_t counted_waitpid(pid_t pid, int* status, int options) asm("__wrap_waitpid");
+pid_t counted_waitpid(pid_t pid, int* status, int options) {
+  return counted([&] { return real_waitpid(pid, status, options); });
+}
+
+#define CONDITION_WAIT "_ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE"
+using Condition = std::condition_variable;
+using Lock = std::unique_lock<std::mutex>;
+void real_condition_wait(Condition* condition, Lock& lock) asm("__real_" CONDITION_WAIT);
+void counted_condition_wait(Condition* condition, Lock& lock) asm("__wrap_" CONDITION_WAIT);
+void counted_condition_wait(Condition* condition, Lock& lock) {
+  counted([&] {
+    real_condition_wait(condition, lock);
+    return 0;
+  });
 }
 
 int main(int argc, char** argv) {

@@ -56,7 +56,8 @@ std::vector<std::string> all_commands() {
     for (int number = 0; number <= 40; ++number) {
       const std::string command = std::to_string(category) + " " + std::to_string(number);
       if (command == "11 8" || command == "11 9" || command == "10 31") continue;
-      for (const char* arguments : {"", " 0", " 1", " 1 1", " 0 1 1", " 1 1 1 1"}) {
+      for (const char* arguments :
+           {"", " 0", " 1", " 1 1", " 2 1", " 3 1", " 4 1", " 5 1", " 0 1 1", " 1 1 1 1"}) {
         all.push_back(command + arguments);
       }
     }

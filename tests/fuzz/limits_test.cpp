@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <ostream>
 #include <sstream>
 
+#include "platform/qmi/qmi_idl_codec.h"
 #include "tests/fuzz/stage.h"
 #include "tests/support/log_capture.h"
 
@@ -99,14 +101,14 @@ bool repeats(const Bytes& dump, ByteView data) {
 // Feeds the bytes twice, with other bytes behind them and in the answer before them: `whole` is
 // what they are the beginning of. What is shown must be the same, and be of the bytes themselves.
 void expect_nothing_else_shown(Stage& stage, const Decoder& row, ByteView bytes, ByteView whole) {
-  std::string first_lines;
+  std::optional<std::string> first_lines;
   for (const uint8_t filler : {uint8_t{0x3C}, uint8_t{0xC3}}) {
     Bytes earlier(whole.begin(), whole.end());
     std::fill(earlier.begin() + static_cast<ptrdiff_t>(bytes.size()), earlier.end(), filler);
     stage.feed(earlier, filler);
     const Output output = output_of(stage, bytes, filler);
-    if (first_lines.empty()) first_lines = output.lines;
-    ASSERT_EQ(output.lines, first_lines) << "bytes received: " << bytes.size();
+    if (!first_lines) first_lines = output.lines;
+    ASSERT_EQ(output.lines, *first_lines) << "bytes received: " << bytes.size();
     if (row.data_offset == kNoData) continue;
     const ByteView data = bytes.subspan(std::min(row.data_offset, bytes.size()));
     for (const Bytes& dump : output.dumps) {
@@ -118,10 +120,10 @@ void expect_nothing_else_shown(Stage& stage, const Decoder& row, ByteView bytes,
 }
 
 void expect_cuts_hold(Stage& stage, const Decoder& row, ByteView whole, size_t step) {
-  for (size_t size = 0; size < whole.size(); size += step) {
+  for (size_t size = 0; size <= whole.size(); size += step) {
     if (size >= kCutsAtTheBeginning && size + kCutsAtTheEnd < whole.size()) continue;
     stage.feed(whole.first(size));
-    const bool compared = size < kCutsCompared || size % kCutsCompared == 0;
+    const bool compared = size < kCutsCompared || size % kCutsCompared == 0 || size == whole.size();
     if (compared && row.inlet != Inlet::kFunction) {
       expect_nothing_else_shown(stage, row, whole.first(size), whole);
     }
@@ -129,12 +131,26 @@ void expect_cuts_hold(Stage& stage, const Decoder& row, ByteView whole, size_t s
   }
 }
 
+// Without a dump in what is shown of any whole message, the comparisons above would look at
+// nothing.
+bool shows_dump(Stage& stage, ByteView whole) {
+  const Output output = output_of(stage, whole, 0);
+  return std::any_of(output.dumps.begin(), output.dumps.end(),
+                     [](const Bytes& dump) { return dump.size() > 1; });
+}
+
+bool has_field_rows(const MessageKey& key, Inlet inlet) {
+  const auto type = inlet == Inlet::kIndication ? QMI_IDL_INDICATION : QMI_IDL_RESPONSE;
+  const auto id = static_cast<uint16_t>(key.msg_id);
+  const qmi_idl_message* const message = platform::find_message(object_of(key.service), type, id);
+  return message != nullptr && !message->fields.empty();
+}
+
 // The lengths in a message of TLVs, and the counts that some values begin with.
 std::vector<CountField> tlv_fields(const Decoder& row, ByteView message) {
   constexpr size_t kHeaderSize = 3;
-  const bool tlvs = row.messages.empty()
-                        ? row.name.ends_with("_idl")
-                        : row.messages[0].service == kExtension || row.messages[0].service == kVs;
+  const bool tlvs = row.messages.empty() ? row.name.ends_with("_idl")
+                                         : has_field_rows(row.messages[0], row.inlet);
   if (!tlvs || row.inlet == Inlet::kPayload || row.inlet == Inlet::kStatsBlob) return {};
   size_t at = row.inlet == Inlet::kIndication ? 2 : row.inlet == Inlet::kFunction ? 1 : 0;
   std::vector<CountField> fields;
@@ -168,6 +184,80 @@ void expect_limits_hold(Stage& stage, const Decoder& row, const Bytes& seed) {
   }
 }
 
+// ---- the counts of the own services' messages ----
+
+size_t wire_size_of_one(const qmi_idl_field& field);
+
+// The bytes of a value with `count` elements, all zero but for the count.
+Bytes value_of(const qmi_idl_field& field, size_t count) {
+  Bytes value(field.shape == QMI_IDL_COUNTED ? field.count_wire_width : 0);
+  std::memcpy(value.data(), &count, value.size());
+  value.resize(value.size() + count * wire_size_of_one(field));
+  return value;
+}
+
+size_t least_count(const qmi_idl_field& field) {
+  return field.shape == QMI_IDL_COUNTED ? 0 : field.max_count;
+}
+
+size_t wire_size_of_one(const qmi_idl_field& field) {
+  size_t size = field.wire_width;
+  for (const qmi_idl_field& member : field.record) {
+    size += value_of(member, least_count(member)).size();
+  }
+  return size;
+}
+
+void append_tlv(Bytes& message, uint8_t type, const Bytes& value) {
+  message.insert(message.end(), {type, static_cast<uint8_t>(value.size()),
+                                 static_cast<uint8_t>(value.size() >> 8)});
+  message.insert(message.end(), value.begin(), value.end());
+}
+
+// The message with `count` elements in one field and as little as may be in the others.
+Bytes message_with(const qmi_idl_message& message, const qmi_idl_field& counted, size_t count) {
+  Bytes encoded;
+  for (const qmi_idl_field& field : message.fields) {
+    if (&field == &counted) {
+      append_tlv(encoded, field.tlv, value_of(field, count));
+    } else if (field.presence_offset == QMI_IDL_MANDATORY) {
+      append_tlv(encoded, field.tlv, value_of(field, least_count(field)));
+    }
+  }
+  return encoded;
+}
+
+TEST(OwnMessages, CountsAreTakenUpToTheirMostAndNeverBeyond) {
+  int fields = 0;
+  for (const uint32_t service : {kExtension, kVs}) {
+    const qmi_idl_service_object& object = object_of(service);
+    for (const auto& table : {object.requests, object.responses, object.indications}) {
+      for (const qmi_idl_message& message : table) {
+        for (const qmi_idl_field& field : message.fields) {
+          if (field.shape != QMI_IDL_COUNTED) continue;
+          ++fields;
+          const size_t max = field.max_count;
+          for (const size_t count : {size_t{0}, size_t{1}, max, max + 1}) {
+            SCOPED_TRACE(testing::Message() << "service " << service << ", message " << message.id
+                                            << ", TLV " << int{field.tlv} << ", count " << count);
+            Bytes decoded(message.c_struct_len);
+            const bool fits = count <= max || field.drops_excess;
+            const Bytes encoded = message_with(message, field, count);
+            EXPECT_EQ(platform::decode_message(message, encoded, decoded), fits);
+            uint32_t taken = 0;
+            std::memcpy(&taken, &decoded[field.count_offset], sizeof(taken));
+            EXPECT_LE(taken, max);
+            if (fits) {
+              EXPECT_EQ(taken, std::min(count, max));
+            }
+          }
+        }
+      }
+    }
+  }
+  EXPECT_GT(fields, 0);
+}
+
 class Limits : public testing::TestWithParam<Decoder> {};
 
 TEST_P(Limits, HoldAndShowNothingThatWasNotReceived) {
@@ -176,14 +266,17 @@ TEST_P(Limits, HoldAndShowNothingThatWasNotReceived) {
   const std::vector<Bytes> seeds = stage.record();
   ASSERT_FALSE(seeds.empty());
   show_traces(false);
+  bool dumped = row.data_offset == kNoData;
   for (Bytes seed : seeds) {
     for (size_t i = row.data_offset; i < seed.size(); ++i) {
       seed[i] = static_cast<uint8_t>(1 + (i - row.data_offset) % 251);
     }
+    dumped = dumped || (row.data_offset < seed.size() && shows_dump(stage, seed));
     expect_cuts_hold(stage, row, seed, 1);
     expect_limits_hold(stage, row, seed);
     if (HasFatalFailure()) break;
   }
+  EXPECT_TRUE(dumped || HasFatalFailure());
   show_traces(true);
 }
 

@@ -34,10 +34,10 @@
 #include "uim_idl.h"
 #include "vs_idl.h"
 
-// Takes the place of system(): no shell runs.
-extern "C" int __wrap_system(const char* command);
-int __wrap_system(const char*) {
-  return 0;
+// Takes the place of fork(): no shell runs.
+extern "C" pid_t __wrap_fork();
+pid_t __wrap_fork() {
+  return -1;
 }
 
 namespace kiv::fuzz {
@@ -327,7 +327,9 @@ void Stage::tap_diag() {
     std::vector<platform::DiagAnswer> answers;
     if (row_.inlet != Inlet::kDiag || recording_) {
       answers = own(command);
-      for (const platform::DiagAnswer& each : answers) keep(each.bytes);
+      for (const platform::DiagAnswer& each : answers) {
+        if (recording_) keep(each.bytes);
+      }
       return answers;
     }
     // The streams come to DCI clients alone; in callback mode all are responses.

@@ -85,6 +85,10 @@ const struct Client {
      "qmi_pdc_unsol_ind_cb_ex"},
 };
 
+void PrintTo(const Client& client, std::ostream* out) {
+  *out << client.name;
+}
+
 class IndicationStorm : public StateDirectoryTest, public ::testing::WithParamInterface<Client> {
  protected:
   const Client& client = GetParam();

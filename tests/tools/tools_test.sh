@@ -237,5 +237,19 @@ case_example() {
   expect 'no signal' '1 signal ' "$? $(awk '/FAIL/ { print $1 }' out) $(find state/nv state/efs -type f)"
 }
 
+# The outcomes that docs/factory.md tells how to provoke: each row's modem.conf, command and verdict.
+case_outcomes() {
+  rows=0
+  awk -F ' *[|] *' '/^[|].*`kiv / { print $3 "|" $4 "|" $5 }' "$project/docs/factory.md" |
+    tr -d '`' >rows
+  while IFS='|' read -r conf command verdict; do
+    rows=$((rows + 1))
+    rm -rf state/* && echo "$conf" >state/modem.conf
+    check -t "$([ "$verdict" = 124 ] && echo 1 || echo 20)" ${command#kiv }
+    expect "$conf, $command" "$verdict " "$? $(grep -v 'timeout, kiv ended' err)"
+  done <rows
+  expect 'rows of the table' 11 "$rows"
+}
+
 "case_$1"
 exit "$failures"
