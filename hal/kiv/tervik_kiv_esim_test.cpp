@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -45,7 +46,7 @@ constexpr std::array<uint8_t, 16> RESET_COMMAND = {
     ESIM_SLOT, 0, 13, 0x80, 0xE2, 0x91, 0x00, 0x07, 0xBF, 0x34, 0x04, 0x82, 0x02, 0x05, 0xE0, 0x00};
 
 // The answers that tell of a success, as text of the length byte and eight bytes behind it.
-constexpr size_t RESET_ANSWER_SIZE = 9;
+constexpr int RESET_ANSWER_SIZE = 9;
 constexpr const char* RESET_DELETED = "08bf34038001009000";
 constexpr const char* RESET_NOTHING_TO_DELETE = "08bf34038001019000";
 
@@ -139,10 +140,11 @@ void show_card_states() {
   map_sim_state(bytes);
 }
 
-// Looks at the answer of a reset: true when it tells of one of the two successes.
+// Looks at the answer of a reset, its length first: true when it tells of one of the two successes.
 bool check_reset_answer(const uint8_t* answer) {
+  const int received = 1 + answer[0];
   char apdu[2 * RESET_ANSWER_SIZE + 1] = {};
-  tervik_byte_to_hex(answer, RESET_ANSWER_SIZE, apdu);
+  tervik_byte_to_hex(answer, std::min(received, RESET_ANSWER_SIZE), apdu);
   tervik_log_debug("apdu=%s", apdu);
   if (strcmp(apdu, RESET_DELETED) == 0) {
     tervik_log_debug("tervik_uim_send_apdu, delete profile successfully.");

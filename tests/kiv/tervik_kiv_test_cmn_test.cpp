@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/diag/diag_library.h"
+#include "platform/modem/uim_service.h"
+#include "tervik_extend_cmn.h"
 #include "tests/kiv/command_line_fixture.h"
 
 namespace kiv::test {
@@ -46,6 +48,22 @@ TEST_F(KivCommon, DiagCommandIsCutTo4096Bytes) {
   }});
   EXPECT_EQ(run(command("5 0 1 0 7000", 4097))[4], "rsp data len(10240)");
   EXPECT_EQ(size, 4096u);
+}
+
+TEST_F(KivCommon, AShortAnswerToAnEuiccResetIsShownAsFarAsItCame) {
+  constexpr uint16_t kSendApdu = 0x3B;
+  constexpr size_t kApduLenOffset = 12;
+  constexpr uint8_t kReceived = 2;
+  const platform::Service modem = platform::make_uim_service({});
+  platform::publish_service(platform::kUimServiceId, [&](uint16_t msg_id, auto request) {
+    platform::ServiceReply reply = modem(msg_id, request);
+    if (msg_id == kSendApdu) reply.bytes[kApduLenOffset] = kReceived;
+    return reply;
+  });
+  const LogCapture log;
+  EXPECT_EQ(run(command("5 10 5 1")).back(), "value=FAILED");
+  EXPECT_EQ(log.count("apdu=02bf34"), 1u);
+  uim_qmi_client_recovery();
 }
 
 }  // namespace
