@@ -25,8 +25,10 @@ constexpr mode_t kFileMode = 0644;
 // A FIFO in the place of a file must not block the open.
 constexpr int kReadFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
 // How long a change waits for the lock: some 2 s in all, less than a client waits for the modem.
-constexpr int kLockAttempts = 10000;
-constexpr std::chrono::microseconds kLockPause{200};
+// The pauses grow, or many who wait would keep the holder off the processor.
+constexpr int kLockAttempts = 1100;
+constexpr std::chrono::microseconds kLockPauseStep{25};
+constexpr std::chrono::microseconds kLongestLockPause{2000};
 
 class Descriptor {
  public:
@@ -157,10 +159,11 @@ class LockedDirectory {
   // The new content is complete under a name of its own before it takes the place of the old one,
   // so a process that dies here leaves one or the other. That holds for the death of the process;
   // nothing is forced to the disk, so a loss of power may take the last changes with it.
-  int replace(std::string_view name, std::span<const uint8_t> bytes) const {
+  int replace(std::string_view name, std::span<const uint8_t> bytes) {
     const std::string temporary = path_of(".new");
     int error = write_new_file(temporary, bytes);
     if (error == 0) {
+      replaced_.emplace(open_file(path_of(name), kReadFlags));
       error = move_into_place(temporary, path_of(name));
     }
     if (error != 0) {
@@ -170,19 +173,49 @@ class LockedDirectory {
   }
 
  private:
-  // A holder that was stopped must not hold up everybody else for ever.
+  // A holder that was stopped must not hold up everybody else for ever, so the lock is polled for.
+  // Who comes while others wait lets them look first: on a busy machine the process that has just
+  // released the lock would take it again and again before anybody else gets to run.
   bool lock() const {
-    for (int attempt = 0; attempt < kLockAttempts; ++attempt) {
-      if (::flock(descriptor_.get(), LOCK_EX | LOCK_NB) == 0) {
+    if (!others_wait() && try_lock()) {
+      return true;
+    }
+    set_waiting();
+    auto pause = 8 * kLockPauseStep;
+    for (int attempt = 1; attempt < kLockAttempts; ++attempt) {
+      std::this_thread::sleep_for(pause);
+      if (try_lock()) {
         return true;
       }
       if (errno != EWOULDBLOCK && errno != EINTR) {
         return false;
       }
-      std::this_thread::sleep_for(kLockPause);
+      pause = std::min(pause + kLockPauseStep, kLongestLockPause);
     }
     errno = EBUSY;
     return false;
+  }
+
+  bool try_lock() const { return ::flock(descriptor_.get(), LOCK_EX | LOCK_NB) == 0; }
+
+  // Who waits holds a read lock on the directory's first byte, which has nothing to do with flock
+  // and goes with the descriptor as well. Where there is no such lock, luck decides.
+  static struct flock first_byte(int16_t type) {
+    struct flock range {};
+    range.l_type = type;
+    range.l_whence = SEEK_SET;
+    range.l_len = 1;
+    return range;
+  }
+
+  void set_waiting() const {
+    struct flock waiting = first_byte(F_RDLCK);
+    static_cast<void>(::fcntl(descriptor_.get(), F_OFD_SETLK, &waiting));
+  }
+
+  bool others_wait() const {
+    struct flock wanted = first_byte(F_WRLCK);
+    return ::fcntl(descriptor_.get(), F_OFD_GETLK, &wanted) == 0 && wanted.l_type != F_UNLCK;
   }
 
   static Descriptor open_directory(const std::string& path, Missing missing) {
@@ -203,6 +236,9 @@ class LockedDirectory {
   }
 
   const std::string path_;
+  // The file that was replaced, closed after the lock is gone: its end may have to wait for the
+  // disk.
+  std::optional<Descriptor> replaced_;
   const Descriptor descriptor_;
   int error_ = 0;
 };
@@ -310,7 +346,7 @@ std::optional<StateFilePart> read_state_file_part(std::string_view name, uint64_
 }
 
 int write_state_file(std::string_view name, std::span<const uint8_t> bytes) {
-  const LockedDirectory directory(LockedDirectory::Missing::kCreate);
+  LockedDirectory directory(LockedDirectory::Missing::kCreate);
   return tell_refusal(directory.error() != 0 ? directory.error() : directory.replace(name, bytes));
 }
 
@@ -324,7 +360,7 @@ int remove_state_file(std::string_view name) {
 }
 
 int update_state_file(std::string_view name, const StateFileChange& change) {
-  const LockedDirectory directory(LockedDirectory::Missing::kCreate);
+  LockedDirectory directory(LockedDirectory::Missing::kCreate);
   if (directory.error() != 0) {
     return tell_refusal(directory.error());
   }

@@ -1,18 +1,13 @@
-// Trouble with the state directory, at a system call of the test's choice: the calls that open,
-// fill, move, remove and lock its files are replaced at link time. KIV_STATE_FAULT holds what shall
-// happen and at which of these calls, the first one being 1:
-//   "kill 7"   the process dies in place of its 7th call
-//   "28 7"     the 7th call fails with errno 28
-//   "30 0"     every call that changes something fails with errno 30
-// A write counts as two calls, the second one when half of the bytes are written: the process dies
-// with a torn file, EINTR gives a short write, any other error a torn file and the error. A call
-// that is never interrupted is carried out instead of failing with EINTR. What happened is told in
-// a line "state fault" on standard error.
+// Trouble with the state directory at a system call of the test's choice: the calls that open,
+// fill, move, remove and lock its files are replaced at link time. KIV_STATE_FAULT is "kill 7" (the
+// process dies in place of its 7th call), "28 7" (the 7th call fails with errno 28) or "30 0" (so
+// does every call that changes something). A write counts as two calls, the second one when half of
+// the bytes are written: a kill leaves a torn file there, EINTR makes a short write. A call that no
+// signal interrupts does not fail with EINTR. Each fault is told in a line "state fault" on
+// standard error, a lock that another process holds in a line "state busy".
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/types.h>
 #include <unistd.h>
 
 #include <array>
@@ -23,25 +18,16 @@
 #include <cstdlib>
 #include <string_view>
 
-namespace kiv::test {
-
-// What the linker's --wrap leaves of the C library.
-int real_open(const char* path, int flags, ...) asm("__real_open");
-ssize_t real_write(int descriptor, const void* bytes, size_t length) asm("__real_write");
-int real_close(int descriptor) asm("__real_close");
-int real_flock(int descriptor, int operation) asm("__real_flock");
-int real_rename(const char* from, const char* to) asm("__real_rename");
-int real_unlink(const char* path) asm("__real_unlink");
-int real_mkdir(const char* path, mode_t mode) asm("__real_mkdir");
-
-// What takes its place.
-int faulty_open(const char* path, int flags, ...) asm("__wrap_open");
-ssize_t faulty_write(int descriptor, const void* bytes, size_t length) asm("__wrap_write");
-int faulty_close(int descriptor) asm("__wrap_close");
-int faulty_flock(int descriptor, int operation) asm("__wrap_flock");
-int faulty_rename(const char* from, const char* to) asm("__wrap_rename");
-int faulty_unlink(const char* path) asm("__wrap_unlink");
-int faulty_mkdir(const char* path, mode_t mode) asm("__wrap_mkdir");
+extern "C" {
+// The linker's names for what it replaces.
+int __real_open(const char* path, int flags, ...);
+ssize_t __real_write(int descriptor, const void* bytes, size_t length);
+int __real_close(int descriptor);
+int __real_flock(int descriptor, int operation);
+int __real_rename(const char* from, const char* to);
+int __real_unlink(const char* path);
+int __real_mkdir(const char* path, mode_t mode);
+}
 
 namespace {
 
@@ -49,39 +35,28 @@ std::atomic<int> g_calls{0};
 // The descriptors of the state directory and of what is being written there.
 std::array<std::atomic<bool>, 1024> g_of_state{};
 
-bool is_of_state(int descriptor) {
-  return descriptor >= 0 && static_cast<size_t>(descriptor) < g_of_state.size() &&
-         g_of_state[static_cast<size_t>(descriptor)];
+void note(std::string_view line) {
+  static_cast<void>(!__real_write(STDERR_FILENO, line.data(), line.size()));
 }
 
-void set_of_state(int descriptor, bool of_state) {
-  if (descriptor >= 0 && static_cast<size_t>(descriptor) < g_of_state.size()) {
-    g_of_state[static_cast<size_t>(descriptor)] = of_state;
-  }
-}
+enum Kind : unsigned { kMoves = 1, kWaits = 2, kWrites = kMoves | kWaits };
 
-constexpr int kDie = -1;
-enum Kind : unsigned { kPlain = 0, kChanges = 1, kInterruptible = 2 };
-
-// Counts this call. 0 when it shall be carried out, else the errno of its failure or kDie.
+// Counts this call. Dies, or returns the errno of its failure, or 0 when it is to be carried out.
 int fault_at_this_call(unsigned kind) {
   const char* const text = std::getenv("KIV_STATE_FAULT");
   std::array<char, 8> what{};
   int call = 0;
   if (text == nullptr || std::sscanf(text, "%7s %d", what.data(), &call) != 2) return 0;
-  const bool due = call == 0 ? (kind & kChanges) != 0 : ++g_calls == call;
-  if (!due) return 0;
-  constexpr std::string_view kNote = "state fault\n";
-  static_cast<void>(!real_write(STDERR_FILENO, kNote.data(), kNote.size()));
-  const int error = std::string_view(what.data()) == "kill" ? kDie : std::atoi(what.data());
-  return error == EINTR && (kind & kInterruptible) == 0 ? 0 : error;
+  if (call == 0 ? (kind & kMoves) == 0 : ++g_calls != call) return 0;
+  note("state fault\n");
+  if (std::string_view(what.data()) == "kill") raise(SIGKILL);
+  const int error = std::atoi(what.data());
+  return error == EINTR && (kind & kWaits) == 0 ? 0 : error;
 }
 
-// Carries the call out, or has it fail, or dies.
 template <class Call>
 int with_fault(unsigned kind, Call call) {
   const int fault = fault_at_this_call(kind);
-  if (fault == kDie) raise(SIGKILL);
   if (fault == 0) return call();
   errno = fault;
   return -1;
@@ -89,57 +64,60 @@ int with_fault(unsigned kind, Call call) {
 
 }  // namespace
 
-int faulty_open(const char* path, int flags, ...) {
+extern "C" {
+
+int __wrap_open(const char* path, int flags, ...) {
   va_list more;
   va_start(more, flags);
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(more, mode_t) : 0;
   va_end(more);
-  const auto open = [&] { return real_open(path, flags, mode); };
+  const auto open = [&] { return __real_open(path, flags, mode); };
   if ((flags & (O_CREAT | O_DIRECTORY)) == 0) return open();
-  const unsigned kind = (flags & O_CREAT) != 0 ? kChanges | kInterruptible : kInterruptible;
-  const int descriptor = with_fault(kind, open);
-  set_of_state(descriptor, true);
-  return descriptor;
+  const int file = with_fault((flags & O_CREAT) != 0 ? kWrites : kWaits, open);
+  if (file >= 0) g_of_state.at(static_cast<size_t>(file)) = true;
+  return file;
 }
 
-ssize_t faulty_write(int descriptor, const void* bytes, size_t length) {
-  if (!is_of_state(descriptor)) return real_write(descriptor, bytes, length);
-  if (with_fault(kChanges | kInterruptible, [] { return 0; }) != 0) return -1;
-  const ssize_t half = real_write(descriptor, bytes, length / 2);
+ssize_t __wrap_write(int file, const void* bytes, size_t length) {
+  if (!g_of_state.at(static_cast<size_t>(file))) return __real_write(file, bytes, length);
+  if (with_fault(kWrites, [] { return 0; }) != 0) return -1;
+  const ssize_t half = __real_write(file, bytes, (length + 1) / 2);
   if (half < 0) return half;
-  if (with_fault(kChanges | kInterruptible, [] { return 0; }) != 0) {
-    return errno == EINTR && half > 0 ? half : -1;
-  }
+  if (with_fault(kWrites, [] { return 0; }) != 0) return errno == EINTR ? half : -1;
   const auto* const rest = static_cast<const char*>(bytes) + half;
-  const ssize_t more = real_write(descriptor, rest, length - static_cast<size_t>(half));
-  return more < 0 ? more : half + more;
+  const ssize_t more = __real_write(file, rest, length - static_cast<size_t>(half));
+  return half + (more < 0 ? 0 : more);
 }
 
 // A descriptor is closed even when that fails.
-int faulty_close(int descriptor) {
-  if (!is_of_state(descriptor)) return real_close(descriptor);
-  set_of_state(descriptor, false);
-  const int result = with_fault(kInterruptible, [] { return 0; });
-  const int error = errno;
-  const int closed = real_close(descriptor);
-  errno = error;
-  return result != 0 ? result : closed;
+int __wrap_close(int file) {
+  if (file < 0 || !g_of_state.at(static_cast<size_t>(file)).exchange(false)) {
+    return __real_close(file);
+  }
+  const int fault = fault_at_this_call(kWaits);
+  const int closed = __real_close(file);
+  errno = fault != 0 ? fault : errno;
+  return fault != 0 ? -1 : closed;
 }
 
-int faulty_flock(int descriptor, int operation) {
-  return with_fault(kInterruptible, [=] { return real_flock(descriptor, operation); });
+int __wrap_flock(int file, int operation) {
+  const int result = with_fault(kWaits, [=] { return __real_flock(file, operation); });
+  if (result != 0 && errno == EWOULDBLOCK && std::getenv("KIV_STATE_FAULT") != nullptr) {
+    note("state busy\n");
+    errno = EWOULDBLOCK;
+  }
+  return result;
 }
 
-int faulty_rename(const char* from, const char* to) {
-  return with_fault(kChanges, [=] { return real_rename(from, to); });
+int __wrap_rename(const char* from, const char* to) {
+  return with_fault(kMoves, [=] { return __real_rename(from, to); });
 }
 
-int faulty_unlink(const char* path) {
-  return with_fault(kChanges, [=] { return real_unlink(path); });
+int __wrap_unlink(const char* path) {
+  return with_fault(kMoves, [=] { return __real_unlink(path); });
 }
 
-int faulty_mkdir(const char* path, mode_t mode) {
-  return with_fault(kChanges, [=] { return real_mkdir(path, mode); });
+int __wrap_mkdir(const char* path, mode_t mode) {
+  return with_fault(kMoves, [=] { return __real_mkdir(path, mode); });
 }
-
-}  // namespace kiv::test
+}

@@ -1,20 +1,12 @@
 // Sixteen processes change one state directory at once, and none loses an update.
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <cstdio>
 #include <set>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "platform/android/state_directory.h"
 #include "platform/modem/nv_efs_store.h"
@@ -25,16 +17,10 @@ namespace kiv::test {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using Clock = std::chrono::steady_clock;
 
 constexpr int kProcesses = 16;
-constexpr int kOperations = 1000;
-constexpr int kRuns = 20;
-constexpr int kOwnProperties = 7;
-
-Bytes bytes_of(const std::string& text) {
-  return {text.begin(), text.end()};
-}
+constexpr int kRounds = 1000;
+constexpr int kRoundsPerRun = 50;  // one of them is a run of kiv
 
 std::string property(const std::string& name) {
   std::array<char, PROPERTY_VALUE_MAX> value{};
@@ -42,151 +28,84 @@ std::string property(const std::string& name) {
   return value.data();
 }
 
-std::string own_property(int process, int round) {
-  return "own." + std::to_string(process) + '.' + std::to_string(round % kOwnProperties);
-}
-
-std::string own_file(int process) {
-  return "efs/0/" + std::to_string(process) + "/file";
-}
-
-// Long, and different in every byte from what any other round writes there.
-std::string own_content(int process, int round) {
-  return std::string(5000, static_cast<char>('A' + round / 10 % 26)) + std::to_string(process);
-}
-
 bool set_and_read_back(const std::string& name, const std::string& value) {
   return property_set(name.c_str(), value.c_str()) == 0 && property(name) == value;
 }
 
-bool count_one_more() {
-  const auto one_more = [](std::string_view text) {
-    return std::to_string(std::atoi(std::string(text).c_str()) + 1);
-  };
-  return platform::update_state_file("counter", one_more) == 0;
+bool run_kiv(const std::string& id, int value) {
+  const ProgramRun run =
+      run_program(KIV_WITH_STATE_FAULTS, {"4", "2", "1", id, std::to_string(value)},
+                  {"TSAN_OPTIONS=atexit_sleep_ms=0"});
+  return run.exit_status == 0 && run.standard_error.empty();
 }
 
-bool write_item_and_read_back(int process, int round) {
-  const auto id = static_cast<uint32_t>(process);
-  const Bytes value = bytes_of(std::to_string(round));
+std::string one_more(std::string_view count) {
+  return std::to_string(std::atoi(std::string(count).c_str()) + 1);
+}
+
+// In every byte different from what the rounds before wrote.
+Bytes file_content(int round) {
+  return Bytes(5000, static_cast<uint8_t>(round / 10));
+}
+
+bool run_round(int process, int round) {
+  const std::string own = std::to_string(process);
+  const std::string value = std::to_string(round);
+  const std::string file = "efs/0/" + own + "/file";
+  const auto item = static_cast<uint32_t>(process);
+  const Bytes bytes(value.begin(), value.end());
   Bytes read;
-  return platform::write_nv_item(0, id, value) == 0 && platform::read_nv_item(0, id, read) == 0 &&
-         read == value;
-}
-
-bool write_file_and_read_back(int process, int round) {
-  const Bytes content = bytes_of(own_content(process, round));
-  return platform::write_state_file(own_file(process), content) == 0 &&
-         platform::read_state_file(own_file(process)) == content;
-}
-
-// Another process's values are there whole, old or new, but never empty again.
-bool shared_values_are_whole() {
-  const std::string shared = property("shared");
-  const auto counter = platform::read_state_file("counter");
-  return (shared.empty() || (shared.starts_with("of ") && shared.ends_with('.'))) &&
-         (!counter || !counter->empty());
-}
-
-bool run_operation(int process, int round) {
+  if (round % kRoundsPerRun == 0) return run_kiv(own, round / kRoundsPerRun);
   switch (round % 10) {
-    case 0:
-    case 1:
-    case 2:
-      return set_and_read_back(own_property(process, round), std::to_string(round));
-    case 3:
-      return property_set("shared", ("of " + std::to_string(process) + '.').c_str()) == 0;
     case 4:
-      return count_one_more();
+      return set_and_read_back("shared", "whole");
     case 5:
+      return platform::update_state_file("counter", one_more) == 0;
     case 6:
-      return write_item_and_read_back(process, round);
+      return platform::write_nv_item(0, item, bytes) == 0 &&
+             platform::read_nv_item(0, item, read) == 0 && read == bytes;
     case 7:
-      return platform::remove_state_file(own_file(process)) == (round == 7 ? ENOENT : 0);
+      return platform::remove_state_file(file) == (round == 7 ? ENOENT : 0);
     case 8:
-      return write_file_and_read_back(process, round);
+      return platform::write_state_file(file, file_content(round)) == 0;
+    case 9:
+      return platform::read_state_file(file) == file_content(round);
     default:
-      return shared_values_are_whole();
+      return set_and_read_back("own." + own + '.' + std::to_string(round % 10), value);
   }
 }
 
-using LongestWaits = std::array<std::atomic<int64_t>, kProcesses>;
-
-// The body of a child process: 0, or 1 after a line on what went wrong.
-int change_state(int process, std::atomic<int64_t>& longest_us) {
-  for (int round = 0; round < kOperations; ++round) {
-    const auto start = Clock::now();
-    if (!run_operation(process, round)) {
-      std::fprintf(stderr, "process %d, round %d: errno %d\n", process, round, errno);
-      return 1;
-    }
-    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);
-    longest_us = std::max(longest_us.load(), int64_t{us.count()});
-  }
-  for (int run = 0; run < kRuns; ++run) {
-    const std::string id = std::to_string(100 + process);
-    const ProgramRun nv = run_program(
-        KIV_WITH_STATE_FAULTS, {"4", "2", "1", id, std::to_string(run + 1)}, {"KIV_TIME_FACTOR=0"});
-    if (nv.exit_status != 0 || !nv.standard_error.empty()) {
-      std::fprintf(stderr, "kiv 4 2 1 %s: %s\n", id.c_str(), nv.standard_error.c_str());
-      return 1;
-    }
-  }
-  return 0;
-}
-
-class StateStressTest : public StateDirectoryTest {
- protected:
-  void run_processes() {
-    void* const shared = mmap(nullptr, sizeof(LongestWaits), PROT_READ | PROT_WRITE,
-                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(shared, MAP_FAILED);
-    auto& longest_us = *new (shared) LongestWaits{};
-    std::vector<pid_t> children;
-    for (int process = 0; process < kProcesses; ++process) {
-      const pid_t child = fork();
-      ASSERT_GE(child, 0);
-      if (child == 0) {
-        _exit(change_state(process, longest_us[static_cast<size_t>(process)]));
-      }
-      children.push_back(child);
-    }
-    for (const pid_t child : children) {
-      int status = -1;
-      EXPECT_EQ(waitpid(child, &status, 0), child);
-      EXPECT_EQ(status, 0);
-    }
-    std::printf("longest operation: %.1f ms\n",
-                static_cast<double>(*std::max_element(longest_us.begin(), longest_us.end())) / 1e3);
-    munmap(shared, sizeof(LongestWaits));
-  }
-
-  // The last round up to 999 that sets the own property of that number.
-  static int last_round_of(int number) {
-    int round = kOperations - 1;
-    while (round % 10 > 2 || round % kOwnProperties != number) --round;
-    return round;
-  }
-};
+using StateStressTest = StateDirectoryTest;
 
 TEST_F(StateStressTest, NoUpdateIsLost) {
-  run_processes();
   for (int process = 0; process < kProcesses; ++process) {
-    SCOPED_TRACE(process);
-    for (int number = 0; number < kOwnProperties; ++number) {
-      EXPECT_EQ(property(own_property(process, number)), std::to_string(last_round_of(number)));
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child != 0) continue;
+    for (int round = 0; round < kRounds; ++round) {
+      if (run_round(process, round)) continue;
+      std::fprintf(stderr, "process %d, round %d: errno %d\n", process, round, errno);
+      _exit(1);
     }
-    EXPECT_EQ(read_state_file_text("nv/0/" + std::to_string(process)), "996");
-    EXPECT_EQ(read_state_file_text("nv/1/" + std::to_string(100 + process)), std::string(1, kRuns));
-    EXPECT_EQ(read_state_file_text(own_file(process)), own_content(process, 998));
+    _exit(0);
   }
-  EXPECT_EQ(read_state_file_text("counter"), std::to_string(kProcesses * kOperations / 10));
-  std::istringstream properties(read_state_file_text("properties"));
+  for (int status = -1; wait(&status) > 0;) EXPECT_EQ(status, 0);
+
+  for (int process = 0; process < kProcesses; ++process) {
+    const std::string own = std::to_string(process);
+    for (const char* key : {"0", "1", "2", "3"}) {
+      EXPECT_EQ(property("own." + own + '.' + key), std::string("99") + key) << process;
+    }
+    EXPECT_EQ(read_state_file_text("nv/0/" + own), "996");
+    EXPECT_EQ(read_state_file_text("nv/1/" + own), std::string(1, kRounds / kRoundsPerRun - 1));
+    EXPECT_EQ(platform::read_state_file("efs/0/" + own + "/file"), file_content(998));
+  }
+  EXPECT_EQ(read_state_file_text("counter"), std::to_string(kProcesses * kRounds / 10));
+  std::istringstream lines(read_state_file_text("properties"));
   std::multiset<std::string> names;
-  for (std::string line; std::getline(properties, line);)
-    names.insert(line.substr(0, line.find('=')));
-  EXPECT_EQ(names.size(), kProcesses * kOwnProperties + 1u);
-  for (const std::string& name : names) EXPECT_EQ(names.count(name), 1u) << name;
+  for (std::string line; std::getline(lines, line);) names.insert(line.substr(0, line.find('=')));
+  EXPECT_EQ(names.size(), 4u * kProcesses + 1);
+  EXPECT_EQ(names.size(), std::set(names.begin(), names.end()).size()) << "a name occurs twice";
   EXPECT_FALSE(std::filesystem::exists(state_dir() + "/.new"));
 }
 
