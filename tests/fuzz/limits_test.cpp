@@ -191,7 +191,7 @@ size_t wire_size_of_one(const qmi_idl_field& field);
 // The bytes of a value with `count` elements, all zero but for the count.
 Bytes value_of(const qmi_idl_field& field, size_t count) {
   Bytes value(field.shape == QMI_IDL_COUNTED ? field.count_wire_width : 0);
-  std::memcpy(value.data(), &count, value.size());
+  std::copy_n(reinterpret_cast<const uint8_t*>(&count), value.size(), value.begin());
   value.resize(value.size() + count * wire_size_of_one(field));
   return value;
 }
