@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstring>
 #include <new>
+#include <set>
 
 #include "tervik_utils_cmn.h"
 
@@ -76,11 +77,17 @@ std::unique_ptr<uint8_t[]> allocate_response(int len) {
 struct wait_thread_state {
   std::mutex mutex;
   std::condition_variable changed;
+  bool started = false;
   bool running = false;
   bool send_done = false;
 };
 
 wait_thread_state& g_wait_thread = *new wait_thread_state;
+
+bool wait_thread_was_started() {
+  const std::lock_guard lock(g_wait_thread.mutex);
+  return g_wait_thread.started;
+}
 
 // Sleeps one tick, or less when the send is done.
 void sleep_tick() {
@@ -90,35 +97,35 @@ void sleep_tick() {
 }
 
 // Ends the wait of a send that is still waiting at its limit.
-void stop_waiting() {
+void stop_waiting(const char* func) {
   const std::lock_guard lock(g_diag_dci_rsp_mutex);
   if (g_diag_rsp_answered) {
     return;
   }
   const int32_t length = g_qcril_diag_rsp_buf.length;
   if (length != 0 && length % DIAG_DCI_PIECE_MAX == 0) {
-    tervik_log_debug("stop waiting, receive success, length is times of 4096");
+    tervik_log_debug_as(func, "stop waiting, receive success, length is times of 4096");
   } else {
-    tervik_log_debug("stop waiting");
+    tervik_log_debug_as(func, "stop waiting");
     g_diag_rsp_timeout = 1;
   }
   sem_post(&g_diag_rsp_sem);
 }
 
-void run_wait_ticks() {
+void run_wait_ticks(const char* func) {
   int cnt_of_100ms = 0;
   bool waiting = false;
   int32_t limit = 0;
   do {
     sleep_tick();
     ++cnt_of_100ms;
-    tervik_log_debug("tervik_diag_cmd_send_with_result_wait_thread_proc, cnt_of_100ms = %d",
-                     cnt_of_100ms);
+    tervik_log_debug_as(
+        func, "tervik_diag_cmd_send_with_result_wait_thread_proc, cnt_of_100ms = %d", cnt_of_100ms);
     waiting = g_diag_rsp_waiting == 1;
     limit = g_diag_wait_cnt_limit;
   } while (waiting && cnt_of_100ms < limit);
   if (waiting) {
-    stop_waiting();
+    stop_waiting(func);
   }
 }
 
@@ -136,13 +143,29 @@ int create_diag_thread(void* (*start_routine)(void*), void* arg) {
 
 // ---- the end of every with-result wait ----
 
+// Without its wait thread the send keeps the limit itself, tick by tick.
+void wait_without_thread(const char* func) {
+  int32_t ticks = 0;
+  int posts = 0;
+  do {
+    sleep_tick();
+    sem_getvalue(&g_diag_rsp_sem, &posts);
+  } while (posts == 0 && ++ticks < g_diag_wait_cnt_limit);
+  if (posts == 0) {
+    stop_waiting(func);
+  }
+}
+
 enum class after_copy : uint8_t { keep_response, free_response };
 
 // Waits for the response or the time-out, copies what came to the caller and leaves the module
 // ready for the next send.
-unsigned wait_and_take_response(const tervik_log_place& place, uint8_t* reply_buf, int* p_reply_len,
+unsigned wait_and_take_response(const char* func, uint8_t* reply_buf, int* p_reply_len,
                                 after_copy then) {
   tervik_diag_cmd_send_with_result_wait_create_thread();
+  if (!wait_thread_was_started()) {
+    wait_without_thread(func);
+  }
   while (sem_wait(&g_diag_rsp_sem) != 0 && errno == EINTR) {
   }
   g_diag_rsp_waiting = 0;
@@ -158,9 +181,9 @@ unsigned wait_and_take_response(const tervik_log_place& place, uint8_t* reply_bu
   qcril_diag_rsp_buf& response = g_qcril_diag_rsp_buf;
   const int reply_len = *p_reply_len;
   const int data_size = std::min(response.length, reply_len);
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
-                   "req end, data_size = %d, g_qcril_diag_rsp_buf.length = %d, reply_len = %d",
-                   data_size, response.length, reply_len);
+  tervik_log_debug_as(func,
+                      "req end, data_size = %d, g_qcril_diag_rsp_buf.length = %d, reply_len = %d",
+                      data_size, response.length, reply_len);
   *p_reply_len = data_size;
   if (data_size >= 1) {
     memcpy(reply_buf, response.data.get(), static_cast<size_t>(data_size));
@@ -188,14 +211,14 @@ void expect_no_response() {
 }
 
 // The checks at the beginning of both with-result sends.
-unsigned check_send_arguments(const tervik_log_place& place, const uint8_t* cmd, int data_len,
+unsigned check_send_arguments(const char* func, const uint8_t* cmd, int data_len,
                               const uint8_t* reply_buf, const int* p_reply_len) {
   if (tervik_diag_comand_input_check(cmd, data_len) != DIAG_OK) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_diag_comand_param_check fail");
+    tervik_log_debug_as(func, "tervik_diag_comand_param_check fail");
     return DIAG_FAIL;
   }
   if (tervik_diag_comand_output_check(reply_buf, p_reply_len) != DIAG_OK) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_diag_comand_output_check fail");
+    tervik_log_debug_as(func, "tervik_diag_comand_output_check fail");
     return DIAG_FAIL;
   }
   return DIAG_OK;
@@ -220,28 +243,26 @@ const char* remote_label(uint16_t remote_mask) {
 }
 
 // Hands the command over and waits for its response.
-unsigned send_and_wait_by_callback(const tervik_log_place& place, const uint8_t* cmd, int data_len,
-                                   int time_out, uint8_t* reply_buf, int* p_reply_len) {
+unsigned send_and_wait_by_callback(const char* func, const uint8_t* cmd, int data_len, int time_out,
+                                   uint8_t* reply_buf, int* p_reply_len) {
   expect_response(after_copy::keep_response);
   const int ret_send = diag_callback_send_data(PRIMARY_PROCESSOR, library_bytes(cmd), data_len);
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "ret_send = %d, will wait callback",
-                   ret_send);
+  tervik_log_debug_as(func, "ret_send = %d, will wait callback", ret_send);
   if (ret_send != 0) {
     expect_no_response();
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "Fail to send diag cmd");
+    tervik_log_debug_as(func, "Fail to send diag cmd");
     return DIAG_FAIL;
   }
   const auto wanted = static_cast<unsigned>(time_out);
   int used = time_out;
   if (wanted == 0 || wanted > TIME_OUT_MAX_MS) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "Time out is invalid, set default");
+    tervik_log_debug_as(func, "Time out is invalid, set default");
     used = DEFAULT_TIME_OUT_MS;
   }
   g_diag_rsp_waiting = 1;
   g_diag_wait_cnt_limit = used / TICK_MS;
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "Command time = %d * 100ms",
-                   g_diag_wait_cnt_limit.load());
-  return wait_and_take_response(place, reply_buf, p_reply_len, after_copy::keep_response);
+  tervik_log_debug_as(func, "Command time = %d * 100ms", g_diag_wait_cnt_limit.load());
+  return wait_and_take_response(func, reply_buf, p_reply_len, after_copy::keep_response);
 }
 
 // ---- DCI mode ----
@@ -264,21 +285,24 @@ constexpr dci_handlers WITHOUT_RESULT_HANDLERS = {
 // library's until then, goes with the object.
 class dci_client {
  public:
+  // `func` is the function that the log's lines speak for.
+  explicit dci_client(const char* func) : func_(func) {}
+
   // Allocates the response buffer and registers the client. False: there is nothing to release.
   bool register_client() {
     response_.reset(new (std::nothrow) unsigned char[DCI_RESPONSE_BUFFER_SIZE]);
     if (response_ == nullptr) {
-      tervik_log_debug("Unable to allocate memory for DCI rsp pkt, errno: %d", errno);
+      tervik_log_debug_as(func_, "Unable to allocate memory for DCI rsp pkt, errno: %d", errno);
       return false;
     }
     const int err = diag_register_dci_client(&client_id_, &list_, DIAG_CHANNEL, &signal_type_);
     if (err != DIAG_DCI_NO_ERROR) {
-      tervik_log_debug("Could not register with DCI, err: %d, errno: %d ch:%d", err, errno,
-                       DIAG_CHANNEL);
+      tervik_log_debug_as(func_, "Could not register with DCI, err: %d, errno: %d ch:%d", err,
+                          errno, DIAG_CHANNEL);
       return false;
     }
-    tervik_log_debug("Successfully registered with DCI for ch:%d, client ID = %d", DIAG_CHANNEL,
-                     client_id_);
+    tervik_log_debug_as(func_, "Successfully registered with DCI for ch:%d, client ID = %d",
+                        DIAG_CHANNEL, client_id_);
     return true;
   }
 
@@ -289,49 +313,52 @@ class dci_client {
 
   void release() {
     const int err = diag_release_dci_client(&client_id_);
-    tervik_log_debug("Releasing DCI connection, err: %d, errno: %d", err, errno);
+    tervik_log_debug_as(func_, "Releasing DCI connection, err: %d, errno: %d", err, errno);
   }
 
  private:
   bool open_streams(const dci_handlers& handlers) {
     int err = diag_register_dci_signal_data(client_id_, SIGRTMIN + 30);
     if (err != DIAG_DCI_NO_ERROR) {
-      tervik_log_debug("Could not register signal for DCI Data for ch:%d, err: %d, errno: %d",
-                       DIAG_CHANNEL, err, errno);
+      tervik_log_debug_as(func_,
+                          "Could not register signal for DCI Data for ch:%d, err: %d, errno: %d",
+                          DIAG_CHANNEL, err, errno);
       return false;
     }
-    tervik_log_debug("DCI Status on Processors for ch%d:", DIAG_CHANNEL);
+    tervik_log_debug_as(func_, "DCI Status on Processors for ch%d:", DIAG_CHANNEL);
     err = diag_get_dci_support_list_proc(DIAG_CHANNEL, &list_);
     if (err != DIAG_DCI_NO_ERROR) {
-      tervik_log_debug("Could not get support list for ch %d, err: %d, errno: %d", DIAG_CHANNEL,
-                       err, errno);
+      tervik_log_debug_as(func_, "Could not get support list for ch %d, err: %d, errno: %d",
+                          DIAG_CHANNEL, err, errno);
       return false;
     }
-    tervik_log_debug("MPSS on ch:%d: %s", DIAG_CHANNEL,
-                     (list_ & DIAG_CON_MPSS) != 0 ? "UP" : "DOWN");
-    tervik_log_debug("Opening Data Stream, registering listeners for ch:%d", DIAG_CHANNEL);
+    tervik_log_debug_as(func_, "MPSS on ch:%d: %s", DIAG_CHANNEL,
+                        (list_ & DIAG_CON_MPSS) != 0 ? "UP" : "DOWN");
+    tervik_log_debug_as(func_, "Opening Data Stream, registering listeners for ch:%d",
+                        DIAG_CHANNEL);
     err = diag_register_dci_stream_proc(client_id_, handlers.log_stream, handlers.event_stream);
     if (err != DIAG_DCI_NO_ERROR) {
-      tervik_log_debug("Unable to register DCI stream for ch:%d, err: %d, errno: %d", DIAG_CHANNEL,
-                       err, errno);
+      tervik_log_debug_as(func_, "Unable to register DCI stream for ch:%d, err: %d, errno: %d",
+                          DIAG_CHANNEL, err, errno);
       return false;
     }
     return true;
   }
 
   bool send_request(const dci_handlers& handlers, const uint8_t* cmd, int data_len) {
-    tervik_log_debug("Sending Asynchronous Command for ch:%d", DIAG_CHANNEL);
+    tervik_log_debug_as(func_, "Sending Asynchronous Command for ch:%d", DIAG_CHANNEL);
     const int err =
         diag_send_dci_async_req(client_id_, library_bytes(cmd), data_len, response_.get(),
                                 DCI_RESPONSE_BUFFER_SIZE, handlers.response, nullptr);
     if (err != DIAG_DCI_NO_ERROR) {
-      tervik_log_debug("Error sending SEND_REQUEST_ASYNC to peripheral %d for ch:%d", DIAG_CON_MPSS,
-                       DIAG_CHANNEL);
+      tervik_log_debug_as(func_, "Error sending SEND_REQUEST_ASYNC to peripheral %d for ch:%d",
+                          DIAG_CON_MPSS, DIAG_CHANNEL);
       return false;
     }
     return true;
   }
 
+  const char* func_;
   int client_id_ = 0;
   uint16_t list_ = DIAG_CON_MPSS;
   int signal_type_ = SIGCONT;
@@ -339,9 +366,9 @@ class dci_client {
 };
 
 // One with-result DCI send on an open connection, up to its close.
-unsigned send_and_wait_by_dci(const tervik_log_place& place, const uint8_t* cmd, int data_len,
-                              int time_out, uint8_t* reply_buf, int* p_reply_len) {
-  dci_client client;
+unsigned send_and_wait_by_dci(const char* func, const uint8_t* cmd, int data_len, int time_out,
+                              uint8_t* reply_buf, int* p_reply_len) {
+  dci_client client(func);
   if (!client.register_client()) {
     tervik_diag_deinit_with_result();
     return DIAG_FAIL;
@@ -351,9 +378,8 @@ unsigned send_and_wait_by_dci(const tervik_log_place& place, const uint8_t* cmd,
   if (client.send(WITH_RESULT_HANDLERS, cmd, data_len)) {
     g_diag_rsp_waiting = 1;
     g_diag_wait_cnt_limit = time_out / TICK_MS;
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "Dci Command time = %d",
-                     g_diag_wait_cnt_limit.load());
-    result = wait_and_take_response(place, reply_buf, p_reply_len, after_copy::free_response);
+    tervik_log_debug_as(func, "Dci Command time = %d", g_diag_wait_cnt_limit.load());
+    result = wait_and_take_response(func, reply_buf, p_reply_len, after_copy::free_response);
   } else {
     expect_no_response();
   }
@@ -387,46 +413,46 @@ const uint8_t* block_command(const command_block& block) {
   return block.get() + sizeof(int32_t);
 }
 
-// The workers that have not come to their hand-over yet.
+// The blocks of the workers that have not come to their hand-over yet.
 struct pending_workers {
   std::mutex mutex;
   std::condition_variable changed;
-  int count = 0;
+  std::set<const void*> blocks;
 };
 
 pending_workers& g_pending_workers = *new pending_workers;
 
-void count_worker(int change) {
+void add_pending_worker(const void* block) {
   const std::lock_guard lock(g_pending_workers.mutex);
-  // A worker that nobody counted has nothing to take back.
-  g_pending_workers.count = std::max(g_pending_workers.count + change, 0);
+  g_pending_workers.blocks.insert(block);
+}
+
+void remove_pending_worker(const void* block) {
+  const std::lock_guard lock(g_pending_workers.mutex);
+  g_pending_workers.blocks.erase(block);
   g_pending_workers.changed.notify_all();
 }
 
-// Tells once that the worker is past its hand-over, at the latest when it goes out of scope.
+// Tells that the worker of a block is past its hand-over, at the latest when it goes out of scope.
 class hand_over_notice {
  public:
-  hand_over_notice() = default;
+  explicit hand_over_notice(const void* block) : block_(block) {}
   ~hand_over_notice() { give(); }
   hand_over_notice(const hand_over_notice&) = delete;
   hand_over_notice& operator=(const hand_over_notice&) = delete;
-  void give() {
-    if (!given_) {
-      given_ = true;
-      count_worker(-1);
-    }
-  }
+  void give() { remove_pending_worker(block_); }
 
  private:
-  bool given_ = false;
+  const void* block_;
 };
 
-void send_block_by_callback(const command_block& block, hand_over_notice& notice) {
+void send_block_by_callback(const char* func, const command_block& block,
+                            hand_over_notice& notice) {
   constexpr useconds_t RESPONSE_TIME_US = 200 * 1000;
   const int32_t length = block_length(block);
-  tervik_log_debug("data_len = %d", length);
+  tervik_log_debug_as(func, "data_len = %d", length);
   if (!Diag_LSM_Init(nullptr)) {
-    tervik_log_debug("LSM init failed");
+    tervik_log_debug_as(func, "LSM init failed");
     return;
   }
   tervik_diag_register_callback(tervik_diag_cmd_response_by_callback_no_handle);
@@ -434,21 +460,21 @@ void send_block_by_callback(const command_block& block, hand_over_notice& notice
   const int ret_send =
       diag_callback_send_data(PRIMARY_PROCESSOR, library_bytes(block_command(block)), length);
   // First: the run may end with the notice, and nothing else tells whether the send failed.
-  tervik_log_debug("ret_send = %d, will wait callback", ret_send);
+  tervik_log_debug_as(func, "ret_send = %d, will wait callback", ret_send);
   notice.give();
   usleep(RESPONSE_TIME_US);
   diag_switch_logging(DIAG_USB_MODE, nullptr);
   Diag_LSM_DeInit();
 }
 
-void send_block_by_dci(const command_block& block, hand_over_notice& notice) {
+void send_block_by_dci(const char* func, const command_block& block, hand_over_notice& notice) {
   const int32_t length = block_length(block);
-  tervik_log_debug("data_len = %d", length);
+  tervik_log_debug_as(func, "data_len = %d", length);
   if (!Diag_LSM_Init(nullptr)) {
-    tervik_log_debug("LSM init failed");
+    tervik_log_debug_as(func, "LSM init failed");
     return;
   }
-  dci_client client;
+  dci_client client(func);
   if (client.register_client()) {
     const bool sent = client.send(WITHOUT_RESULT_HANDLERS, block_command(block), length);
     notice.give();
@@ -461,31 +487,32 @@ void send_block_by_dci(const command_block& block, hand_over_notice& notice) {
 }
 
 // What both workers share around their sends.
-void run_worker(const tervik_log_place& place, void* block,
-                void (*send)(const command_block& block, hand_over_notice& notice)) {
-  const tervik_function_trace trace(place);
+void run_worker(const char* func, void* block,
+                void (*send)(const char* func, const command_block& block,
+                             hand_over_notice& notice)) {
+  const tervik_function_trace trace(TERVIK_LOG_PLACE_AS(func));
   {
-    hand_over_notice notice;
-    const std::lock_guard lock(g_diag_without_result_mutex);
     const command_block owned(static_cast<uint8_t*>(block));
+    hand_over_notice notice(block);
+    const std::lock_guard lock(g_diag_without_result_mutex);
     if (owned == nullptr) {
-      tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "param is null");
+      tervik_log_debug_as(func, "param is null");
     } else {
-      send(owned, notice);
+      send(func, owned, notice);
     }
   }
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "will sleep 3s before quit");
+  tervik_log_debug_as(func, "will sleep 3s before quit");
   sleep(3);
 }
 
 // ---- responses ----
 
 // Puts a piece behind what is there. False without memory.
-bool append_piece(qcril_diag_rsp_buf& response, const uint8_t* piece, int len) {
+bool append_piece(const char* func, qcril_diag_rsp_buf& response, const uint8_t* piece, int len) {
   if (response.data == nullptr) {
     response.data = allocate_response(len);
     if (response.data == nullptr) {
-      tervik_log_error("Failed to allocate memory for ptr_out_1");
+      tervik_log_error_as(func, "Failed to allocate memory for ptr_out_1");
       return false;
     }
     memcpy(response.data.get(), piece, static_cast<size_t>(len));
@@ -495,14 +522,14 @@ bool append_piece(qcril_diag_rsp_buf& response, const uint8_t* piece, int len) {
   const auto old_length = static_cast<size_t>(response.length);
   std::unique_ptr<uint8_t[]> copy = allocate_response(response.length);
   if (copy == nullptr) {
-    tervik_log_error("Failed to allocate memory for ptr_out_2");
+    tervik_log_error_as(func, "Failed to allocate memory for ptr_out_2");
     return false;
   }
   memcpy(copy.get(), response.data.get(), old_length);
   response.previous = std::move(copy);
   std::unique_ptr<uint8_t[]> longer = allocate_response(response.length + len);
   if (longer == nullptr) {
-    tervik_log_error("Failed to allocate memory for ptr_out_3");
+    tervik_log_error_as(func, "Failed to allocate memory for ptr_out_3");
     return false;
   }
   memcpy(longer.get(), response.previous.get(), old_length);
@@ -513,63 +540,57 @@ bool append_piece(qcril_diag_rsp_buf& response, const uint8_t* piece, int len) {
 }
 
 // False, with a line in the log, for a response that no send waits for.
-bool response_is_expected(const tervik_log_place& place, int len) {
+bool response_is_expected(const char* func, int len) {
   if (!g_diag_rsp_expected) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "late response is dropped, len = %d",
-                     len);
+    tervik_log_debug_as(func, "late response is dropped, len = %d", len);
   }
   return g_diag_rsp_expected;
 }
 
-void take_dci_piece(const tervik_log_place& place, const uint8_t* ptr, int len,
-                    const void* context_data) {
+void take_dci_piece(const char* func, const uint8_t* ptr, int len, const void* context_data) {
   const std::lock_guard lock(g_diag_dci_rsp_mutex);
   if (tervik_diag_cmd_response_check(ptr, len, context_data) != DIAG_OK) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_diag_cmd_response_check fail");
+    tervik_log_debug_as(func, "tervik_diag_cmd_response_check fail");
     return;
   }
-  if (!response_is_expected(place, len)) {
+  if (!response_is_expected(func, len)) {
     return;
   }
   if (g_qcril_diag_rsp_buf.length > COLLECTED_MAX - len) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
-                     "response is too long, length = %d, len = %d", g_qcril_diag_rsp_buf.length,
-                     len);
+    tervik_log_error_as(func, "response is too long, length = %d, len = %d",
+                        g_qcril_diag_rsp_buf.length, len);
     return;
   }
-  if (!append_piece(g_qcril_diag_rsp_buf, ptr, len)) {
+  if (!append_piece(func, g_qcril_diag_rsp_buf, ptr, len)) {
     return;
   }
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
-                   "response, cmd_code = 0x%02x, data_size = %d", ptr[0],
-                   g_qcril_diag_rsp_buf.length);
+  tervik_log_debug_as(func, "response, cmd_code = 0x%02x, data_size = %d", ptr[0],
+                      g_qcril_diag_rsp_buf.length);
   if (len != DIAG_DCI_PIECE_MAX) {
     g_diag_rsp_answered = true;
     sem_post(&g_diag_rsp_sem);
   }
 }
 
-int take_callback_response(const tervik_log_place& place, const uint8_t* ptr, int len,
+int take_callback_response(const char* func, const uint8_t* ptr, int len,
                            const void* context_data) {
   if (tervik_diag_cmd_response_check(ptr, len, context_data) != DIAG_OK) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_diag_cmd_response_check fail");
+    tervik_log_debug_as(func, "tervik_diag_cmd_response_check fail");
     return 1;
   }
   std::unique_ptr<uint8_t[]> ptr_out = allocate_response(len);
   if (ptr_out == nullptr) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
-                     "Failed to allocate memory for ptr_out");
+    tervik_log_error_as(func, "Failed to allocate memory for ptr_out");
     return 1;
   }
   memcpy(ptr_out.get(), ptr, static_cast<size_t>(len));
   const std::lock_guard lock(g_diag_dci_rsp_mutex);
-  if (!response_is_expected(place, len)) {
+  if (!response_is_expected(func, len)) {
     return 1;
   }
   g_qcril_diag_rsp_buf.data = std::move(ptr_out);
   g_qcril_diag_rsp_buf.length = len;
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
-                   "callback, cmd_code = 0x%02x, data_size = %d", ptr[0], len);
+  tervik_log_debug_as(func, "callback, cmd_code = 0x%02x, data_size = %d", ptr[0], len);
   g_diag_rsp_answered = true;
   sem_post(&g_diag_rsp_sem);
   return 0;
@@ -685,20 +706,19 @@ void tervik_diag_cmd_send_with_result_wait_create_thread() {
     const std::lock_guard lock(g_wait_thread.mutex);
     g_wait_thread.send_done = false;
     g_wait_thread.running = true;
+    g_wait_thread.started = true;
   }
   const int conf = create_diag_thread(tervik_diag_cmd_send_with_result_wait_thread_proc, nullptr);
   tervik_log_debug("tervik daig is created, conf = %d", conf);
   if (conf != 0) {
-    // Without the thread nothing would bound the wait: it is over at once.
     const std::lock_guard lock(g_wait_thread.mutex);
     g_wait_thread.running = false;
-    g_diag_rsp_timeout = 1;
-    sem_post(&g_diag_rsp_sem);
+    g_wait_thread.started = false;
   }
 }
 
 void* tervik_diag_cmd_send_with_result_wait_thread_proc(void* /*arg*/) {
-  run_wait_ticks();
+  run_wait_ticks(__func__);
   const std::lock_guard lock(g_wait_thread.mutex);
   g_wait_thread.running = false;
   g_wait_thread.changed.notify_all();
@@ -709,7 +729,7 @@ void* tervik_diag_cmd_send_with_result_wait_thread_proc(void* /*arg*/) {
 
 int tervik_diag_cmd_response_by_callback(unsigned char* ptr, int len, void* context_data) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
-  return take_callback_response(TERVIK_LOG_PLACE, ptr, len, context_data);
+  return take_callback_response(__func__, ptr, len, context_data);
 }
 
 int tervik_diag_cmd_response_by_callback_no_handle(unsigned char* /*ptr*/, int len,
@@ -720,7 +740,7 @@ int tervik_diag_cmd_response_by_callback_no_handle(unsigned char* /*ptr*/, int l
 
 void tervik_diag_cmd_response_by_dci(unsigned char* ptr, int len, void* context_data) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
-  take_dci_piece(TERVIK_LOG_PLACE, ptr, len, context_data);
+  take_dci_piece(__func__, ptr, len, context_data);
 }
 
 void tervik_diag_cmd_response_by_dci_no_handle(unsigned char* /*ptr*/, int len,
@@ -778,14 +798,14 @@ unsigned tervik_diag_cmd_send_with_result_by_callback_mode(const uint8_t* cmd, i
                                                            int* p_reply_len) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
   const std::lock_guard lock(g_diag_send_mutex);
-  if (check_send_arguments(TERVIK_LOG_PLACE, cmd, data_len, reply_buf, p_reply_len) != DIAG_OK) {
+  if (check_send_arguments(__func__, cmd, data_len, reply_buf, p_reply_len) != DIAG_OK) {
     return DIAG_FAIL;
   }
   tervik_diag_init_with_result();
   tervik_diag_register_callback(tervik_diag_cmd_response_by_callback);
   diag_switch_logging(DIAG_CALLBACK_MODE, nullptr);
   const unsigned result =
-      send_and_wait_by_callback(TERVIK_LOG_PLACE, cmd, data_len, time_out, reply_buf, p_reply_len);
+      send_and_wait_by_callback(__func__, cmd, data_len, time_out, reply_buf, p_reply_len);
   diag_switch_logging(DIAG_USB_MODE, nullptr);
   tervik_diag_deinit_with_result();
   return result;
@@ -796,11 +816,11 @@ unsigned tervik_diag_cmd_send_with_result_by_dci_mode(const uint8_t* cmd, int da
                                                       int* p_reply_len) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
   const std::lock_guard lock(g_diag_send_mutex);
-  if (check_send_arguments(TERVIK_LOG_PLACE, cmd, data_len, reply_buf, p_reply_len) != DIAG_OK) {
+  if (check_send_arguments(__func__, cmd, data_len, reply_buf, p_reply_len) != DIAG_OK) {
     return DIAG_FAIL;
   }
   tervik_diag_init_with_result();
-  return send_and_wait_by_dci(TERVIK_LOG_PLACE, cmd, data_len, time_out, reply_buf, p_reply_len);
+  return send_and_wait_by_dci(__func__, cmd, data_len, time_out, reply_buf, p_reply_len);
 }
 
 unsigned tervik_diag_cmd_send_without_result_start_thread(const uint8_t* cmd, int data_len,
@@ -815,7 +835,7 @@ unsigned tervik_diag_cmd_send_without_result_start_thread(const uint8_t* cmd, in
     tervik_log_error("Failed to allocate memory for ptr_out");
     return DIAG_FAIL;
   }
-  count_worker(+1);
+  add_pending_worker(block.get());
   const int conf = create_diag_thread(
       diag_work_mode != 0 ? tervik_diag_cmd_send_without_result_by_dci_mode_thread_proc
                           : tervik_diag_cmd_send_without_result_by_callback_mode_thread_proc,
@@ -824,7 +844,7 @@ unsigned tervik_diag_cmd_send_without_result_start_thread(const uint8_t* cmd, in
   if (conf == 0) {
     static_cast<void>(block.release());  // the worker's now
   } else {
-    count_worker(-1);
+    remove_pending_worker(block.get());
   }
   return DIAG_OK;
 }
@@ -838,19 +858,19 @@ unsigned tervik_diag_cmd_send_without_result_by_dci_mode(const uint8_t* cmd, int
 }
 
 void* tervik_diag_cmd_send_without_result_by_callback_mode_thread_proc(void* block) {
-  run_worker(TERVIK_LOG_PLACE, block, send_block_by_callback);
+  run_worker(__func__, block, send_block_by_callback);
   return nullptr;
 }
 
 void* tervik_diag_cmd_send_without_result_by_dci_mode_thread_proc(void* block) {
-  run_worker(TERVIK_LOG_PLACE, block, send_block_by_dci);
+  run_worker(__func__, block, send_block_by_dci);
   return nullptr;
 }
 
 void tervik_diag_wait_for_workers(int time_out) {
   std::unique_lock lock(g_pending_workers.mutex);
   g_pending_workers.changed.wait_for(lock, std::chrono::milliseconds(time_out),
-                                     [] { return g_pending_workers.count == 0; });
+                                     [] { return g_pending_workers.blocks.empty(); });
 }
 
 }  // extern "C"

@@ -56,7 +56,8 @@ void tervik_print_data_with_hex(const uint8_t* data, int len);
 
 void tervik_diag_init_with_result();
 void tervik_diag_deinit_with_result();
-// Starts a detached thread that ends the send's wait at the limit.
+// Starts a detached thread that ends the send's wait at the limit. When it cannot be started, the
+// send keeps that limit itself.
 void tervik_diag_cmd_send_with_result_wait_create_thread();
 // That thread: ticks every 100 ms until the send is done or the limit is reached.
 void* tervik_diag_cmd_send_with_result_wait_thread_proc(void* arg);

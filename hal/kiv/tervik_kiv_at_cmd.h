@@ -12,12 +12,15 @@ void tervik_test_at_cmd_show_help(int category);
 
 // The AT channel's device.
 extern const char* g_at_device_path;
-// How long the shell may take to write into the device.
+// The shell that writes into the device, and how long it may take. Both are there to be replaced by
+// tests.
+extern const char* g_at_shell_path;
 extern int g_at_shell_limit_ms;
 // The open AT channel; below 1 it is not open.
 extern std::atomic<int> g_at_serial_fd;
 
 // Writes the AT text, a carriage return and a newline into the device, through the shell.
 void tervik_test_at_cmd_send(const char* at_cmd);
-// The receiver thread: waits at most 3 s for an answer, logs it and sets the done flag.
+// The receiver thread: waits for an answer, at most until 3 s after the end of the send, logs it
+// and sets the done flag. `arg` points at the descriptor that is readable once the send has ended.
 void* tervik_test_at_cmd_receive(void* arg);

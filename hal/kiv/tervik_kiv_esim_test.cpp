@@ -64,10 +64,10 @@ struct eid_text {
 };
 
 // Asks for the EID until the eUICC reports one. False when it never does.
-bool read_eid(int attempts, uint8_t* eid) {
+bool read_eid(const char* func, int attempts, uint8_t* eid) {
   for (int i = 0; i < attempts; ++i) {
     usleep(EID_WAIT_US);
-    tervik_log_debug("try get eid loop = %d", i);
+    tervik_log_debug_as(func, "try get eid loop = %d", i);
     // A failed request shows as an EID that is still empty.
     static_cast<void>(tervik_uim_request_eid(&ESIM_SLOT, eid));
     if (eid[0] != 0) {
@@ -77,22 +77,22 @@ bool read_eid(int attempts, uint8_t* eid) {
   return false;
 }
 
-void switch_to_esim() {
+void switch_to_esim(const char* func) {
   if (!tervik_esim_sku_match()) {
     print_failed();
     return;
   }
-  tervik_log_debug("switch to eSIM");
-  tervik_log_debug("card counts = %d", ESIM_TYPES[0]);
+  tervik_log_debug_as(func, "switch to eSIM");
+  tervik_log_debug_as(func, "card counts = %d", ESIM_TYPES[0]);
   const int res = tervik_setSimType(ESIM_TYPES.data());
-  tervik_log_debug("switch to esim res = %d", res);
+  tervik_log_debug_as(func, "switch to esim res = %d", res);
   if (res != 0) {
     print_failed();
     return;
   }
   uint8_t eid[UIM_EID_SIZE] = {};
-  if (!read_eid(EID_ATTEMPTS_AFTER_SWITCH, eid)) {
-    tervik_log_debug("get eid timeout");
+  if (!read_eid(func, EID_ATTEMPTS_AFTER_SWITCH, eid)) {
+    tervik_log_debug_as(func, "get eid timeout");
     print_failed();
     return;
   }
@@ -105,30 +105,30 @@ void switch_to_esim() {
   printf("eID=%s\n", text.text);
 }
 
-void switch_to_physical_sim() {
-  tervik_log_debug("switch to SIM2");
+void switch_to_physical_sim(const char* func) {
+  tervik_log_debug_as(func, "switch to SIM2");
   const int res = tervik_setSimType(PHYSICAL_SIM_TYPES.data());
-  tervik_log_debug("switch to uim2 res = %d", res);
+  tervik_log_debug_as(func, "switch to uim2 res = %d", res);
   if (res != 0) {
     print_failed();
     return;
   }
-  tervik_log_debug("SIM2 Power Up successfully");
+  tervik_log_debug_as(func, "SIM2 Power Up successfully");
   puts("value=SUCCEED");
 }
 
-void show_eid() {
-  tervik_log_debug("tervik get eid");
+void show_eid(const char* func) {
+  tervik_log_debug_as(func, "tervik get eid");
   uint8_t eid[UIM_EID_SIZE] = {};
-  if (!read_eid(EID_ATTEMPTS, eid)) {
+  if (!read_eid(func, EID_ATTEMPTS, eid)) {
     print_failed();
     return;
   }
   printf("eID=%s\n", eid_text(eid).text);
 }
 
-void show_card_states() {
-  tervik_log_debug("try get simcard status");
+void show_card_states(const char* func) {
+  tervik_log_debug_as(func, "try get simcard status");
   uint16_t states = 0;
   if (tervik_uim_get_card_status(&states) != 0) {
     print_failed();
@@ -136,35 +136,35 @@ void show_card_states() {
   }
   uint8_t bytes[sizeof(states)];
   memcpy(bytes, &states, sizeof(states));
-  tervik_log_debug("card_status, [%d, %d]", bytes[0], bytes[1]);
+  tervik_log_debug_as(func, "card_status, [%d, %d]", bytes[0], bytes[1]);
   map_sim_state(bytes);
 }
 
-// Looks at the answer of a reset, its length first: true when it tells of one of the two successes.
-bool check_reset_answer(const uint8_t* answer) {
-  const int received = 1 + answer[0];
+// Looks at the answer of a reset, which begins with its length: true when it tells of one of the
+// two successes. What a short answer leaves of the buffer is zero, and shown as such.
+bool check_reset_answer(const char* func, const uint8_t* answer) {
   char apdu[2 * RESET_ANSWER_SIZE + 1] = {};
-  tervik_byte_to_hex(answer, std::min(received, RESET_ANSWER_SIZE), apdu);
-  tervik_log_debug("apdu=%s", apdu);
+  tervik_byte_to_hex(answer, RESET_ANSWER_SIZE, apdu);
+  tervik_log_debug_as(func, "apdu=%s", apdu);
   if (strcmp(apdu, RESET_DELETED) == 0) {
-    tervik_log_debug("tervik_uim_send_apdu, delete profile successfully.");
+    tervik_log_debug_as(func, "tervik_uim_send_apdu, delete profile successfully.");
     return true;
   }
   if (strcmp(apdu, RESET_NOTHING_TO_DELETE) == 0) {
-    tervik_log_debug("tervik_uim_send_apdu, nothing to delete.");
+    tervik_log_debug_as(func, "tervik_uim_send_apdu, nothing to delete.");
     return true;
   }
-  tervik_log_debug("tervik_uim_send_apdu, apdu rsp check failed.");
+  tervik_log_debug_as(func, "tervik_uim_send_apdu, apdu rsp check failed.");
   return false;
 }
 
 // A failure behind the open leaves the channel open: the card is in a state to be looked at.
-void reset_euicc() {
-  tervik_log_debug("Start eUICC Reset");
+void reset_euicc(const char* func) {
+  tervik_log_debug_as(func, "Start eUICC Reset");
   const uint8_t open_input[] = {ESIM_SLOT, FILE_CONTROL_INFORMATION};
   uint8_t channel_id = CHANNEL_NOT_OPEN;
   int res = tervik_uim_open_channel(open_input, &channel_id);
-  tervik_log_debug("tervik_uim_open_channel res = %d, channel_id = %d", res, channel_id);
+  tervik_log_debug_as(func, "tervik_uim_open_channel res = %d, channel_id = %d", res, channel_id);
   if (res != 0) {
     print_failed();
     return;
@@ -173,20 +173,20 @@ void reset_euicc() {
   command[RESET_CHANNEL_OFFSET] = channel_id;
   uint8_t answer[UIM_APDU_OUTPUT_SIZE] = {};
   res = tervik_uim_send_apdu(command.data(), answer);
-  tervik_log_debug("tervik_uim_send_apdu res = %d", res);
-  if (res != 0 || !check_reset_answer(answer)) {
+  tervik_log_debug_as(func, "tervik_uim_send_apdu res = %d", res);
+  if (res != 0 || !check_reset_answer(func, answer)) {
     print_failed();
     return;
   }
   const uint8_t close_input[] = {ESIM_SLOT, channel_id};
   res = tervik_uim_close_channel(close_input);
-  tervik_log_debug("tervik_uim_close_channel res = %d", res);
+  tervik_log_debug_as(func, "tervik_uim_close_channel res = %d", res);
   puts("value=SUCCEED");
 }
 
 // By esim_on, from 1.
-constexpr std::array<void (*)(), 5> CASES = {switch_to_esim, switch_to_physical_sim, show_eid,
-                                             show_card_states, reset_euicc};
+constexpr std::array<void (*)(const char* func), 5> CASES = {
+    switch_to_esim, switch_to_physical_sim, show_eid, show_card_states, reset_euicc};
 
 }  // namespace
 
@@ -194,16 +194,16 @@ bool tervik_esim_sku_match() {
   uint8_t item[HARDWARE_NV_SIZE] = {};
   uint32_t len = sizeof(item);
   if (tervik_extend_nv_read_item(HARDWARE_NV_ID, HARDWARE_NV_SUB, item, &len) != 0) {
-    tervik_log_debug("read nv6853 failed");
+    tervik_log_print(LOG_CLASS_DEBUG, HARDWARE_NV_SUB, "read nv6853 failed");
     return false;
   }
   uint32_t esim = 0;
   memcpy(&esim, item + HARDWARE_ESIM_OFFSET, sizeof(esim));
   if (esim == 1 || esim == 2) {
-    tervik_log_debug("hw support esim");
+    tervik_log_print(LOG_CLASS_DEBUG, HARDWARE_NV_SUB, "hw support esim");
     return true;
   }
-  tervik_log_debug("hw does not support esim");
+  tervik_log_print(LOG_CLASS_DEBUG, HARDWARE_NV_SUB, "hw does not support esim");
   return false;
 }
 
@@ -223,22 +223,23 @@ bool is_eid_valid(const char* eid_hex) {
 
 void save_eid_to_efs(const uint8_t* eid) {
   if (IS_EID_SAVE == 1) {
-    tervik_log_debug("EID already saved, skip");
+    tervik_log_print(LOG_CLASS_DEBUG, EID_SUB, "EID already saved, skip");
     return;
   }
   uint8_t stored[UIM_EID_SIZE] = {};
   uint32_t len = sizeof(stored);
   int error_code = tervik_efs_read(EID_SUB, EID_PATH, EID_PATH_LEN, stored, &len);
   if (error_code == 0) {
-    tervik_log_debug("EID already exists, set IS_EID_SAVE TRUE");
+    tervik_log_print(LOG_CLASS_DEBUG, EID_SUB, "EID already exists, set IS_EID_SAVE TRUE");
     IS_EID_SAVE = 1;
     return;
   }
-  tervik_log_debug("efs read failed and try save it. error_code : %d", error_code);
+  tervik_log_print(LOG_CLASS_DEBUG, EID_SUB, "efs read failed and try save it. error_code : %d",
+                   error_code);
   error_code = tervik_efs_write(EID_SUB, EID_PATH, EID_PATH_LEN, eid, len);
-  tervik_log_debug("save eid efs result = %d", error_code);
+  tervik_log_print(LOG_CLASS_DEBUG, EID_SUB, "save eid efs result = %d", error_code);
   if (error_code == 0) {
-    tervik_log_debug("save eid successfully, set IS_EID_SAVE TRUE");
+    tervik_log_print(LOG_CLASS_DEBUG, EID_SUB, "save eid successfully, set IS_EID_SAVE TRUE");
     IS_EID_SAVE = 1;
   }
 }
@@ -264,7 +265,7 @@ int tervik_cmn_esim_test(int argc, char** argv) {
     tervik_hal_close_print();
   }
   if (esim_on >= 1 && esim_on <= static_cast<int>(CASES.size())) {
-    CASES[static_cast<size_t>(esim_on - 1)]();
+    CASES[static_cast<size_t>(esim_on - 1)](__func__);
   } else {
     tervik_log_debug("invalid input skip");
     print_failed();

@@ -171,12 +171,14 @@ void tervik_test_qmi_modem_stats_gsm_rssi(uint32_t sub) {
 }
 
 void tervik_test_qmi_modem_stats_ant_info() {
+  constexpr uint32_t SUB = 0;
   modem_lyrax_mcs_trm_asdiv ant = {};
-  if (modem_lyrax_mcs_trm_asdiv_get(0, &ant) == 0) {
-    tervik_log_error("modem_lyrax_mcs_trm_asdiv_get failed");
+  if (modem_lyrax_mcs_trm_asdiv_get(SUB, &ant) == 0) {
+    tervik_log_print(LOG_CLASS_ERROR, SUB, "modem_lyrax_mcs_trm_asdiv_get failed");
     return;
   }
-  tervik_log_help(
+  tervik_log_print(
+      LOG_CLASS_HELP, SUB,
       "ANT INFO: ant_num: %d, ant_path: %d, sig_path: %d, old_config: %d, new_config: %d",
       ant.ant_number, ant.ant_switch_path, ant.sig_path, ant.old_config, ant.new_config);
 }

@@ -337,17 +337,18 @@ void print_logs_to_upgrade(std::span<const uint8_t> data) {
 }
 
 // Asks the modem for the DIAG logs whose versions it does not support, and prints them.
-void query_logs_to_upgrade() {
+void query_logs_to_upgrade(const char* func) {
   tervik_common_req_response rsp_not_support = {};
   int received = 0;
   const int result = tervik_common_qmi_req(TERVIK_COMMON_REQ_STATS_LOG_IDS, 0, nullptr,
                                            &rsp_not_support, &received);
   if (result != 0) {
-    tervik_log_error("tervik_common_qmi_req fail, result = %d, rsp_not_support.result = %d", result,
-                     rsp_not_support.result);
+    tervik_log_error_as(func,
+                        "tervik_common_qmi_req fail, result = %d, rsp_not_support.result = %d",
+                        result, rsp_not_support.result);
   } else if (rsp_not_support.result != 0) {
-    tervik_log_error("qmi response fail, result = %d, rsp_not_support.result = %d", result,
-                     rsp_not_support.result);
+    tervik_log_error_as(func, "qmi response fail, result = %d, rsp_not_support.result = %d", result,
+                        rsp_not_support.result);
   } else {
     print_logs_to_upgrade(modem_stats_reply_data(rsp_not_support, received));
   }
@@ -553,7 +554,7 @@ void tervik_modem_stats_support_status_check(std::span<const uint8_t> data) {
   } else if (record.version_not_support_num == 0) {
     print_banner("================ SUCCES ===================");
   } else {
-    query_logs_to_upgrade();
+    query_logs_to_upgrade(__func__);
   }
 }
 

@@ -33,20 +33,17 @@ constexpr std::array<category_command, 2> COMMANDS = {{
      }},
 }};
 
-// Sends a scan request with no optional field present; its results are not looked at. `place` is
-// the scan's own function, whose name the notice repeats.
+// Sends a scan request with no optional field present; its results are not looked at. The notice
+// repeats the name of the scan's function.
 template <typename Request, typename Response>
-[[nodiscard]] int send_scan(const tervik_log_place& place, int msg_id,
-                            nas_scan_scope_enum_v01 scan_scope) {
-  tervik_log_write(place, LOG_CLASS_NOTICE, TERVIK_NO_SUB, "%s, scan_scope = %d", place.func,
-                   static_cast<int>(scan_scope));
+[[nodiscard]] int send_scan(const char* func, int msg_id, nas_scan_scope_enum_v01 scan_scope) {
+  tervik_log_notice_as(func, "%s, scan_scope = %d", func, static_cast<int>(scan_scope));
   const Request request = {};
   const std::unique_ptr<Response> response(new (std::nothrow) Response{});
   const int result = tervik_send_nas_qmi_req_msg(msg_id, &request, sizeof(request), response.get(),
                                                  sizeof(Response), SCAN_TIMEOUT_MS);
   if (result != 0) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
-                     "qmi_client_send_msg_sync fail, qmi_client_error = %d", result);
+    tervik_log_error_as(func, "qmi_client_send_msg_sync fail, qmi_client_error = %d", result);
   }
   return result;
 }
@@ -56,7 +53,7 @@ template <typename Request, typename Response>
 int tervik_send_nas_perform_network_scan_req_msg_v01(nas_scan_scope_enum_v01 scan_scope) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
   return send_scan<nas_perform_network_scan_req_msg_v01, nas_perform_network_scan_resp_msg_v01>(
-      TERVIK_LOG_PLACE, QMI_NAS_PERFORM_NETWORK_SCAN_REQ_MSG_V01, scan_scope);
+      __func__, QMI_NAS_PERFORM_NETWORK_SCAN_REQ_MSG_V01, scan_scope);
 }
 
 int tervik_send_nas_perform_incremental_network_scan_req_msg_v01(
@@ -64,7 +61,7 @@ int tervik_send_nas_perform_incremental_network_scan_req_msg_v01(
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
   return send_scan<nas_perform_incremental_network_scan_req_msg_v01,
                    nas_perform_incremental_network_scan_resp_msg_v01>(
-      TERVIK_LOG_PLACE, QMI_NAS_PERFORM_INCREMENTAL_NETWORK_SCAN_REQ_MSG_V01, scan_scope);
+      __func__, QMI_NAS_PERFORM_INCREMENTAL_NETWORK_SCAN_REQ_MSG_V01, scan_scope);
 }
 
 int tervik_test_qmi_do(int argc, char** argv) {

@@ -103,98 +103,101 @@ struct print_switch {
   uint32_t content_len;
 };
 
+constexpr uint32_t PRINT_SWITCH_SUB = 0;
+
 constexpr print_switch LYRAX_PRINT = {
     "bp_lyrax_print", "/oem/lyrax/lyrax_print_mask", 27, {0x1F, 0, 0, 0}, 4};
 constexpr print_switch QMI_PRINT = {"bp_qmi_print", "/oem/debug/qmi_print_flag", 25, {1}, 1};
 constexpr print_switch RF_PRINT = {
     "bp_rf_print", "/oem/debug/rf_print_mask", 24, {0x0F, 0, 0, 0}, 4};
 
-void switch_print(const tervik_log_place& place, const print_switch& print, int opt) {
-  tervik_log_write(place, LOG_CLASS_NOTICE, TERVIK_NO_SUB, "%s, opt = %d", print.name, opt);
+void switch_print(const char* func, const print_switch& print, int opt) {
+  tervik_log_print_as(func, LOG_CLASS_NOTICE, PRINT_SWITCH_SUB, "%s, opt = %d", print.name, opt);
   const bool on = opt == 1;
-  const int result =
-      on ? tervik_efs_write(0, print.path, print.path_len, print.content.data(), print.content_len)
-         : tervik_efs_delete(0, print.path, print.path_len);
+  const int result = on ? tervik_efs_write(PRINT_SWITCH_SUB, print.path, print.path_len,
+                                           print.content.data(), print.content_len)
+                        : tervik_efs_delete(PRINT_SWITCH_SUB, print.path, print.path_len);
   if (result != 0) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "%s",
-                     on ? "tervik_efs_write failed" : "tervik_efs_delete failed");
+    tervik_log_print_as(func, LOG_CLASS_ERROR, PRINT_SWITCH_SUB, "%s",
+                        on ? "tervik_efs_write failed" : "tervik_efs_delete failed");
     return;
   }
   tervik_smart_test_nv_sync();
   tervik_smart_test_modem_ssr();
-  tervik_log_write(place, LOG_CLASS_NOTICE, TERVIK_NO_SUB, "success, pls wait 10 seconds ");
+  tervik_log_print_as(func, LOG_CLASS_NOTICE, PRINT_SWITCH_SUB, "success, pls wait 10 seconds ");
 }
 
 // ---- shared memory ----
 
 // Logs the first bytes of the open shared file.
-void log_shared_bytes(int fd) {
+void log_shared_bytes(const char* func, int fd) {
   const int truncated = ftruncate(fd, SHARE_MEMORY_SIZE);
-  tervik_log_notice("ftruncate, ret: %d", truncated);
+  tervik_log_notice_as(func, "ftruncate, ret: %d", truncated);
   if (truncated != 0) {
-    tervik_log_error("ftruncate error");
+    tervik_log_error_as(func, "ftruncate error");
     return;
   }
   void* mapping = mmap(nullptr, SHARE_MEMORY_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  tervik_log_notice("mmap, data_ptr: 0x%08x",
-                    static_cast<unsigned>(reinterpret_cast<uintptr_t>(mapping)));
+  tervik_log_notice_as(func, "mmap, data_ptr: 0x%08x",
+                       static_cast<unsigned>(reinterpret_cast<uintptr_t>(mapping)));
   if (mapping == MAP_FAILED) {
-    tervik_log_error("mmap error");
+    tervik_log_error_as(func, "mmap error");
     return;
   }
   const auto* data_ptr = static_cast<const uint8_t*>(mapping);
   for (int i = 0; i < SHARE_MEMORY_SHOWN; ++i) {
-    tervik_log_notice("data_ptr[%d]: %d", i, data_ptr[i]);
+    tervik_log_notice_as(func, "data_ptr[%d]: %d", i, data_ptr[i]);
   }
   const int unmapped = munmap(mapping, SHARE_MEMORY_SIZE);
-  tervik_log_notice("munmap, ret: %d", unmapped);
+  tervik_log_notice_as(func, "munmap, ret: %d", unmapped);
   if (unmapped != 0) {
-    tervik_log_error("munmap error");
+    tervik_log_error_as(func, "munmap error");
   }
 }
 
 // ---- modem test request ----
 
 // Logs the answer to a modem test request, of which `received` bytes came.
-void log_modem_test_answer(const tervik_common_response& rsp, int received) {
+void log_modem_test_answer(const char* func, const tervik_common_response& rsp, int received) {
   const int t_rsp = static_cast<int>(rsp.type);
-  tervik_log_debug("t_rsp %d", t_rsp);
+  tervik_log_debug_as(func, "t_rsp %d", t_rsp);
   if (t_rsp != TERVIK_COMMON_MODEM_TEST) {
-    tervik_log_debug("t_rsp != t");
+    tervik_log_debug_as(func, "t_rsp != t");
     return;
   }
   const unsigned l_rsp = rsp.data_len;
-  tervik_log_debug("l_rsp %d", l_rsp);
+  tervik_log_debug_as(func, "l_rsp %d", l_rsp);
   if (l_rsp >= MODEM_TEST_DATA_LIMIT) {
-    tervik_log_debug("l_rsp is out of range");
+    tervik_log_debug_as(func, "l_rsp is out of range");
     return;
   }
   unsigned cnt = 8;  // type and length
   if (l_rsp != 0) {
     const int carried = received - static_cast<int>(offsetof(tervik_common_response, data));
     const auto shown = std::min(l_rsp, static_cast<unsigned>(std::max(carried, 0)));
-    tervik_log_debug("data len(%d)\ndata: ", l_rsp);
-    tervik_print_byte_lines(TERVIK_LOG_PLACE, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+    tervik_log_debug_as(func, "data len(%d)\ndata: ", l_rsp);
+    tervik_print_byte_lines(TERVIK_LOG_PLACE_AS(func), LOG_CLASS_DEBUG, TERVIK_NO_SUB,
                             std::span(rsp.data).first(shown));
     cnt += l_rsp;
   }
-  tervik_log_debug("cnt %d", cnt);
+  tervik_log_debug_as(func, "cnt %d", cnt);
 }
 
 // ---- dispatch ----
 
 // Reads the command's argument; prints the reason when it is missing or out of range.
-bool read_argument(const smart_command& command, int argc, char** argv, int* value) {
+bool read_argument(const char* func, const smart_command& command, int argc, char** argv,
+                   int* value) {
   if (command.takes == argument::none) {
     return true;
   }
   if (argc < 4) {
-    tervik_log_error("%s", NOTE_TOO_FEW_PARAMETERS);
+    tervik_log_error_as(func, "%s", NOTE_TOO_FEW_PARAMETERS);
     return false;
   }
   *value = atoi(argv[3]);
   if (command.takes == argument::opt && *value != 0 && *value != 1) {
-    tervik_log_error("note: opt(%d) is invalid:", *value);
+    tervik_log_error_as(func, "note: opt(%d) is invalid:", *value);
     return false;
   }
   return true;
@@ -230,15 +233,15 @@ void tervik_smart_test_ap_lyrax_switch(int opt) {
 }
 
 void tervik_smart_test_bp_lyrax_print_switch(int opt) {
-  switch_print(TERVIK_LOG_PLACE, LYRAX_PRINT, opt);
+  switch_print(__func__, LYRAX_PRINT, opt);
 }
 
 void tervik_smart_test_bp_qmi_print_switch(int opt) {
-  switch_print(TERVIK_LOG_PLACE, QMI_PRINT, opt);
+  switch_print(__func__, QMI_PRINT, opt);
 }
 
 void tervik_smart_test_bp_rf_print_switch(int opt) {
-  switch_print(TERVIK_LOG_PLACE, RF_PRINT, opt);
+  switch_print(__func__, RF_PRINT, opt);
 }
 
 void tervik_smart_test_share_memory() {
@@ -255,7 +258,7 @@ void tervik_smart_test_sh_test_read() {
     tervik_log_error("shm_open error");
     return;
   }
-  log_shared_bytes(fd);
+  log_shared_bytes(__func__, fd);
   tervik_log_notice("close fd");
   close(fd);
 }
@@ -316,7 +319,7 @@ void tervik_qmi_send_modem_test_request(int type) {
   } else if (rsp.result != 0) {
     tervik_log_debug("qmi response fail");
   } else {
-    log_modem_test_answer(rsp, received);
+    log_modem_test_answer(__func__, rsp, received);
   }
 }
 
@@ -334,7 +337,7 @@ void tervik_smart_test_do(int argc, char** argv) {
     return;
   }
   int value = 0;
-  if (!read_argument(*command, argc, argv, &value)) {
+  if (!read_argument(__func__, *command, argc, argv, &value)) {
     show_help(CATEGORY);
     return;
   }

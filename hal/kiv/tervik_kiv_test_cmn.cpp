@@ -161,7 +161,7 @@ unsigned send_without_result(const diag_transport& transport, std::span<const ui
 }
 
 // Sends the command and prints the outcome. 0, or the code of the failed send.
-[[nodiscard]] int send_diag_command(const diag_transport& transport,
+[[nodiscard]] int send_diag_command(const char* func, const diag_transport& transport,
                                     std::span<const uint8_t> command, int time_out) {
   std::array<uint8_t, DIAG_RESPONSE_SIZE> response = {};
   int response_len = static_cast<int>(response.size());
@@ -171,7 +171,7 @@ unsigned send_without_result(const diag_transport& transport, std::span<const ui
                                           time_out, response.data(), &response_len)
                   : send_without_result(transport, command, time_out);
   if (result != 0) {
-    tervik_log_error("tervik_diag_cmd_send fail");
+    tervik_log_error_as(func, "tervik_diag_cmd_send fail");
     return static_cast<int>(result);
   }
   if (with_result) {
@@ -201,11 +201,11 @@ void print_common_answer(const tervik_common_response& response, int received) {
 }
 
 // Parses `param_cnt` parameters from argv[3] on and sends them.
-[[nodiscard]] int send_card_command(const tervik_log_place& place, int type, int param_cnt,
-                                    int argc, char** argv, bool as_flags) {
+[[nodiscard]] int send_card_command(const char* func, int type, int param_cnt, int argc,
+                                    char** argv, bool as_flags) {
   std::array<int32_t, CARD_PARAMS_MAX> params = {};
   if (param_cnt < 0 || static_cast<size_t>(param_cnt) > params.size() ||
-      !tervik_check_argc(place, argc, param_cnt + 3)) {
+      !tervik_check_argc(TERVIK_LOG_PLACE_AS(func), argc, param_cnt + 3)) {
     return TERVIK_ERR_INVALID_INPUT;
   }
   printf("param(cnt: %d):", param_cnt);
@@ -286,7 +286,7 @@ int tervik_cmn_diag_cmd_send(int argc, char** argv) {
   print_bytes(command, "", " ");
   const diag_transport& transport = DIAG_TRANSPORTS[mode != 0 ? 1 : 0][type != 0 ? 1 : 0];
   tervik_log_notice("%s", transport.name);
-  return send_diag_command(transport, command, time_out);
+  return send_diag_command(__func__, transport, command, time_out);
 }
 
 int tervik_cmn_cmd_send(int type, unsigned int len, const char* data) {
@@ -320,11 +320,11 @@ int tervik_cmn_cmd_send(int type, unsigned int len, const char* data) {
 }
 
 int tervik_cmn_card_status_cmd(int type, int param_cnt, int argc, char** argv) {
-  return send_card_command(TERVIK_LOG_PLACE, type, param_cnt, argc, argv, true);
+  return send_card_command(__func__, type, param_cnt, argc, argv, true);
 }
 
 int tervik_cmn_card_status_cmd_ex(int type, int param_cnt, int argc, char** argv) {
-  return send_card_command(TERVIK_LOG_PLACE, type, param_cnt, argc, argv, false);
+  return send_card_command(__func__, type, param_cnt, argc, argv, false);
 }
 
 int tervik_cmn_card_status_query(int argc, char** argv) {

@@ -22,6 +22,9 @@ namespace {
 constexpr int CATEGORY_NV = 1;
 constexpr int CATEGORY_UNUSED = 2;
 
+// The log names the program's entry, whose work this file does.
+constexpr const char* ENTRY_NAME = "main";
+
 struct category_row {
   int category;
   void (*run)(int argc, char** argv);
@@ -65,7 +68,7 @@ constexpr std::array NV_HELP = {
 bool run_category(int argc, char** argv) {
   const int category = atoi(argv[1]);
   if (category == CATEGORY_NV || category == CATEGORY_UNUSED) {
-    tervik_log_notice("Not support");
+    tervik_log_notice_as(ENTRY_NAME, "Not support");
     return true;
   }
   const auto row =

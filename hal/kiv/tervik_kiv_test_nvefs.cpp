@@ -66,34 +66,33 @@ typed_data data_of(int argc, char** argv) {
   return data;
 }
 
-[[nodiscard]] bool check_write_argc(const tervik_log_place& place, int argc) {
+[[nodiscard]] bool check_write_argc(const char* func, int argc) {
   if (argc > FIRST_DATA_ARG) {
     return true;
   }
-  tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
-                   "note: Too few inputs, Pls refer to the following cmd:");
+  tervik_log_error_as(func, "note: Too few inputs, Pls refer to the following cmd:");
   return false;
 }
 
 // ---- output ----
 
 // The end of every command: reports a failed operation and passes its result on.
-[[nodiscard]] int report(const tervik_log_place& place, uint32_t sub, int result) {
+[[nodiscard]] int report(const char* func, uint32_t sub, int result) {
   if (result != 0) {
-    tervik_log_write(place, LOG_CLASS_ERROR, sub,
-                     "tervik_extend_qmi_send_sync fail, REQUEST_ID_EFS");
+    tervik_log_print_as(func, LOG_CLASS_ERROR, sub,
+                        "tervik_extend_qmi_send_sync fail, REQUEST_ID_EFS");
   }
   return result;
 }
 
 // The end of the read commands: on success the bytes, each on its line.
-[[nodiscard]] int report_read(const tervik_log_place& place, uint32_t sub, int result,
+[[nodiscard]] int report_read(const char* func, uint32_t sub, int result,
                               std::span<const uint8_t> data) {
   if (result != 0) {
-    return report(place, sub, result);
+    return report(func, sub, result);
   }
-  tervik_log_write(place, LOG_CLASS_NOTICE, sub, "data len(%zu)\ndata: ", data.size());
-  tervik_print_byte_lines(place, LOG_CLASS_NOTICE, sub, data);
+  tervik_log_print_as(func, LOG_CLASS_NOTICE, sub, "data len(%zu)\ndata: ", data.size());
+  tervik_print_byte_lines(TERVIK_LOG_PLACE_AS(func), LOG_CLASS_NOTICE, sub, data);
   return 0;
 }
 
@@ -106,15 +105,15 @@ int tervik_nvefs_test_nv_read(int argc, char** argv) {
   std::array<uint8_t, DATA_MAX> data = {};
   uint32_t len = data.size();
   const int result = tervik_nv_read(sub_of(argv), nv_id_of(argv), data.data(), &len);
-  return report_read(TERVIK_LOG_PLACE, sub_of(argv), result, std::span(data).first(len));
+  return report_read(__func__, sub_of(argv), result, std::span(data).first(len));
 }
 
 int tervik_nvefs_test_nv_write(int argc, char** argv) {
-  if (!check_write_argc(TERVIK_LOG_PLACE, argc)) {
+  if (!check_write_argc(__func__, argc)) {
     return TERVIK_ERR_INVALID_INPUT;
   }
   const typed_data data = data_of(argc, argv);
-  return report(TERVIK_LOG_PLACE, sub_of(argv),
+  return report(__func__, sub_of(argv),
                 tervik_nv_write_ex(sub_of(argv), nv_id_of(argv), data.bytes.data(), data.len));
 }
 
@@ -122,7 +121,7 @@ int tervik_nvefs_test_nv_delete(int argc, char** argv) {
   if (!tervik_check_argc(TERVIK_LOG_PLACE, argc, 5)) {
     return TERVIK_ERR_INVALID_INPUT;
   }
-  return report(TERVIK_LOG_PLACE, sub_of(argv), tervik_nv_delete(sub_of(argv), nv_id_of(argv)));
+  return report(__func__, sub_of(argv), tervik_nv_delete(sub_of(argv), nv_id_of(argv)));
 }
 
 int tervik_nvefs_test_efs_read(int argc, char** argv) {
@@ -133,15 +132,15 @@ int tervik_nvefs_test_efs_read(int argc, char** argv) {
   uint32_t len = data.size();
   const int result =
       tervik_efs_read(sub_of(argv), efs_path_of(argv), efs_path_len_of(argv), data.data(), &len);
-  return report_read(TERVIK_LOG_PLACE, sub_of(argv), result, std::span(data).first(len));
+  return report_read(__func__, sub_of(argv), result, std::span(data).first(len));
 }
 
 int tervik_nvefs_test_efs_write(int argc, char** argv) {
-  if (!check_write_argc(TERVIK_LOG_PLACE, argc)) {
+  if (!check_write_argc(__func__, argc)) {
     return TERVIK_ERR_INVALID_INPUT;
   }
   const typed_data data = data_of(argc, argv);
-  return report(TERVIK_LOG_PLACE, sub_of(argv),
+  return report(__func__, sub_of(argv),
                 tervik_efs_write(sub_of(argv), efs_path_of(argv), efs_path_len_of(argv),
                                  data.bytes.data(), data.len));
 }
@@ -150,7 +149,7 @@ int tervik_nvefs_test_efs_delete(int argc, char** argv) {
   if (!tervik_check_argc(TERVIK_LOG_PLACE, argc, 5)) {
     return TERVIK_ERR_INVALID_INPUT;
   }
-  return report(TERVIK_LOG_PLACE, sub_of(argv),
+  return report(__func__, sub_of(argv),
                 tervik_efs_delete(sub_of(argv), efs_path_of(argv), efs_path_len_of(argv)));
 }
 

@@ -80,21 +80,21 @@ constexpr uint32_t TX_TEST_SUB_COMMAND = 1;
 
 // Sends a setting; what the modem answers is not examined.
 template <typename Request>
-[[nodiscard]] int send_setting(const tervik_log_place& place, const Request& request) {
+[[nodiscard]] int send_setting(const char* func, const Request& request) {
   uint8_t response[sizeof(tervik_common_response)] = {};
   int response_len = sizeof(response);
   const int result =
       tervik_extend_qmi_send_sync(REQUEST_ID_COMMON, reinterpret_cast<const uint8_t*>(&request),
                                   sizeof(request), response, &response_len);
   if (result != 0) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
-                     "tervik_extend_qmi_send_sync fail, REQUEST_ID_COMMON");
+    tervik_log_error_as(func, "tervik_extend_qmi_send_sync fail, REQUEST_ID_COMMON");
   }
   return result;
 }
 
-// ---- settings as the modem keeps them: EFS files of subscription 0 ----
+// ---- settings as the modem keeps them: EFS files of one subscription ----
 
+constexpr uint32_t SETTING_SUB = 0;
 constexpr size_t SETTING_DATA_MAX = 365;
 
 struct rf_setting {
@@ -107,40 +107,42 @@ constexpr rf_setting GPIO_SETTING = {"/oem/debug/rf_ant_port_config", 30, false}
 constexpr rf_setting TX_SETTING = {"/oem/debug/ant_tx_config", 25, true};
 
 // The beginning of the commands that take no argument of their own.
-[[nodiscard]] bool check_bare_command(const tervik_log_place& place, int argc, int command) {
-  tervik_log_write(place, LOG_CLASS_NOTICE, TERVIK_NO_SUB, "%s", place.func);
+[[nodiscard]] bool check_bare_command(const char* func, int argc, int command) {
+  tervik_log_print_as(func, LOG_CLASS_NOTICE, SETTING_SUB, "%s", func);
   if (argc == 3) {
     return true;
   }
-  tervik_log_write(
-      place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
+  tervik_log_print_as(
+      func, LOG_CLASS_ERROR, SETTING_SUB,
       "note: Cmd error, should be: kiv %d %d , Pls refer to the following cmd:", CATEGORY, command);
   return false;
 }
 
-[[nodiscard]] int report_efs(const tervik_log_place& place, int result) {
+[[nodiscard]] int report_efs(const char* func, int result) {
   if (result != 0) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
-                     "tervik_extend_qmi_send_sync fail, REQUEST_ID_EFS");
+    tervik_log_print_as(func, LOG_CLASS_ERROR, SETTING_SUB,
+                        "tervik_extend_qmi_send_sync fail, REQUEST_ID_EFS");
   }
   return result;
 }
 
-[[nodiscard]] int get_setting(const tervik_log_place& place, const rf_setting& setting) {
+[[nodiscard]] int get_setting(const char* func, const rf_setting& setting) {
   std::array<uint8_t, SETTING_DATA_MAX> data = {};
   uint32_t len = data.size();
-  const int result = tervik_efs_read(0, setting.path, setting.path_len, data.data(), &len);
+  const int result =
+      tervik_efs_read(SETTING_SUB, setting.path, setting.path_len, data.data(), &len);
   if (result != 0) {
-    return report_efs(place, result);
+    return report_efs(func, result);
   }
-  tervik_log_write(place, LOG_CLASS_NOTICE, TERVIK_NO_SUB, "data len(%d)%sdata: ", len,
-                   setting.length_on_own_line ? "\n" : "");
-  tervik_print_byte_lines(place, LOG_CLASS_NOTICE, TERVIK_NO_SUB, std::span(data).first(len));
+  tervik_log_print_as(func, LOG_CLASS_NOTICE, SETTING_SUB, "data len(%d)%sdata: ", len,
+                      setting.length_on_own_line ? "\n" : "");
+  tervik_print_byte_lines(TERVIK_LOG_PLACE_AS(func), LOG_CLASS_NOTICE, SETTING_SUB,
+                          std::span(data).first(len));
   return 0;
 }
 
-[[nodiscard]] int close_setting(const tervik_log_place& place, const rf_setting& setting) {
-  return report_efs(place, tervik_efs_delete(0, setting.path, setting.path_len));
+[[nodiscard]] int close_setting(const char* func, const rf_setting& setting) {
+  return report_efs(func, tervik_efs_delete(SETTING_SUB, setting.path, setting.path_len));
 }
 
 }  // namespace
@@ -160,18 +162,17 @@ int tervik_gpio_test_set(int argc, char** argv) {
     tervik_log_notice("tervik_gpio_test_set, gpio_v[%d]: %d", static_cast<int>(i),
                       request.values[i]);
   }
-  return send_setting(TERVIK_LOG_PLACE, request);
+  return send_setting(__func__, request);
 }
 
 int tervik_gpio_test_get(int argc) {
-  return check_bare_command(TERVIK_LOG_PLACE, argc, 1) ? get_setting(TERVIK_LOG_PLACE, GPIO_SETTING)
-                                                       : TERVIK_ERR_INVALID_INPUT;
+  return check_bare_command(__func__, argc, 1) ? get_setting(__func__, GPIO_SETTING)
+                                               : TERVIK_ERR_INVALID_INPUT;
 }
 
 int tervik_gpio_test_closed(int argc) {
-  return check_bare_command(TERVIK_LOG_PLACE, argc, 2)
-             ? close_setting(TERVIK_LOG_PLACE, GPIO_SETTING)
-             : TERVIK_ERR_INVALID_INPUT;
+  return check_bare_command(__func__, argc, 2) ? close_setting(__func__, GPIO_SETTING)
+                                               : TERVIK_ERR_INVALID_INPUT;
 }
 
 int tervik_rf_tx_test_set(int argc, char** argv) {
@@ -188,17 +189,17 @@ int tervik_rf_tx_test_set(int argc, char** argv) {
   tervik_log_notice(" v_ant(%d)", request.v_ant);
   tervik_log_notice(" v_sys(%d)", request.v_sys);
   tervik_log_notice(" v_band_list(%lu)", request.v_band_list);
-  return send_setting(TERVIK_LOG_PLACE, request);
+  return send_setting(__func__, request);
 }
 
 int tervik_rf_tx_test_get(int argc) {
-  return check_bare_command(TERVIK_LOG_PLACE, argc, 4) ? get_setting(TERVIK_LOG_PLACE, TX_SETTING)
-                                                       : TERVIK_ERR_INVALID_INPUT;
+  return check_bare_command(__func__, argc, 4) ? get_setting(__func__, TX_SETTING)
+                                               : TERVIK_ERR_INVALID_INPUT;
 }
 
 int tervik_rf_tx_test_closed(int argc) {
-  return check_bare_command(TERVIK_LOG_PLACE, argc, 5) ? close_setting(TERVIK_LOG_PLACE, TX_SETTING)
-                                                       : TERVIK_ERR_INVALID_INPUT;
+  return check_bare_command(__func__, argc, 5) ? close_setting(__func__, TX_SETTING)
+                                               : TERVIK_ERR_INVALID_INPUT;
 }
 
 int tervik_test_rf_do(int argc, char** argv) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -28,29 +29,32 @@ struct modem_api_client {
   modem_api_operational_status_event_cb operational_status_cb;
 };
 
-// The client id is the slot.
-std::array<std::unique_ptr<modem_api_client>, CLIENTS_MAX> g_clients;
-std::mutex g_client_table_mutex;
 std::mutex g_module_mutex;
 uint32_t g_init_count = 0;  // under g_module_mutex
+// Held while a client is freed; taken before g_clients_mutex.
+std::mutex g_client_table_mutex;
+// Never held over a call of the VS client, whose status callback takes it.
+std::mutex g_clients_mutex;
+// The client id is the slot. Under g_clients_mutex.
+std::array<std::unique_ptr<modem_api_client>, CLIENTS_MAX> g_clients;
 
 // ---- white list ----
 
 constexpr std::array<const char*, 3> WHITE_LIST = {"qcrilNrd", "kiv", "modem_api_test"};
 
-bool g_white_list_checked = false;
-bool g_white_list_failed = false;
+std::atomic<bool> g_white_list_checked{false};
+std::atomic<bool> g_white_list_failed{false};
 
 bool is_on_white_list(const char* p_name) {
   return std::any_of(WHITE_LIST.begin(), WHITE_LIST.end(),
                      [p_name](const char* known) { return tervik_str_cmp(p_name, known) == 0; });
 }
 
-[[nodiscard]] bool admitted() {
+[[nodiscard]] bool admitted(const char* func) {
   if (modem_api_check_white_list() != 0) {
     return true;
   }
-  tervik_log_error("check fail, do nothing");
+  tervik_log_error_as(func, "check fail, do nothing");
   return false;
 }
 
@@ -68,26 +72,74 @@ bool modem_api_check_client_valid(int32_t client_id) {
   if (!in_table(client_id)) {
     return false;
   }
+  const std::lock_guard lock(g_clients_mutex);
   const modem_api_client* client = slot_of(client_id).get();
   return client != nullptr && client->client_type == VS_CLIENT_TYPE &&
          client->operational_status == VS_CONNECTED;
 }
 
-// The result with which another client of the type keeps a new one out; 0 when there is none.
-uint32_t refused_by_other_client() {
+void forget_clients() {
+  const std::lock_guard lock(g_clients_mutex);
+  g_clients = {};
+}
+
+// The result with which another client of the type keeps a new one out; 0 when there is none. The
+// clients' mutex is held.
+uint32_t refused_by_other_client(const char* func) {
   for (const auto& client : g_clients) {
     if (client == nullptr || client->client_type != VS_CLIENT_TYPE) {
       continue;
     }
     if (client->operational_status == VS_CONNECTED) {
-      tervik_log_debug("Already another client init vs client successfully");
+      tervik_log_debug_as(func, "Already another client init vs client successfully");
       return MODEM_API_OTHER_CLIENT;
     }
-    tervik_log_debug("Another client init vs client with operational status %d",
-                     client->operational_status);
+    tervik_log_debug_as(func, "Another client init vs client with operational status %d",
+                        client->operational_status);
     return MODEM_API_OTHER_CLIENT_NOT_READY;
   }
   return MODEM_API_SUCCESS;
+}
+
+// Puts a client into the lowest empty slot, whose number goes to `client_id`.
+uint32_t add_client(const char* func, std::unique_ptr<modem_api_client> client,
+                    int32_t* client_id) {
+  const std::lock_guard lock(g_clients_mutex);
+  const uint32_t refused = refused_by_other_client(func);
+  if (refused != MODEM_API_SUCCESS) {
+    return refused;
+  }
+  const auto slot = std::find(g_clients.begin(), g_clients.end(), nullptr);
+  if (slot == g_clients.end()) {
+    tervik_log_error_as(func, "no more client can be added");
+    return MODEM_API_NO_SLOT;
+  }
+  *slot = std::move(client);
+  *client_id = static_cast<int32_t>(slot - g_clients.begin());
+  return MODEM_API_SUCCESS;
+}
+
+bool is_taken(int32_t client_id) {
+  const std::lock_guard lock(g_clients_mutex);
+  return slot_of(client_id) != nullptr;
+}
+
+void empty_slot(int32_t client_id) {
+  const std::lock_guard lock(g_clients_mutex);
+  slot_of(client_id).reset();
+}
+
+// Stores the status of a client of that type and gives out its callback. False: there is none.
+bool store_status(int32_t client_id, uint32_t client_type, uint32_t status,
+                  modem_api_operational_status_event_cb* status_cb) {
+  const std::lock_guard lock(g_clients_mutex);
+  modem_api_client* client = slot_of(client_id).get();
+  if (client == nullptr || client->client_type != client_type) {
+    return false;
+  }
+  client->operational_status = status;
+  *status_cb = client->operational_status_cb;
+  return true;
 }
 
 // ---- results ----
@@ -142,20 +194,21 @@ struct value_text {
 };
 
 // Fills the entries of a request from the caller's, which are cut to their buffers.
-void fill_entries(uint32_t sub, const stats_para_data& data, vs_get_stats_parameter_req& request) {
+void fill_entries(const char* func, uint32_t sub, const stats_para_data& data,
+                  vs_get_stats_parameter_req& request) {
   request.entries_len = data.para_num;
   for (uint32_t i = 0; i < data.para_num; ++i) {
     vs_stats_entry& entry = request.entries[i];
     entry.id = data.para[i].id;
     entry.value_len = std::min(data.para[i].value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
     memcpy(entry.value, data.para[i].value, sizeof(entry.value));
-    tervik_log_print(LOG_CLASS_DEBUG, sub,
-                     "req: ids[%d] = %d, value_len = %d, type = %d, value: %s", i, entry.id,
-                     entry.value_len, entry.second_half_word, value_text(entry).text);
+    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub,
+                        "req: ids[%d] = %d, value_len = %d, type = %d, value: %s", i, entry.id,
+                        entry.value_len, entry.second_half_word, value_text(entry).text);
   }
 }
 
-void take_entries(uint32_t sub, const vs_get_stats_parameter_resp& response,
+void take_entries(const char* func, uint32_t sub, const vs_get_stats_parameter_resp& response,
                   stats_para_data& data) {
   data.para_num = std::min(response.entries_len, static_cast<uint32_t>(VS_STATS_ENTRIES_MAX));
   for (uint32_t i = 0; i < data.para_num; ++i) {
@@ -166,8 +219,8 @@ void take_entries(uint32_t sub, const vs_get_stats_parameter_resp& response,
     taken.id = entry.id;
     taken.value_len = std::min(entry.value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
     memcpy(taken.value, entry.value, taken.value_len);
-    tervik_log_print(LOG_CLASS_DEBUG, sub, "rsp: ids[%d] = %d, value_len = %d, value: %s", i,
-                     taken.id, taken.value_len, value_text(taken).text);
+    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "rsp: ids[%d] = %d, value_len = %d, value: %s",
+                        i, taken.id, taken.value_len, value_text(taken).text);
   }
 }
 
@@ -227,14 +280,14 @@ uint32_t modem_api_check_white_list() {
 }
 
 uint32_t modem_api_init() {
-  if (!admitted()) {
+  if (!admitted(__func__)) {
     return MODEM_API_NOT_ALLOWED;
   }
   {
     const std::lock_guard lock(g_module_mutex);
     if (g_init_count == 0) {
       ++g_init_count;
-      g_clients = {};
+      forget_clients();
     }
   }
   vs_init();
@@ -245,7 +298,7 @@ uint32_t modem_api_release() {
   const std::lock_guard lock(g_module_mutex);
   if (g_init_count >= 1) {
     --g_init_count;
-    g_clients = {};
+    forget_clients();
   }
   return MODEM_API_SUCCESS;
 }
@@ -253,7 +306,7 @@ uint32_t modem_api_release() {
 uint32_t modem_api_init_client(uint32_t client_type, vs_event_cb event_cb,
                                modem_api_operational_status_event_cb status_cb,
                                int32_t* client_id) {
-  if (!admitted()) {
+  if (!admitted(__func__)) {
     return MODEM_API_NOT_ALLOWED;
   }
   std::unique_ptr<modem_api_client> client(new (std::nothrow) modem_api_client{});
@@ -265,45 +318,39 @@ uint32_t modem_api_init_client(uint32_t client_type, vs_event_cb event_cb,
     tervik_log_error("modem api client type %d not supported", client_type);
     return MODEM_API_NOT_SUPPORTED;
   }
-  const uint32_t refused = refused_by_other_client();
-  if (refused != MODEM_API_SUCCESS) {
-    return refused;
-  }
-  const auto slot = std::find(g_clients.begin(), g_clients.end(), nullptr);
-  if (slot == g_clients.end()) {
-    tervik_log_error("no more client can be added");
-    return MODEM_API_NO_SLOT;
-  }
   client->pid = static_cast<uint32_t>(getpid());
   client->event_cb = event_cb;
   client->operational_status_cb = status_cb;
-  *slot = std::move(client);
+  int32_t new_id = 0;
+  const uint32_t result = add_client(__func__, std::move(client), &new_id);
+  if (result != MODEM_API_SUCCESS) {
+    return result;
+  }
   vs_client_set_operational_status_callback(modem_api_operational_status_cb);
   if (vs_client_init(event_cb) == 0) {
-    slot->reset();
+    empty_slot(new_id);
     return MODEM_API_FAILURE;
   }
-  *client_id = static_cast<int32_t>(slot - g_clients.begin());
-  tervik_log_debug("new client: type %d, id %d", client_type, *client_id);
+  *client_id = new_id;
+  tervik_log_debug("new client: type %d, id %d", client_type, new_id);
   return MODEM_API_SUCCESS;
 }
 
 void modem_api_operational_status_cb(uint32_t client_type, uint32_t status) {
-  for (size_t id = 0; id < g_clients.size(); ++id) {
-    modem_api_client* client = g_clients[id].get();
-    if (client == nullptr || client->client_type != client_type) {
+  for (int32_t id = 0; id < static_cast<int32_t>(CLIENTS_MAX); ++id) {
+    modem_api_operational_status_event_cb status_cb = nullptr;
+    if (!store_status(id, client_type, status, &status_cb)) {
       continue;
     }
-    client->operational_status = status;
-    tervik_log_debug("client type %d, client id %d, operational_status %d", client_type,
-                     static_cast<int>(id), status);
-    if (client->operational_status_cb == nullptr) {
+    tervik_log_debug("client type %d, client id %d, operational_status %d", client_type, id,
+                     status);
+    if (status_cb == nullptr) {
       continue;
     }
     if (status == VS_CONNECTED) {
-      client->operational_status_cb(MODEM_API_EVENT_CONNECTED, client_type);
+      status_cb(MODEM_API_EVENT_CONNECTED, client_type);
     } else if (status == STATUS_LOST) {
-      client->operational_status_cb(MODEM_API_EVENT_LOST, client_type);
+      status_cb(MODEM_API_EVENT_LOST, client_type);
     }
   }
 }
@@ -315,15 +362,13 @@ uint32_t modem_api_free_client(int32_t client_id) {
     return MODEM_API_INVALID_CLIENT;
   }
   const std::lock_guard lock(g_client_table_mutex);
-  std::unique_ptr<modem_api_client>& slot = slot_of(client_id);
-  if (slot == nullptr) {
+  if (!is_taken(client_id)) {
     tervik_log_error("client already freed");
     return MODEM_API_SUCCESS;
   }
-  if (slot->client_type == VS_CLIENT_TYPE) {
-    vs_client_release();
-  }
-  slot.reset();
+  // The one type that is let in.
+  vs_client_release();
+  empty_slot(client_id);
   return MODEM_API_SUCCESS;
 }
 
@@ -381,7 +426,7 @@ uint32_t modem_api_get_stats_parameter(int32_t client_id, uint16_t sub, uint16_t
   vs_get_stats_parameter_req request = {};
   request.sub = sub;
   request.slot = slot;
-  fill_entries(sub, *data, request);
+  fill_entries(__func__, sub, *data, request);
   vs_get_stats_parameter_resp response = {};
   const qmi_client_error_type qmi_error = vs_client_send_msg_sync(
       VS_GET_STATS_PARAMETER, &request, sizeof(request), &response, sizeof(response));
@@ -392,7 +437,7 @@ uint32_t modem_api_get_stats_parameter(int32_t client_id, uint16_t sub, uint16_t
   if (response.entries_valid == 0) {
     return MODEM_API_FAILURE;
   }
-  take_entries(sub, response, *data);
+  take_entries(__func__, sub, response, *data);
   return MODEM_API_SUCCESS;
 }
 

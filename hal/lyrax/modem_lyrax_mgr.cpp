@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -19,7 +20,7 @@ constexpr uint32_t DATA_GET_SUCCESS = 0;
 constexpr uint32_t DATA_GET_FAILURE = 1;
 constexpr uint32_t SYS_MODE_ID = 0x2C;
 
-int32_t g_lyrax_client_id = -1;
+std::atomic<int32_t> g_lyrax_client_id{-1};
 uint32_t g_lyrax_req_number = 0;
 
 // Held by each getter for its whole run; guards the blob and the cursor below.
@@ -165,18 +166,18 @@ constexpr std::array NR5G_POWER_FIELDS = {
 // ---- decoding ----
 
 // Copies the next `width` bytes of the blob. False when they are not there.
-[[nodiscard]] bool read_field(const tervik_log_place& place, uint32_t sub, const char* name,
-                              uint32_t width, void* to) {
+[[nodiscard]] bool read_field(const char* func, uint32_t sub, const char* name, uint32_t width,
+                              void* to) {
   if (g_lyrax_data_left < width) {
-    tervik_log_write(place, LOG_CLASS_ERROR, sub,
-                     "g_lyrax_data_left(%d) is not enough for %s, id(0x%x)", g_lyrax_data_left,
-                     name, g_lyrax_data_id);
+    tervik_log_print_as(func, LOG_CLASS_ERROR, sub,
+                        "g_lyrax_data_left(%d) is not enough for %s, id(0x%x)", g_lyrax_data_left,
+                        name, g_lyrax_data_id);
     return false;
   }
   if (g_pK_DATA_CNT < 0) {
-    tervik_log_write(place, LOG_CLASS_ERROR, sub,
-                     "g_pK_DATA_CNT(%d) is can not < 0 for %s, id(0x%x)", g_pK_DATA_CNT, name,
-                     g_lyrax_data_id);
+    tervik_log_print_as(func, LOG_CLASS_ERROR, sub,
+                        "g_pK_DATA_CNT(%d) is can not < 0 for %s, id(0x%x)", g_pK_DATA_CNT, name,
+                        g_lyrax_data_id);
     return false;
   }
   memcpy(to, g_lyrax_data + g_pK_DATA_CNT, width);
@@ -193,21 +194,21 @@ struct stats_target {
 };
 
 // Fetches parameter `id` and fills the record from its blob. The data mutex is held.
-[[nodiscard]] uint32_t fetch_and_decode(const tervik_log_place& place, uint32_t sub, uint32_t id,
+[[nodiscard]] uint32_t fetch_and_decode(const char* func, uint32_t sub, uint32_t id,
                                         const stats_target& target) {
   if (target.record == nullptr) {
-    tervik_log_write(place, LOG_CLASS_ERROR, sub, "ptr_lyrax_data is NULL");
+    tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "ptr_lyrax_data is NULL");
     return 0;
   }
   if (modem_lyrax_data_get(sub, id) != DATA_GET_SUCCESS) {
-    tervik_log_write(place, LOG_CLASS_ERROR, sub, "modem_lyrax_data_get failed");
+    tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "modem_lyrax_data_get failed");
     return 0;
   }
   memset(target.record, 0, target.size);
   auto* const bytes = static_cast<uint8_t*>(target.record);
   const bool filled =
       std::all_of(target.fields.begin(), target.fields.end(), [&](const stats_field& field) {
-        return read_field(place, sub, field.name, field.width, bytes + field.offset);
+        return read_field(func, sub, field.name, field.width, bytes + field.offset);
       });
   return filled ? 1 : 0;
 }
@@ -216,54 +217,55 @@ enum class log_id : uint8_t { no, yes };
 
 // Every getter: its own id, record and fields in, its result out.
 template <typename Record>
-[[nodiscard]] uint32_t run_getter(const tervik_log_place& place, uint32_t sub, uint32_t id,
-                                  Record* record, std::span<const stats_field> fields,
+[[nodiscard]] uint32_t run_getter(const char* func, uint32_t sub, uint32_t id, Record* record,
+                                  std::span<const stats_field> fields,
                                   log_id with_id = log_id::no) {
-  tervik_log_write(place, LOG_CLASS_DEBUG, sub, "function entry");
+  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "function entry");
   uint32_t ret = 0;
   {
     const std::lock_guard lock(g_lyrax_data_mutex);
     const auto shown = static_cast<unsigned>(reinterpret_cast<uintptr_t>(record));
     if (with_id == log_id::yes) {
-      tervik_log_write(place, LOG_CLASS_DEBUG, sub, "sub = %d, id = %d, ptr_lyrax_data = 0x%x", sub,
-                       id, shown);
+      tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "sub = %d, id = %d, ptr_lyrax_data = 0x%x",
+                          sub, id, shown);
     } else {
-      tervik_log_write(place, LOG_CLASS_DEBUG, sub, "sub = %d, ptr_lyrax_data = 0x%x", sub, shown);
+      tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "sub = %d, ptr_lyrax_data = 0x%x", sub,
+                          shown);
     }
-    ret = fetch_and_decode(place, sub, id, {record, sizeof(Record), fields});
+    ret = fetch_and_decode(func, sub, id, {record, sizeof(Record), fields});
   }
-  tervik_log_write(place, LOG_CLASS_DEBUG, sub, "function exit, ret = %d", ret);
+  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "function exit, ret = %d", ret);
   return ret;
 }
 
 // ---- fetching ----
 
 // Makes a client when there is none. False when that fails.
-[[nodiscard]] bool ensure_client(uint32_t sub) {
+[[nodiscard]] bool ensure_client(const char* func, uint32_t sub) {
   if (modem_lyrax_api_is_inited() != 0) {
     return true;
   }
-  tervik_log_print(LOG_CLASS_DEBUG, sub, "The lyrax is not inited, will init it");
+  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "The lyrax is not inited, will init it");
   // Whether there is a client afterwards is asked next.
   static_cast<void>(
       modem_lyrax_api_init_ex(modem_lyrax_callback_event_cb, modem_lyrax_operational_status_cb));
   if (modem_lyrax_api_is_inited() != 0) {
     return true;
   }
-  tervik_log_print(LOG_CLASS_ERROR, sub, "The lyrax init failed, will do nothing");
+  tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "The lyrax init failed, will do nothing");
   return false;
 }
 
 // Looks at what came for (sub, id); false, with a line in the log, when it is not one valid blob.
-[[nodiscard]] bool check_returned(const tervik_log_place& place, uint32_t sub, uint32_t id,
+[[nodiscard]] bool check_returned(const char* func, uint32_t sub, uint32_t id,
                                   const stats_para_data& data) {
   const uint32_t number = g_lyrax_req_number;
   const uint32_t id_num = data.para_num;
   const vs_stats_entry& entry = data.para[0];
   const auto fail = [&](const char* what) {
-    tervik_log_write(place, LOG_CLASS_ERROR, sub,
-                     "Fail to get data, %s, number = %d, sub = %d, ret id_num = %d, id = %d", what,
-                     number, sub, id_num, id);
+    tervik_log_print_as(func, LOG_CLASS_ERROR, sub,
+                        "Fail to get data, %s, number = %d, sub = %d, ret id_num = %d, id = %d",
+                        what, number, sub, id_num, id);
     return false;
   };
   char what[TERVIK_TEXT_SIZE];
@@ -295,7 +297,7 @@ template <typename Record>
 
 uint32_t modem_lyrax_api_init_ex(vs_event_cb event_cb,
                                  modem_api_operational_status_event_cb status_cb) {
-  tervik_log_debug("old g_lyrax_client_id = %d", g_lyrax_client_id);
+  tervik_log_debug("old g_lyrax_client_id = %d", g_lyrax_client_id.load());
   if (g_lyrax_client_id >= 0) {
     // It can only be refused for an id outside the table.
     static_cast<void>(modem_api_free_client(g_lyrax_client_id));
@@ -304,8 +306,10 @@ uint32_t modem_lyrax_api_init_ex(vs_event_cb event_cb,
   modem_api_release();
   // A refusal shows in the next call, which is refused likewise.
   static_cast<void>(modem_api_init());
-  static_cast<void>(modem_api_init_client(0, event_cb, status_cb, &g_lyrax_client_id));
-  tervik_log_debug("new g_lyrax_client_id = %d", g_lyrax_client_id);
+  int32_t client_id = -1;
+  static_cast<void>(modem_api_init_client(0, event_cb, status_cb, &client_id));
+  g_lyrax_client_id = client_id;
+  tervik_log_debug("new g_lyrax_client_id = %d", g_lyrax_client_id.load());
   if (g_lyrax_client_id < 0) {
     tervik_log_error("modem_api_init_client failed");
     return 0;
@@ -318,12 +322,12 @@ uint32_t modem_lyrax_api_init() {
 }
 
 uint32_t modem_lyrax_api_is_inited() {
-  tervik_log_debug("g_lyrax_client_id = %d", g_lyrax_client_id);
+  tervik_log_debug("g_lyrax_client_id = %d", g_lyrax_client_id.load());
   return g_lyrax_client_id >= 0 ? 1 : 0;
 }
 
 void modem_lyrax_api_deinit() {
-  tervik_log_debug("g_lyrax_client_id = %d", g_lyrax_client_id);
+  tervik_log_debug("g_lyrax_client_id = %d", g_lyrax_client_id.load());
   if (g_lyrax_client_id >= 0) {
     static_cast<void>(modem_api_free_client(g_lyrax_client_id));
     g_lyrax_client_id = -1;
@@ -370,7 +374,7 @@ uint32_t modem_lyrax_get_stats_parameter(uint16_t sub, uint16_t slot, stats_para
 uint32_t modem_lyrax_data_get(uint32_t sub, uint32_t id) {
   g_lyrax_data_len = 0;
   memset(g_lyrax_data, 0, sizeof(g_lyrax_data));
-  if (!ensure_client(sub)) {
+  if (!ensure_client(__func__, sub)) {
     return DATA_GET_FAILURE;
   }
   if (!tervik_check_sub_id(sub)) {
@@ -391,7 +395,7 @@ uint32_t modem_lyrax_data_get(uint32_t sub, uint32_t id) {
                      g_lyrax_req_number, ret, sub, id);
     return DATA_GET_FAILURE;
   }
-  if (!check_returned(TERVIK_LOG_PLACE, sub, id, data)) {
+  if (!check_returned(__func__, sub, id, data)) {
     return DATA_GET_FAILURE;
   }
   const vs_stats_entry& entry = data.para[0];
@@ -411,12 +415,12 @@ uint32_t modem_lyrax_data_get(uint32_t sub, uint32_t id) {
 
 uint32_t modem_lyrax_lte_srv_meas_info_get(uint32_t sub, uint32_t id,
                                            modem_lyrax_lte_srv_meas_info* record) {
-  return run_getter(TERVIK_LOG_PLACE, sub, id, record, LTE_SRV_MEAS_FIELDS, log_id::yes);
+  return run_getter(__func__, sub, id, record, LTE_SRV_MEAS_FIELDS, log_id::yes);
 }
 
 uint32_t modem_lyrax_nr5g_srv_meas_info_get(uint32_t sub, uint32_t id,
                                             modem_lyrax_nr5g_srv_meas_info* record) {
-  return run_getter(TERVIK_LOG_PLACE, sub, id, record, NR5G_SRV_MEAS_FIELDS, log_id::yes);
+  return run_getter(__func__, sub, id, record, NR5G_SRV_MEAS_FIELDS, log_id::yes);
 }
 
 uint32_t modem_lyrax_lte_srv_meas_info_get_for_pcc(uint32_t sub,
@@ -471,41 +475,41 @@ uint32_t modem_lyrax_nr5g_srv_meas_info_get_for_scc2(uint32_t sub,
 
 uint32_t modem_lyrax_nr5g_ll1_fw_rx_control_agc_get(
     uint32_t sub, modem_lyrax_nr5g_ll1_fw_rx_control_agc* record) {
-  return run_getter(TERVIK_LOG_PLACE, sub, 0x5E, record, NR5G_AGC_FIELDS);
+  return run_getter(__func__, sub, 0x5E, record, NR5G_AGC_FIELDS);
 }
 
 uint32_t modem_lyrax_nr5g_ll1_fw_serving_ftl_get(uint32_t sub,
                                                  modem_lyrax_nr5g_ll1_fw_serving_ftl* record) {
-  return run_getter(TERVIK_LOG_PLACE, sub, 0x70, record, NR5G_FTL_FIELDS);
+  return run_getter(__func__, sub, 0x70, record, NR5G_FTL_FIELDS);
 }
 
 uint32_t modem_lyrax_nr5g_ml1_antenna_switch_diversity_get(
     uint32_t sub, modem_lyrax_nr5g_ml1_antenna_switch_diversity* record) {
-  return run_getter(TERVIK_LOG_PLACE, sub, 0x71, record, NR5G_ANTENNA_FIELDS);
+  return run_getter(__func__, sub, 0x71, record, NR5G_ANTENNA_FIELDS);
 }
 
 uint32_t modem_lyrax_wcdma_pn_search_edition2_get(uint32_t sub,
                                                   modem_lyrax_wcdma_pn_search_edition2* record) {
-  return run_getter(TERVIK_LOG_PLACE, sub, 0x6E, record, WCDMA_FIELDS);
+  return run_getter(__func__, sub, 0x6E, record, WCDMA_FIELDS);
 }
 
 uint32_t modem_lyrax_gsm_l1_rx_diversity_metrics_get(
     uint32_t sub, modem_lyrax_gsm_l1_rx_diversity_metrics* record) {
-  return run_getter(TERVIK_LOG_PLACE, sub, 0x6F, record, GSM_FIELDS);
+  return run_getter(__func__, sub, 0x6F, record, GSM_FIELDS);
 }
 
 uint32_t modem_lyrax_mcs_trm_asdiv_get(uint32_t sub, modem_lyrax_mcs_trm_asdiv* record) {
-  return run_getter(TERVIK_LOG_PLACE, sub, 0x64, record, ASDIV_FIELDS);
+  return run_getter(__func__, sub, 0x64, record, ASDIV_FIELDS);
 }
 
 uint32_t modem_lyrax_lte_pusch_power_info_get(uint32_t sub,
                                               modem_lyrax_lte_pusch_power_info* record) {
-  return run_getter(TERVIK_LOG_PLACE, sub, 0x62, record, LTE_PUSCH_FIELDS);
+  return run_getter(__func__, sub, 0x62, record, LTE_PUSCH_FIELDS);
 }
 
 uint32_t modem_lyrax_nr5g_mac_ul_phy_ch_power_info_get(
     uint32_t sub, modem_lyrax_nr5g_mac_ul_phy_ch_power_info* record) {
-  return run_getter(TERVIK_LOG_PLACE, sub, 0x5A, record, NR5G_POWER_FIELDS);
+  return run_getter(__func__, sub, 0x5A, record, NR5G_POWER_FIELDS);
 }
 
 int32_t modem_sys_mode_get(uint32_t sub) {
@@ -517,9 +521,8 @@ int32_t modem_sys_mode_get(uint32_t sub) {
     uint32_t first_rat = 0;
     if (modem_lyrax_data_get(sub, SYS_MODE_ID) != DATA_GET_SUCCESS) {
       tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_data_get failed");
-    } else if (read_field(TERVIK_LOG_PLACE, sub, "stack_max", sizeof(stack_max), &stack_max) &&
-               stack_max != 0 &&
-               read_field(TERVIK_LOG_PLACE, sub, "rat", sizeof(first_rat), &first_rat)) {
+    } else if (read_field(__func__, sub, "stack_max", sizeof(stack_max), &stack_max) &&
+               stack_max != 0 && read_field(__func__, sub, "rat", sizeof(first_rat), &first_rat)) {
       rat = static_cast<int32_t>(first_rat);
     }
   }
@@ -531,26 +534,27 @@ int32_t modem_sys_mode_get(uint32_t sub) {
 
 namespace {
 
-int32_t nr_tx_power(uint32_t sub) {
+int32_t nr_tx_power(const char* func, uint32_t sub) {
   modem_lyrax_nr5g_mac_ul_phy_ch_power_info power = {};
   if (modem_lyrax_nr5g_mac_ul_phy_ch_power_info_get(sub, &power) == 0) {
-    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_nr5g_mac_ul_phy_ch_power_info_get faile");
+    tervik_log_print_as(func, LOG_CLASS_ERROR, sub,
+                        "modem_lyrax_nr5g_mac_ul_phy_ch_power_info_get faile");
     return MODEM_TX_POWER_UNAVAILABLE;
   }
   // A float outside the integers has no truncation.
   constexpr float LIMIT = 2147483648.0F;
   if (!(std::fabs(power.tx_power_pusch) < LIMIT)) {
-    tervik_log_print(LOG_CLASS_ERROR, sub, "tx_power_pusch(%f) is invalid",
-                     static_cast<double>(power.tx_power_pusch));
+    tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "tx_power_pusch(%f) is invalid",
+                        static_cast<double>(power.tx_power_pusch));
     return MODEM_TX_POWER_UNAVAILABLE;
   }
   return static_cast<int32_t>(power.tx_power_pusch);
 }
 
-int32_t lte_tx_power(uint32_t sub) {
+int32_t lte_tx_power(const char* func, uint32_t sub) {
   modem_lyrax_lte_pusch_power_info power = {};
   if (modem_lyrax_lte_pusch_power_info_get(sub, &power) == 0) {
-    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_lte_pusch_power_info_get faile");
+    tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "modem_lyrax_lte_pusch_power_info_get faile");
     return MODEM_TX_POWER_UNAVAILABLE;
   }
   return power.pusch_tx_power;
@@ -564,10 +568,10 @@ int32_t modem_tx_power_get_by_sub(uint32_t sub) {
   int32_t tx_power = MODEM_TX_POWER_UNAVAILABLE;
   switch (rat) {
     case MODEM_RAT_NR:
-      tx_power = nr_tx_power(sub);
+      tx_power = nr_tx_power(__func__, sub);
       break;
     case MODEM_RAT_LTE:
-      tx_power = lte_tx_power(sub);
+      tx_power = lte_tx_power(__func__, sub);
       break;
     default:
       tervik_log_print(LOG_CLASS_ERROR, sub, "rat(%d) is invalid", rat);
@@ -578,9 +582,10 @@ int32_t modem_tx_power_get_by_sub(uint32_t sub) {
 }
 
 int32_t modem_tx_power_get_for_dds_sub() {
-  const int dds_sub = tervik_get_default_data_sub();
-  const int32_t tx_power = modem_tx_power_get_by_sub(static_cast<uint32_t>(dds_sub));
-  tervik_log_debug("function exit, dds_sub = %d, tx_power = %d", dds_sub, tx_power);
+  const auto dds_sub = static_cast<uint32_t>(tervik_get_default_data_sub());
+  const int32_t tx_power = modem_tx_power_get_by_sub(dds_sub);
+  tervik_log_print(LOG_CLASS_DEBUG, dds_sub, "function exit, dds_sub = %d, tx_power = %d", dds_sub,
+                   tx_power);
   return tx_power;
 }
 

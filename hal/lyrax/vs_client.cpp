@@ -23,16 +23,16 @@ using vs_command_cb = void (*)(qmi_client_type handle, unsigned int msg_id, void
                                unsigned int resp_len, void* cb_data,
                                qmi_client_error_type transport_error);
 
-// The framework's thread reads the service object and the event callback while the command's
-// thread releases the client; the rest belongs to the command's thread.
+// Getters on several threads and the framework's thread read it while the client is released; the
+// framework alone writes the os parameters.
 struct vs_client_record {
   std::atomic<qmi_idl_service_object_type> service_object{nullptr};
-  qmi_client_type client_handle = nullptr;
+  std::atomic<qmi_client_type> client_handle{nullptr};
   qmi_client_os_params os_params;
-  vs_command_cb command_cb = nullptr;
+  std::atomic<vs_command_cb> command_cb{nullptr};
   std::atomic<vs_event_cb> event_cb{nullptr};
-  vs_operational_status_cb operational_status_cb = nullptr;
-  uint32_t inited = 0;
+  std::atomic<vs_operational_status_cb> operational_status_cb{nullptr};
+  std::atomic<uint32_t> inited{0};
 
   void clear() {
     service_object = nullptr;
@@ -48,23 +48,25 @@ struct vs_client_record {
 vs_client_record vs_client_info;
 
 void report_status(vs_operational_status status) {
-  if (vs_client_info.operational_status_cb != nullptr) {
-    vs_client_info.operational_status_cb(CLIENT_TYPE, status);
+  const vs_operational_status_cb status_cb = vs_client_info.operational_status_cb;
+  if (status_cb != nullptr) {
+    status_cb(CLIENT_TYPE, status);
   }
 }
 
 // ---- connecting ----
 
-qmi_client_error_type connect_with_retries() {
+qmi_client_error_type connect_with_retries(const char* func) {
   qmi_client_error_type err = QMI_NO_ERR;
   for (int n = 0;; ++n) {
     if (n > 0) {
       sleep(1);
     }
-    tervik_log_debug("Trying qmi_client_init_instance() try # %d port[%d]", n, ANY_PORT);
+    tervik_log_debug_as(func, "Trying qmi_client_init_instance() try # %d port[%d]", n, ANY_PORT);
+    qmi_client_type handle = nullptr;
     err = qmi_client_init_instance(vs_client_info.service_object, ANY_PORT, vs_client_unsol_ind_cb,
-                                   nullptr, &vs_client_info.os_params, INIT_TIMEOUT_MS,
-                                   &vs_client_info.client_handle);
+                                   nullptr, &vs_client_info.os_params, INIT_TIMEOUT_MS, &handle);
+    vs_client_info.client_handle = handle;
     if (err == QMI_NO_ERR || n == LAST_ATTEMPT) {
       return err;
     }
@@ -73,7 +75,7 @@ qmi_client_error_type connect_with_retries() {
 
 uint32_t vs_client_init_client_handles() {
   tervik_log_debug("using port %d", ANY_PORT);
-  const qmi_client_error_type err = connect_with_retries();
+  const qmi_client_error_type err = connect_with_retries(__func__);
   tervik_log_debug("qmi_client_init_instance returned (%d)", err);
   if (err != QMI_NO_ERR) {
     tervik_log_error("qmi_client_init_instance returned failure(%d)", err);
@@ -202,9 +204,10 @@ uint32_t vs_client_init(vs_event_cb event_cb) {
 uint32_t vs_client_release() {
   report_status(VS_RELEASED);
   vs_client_info.inited = 0;
-  if (vs_client_info.client_handle != nullptr) {
+  auto* const handle = vs_client_info.client_handle.load();
+  if (handle != nullptr) {
     // An unknown handle is gone already.
-    static_cast<void>(qmi_client_release(vs_client_info.client_handle));
+    static_cast<void>(qmi_client_release(handle));
   }
   vs_client_info.clear();
   return 1;

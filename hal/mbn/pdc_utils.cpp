@@ -162,8 +162,8 @@ struct pdc_indication {
   const char* ignored;   // said when nobody waits for it
   // The result of a completing indication; null for the kinds that are never requested. The first
   // form evaluates without the mutex, the second under it.
-  int (*evaluate)(const tervik_log_place& place, const uint8_t* decoded);
-  int (*evaluate_locked)(const tervik_log_place& place, const uint8_t* decoded);
+  int (*evaluate)(const char* func, const uint8_t* decoded);
+  int (*evaluate_locked)(const char* func, const uint8_t* decoded);
 };
 
 template <typename Indication>
@@ -173,46 +173,45 @@ Indication indication_of(const uint8_t* decoded) {
   return indication;
 }
 
-[[nodiscard]] int error_as_result(const tervik_log_place& place, uint32_t error) {
+[[nodiscard]] int error_as_result(const char* func, uint32_t error) {
   if (error == 0) {
     return PDC_SUCCESS;
   }
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "QMI error, error code: %d", error);
+  tervik_log_debug_as(func, "QMI error, error code: %d", error);
   return PDC_FAILURE;
 }
 
 // Indications that carry nothing but an error.
 template <typename Indication>
-int evaluate_plain(const tervik_log_place& place, const uint8_t* decoded) {
-  return error_as_result(place, indication_of<Indication>(decoded).indication_error);
+int evaluate_plain(const char* func, const uint8_t* decoded) {
+  return error_as_result(func, indication_of<Indication>(decoded).indication_error);
 }
 
-int evaluate_activate(const tervik_log_place& place, const uint8_t* decoded) {
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "entering %s", place.func);
-  return evaluate_plain<pdc_activate_config_ind_msg_v01>(place, decoded);
+int evaluate_activate(const char* func, const uint8_t* decoded) {
+  tervik_log_debug_as(func, "entering %s", func);
+  return evaluate_plain<pdc_activate_config_ind_msg_v01>(func, decoded);
 }
 
-int evaluate_get_selected(const tervik_log_place& place, const uint8_t* decoded) {
+int evaluate_get_selected(const char* func, const uint8_t* decoded) {
   pdc_config_pdc_info* holder = g_pdc_info_ex.get_sel_holder;
   if (holder == nullptr) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "NULL pointer for get_sel_holder");
+    tervik_log_debug_as(func, "NULL pointer for get_sel_holder");
     return PDC_FAILURE;
   }
   const auto indication = indication_of<pdc_get_selected_config_ind_msg_v01>(decoded);
-  const int result = error_as_result(place, indication.indication_error);
+  const int result = error_as_result(func, indication.indication_error);
   if (result != PDC_SUCCESS) {
     return result;
   }
   if (indication.active_config_id_valid == 0) {
     if (indication.pending_config_id_valid != 0) {
-      tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "has pending configuration");
+      tervik_log_debug_as(func, "has pending configuration");
     }
     return PDC_NO_ACTIVE_CONFIG;
   }
   if (indication.active_config_id_len > PDC_CONFIG_ID_MAX) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
-                     "active_config_id_len(%d) is invalid, max %d", indication.active_config_id_len,
-                     PDC_CONFIG_ID_MAX);
+    tervik_log_error_as(func, "active_config_id_len(%d) is invalid, max %d",
+                        indication.active_config_id_len, PDC_CONFIG_ID_MAX);
     return PDC_FAILURE;
   }
   holder->config_id_len = indication.active_config_id_len;
@@ -258,19 +257,18 @@ constexpr std::array<pdc_indication, 11> INDICATIONS = {{
 }};
 
 // The line with which a handler begins. The mutex is held.
-void log_received(const tervik_log_place& place, const pdc_indication& row, const uint8_t* decoded,
-                  uint32_t len) {
+void log_received(const pdc_indication& row, const uint8_t* decoded, uint32_t len) {
   if (row.name != nullptr) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "%s is received", row.name);
+    tervik_log_debug_as(row.handler, "%s is received", row.name);
   } else if (row.req_type == PDC_REQ_LIST) {
-    tervik_log_write(
-        place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
+    tervik_log_debug_as(
+        row.handler,
         "pdc_list_configs_flag, %s, ind_data_ptr = 0x%x, ind_data_len = %d, is_pdc_list_handling = "
         "%d",
         row.handler, static_cast<unsigned>(reinterpret_cast<uintptr_t>(decoded)), len,
         waiter_of(PDC_REQ_LIST).is_handling);
   } else {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "ind_data_len = %d", len);
+    tervik_log_debug_as(row.handler, "ind_data_len = %d", len);
   }
 }
 
@@ -288,12 +286,12 @@ void complete(int req_type, int result) {
 // Every handler. A claim that ends while its indication is evaluated, as that of a duplicate may,
 // is not completed: the kind may belong to another request by then.
 void handle_indication(const pdc_indication& row, const uint8_t* decoded, uint32_t len) {
-  const tervik_log_place place = {__FILE_NAME__, __LINE__, row.handler};
+  const char* const func = row.handler;
   pdc_lock lock(g_pdc_info_ex.mutex);
-  log_received(place, row, decoded, len);
+  log_received(row, decoded, len);
   const bool completes = row.evaluate != nullptr || row.evaluate_locked != nullptr;
   if (!completes || waiter_of(row.req_type).is_handling == 0) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "%s", row.ignored);
+    tervik_log_error_as(func, "%s", row.ignored);
     return;
   }
   const uint32_t claim_number = waiter_of(row.req_type).claim_number;
@@ -301,11 +299,11 @@ void handle_indication(const pdc_indication& row, const uint8_t* decoded, uint32
   int result = PDC_FAILURE;
   const bool readable = decoded != nullptr && len >= row.record_size;
   if (decoded == nullptr) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "NULL pointer for ind_data_ptr");
+    tervik_log_error_as(func, "NULL pointer for ind_data_ptr");
   } else if (!readable) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "ind_data_len(%d) is too short", len);
+    tervik_log_error_as(func, "ind_data_len(%d) is too short", len);
   } else if (row.evaluate != nullptr) {
-    result = row.evaluate(place, decoded);
+    result = row.evaluate(func, decoded);
   }
   lock.lock();
   const pdc_req_waiter& waiter = waiter_of(row.req_type);
@@ -313,21 +311,21 @@ void handle_indication(const pdc_indication& row, const uint8_t* decoded, uint32
     return;
   }
   if (readable && row.evaluate_locked != nullptr) {
-    result = row.evaluate_locked(place, decoded);
+    result = row.evaluate_locked(func, decoded);
   }
   complete(row.req_type, result);
 }
 
 // The waiters whose wait a watchdog ends: all of them. The mutex is held.
-void release_all_waiting() {
+void release_all_waiting(const char* func) {
   for (int req_type = 1; req_type <= PDC_REQ_TYPE_COUNT; ++req_type) {
     pdc_req_waiter& waiter = waiter_of(req_type);
     // A result that came first counts.
     if (waiter.is_waiting == 0 || waiter.is_done != 0) {
       continue;
     }
-    tervik_log_debug("%s is waiting, will stop it.",
-                     WAITER_NAMES[static_cast<size_t>(req_type - 1)]);
+    tervik_log_debug_as(func, "%s is waiting, will stop it.",
+                        WAITER_NAMES[static_cast<size_t>(req_type - 1)]);
     waiter.result = PDC_FAILURE;
     waiter.condition.notify_one();
     waiter.is_done = 1;
@@ -347,11 +345,11 @@ void reset_waiter(pdc_req_waiter& waiter) {
 }
 
 // The three fields of the self-test as it shows them. The mutex is held.
-void log_test_fields(const tervik_log_place& place, int flag) {
-  const auto log = [&place](const char* name, uint32_t value) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "pdc_test, %s = %d", name, value);
+void log_test_fields(const char* func, int flag) {
+  const auto log = [func](const char* name, uint32_t value) {
+    tervik_log_debug_as(func, "pdc_test, %s = %d", name, value);
   };
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "flag = %d", flag);
+  tervik_log_debug_as(func, "flag = %d", flag);
   log("is_pdc_test_handling", g_pdc_info_ex.is_pdc_test_handling);
   log("is_pdc_test_waiting", g_pdc_info_ex.is_pdc_test_waiting);
   log("is_pdc_test_done", g_pdc_info_ex.is_pdc_test_done);
@@ -451,7 +449,7 @@ void qmi_pdc_request_timer_timeout_proc(union sigval value) {
   tervik_log_debug("timer_id = %u", timer_id);
   tervik_timer_stop(timer_id);
   const pdc_lock lock(g_pdc_info_ex.mutex);
-  release_all_waiting();
+  release_all_waiting(__func__);
   uint32_t* cell = qmi_pdc_request_timer_get_ptr_by_timer_id(timer_id);
   if (cell == nullptr) {
     tervik_log_error("not find this timer_id(%u)", timer_id);
@@ -680,7 +678,7 @@ void* tervik_qcril_pdc_test_thread_proc(void* params) {
 void tervik_pdc_test_req(int flag) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
   pdc_lock lock(g_pdc_info_ex.mutex);
-  log_test_fields(TERVIK_LOG_PLACE, flag);
+  log_test_fields(__func__, flag);
   tervik_log_debug("pdc_test, wait ...");
   g_pdc_info_ex.test_condition.wait(lock);
   tervik_log_debug("pdc_test, wait end");
@@ -689,7 +687,7 @@ void tervik_pdc_test_req(int flag) {
 void tervik_pdc_test_rsp(int flag) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
   const pdc_lock lock(g_pdc_info_ex.mutex);
-  log_test_fields(TERVIK_LOG_PLACE, flag);
+  log_test_fields(__func__, flag);
   tervik_log_debug("pdc_test, notify_one");
   g_pdc_info_ex.test_condition.notify_one();
 }

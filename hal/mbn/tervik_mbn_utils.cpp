@@ -23,40 +23,38 @@ bool in_mask(uint32_t sub_mask, uint32_t sub) {
 }
 
 // The checks at the beginning of both operations; each logs its reason.
-[[nodiscard]] bool check_arguments(const tervik_log_place& place, uint32_t sub_mask,
-                                   uint32_t mbn_type) {
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "mbn_type %d", mbn_type);
+[[nodiscard]] bool check_arguments(const char* func, uint32_t sub_mask, uint32_t mbn_type) {
+  tervik_log_debug_as(func, "mbn_type %d", mbn_type);
   if (mbn_type >= MBN_TYPE_LIMIT) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "config_type is invalid");
+    tervik_log_error_as(func, "config_type is invalid");
     return false;
   }
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "sub_mask %d", sub_mask);
+  tervik_log_debug_as(func, "sub_mask %d", sub_mask);
   if (sub_mask == 0 || sub_mask > SUB_MASK_MAX) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "sub_mask is out of range");
+    tervik_log_error_as(func, "sub_mask is out of range");
     return false;
   }
   return true;
 }
 
 // The reactivation of one subscription. `*go_on` is false when it ends the whole operation.
-[[nodiscard]] int reactivate_sub(const tervik_log_place& place, uint32_t sub, uint32_t mbn_type,
-                                 bool* go_on) {
+[[nodiscard]] int reactivate_sub(const char* func, uint32_t sub, uint32_t mbn_type, bool* go_on) {
   pdc_config_pdc_info config = {};
   const int got = pdc_get_current_config_ex(&config, mbn_type, sub);
-  tervik_log_write(place, LOG_CLASS_DEBUG, sub, "SUB_%d pdc_get_current_config_ex ret_val %d", sub,
-                   got);
+  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "SUB_%d pdc_get_current_config_ex ret_val %d",
+                      sub, got);
   if (got != PDC_SUCCESS) {
-    tervik_log_write(place, LOG_CLASS_ERROR, sub, "SUB_%d pdc_get_current_config_ex fail", sub);
+    tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "SUB_%d pdc_get_current_config_ex fail", sub);
     *go_on = false;
     return got;
   }
   tervik_mbn_deactivate_config(sub, mbn_type);
   const int selected = pdc_select_config_ex(&config, mbn_type, sub);
-  tervik_log_write(place, LOG_CLASS_DEBUG, sub, "SUB_%d pdc_select_config_ex ret_val %d", sub,
-                   selected);
+  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "SUB_%d pdc_select_config_ex ret_val %d", sub,
+                      selected);
   const int activated = pdc_activate_config_ex2(mbn_type, sub);
-  tervik_log_write(place, LOG_CLASS_DEBUG, sub, "SUB_%d pdc_activate_config_ex ret_val %d", sub,
-                   activated);
+  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "SUB_%d pdc_activate_config_ex ret_val %d", sub,
+                      activated);
   return activated;
 }
 
@@ -79,7 +77,7 @@ int tervik_mbn_init(uint8_t force_init) {
 }
 
 int tervik_refresh_mbn(uint32_t sub_mask, uint32_t mbn_type) {
-  if (!check_arguments(TERVIK_LOG_PLACE, sub_mask, mbn_type)) {
+  if (!check_arguments(__func__, sub_mask, mbn_type)) {
     return 0;
   }
   const int status = tervik_mbn_init(0);
@@ -102,7 +100,7 @@ int tervik_refresh_sw_mbn(uint32_t sub_mask) {
 }
 
 int tervik_reactivate_mbn(uint32_t sub_mask, uint32_t mbn_type) {
-  if (!check_arguments(TERVIK_LOG_PLACE, sub_mask, mbn_type)) {
+  if (!check_arguments(__func__, sub_mask, mbn_type)) {
     return -1;
   }
   if (tervik_mbn_init(1) != 0) {
@@ -113,7 +111,7 @@ int tervik_reactivate_mbn(uint32_t sub_mask, uint32_t mbn_type) {
   bool go_on = true;
   for (uint32_t sub = 0; sub < SUB_COUNT && go_on; ++sub) {
     if (in_mask(sub_mask, sub)) {
-      result = reactivate_sub(TERVIK_LOG_PLACE, sub, mbn_type, &go_on);
+      result = reactivate_sub(__func__, sub, mbn_type, &go_on);
     }
   }
   return result;

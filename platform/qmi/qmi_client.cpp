@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <thread>
 #include <utility>
 
 #include "platform/qmi/bus_state.h"
@@ -33,10 +34,17 @@ qmi_client_type add_handle(BusState& bus, Client client) {
   return reinterpret_cast<qmi_client_type>(key);
 }
 
+// A client that is being released stays known to its own callback, until that has returned.
+bool is_known(const BusState& bus, const Client& client) {
+  return !client.released ||
+         (bus.in_callback == &client && bus.callback_thread == std::this_thread::get_id());
+}
+
 // The open client of the handle; null for a stale one and for a notifier.
 std::shared_ptr<Client> find_client(const BusState& bus, qmi_client_type handle) {
   const auto entry = bus.handles.find(handle_key(handle));
-  if (entry == bus.handles.end() || entry->second->publication == nullptr) {
+  if (entry == bus.handles.end() || entry->second->publication == nullptr ||
+      !is_known(bus, *entry->second)) {
     return nullptr;
   }
   return entry->second;
@@ -81,12 +89,16 @@ std::span<uint8_t> bytes_of(void* data, size_t length) {
   return {static_cast<uint8_t*>(data), length};
 }
 
+// How long a request that nobody answers stays out beyond its timeout: a watchdog of the sender
+// that is as long as the timeout comes first, every time.
+constexpr std::chrono::milliseconds kLateness(50);
+
 // No response will come: the request ends with its timeout, its service or its client.
 qmi_client_error_type wait_in_silence(const Client& client, Deadline deadline) {
   BusState& bus = bus_state();
   std::unique_lock lock(bus.mutex);
   const bool lost = bus.changed.wait_until(
-      lock, deadline, [&client] { return client.released || !client.publication->up; });
+      lock, deadline + kLateness, [&client] { return client.released || !client.publication->up; });
   return lost ? QMI_SERVICE_ERR : QMI_TIMEOUT_ERR;
 }
 
@@ -263,16 +275,18 @@ qmi_client_error_type qmi_client_message_decode(qmi_client_type client, qmi_idl_
 
 qmi_client_error_type qmi_client_release(qmi_client_type client) {
   BusState& bus = bus_state();
-  std::shared_ptr<Client> released;
   std::unique_lock lock(bus.mutex);
   const auto entry = bus.handles.find(handle_key(client));
-  if (entry == bus.handles.end()) {
+  if (entry == bus.handles.end() || entry->second->released) {
     return QMI_CLIENT_PARAM_ERR;
   }
-  released = std::move(entry->second);
-  bus.handles.erase(entry);
+  const std::shared_ptr<Client> released = entry->second;
   released->released = true;
   bus.changed.notify_all();
   kiv::platform::wait_for_callback(bus, lock, released.get());
+  // A callback that releases its own client is followed by the framework's thread, which does this.
+  if (!is_known(bus, *released)) {
+    bus.handles.erase(handle_key(client));
+  }
   return QMI_NO_ERR;
 }

@@ -32,6 +32,9 @@ void deliver_next(BusState& bus) {
   }
   lock.lock();
   bus.in_callback = nullptr;
+  if (client.released) {
+    bus.handles.erase(reinterpret_cast<uintptr_t>(client.handle));
+  }
   bus.changed.notify_all();
 }
 

@@ -59,10 +59,8 @@ struct Decoder {
   Inlet inlet = Inlet::kFunction;
   std::vector<MessageKey> messages{};    // that it answers or, for indications, comes before
   std::vector<std::string> commands{};   // of the tool, that take the bytes in
-  std::vector<std::string> consumers{};  // functions of the product that receive the bytes
   std::vector<CountField> fields{};      // besides those of TLVs
   size_t data_offset = kNoData;          // where that begins which the product prints in hex
-  int64_t time_factor = 1;               // high where the commands sleep
   void (*function)(ByteView) = nullptr;  // called with the bytes after the commands
   std::vector<Bytes> samples{};          // seeds that no healthy run brings
   std::vector<std::string> prepare{};    // commands before the healthy run

@@ -1,7 +1,6 @@
 #include "tests/fuzz/stage.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -61,14 +60,6 @@ const ServiceRow& service_of(uint32_t service) {
       {kVs, {platform::make_vs_service, vs_get_service_object_internal_v01(1, 2, 6)}},
   };
   return rows.at(service);
-}
-
-// The statistics commands ask for the process's name once, and serve a white list.
-void pass_white_list() {
-  const std::string name = program_invocation_name;
-  std::memcpy(program_invocation_name, "kiv", sizeof("kiv"));
-  tervik_utils_get_pid_name();
-  std::memcpy(program_invocation_name, name.c_str(), name.size() + 1);
 }
 
 bool g_traces_shown = true;
@@ -192,7 +183,7 @@ void run_command(const std::string& line, char separator) {
   tervik_kiv_test_main(static_cast<int>(words.size()), argv.data());
 }
 
-Stage::Stage(const Decoder& row) : row_(row), lapse_(row.time_factor) {
+Stage::Stage(const Decoder& row) : row_(row) {
   conf_.stats_not_supported = 1;  // so that the modem is asked which
   std::string directory = (std::filesystem::temp_directory_path() / "kiv-stage-XXXXXX").string();
   if (mkdtemp(directory.data()) == nullptr) abort();
@@ -201,7 +192,6 @@ Stage::Stage(const Decoder& row) : row_(row), lapse_(row.time_factor) {
   shared_file = directory + "/share_memory";
   g_share_memory_file_path = shared_file.c_str();
   g_at_device_path = "/dev/null";
-  pass_white_list();
   tap();
 }
 

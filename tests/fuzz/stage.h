@@ -1,7 +1,6 @@
 // Where a decoder's bytes meet the product: the simulated modem with a tap before every service,
 // which records what a healthy modem answers, or puts other bytes in its place. One stage at a
-// time, used by one thread; time runs faster while it lives, and the product starts with new
-// clients. The AT command starts no shell.
+// time, used by one thread; the product starts with new clients. The AT command starts no shell.
 #pragma once
 
 #include <mutex>
@@ -12,7 +11,6 @@
 #include "platform/qmi/service_bus.h"
 #include "qmi_idl.h"
 #include "tests/fuzz/decoders.h"
-#include "tests/support/time_lapse.h"
 
 namespace kiv::fuzz {
 
@@ -58,7 +56,6 @@ class Stage {
   void tap_diag();
 
   const Decoder& row_;
-  const test::TimeLapse lapse_;
   platform::ModemConf conf_;  // healthy
   bool recording_ = false;
   uint8_t selector_ = 0;

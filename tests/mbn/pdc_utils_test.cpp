@@ -1,26 +1,22 @@
 // The PDC requests and the MBN operations on a service that answers as the test says.
 #include "pdc_utils.h"
 
-#include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <future>
-#include <random>
-#include <thread>
+#include <map>
+#include <mutex>
 
-#include "qcril_qmi_util.h"
-#include "tervik_extend_api.h"
 #include "tervik_mbn_utils.h"
 #include "tests/qmi/extension_client_fixture.h"
-#include "tests/support/time_lapse.h"
+#include "tests/support/virtual_time.h"
 
 namespace kiv::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 using Words = std::vector<uint32_t>;  // a message: all fields take 32 bits, flags included
 using platform::ServiceReply;
 
@@ -57,24 +53,13 @@ ServiceReply accept_and_indicate(uint16_t id) {
   return respond({0, 0});
 }
 
-// True once `is_true` is; at most some real seconds later, however fast the time runs.
-bool eventually(const std::function<bool()>& is_true) {
-  for (int tick = 0; tick < 5000; ++tick) {
-    if (is_true()) return true;
-    poll(nullptr, 0, 1);
-  }
-  return false;
-}
-
-bool becomes_one(int req_type, uint32_t pdc_req_waiter::*field) {
-  return eventually([=] {
-    const std::lock_guard lock(g_pdc_info_ex.mutex);
-    return g_pdc_info_ex.waiters[static_cast<size_t>(req_type - 1)].*field == 1;
-  });
-}
-
 int deactivate() {
   return pdc_deactivate_config_ex(1, 1);
+}
+
+int get_selected() {
+  pdc_config_pdc_info config{};
+  return pdc_get_current_config_ex(&config, 1, 1);
 }
 
 int select() {
@@ -82,19 +67,25 @@ int select() {
   return pdc_select_config_ex(&config, 1, 1);
 }
 
+int activate() {
+  return pdc_activate_config_ex(2, 0, 1, 1);
+}
+
+// The kinds that wait for their indication.
 const struct {
   uint16_t id;
-  int req_type;
   int (*request)();
-  const char* ignored;
-} kKinds[] = {
-    {0x2B, 4, deactivate, "Do nothing, No QMI_PDC_DEACTIVATE_CONFIG_REQ_V01"},
-    {0x22, 6,
-     [] { return pdc_get_current_config_ex(std::make_unique<pdc_config_pdc_info>().get(), 1, 1); },
-     "Do nothing, No QMI_PDC_GET_SELECTED_CONFIG_REQ_V01"},
-    {0x23, 7, select, "Do nothing, No QMI_PDC_SET_SELECTED_CONFIG_REQ_V01"},
-    {0x27, 8, [] { return pdc_activate_config_ex(2, 0, 1, 1); },
-     "Do nothing, No QMI_PDC_ACTIVATE_CONFIG_REQ_V01"}};
+} kKinds[] = {{0x2B, deactivate}, {0x22, get_selected}, {0x23, select}, {0x27, activate}};
+
+// A result, and the time that it took.
+using Timed = std::pair<int, std::chrono::nanoseconds>;
+
+template <class Request>
+Timed timed(const Request& request) {
+  const auto begin = virtual_now();
+  const int result = request();
+  return {result, virtual_now() - begin};
+}
 
 class PdcTest : public ExtensionClientTest {
  protected:
@@ -105,9 +96,12 @@ class PdcTest : public ExtensionClientTest {
   }
   void TearDown() override {
     pdc_clean_ex();
-    EXPECT_EQ(g_pdc_info_ex.get_sel_holder, nullptr);
-    for (const pdc_req_waiter& waiter : g_pdc_info_ex.waiters) {
-      EXPECT_EQ(waiter.is_handling + waiter.is_waiting + waiter.is_done + waiter.timer_id, 0u);
+    {
+      const std::lock_guard lock(g_pdc_info_ex.mutex);
+      EXPECT_EQ(g_pdc_info_ex.get_sel_holder, nullptr);
+      for (const pdc_req_waiter& waiter : g_pdc_info_ex.waiters) {
+        EXPECT_EQ(waiter.is_handling + waiter.is_waiting + waiter.is_done + waiter.timer_id, 0u);
+      }
     }
     ExtensionClientTest::TearDown();
   }
@@ -117,13 +111,12 @@ class PdcTest : public ExtensionClientTest {
       std::memcpy(message.data(), bytes.data(), 4 * message.size());
       std::string event = std::to_string(id - 0x20) + ":";
       for (const uint32_t word : message) event += " " + std::to_string(word);
-      note(event);
+      {
+        const std::lock_guard lock(mutex_);
+        events_.push_back(event);
+      }
       return answer(id);
     });
-  }
-  void note(const std::string& event) {
-    const std::lock_guard lock(mutex_);
-    events_.push_back(event);
   }
   // What the modem was asked since the last call: message ids from 0x20 on, and words.
   Strings asked() {
@@ -132,10 +125,7 @@ class PdcTest : public ExtensionClientTest {
   }
 
   std::function<ServiceReply(uint16_t)> answer = accept_and_indicate;
-  const ExtensionStub extension{[this](const ExtensionRequest&) {
-    note("sync");
-    return ExtensionAnswer{};
-  }};
+  const ExtensionStub extension{[](auto&) { return ExtensionAnswer{}; }};
 
  private:
   std::mutex mutex_;
@@ -173,261 +163,197 @@ TEST_F(PdcTest, RequestsNameTheSubscriptionByConfigType) {
   }
 }
 
-TEST_F(PdcTest, AnIndicationCompletesOneRequestAtAnyTime) {
-  const TimeLapse lapse(500);
-  for (const auto& kind : kKinds) {
-    SCOPED_TRACE(kind.ignored);
-    const LogCapture log;
-    size_t ignored = 0;
-    const auto is_ignored = [&] {
-      indicate(kind.id);
-      ++ignored;
-      return eventually([&] { return log.count(kind.ignored) == ignored; });
-    };
-    answer = [&kind](uint16_t id) {
-      indicate(id);
-      EXPECT_TRUE(becomes_one(kind.req_type, &pdc_req_waiter::is_done));
-      return accept(id);
-    };
-    EXPECT_EQ(kind.request(), 0) << "before the wait";
-    EXPECT_EQ(log.messages_from("qmi_pdc_request_timer"), Strings{});
-    EXPECT_TRUE(is_ignored()) << "twice";
-    answer = accept;
-    EXPECT_EQ(kind.request(), -1);
-    EXPECT_TRUE(is_ignored()) << "after the time-out";
-    auto waiting = std::async(std::launch::async, kind.request);
-    ASSERT_TRUE(becomes_one(kind.req_type, &pdc_req_waiter::is_waiting));
-    qmi_pdc_init_pdc_info_ex();
-    EXPECT_EQ(waiting.get(), -1);
-    EXPECT_TRUE(is_ignored()) << "after a reconnection";
-  }
-}
-
 TEST_F(PdcTest, AFailedRequestLeavesItsKindFree) {
-  const std::function<ServiceReply(uint16_t)> failures[] = {
-      [](uint16_t) {
-        return respond({1, 48});
-      },
-      [](uint16_t) {
-        return respond({2, 0});
-      },
-      [](uint16_t) { return respond({0}); },
-      [](uint16_t) { return ServiceReply::transport_error(-17); },
-      [](uint16_t id) { return indicate(id, 7), accept(id); }};
+  const std::pair<ServiceReply, Timed> failures[] = {
+      {respond({1, 48}), {-1, 0s}},
+      {respond({2, 0}), {-1, 0s}},
+      {respond({0}), {-1, 0s}},
+      {ServiceReply::transport_error(-2), {-1, 0s}},
+      {ServiceReply::silence(), {-1, 10'050ms}}};  // the service's own 50 ms among them
   for (const auto& kind : kKinds) {
-    for (const auto& failure : failures) {
-      answer = failure;
-      EXPECT_EQ(kind.request(), -1) << kind.ignored;
+    SCOPED_TRACE(kind.id);
+    for (const auto& [reply, result] : failures) {
+      answer = [&reply](auto) { return reply; };
+      EXPECT_EQ(timed(kind.request), result);
+      answer = [](uint16_t id) { return indicate(id, 7), accept(id); };
+      EXPECT_EQ(timed(kind.request), Timed(-1, 0s));
       answer = accept_and_indicate;
-      EXPECT_EQ(kind.request(), 0) << kind.ignored;
-      EXPECT_EQ(asked().size(), 2u);
+      EXPECT_EQ(timed(kind.request), Timed(0, 0s));
     }
   }
   answer = [](uint16_t id) { return indicate(id), respond({1, 26}); };
-  EXPECT_EQ(kKinds[1].request(), 0) << "nothing to do is as good as done";
+  EXPECT_EQ(get_selected(), 0) << "nothing to do is as good as done";
 }
 
-TEST_F(PdcTest, GetSelectedTakesTheActiveIdAlone) {
-  const auto resized = [](size_t size) {
-    Words message = selection(0, 4);
-    message.resize(size);
-    return message;
-  };
-  const char* undecodable = "failed to decode qmi message, msg_id: 0x22";
+TEST_F(PdcTest, GetSelectedTakesNoIdThatIsNotCarried) {
   const struct {
     Words message;
-    int result;
-    uint32_t len;
-    const char* line = "QMI_PDC_GET_SELECTED_CONFIG_IND_V01 is received";
-  } rows[] = {{selection(0, 1, 4), 0, 1},
-              {selection(0, 124), 0, 124},
-              {selection(0, 125), -1, 7},
-              {selection(0, 0xFFFFFFFF), -1, 7},
-              {selection(9, 4), -1, 7, "QMI error, error code: 9"},
-              {selection(0, 0, 4), -6, 7, "has pending configuration"},
-              {selection(0, 0), -6, 7},
-              {resized(66), -1, 7, undecodable},
-              {resized(68), -1, 7, undecodable},
-              {resized(1), -1, 7, undecodable}};
-  for (const auto& row : rows) {
-    const TimeLapse lapse(row.line == undecodable ? 500 : 1);
-    const LogCapture log;
-    answer = [&row](uint16_t id) {
-      platform::send_indication(service_id(), id, words(row.message));
+    size_t size;  // in words, 67 as it should be
+    Timed result;
+    uint32_t len = 7;
+  } rows[] = {{selection(0, 124), 67, {0, 0s}, 124},    {selection(0, 125), 67, {-1, 0s}},
+              {selection(0, 0xFFFFFFFF), 67, {-1, 0s}}, {selection(0, 4), 66, {-1, 5s}},
+              {selection(0, 4), 68, {-1, 5s}},          {selection(0, 4), 1, {-1, 5s}}};
+  for (auto [message, size, result, len] : rows) {
+    message.resize(size);
+    answer = [&message](uint16_t id) {
+      platform::send_indication(service_id(), id, words(message));
       return accept(id);
     };
     pdc_config_pdc_info config{.config_id_len = 7, .config_id = {}};
-    EXPECT_EQ(pdc_get_current_config_ex(&config, 1, 0), row.result) << row.line;
-    EXPECT_EQ(config.config_id_len, row.len);
-    EXPECT_EQ(std::count(config.config_id, std::end(config.config_id), 1),
-              row.result == 0 ? row.len : 0);
-    EXPECT_EQ(log.count(row.line), 1u) << row.line;
+    EXPECT_EQ(timed([&] { return pdc_get_current_config_ex(&config, 1, 0); }), result);
+    EXPECT_EQ(config.config_id_len, len);
+    EXPECT_EQ(std::count(config.config_id, std::end(config.config_id), 1), len == 7 ? 0 : len);
   }
 }
 
 TEST_F(PdcTest, OneWatchdogEndsAllWaitsAndLeavesNoTimerBehind) {
   answer = accept;
-  fail_next_timer_create();
-  EXPECT_EQ(select(), -1) << "at once";
-  const TimeLapse lapse(20);
-  const auto start = Clock::now();
-  auto first = std::async(std::launch::async, deactivate);
-  ASSERT_TRUE(becomes_one(4, &pdc_req_waiter::is_waiting));
-  EXPECT_EQ(deactivate(), -2);
-  std::this_thread::sleep_until(start + 3s);
-  EXPECT_EQ(select(), -1);
-  EXPECT_EQ(first.get(), -1);
-  EXPECT_LT(Clock::now() - start, 8s) << "by the first one's watchdog";
-  EXPECT_EQ(asked().size(), 3u);
-  const auto again = Clock::now();
-  EXPECT_EQ(deactivate(), -1);
-  EXPECT_GE(Clock::now() - again, 5s);
+  auto first = std::async(std::launch::async, [] { return timed(deactivate); });
+  sleep(3);
+  EXPECT_EQ(timed(deactivate), Timed(-2, 0s));
+  EXPECT_EQ(timed(select), Timed(-1, 2s)) << "by the first one's watchdog";
+  EXPECT_EQ(first.get(), Timed(-1, 5s));
+  EXPECT_EQ(asked().size(), 2u);
+  EXPECT_EQ(timed(deactivate), Timed(-1, 5s)) << "not by the second one's";
 }
 
-TEST_F(PdcTest, KindsThatAreNeverRequestedAreIgnored) {
+TEST_F(PdcTest, AReconnectionForgetsAClaim) {
+  answer = [](uint16_t id) { return sleep(2), accept(id); };
+  auto first = std::async(std::launch::async, [] { return timed(deactivate); });
+  sleep(1);
+  qmi_pdc_init_pdc_info_ex();
+  auto second = std::async(std::launch::async, [] { return timed(deactivate); });
+  sleep(3);
+  indicate(0x2B);
+  EXPECT_EQ(first.get(), Timed(-1, 2s));
+  EXPECT_EQ(second.get(), Timed(0, 3s));
+  first = std::async(std::launch::async, [] { return timed(deactivate); });
+  sleep(1);
+  qmi_pdc_init_pdc_info_ex();
+  EXPECT_EQ(first.get(), Timed(-1, 2s)) << "and no watchdog is left";
+}
+
+TEST_F(PdcTest, AWatchdogEndsTheWaitOfEveryKind) {
+  std::unique_lock lock(g_pdc_info_ex.mutex);
+  for (pdc_req_waiter& waiter : g_pdc_info_ex.waiters) waiter.is_waiting = 1;
+  g_pdc_info_ex.waiters[6].is_done = 1;  // with a result that counts
+  lock.unlock();
   const LogCapture log;
-  const std::pair<uint16_t, const char*> rows[] = {
+  qmi_pdc_request_timer_timeout_proc({.sival_int = 77});
+  for (const char* name : {"pdc_list", "pdc_load", "pdc_info", "pdc_deact", "pdc_del", "get_sel",
+                           "act_config", "set_feature", "default_info"}) {
+    EXPECT_EQ(log.count(std::string(name) + " is waiting, will stop it."), 1u) << name;
+  }
+  EXPECT_EQ(log.count("not find this timer_id(77)"), 1u);
+  lock.lock();
+  for (pdc_req_waiter& waiter : g_pdc_info_ex.waiters) {
+    EXPECT_EQ(waiter.result, &waiter == &g_pdc_info_ex.waiters[6] ? 0 : -1);
+    EXPECT_EQ(waiter.is_done, 1u);
+  }
+  lock.unlock();
+  qmi_pdc_init_pdc_info_ex();
+}
+
+TEST_F(PdcTest, KindsThatAreNotRequestedAreIgnored) {
+  std::map<uint16_t, std::string> rows{
       {0x24,
        "pdc_list_configs_flag, g_pdc_info_ex.is_pdc_list_handling is not running, do nothing"},
-      {0x25, "Do nothing, No QMI_PDC_DELETE_CONFIG_REQ_V01"},
-      {0x26, "Do nothing, No QMI_PDC_LOAD_CONFIG_REQ_V01"},
-      {0x28, "Do nothing, No QMI_PDC_GET_CONFIG_INFO_REQ_V01"},
       {0x29, "failed to get message c_struct len"},
-      {0x2A, "Do nothing, No QMI_PDC_GET_DEFAULT_CONFIG_INFO_REQ_V01"},
-      {0x2C, "ignore this indication, no pdc_validate_config_req"},
-      {0x2E, "Do nothing, No QMI_PDC_SET_FEATURE_REQ_V01"}};
-  for (const auto& row : rows) indicate(row.first);
+      {0x2C, "ignore this indication, no pdc_validate_config_req"}};
+  uint16_t next = 0x22;
+  for (const char* kind : {"GET_SELECTED_CONFIG", "SET_SELECTED_CONFIG", "", "DELETE_CONFIG",
+                           "LOAD_CONFIG", "ACTIVATE_CONFIG", "GET_CONFIG_INFO", "",
+                           "GET_DEFAULT_CONFIG_INFO", "DEACTIVATE_CONFIG", "", "", "SET_FEATURE"}) {
+    rows.emplace(next++, std::string("Do nothing, No QMI_PDC_") + kind + "_REQ_V01");
+  }
+  rows.erase(0x2D);
   for (const auto& [id, line] : rows) {
-    EXPECT_TRUE(eventually([&log, text = line] { return log.count(text) == 1; })) << line;
+    const LogCapture log;
+    indicate(id);
+    sleep(1);
+    EXPECT_EQ(log.messages().back(), line);
   }
 }
 
-TEST_F(PdcTest, SurvivesIndicationsAtAnyMoment) {
-  std::atomic<bool> ends{false};
-  std::thread strays([&ends] {
-    std::minstd_rand random(1);
-    while (!ends) {
-      const uint16_t id = kKinds[random() % 4].id;
-      const Words message = id == 0x22 ? selection(0, 124, 0, 2) : Words{0};
-      platform::send_indication(service_id(), id, words(message));
-      std::this_thread::sleep_for(std::chrono::microseconds(random() % 200));
-    }
-  });
-  auto others = std::async(std::launch::async, [] {
-    int failures = 0;
-    for (int round = 0; round < 1000; ++round) failures += (deactivate() | select()) != 0;
-    return failures;
-  });
-  for (int round = 0; round < 1000; ++round) {
-    pdc_config_pdc_info config{};
-    EXPECT_EQ(pdc_get_current_config_ex(&config, 1, 0), 0);
-    const auto ids = std::count(config.config_id, std::end(config.config_id), 1) * 100 +
-                     std::count(config.config_id, std::end(config.config_id), 2);
-    EXPECT_EQ(ids, config.config_id_len == 4 ? 400 : 124) << "one id as a whole";
-  }
-  EXPECT_EQ(others.get(), 0);
-  for (int round = 0; round < 20; ++round) EXPECT_EQ(tervik_mbn_init(1), 0);
-  ends = true;
-  strays.join();
-}
-
-TEST_F(PdcTest, TheSelfTestNotifiesThenWaits) {
-  const TimeLapse lapse(20000);
-  const LogCapture log;
-  tervik_pdc_test_wait_notify(1);
-  EXPECT_EQ(log.count("pdc_test, notify_one"), 2u);
-  // The time may run too fast for the worker, which misses both notifications then.
-  const auto ends = [&log](size_t count) {
-    return eventually([&log, count] {
-      const bool is_waiting = log.count("pdc_test, wait ...") > log.count("pdc_test, wait end");
-      if (is_waiting) tervik_pdc_test_rsp(1);
-      const Strings lines = log.messages_from("tervik_qcril_pdc_test_thread_proc");
-      return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [](const auto& line) {
-               return line.starts_with("function exit");
-             })) == count;
+TEST_F(PdcTest, AnIdIsTakenFromOneIndicationAsAWhole) {
+  for (uint64_t seed = 1; seed <= 20; ++seed) {
+    SCOPED_TRACE(seed);
+    const Shuffle shuffle(seed);
+    auto strays = std::async(std::launch::async, [] {
+      for (int i = 0; i < 40; ++i) {
+        platform::send_indication(service_id(), 0x22, words(selection(0, 124, 0, 2)));
+      }
     });
-  };
-  EXPECT_TRUE(ends(1));
-  const Strings lines = log.messages();
-  const auto wait = std::find(lines.begin(), lines.end(), "pdc_test, wait ...");
-  EXPECT_NE(std::find(lines.begin(), wait, "pdc_test, notify_one"), wait);
-  EXPECT_NE(std::find(wait, lines.end(), "pdc_test, wait end"), lines.end());
-  tervik_pdc_test_wait_notify(0);
-  EXPECT_TRUE(ends(2));
-  EXPECT_EQ(log.count("flag is invalid, do nothing"), 1u);
-  auto slept = lapse.slept();
-  std::sort(slept.begin(), slept.end());
-  EXPECT_EQ(slept, (std::vector<std::chrono::nanoseconds>{3s, 3s, 10s, 10s, 1000s, 1000s}));
+    for (int round = 0; round < 10; ++round) {
+      pdc_config_pdc_info config{};
+      EXPECT_EQ(pdc_get_current_config_ex(&config, 1, 0), 0);
+      const auto ids = std::count(config.config_id, std::end(config.config_id), 1) * 100 +
+                       std::count(config.config_id, std::end(config.config_id), 2);
+      EXPECT_EQ(ids, config.config_id_len == 4 ? 400 : 124);
+    }
+    strays.get();
+  }
+}
+
+// Whatever comes first, every wait ends at once, and nothing is left for the next one.
+TEST_F(PdcTest, WatchdogIndicationAndReconnectionRaceForTwoWaits) {
+  for (uint64_t seed = 1; seed <= 60; ++seed) {
+    SCOPED_TRACE(seed);
+    const Shuffle shuffle(seed);
+    answer = accept;
+    auto first = std::async(std::launch::async, [] { return timed(get_selected); });
+    auto second = std::async(std::launch::async, [] { return timed(select); });
+    sleep(1);
+    auto ends = std::async(std::launch::async, [seed] {
+      if (seed % 3 == 0) return qmi_pdc_init_pdc_info_ex();
+      std::unique_lock lock(g_pdc_info_ex.mutex);
+      const uint32_t timer = *qmi_pdc_request_timer_get_ptr_by_req_type(PDC_REQ_GET_SEL);
+      lock.unlock();
+      qmi_pdc_request_timer_timeout_proc({.sival_int = static_cast<int>(timer)});
+    });
+    for (const size_t kind : {1u, 2u, 1u}) indicate(kKinds[kind].id);
+    for (auto* const waiting : {&first, &second}) {
+      const Timed result = waiting->get();
+      EXPECT_TRUE(result == Timed(0, 1s) || result == Timed(-1, 1s));
+    }
+    ends.get();
+    sleep(1);
+    EXPECT_EQ(timed(get_selected), Timed(-1, 5s));
+    EXPECT_EQ(timed(select), Timed(-1, 5s));
+  }
 }
 
 using MbnTest = PdcTest;
 
-Strings reactivation(const std::string& sub) {
-  return {"2: 1 1 " + sub, "11: 1 1 " + sub, "sync",
-          "3: 1" + id_text(" 4 16843009", " 0") + " 1 " + sub, "7: 1 1 0 1 " + sub + " 1 " + sub};
-}
-
-TEST_F(MbnTest, RefreshesOnOneConnection) {
-  const LogCapture log;
+TEST_F(MbnTest, TheLastRequestCountsAndAFailedConnectionIsTriedAnew) {
   answer = [requests = 0](uint16_t) mutable { return respond({++requests == 1, 5}); };
-  EXPECT_EQ(tervik_refresh_sw_mbn(3), 0) << "the second one's result";
+  EXPECT_EQ(tervik_refresh_sw_mbn(3), 0);
   EXPECT_EQ(asked(), (Strings{"7: 1 1 1 1 0 1 0", "7: 1 1 1 1 1 1 1"}));
-  EXPECT_EQ(log.count("SUB_0 pdc_activate_config_ex ret -1"), 1u);
-  EXPECT_EQ(log.count("pdc init have been done, do nothing"), 1u);
-}
-
-TEST_F(MbnTest, ReactivatesInOrderUnlessTheFirstStepFails) {
-  Strings both = reactivation("0");
-  for (const std::string& request : reactivation("1")) both.push_back(request);
-  EXPECT_EQ(tervik_reactivate_sw_mbn(3), 0);
-  EXPECT_EQ(asked(), both);
   answer = [](uint16_t id) {
     return id == 0x22 ? accept_and_indicate(id) : respond({id != 0x27, 48});
   };
-  EXPECT_EQ(tervik_reactivate_sw_mbn(1), 0);
-  EXPECT_EQ(asked(), reactivation("0"));
-  answer = [](uint16_t id) { return indicate(id, 5), accept(id); };
-  EXPECT_EQ(tervik_reactivate_sw_mbn(3), -1);
-  EXPECT_EQ(asked(), Strings{"2: 1 1 0"});
-  const TimeLapse lapse(500);
-  answer = accept_and_indicate;
-  for (const int count : {2, 0}) {
-    static_cast<void>(
-        tervik_set_property_value_to_int("persist.radio.all_pdc_no_rsp_count", count));
-    EXPECT_EQ(tervik_reactivate_sw_mbn(2), count == 0 ? 0 : -1);
+  EXPECT_EQ(tervik_reactivate_sw_mbn(3), 0);
+  EXPECT_EQ(asked().size(), 8u);
+  for (const uint32_t type : {2u, ~0u}) {
+    EXPECT_EQ(tervik_refresh_mbn(1, type), 0);
+    EXPECT_EQ(tervik_reactivate_mbn(1, type), -1);
   }
-}
-
-TEST_F(MbnTest, RefusesWhatItCannotMeanAndGivesUpConnecting) {
-  const LogCapture log;
-  for (const auto& [mask, type] : {std::pair(0u, 1u), {4u, 0u}, {~0u, 1u}, {1u, 2u}, {1u, ~0u}}) {
-    EXPECT_EQ(tervik_refresh_mbn(mask, type), 0);
-    EXPECT_EQ(tervik_reactivate_mbn(mask, type), -1);
-  }
-  EXPECT_EQ(log.count("sub_mask is out of range"), 6u);
-  EXPECT_EQ(log.count("config_type is invalid"), 4u);
   tervik_mbn_deactivate_config(2, 1);
   tervik_mbn_deactivate_config(1, 2);
   EXPECT_EQ(asked(), Strings{});
   platform::withdraw_service(service_id());
-  const TimeLapse lapse(10000);
   EXPECT_EQ(tervik_reactivate_sw_mbn(1), -1);
-  EXPECT_EQ(lapse.slept(), std::vector<std::chrono::nanoseconds>(19, 5s));
-  EXPECT_TRUE(log.contains("for PDC, retry times 20"));
   publish();
-  EXPECT_EQ(tervik_refresh_sw_mbn(1), 0) << "tries again";
+  EXPECT_EQ(tervik_refresh_sw_mbn(1), 0);
+  EXPECT_EQ(asked(), Strings{"7: 1 1 1 1 0 1 0"});
 }
 
-TEST(RilResult, IsConvertedFromWhatCameBack) {
-  const auto convert = qcril_qmi_util_convert_qmi_response_codes_to_ril_result;
-  EXPECT_EQ(convert(0, nullptr) | convert(-2, nullptr), 0);
-  EXPECT_EQ(convert(-1, nullptr), 39);
-  const int rows[][4] = {{0, 0, 5, 0},   {0, 2, 0, 39},  {3, 0, 0, 39},  {-2, 1, 1, 38},
-                         {0, 1, 0, 0},   {0, 1, 26, 0},  {0, 1, 3, 40},  {0, 1, 17, 44},
-                         {0, 1, 97, 65}, {0, 1, 98, 40}, {0, 1, -1, 40}, {0, 1, 96, 40}};
-  for (const auto& [transport, result, error, converted] : rows) {
-    const qcril_qmi_response response{result, error};
-    EXPECT_EQ(convert(transport, &response), converted) << error;
+TEST(PdcService, IsOfOneVersionAlone) {
+  for (uint32_t other = 0; other < 20; ++other) {
+    EXPECT_EQ(pdc_get_service_object_internal_v01(other, 18, 6) != nullptr, other == 1);
+    EXPECT_EQ(pdc_get_service_object_internal_v01(1, other, 6) != nullptr, other == 18);
+    EXPECT_EQ(pdc_get_service_object_internal_v01(1, 18, other) != nullptr, other == 6);
   }
 }
 

@@ -2,408 +2,231 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
-#include <atomic>
-#include <barrier>
-#include <chrono>
-#include <functional>
+#include <deque>
 #include <future>
-#include <latch>
-#include <mutex>
-#include <numeric>
-#include <thread>
+#include <set>
 
 #include "platform/qmi/service_bus.h"
+#include "tests/platform/callback_record.h"
 #include "tests/support/state_directory_fixture.h"
-#include "tests/support/time_lapse.h"
 
 namespace kiv::test {
 namespace {
 
+using namespace std::chrono_literals;
+using platform::publish_service;
 using platform::ServiceReply;
-using std::chrono::milliseconds;
-using std::chrono::steady_clock;
+using platform::withdraw_service;
+using std::this_thread::sleep_for;
 using Bytes = std::vector<uint8_t>;
-using Request = std::span<const uint8_t>;
+using Calls = std::vector<int>;  // the numbers of indications, and errors
+using Callbacks = CallbackRecord<int>;
 
 constexpr uint32_t kServiceId = 0x77;
 constexpr uint16_t kMessage = 0x20;
-constexpr uint32_t kAnyTimeoutMs = 30000;
 
-struct Body {
-  uint32_t value = 0;
-};
-constexpr qmi_idl_field kBodyField{.tlv = 0x01, .wire_width = 2, .memory_width = 4};
-constexpr qmi_idl_message kBodyMessage{.id = kMessage,
-                                       .c_struct_len = sizeof(Body),
-                                       .max_encoded_len = 5,
-                                       .fields = std::span(&kBodyField, 1)};
-constexpr std::span kMessages(&kBodyMessage, 1);
+// One number, of two bytes on the wire.
+constexpr qmi_idl_field kNumber{.tlv = 0x01, .wire_width = 2, .memory_width = 4};
+constexpr qmi_idl_message kNumberMessage{kMessage, 4, 5, std::span(&kNumber, 1)};
+constexpr std::span kMessages(&kNumberMessage, 1);
 constexpr qmi_idl_service_object kIdl{6, 1, kServiceId, 1, 5, kMessages, kMessages, kMessages};
 
-void publish(std::function<ServiceReply(Request)> answer) {
-  platform::publish_service(kServiceId, [answer = std::move(answer)](uint16_t, Request request) {
-    return answer(request);
+// Echoes every number but 1, which it leaves without answer.
+void publish() {
+  publish_service(kServiceId, [](uint16_t, std::span<const uint8_t> request) {
+    return request[3] == 1 ? ServiceReply::silence()
+                           : ServiceReply::response({request.begin(), request.end()});
   });
 }
 
-ServiceReply echo(Request request) {
-  return ServiceReply::response(Bytes(request.begin(), request.end()));
+void indicate(uint8_t number) {
+  platform::send_indication(kServiceId, kMessage, Bytes{0x01, 2, 0, number, 0});
 }
-
-void indicate(uint8_t value) {
-  platform::send_indication(kServiceId, kMessage, Bytes{0x01, 2, 0, value, 0});
-}
-
-// What the callbacks of one client saw; a callback waits at `gate` when there is one.
-struct CallbackRecord {
-  std::mutex mutex;
-  std::vector<uint32_t> values;
-  std::vector<int> errors;
-  std::latch* entered = nullptr;
-  std::latch* gate = nullptr;
-  std::atomic<int> calls{0};
-  std::atomic<bool> running{false};
-
-  size_t count() {
-    const std::lock_guard lock(mutex);
-    return values.size() + errors.size();
-  }
-  // True once `expected` callbacks were made; false when they did not come in time.
-  bool reached(size_t expected) {
-    for (int tick = 0; tick < 5000 && count() < expected; ++tick) {
-      std::this_thread::sleep_for(milliseconds(1));
-    }
-    return count() >= expected;
-  }
-};
 
 void record_indication(qmi_client_type client, unsigned int msg_id, void* buffer,
                        unsigned int length, void* data) {
-  auto& record = *static_cast<CallbackRecord*>(data);
-  ++record.calls;
-  record.running = true;
-  if (record.gate != nullptr) {
-    record.entered->count_down();
-    record.gate->wait();
-  }
-  Body body;
-  if (qmi_client_message_decode(client, QMI_IDL_INDICATION, msg_id, buffer, length, &body,
-                                sizeof body) == QMI_NO_ERR) {
-    const std::lock_guard lock(record.mutex);
-    record.values.push_back(body.value);
-  }
-  record.running = false;
+  int number = -1;
+  static_cast<Callbacks*>(data)->add(0);
+  // Also while the client is being released.
+  EXPECT_EQ(qmi_client_message_decode(client, QMI_IDL_INDICATION, msg_id, buffer, length, &number,
+                                      sizeof number),
+            QMI_NO_ERR);
+  static_cast<Callbacks*>(data)->add(number);
 }
 
-void record_error(qmi_client_type, int error, void* data) {
-  auto& record = *static_cast<CallbackRecord*>(data);
-  const std::lock_guard lock(record.mutex);
-  record.errors.push_back(error);
-}
-
-int open_within(unsigned int timeout_ms, qmi_client_type& client,
-                CallbackRecord* record = nullptr) {
-  return qmi_client_init_instance(&kIdl, QMI_CLIENT_INSTANCE_ANY,
-                                  record != nullptr ? record_indication : nullptr, record, nullptr,
-                                  timeout_ms, &client);
-}
-
-qmi_client_type open(CallbackRecord* record = nullptr) {
+qmi_client_type open(Callbacks* callbacks = nullptr, unsigned int timeout_ms = 0) {
   qmi_client_type client = nullptr;
-  EXPECT_EQ(open_within(0, client, record), QMI_NO_ERR);
+  const auto indication = callbacks != nullptr ? record_indication : nullptr;
+  EXPECT_EQ(qmi_client_init_instance(&kIdl, 1, indication, callbacks, nullptr, timeout_ms, &client),
+            QMI_NO_ERR);
   return client;
+}
+
+int report_errors(qmi_client_type client, Callbacks* callbacks) {
+  const auto record = [](qmi_client_type, int error, void* data) {
+    static_cast<Callbacks*>(data)->add(error);
+  };
+  return qmi_client_register_error_cb(client, record, callbacks);
 }
 
 void release(qmi_client_type client) {
   EXPECT_EQ(qmi_client_release(client), QMI_NO_ERR);
 }
 
-int send(qmi_client_type client, uint32_t value, uint32_t* answer = nullptr) {
-  const Body request{value};
-  Body response{0xDEAD};
-  const int result = qmi_client_send_msg_sync(client, kMessage, &request, sizeof request, &response,
-                                              sizeof response, kAnyTimeoutMs);
-  if (answer != nullptr) *answer = response.value;
-  return result;
+int send(qmi_client_type client, uint32_t number) {
+  return qmi_client_send_msg_sync(client, kMessage, &number, sizeof number, &number, sizeof number,
+                                  3000);
 }
 
-class QmiClientTest : public StateDirectoryTest {
- protected:
-  void TearDown() override {
-    EXPECT_EQ(platform::open_handle_count(), 0u);
-    StateDirectoryTest::TearDown();
-  }
-};
-
-TEST_F(QmiClientTest, EveryReplyHasItsCode) {
-  const struct {
-    ServiceReply reply;
-    int result;
-    uint32_t answer;
-  } cases[] = {
-      {ServiceReply::response({0x55, 0, 0, 0x01, 2, 0, 0x34, 0x12}), QMI_NO_ERR, 0x1234},
-      {ServiceReply::response({0x01, 2, 0, 1}), QMI_INTERNAL_ERR, 0},
-      {ServiceReply::response({}), QMI_INTERNAL_ERR, 0},
-      {ServiceReply::transport_error(-5), -5, 0xDEAD},
-      {ServiceReply::transport_error(17), 17, 0xDEAD},
-      {ServiceReply::transport_error(0), QMI_INTERNAL_ERR, 0xDEAD},
-  };
-  for (const auto& row : cases) {
-    Bytes seen;
-    publish([&](Request request) {
-      seen.assign(request.begin(), request.end());
-      return row.reply;
-    });
-    const qmi_client_type client = open();
-    uint32_t answer = 0;
-    EXPECT_EQ(send(client, 0xABCD, &answer), row.result);
-    EXPECT_EQ(answer, row.answer);
-    EXPECT_EQ(seen, (Bytes{0x01, 2, 0, 0xCD, 0xAB}));
-    release(client);
-  }
+// Runs beside the caller from `delay_ms` on; waited for at the end.
+template <class Run>
+std::future<void> later(int delay_ms, Run run) {
+  return std::async(std::launch::async, [delay_ms, run] {
+    sleep_for(delay_ms * 1ms);
+    run();
+  });
 }
 
-TEST_F(QmiClientTest, BadArgumentsAndStaleHandlesAreRefused) {
-  publish(echo);
-  const qmi_client_type client = open();
-  Body body{1};
-  const struct {
-    unsigned int msg_id;
-    const void* request;
-    unsigned int request_len;
-    void* response;
-    unsigned int response_len;
-  } sends[] = {{kMessage + 1, &body, 4, &body, 4}, {0x10000 + kMessage, &body, 4, &body, 4},
-               {kMessage, &body, 3, &body, 4},     {kMessage, &body, 4, &body, 5},
-               {kMessage, nullptr, 4, &body, 4},   {kMessage, &body, 4, nullptr, 4}};
-  for (const auto& row : sends) {
-    EXPECT_EQ(qmi_client_send_msg_sync(client, row.msg_id, row.request, row.request_len,
-                                       row.response, row.response_len, 10),
+using QmiClientTest = StateDirectoryTest;
+
+TEST_F(QmiClientTest, NoReplyOfAServiceIsASuccessUnlessItSaysSo) {
+  publish_service(kServiceId, [](auto...) { return ServiceReply::transport_error(0); });
+  qmi_client_type client = open();
+  EXPECT_EQ(send(client, 2), QMI_INTERNAL_ERR);
+  uint32_t number = 2;  // which stands in a structure of four bytes
+  for (const auto& [request, response] : {std::pair{3u, 4u}, {5u, 4u}, {4u, 3u}, {4u, 5u}}) {
+    EXPECT_EQ(qmi_client_send_msg_sync(client, kMessage, &number, request, &number, response, 1),
               QMI_CLIENT_PARAM_ERR);
   }
-  qmi_client_os_params signal;
-  qmi_client_type notifier = nullptr;
-  ASSERT_EQ(qmi_client_notifier_init(&kIdl, &signal, &notifier), QMI_NO_ERR);
   release(client);
-  int outside = 0;
-  for (const qmi_client_type stale :
-       {client, notifier, qmi_client_type{nullptr}, qmi_client_type{&outside}}) {
-    EXPECT_EQ(send(stale, 1), QMI_CLIENT_PARAM_ERR);
-    EXPECT_EQ(qmi_client_register_error_cb(stale, record_error, nullptr), QMI_CLIENT_PARAM_ERR);
-    EXPECT_EQ(qmi_client_message_decode(stale, QMI_IDL_INDICATION, kMessage, nullptr, 0, &body, 4),
-              QMI_CLIENT_PARAM_ERR);
-  }
-  release(notifier);
-  EXPECT_EQ(qmi_client_release(client), QMI_CLIENT_PARAM_ERR);
-
-  qmi_client_type opened = nullptr;
-  const qmi_service_info other{.service_id = kServiceId + 1, .instance_id = 1};
-  EXPECT_EQ(qmi_client_init(&other, &kIdl, nullptr, nullptr, nullptr, &opened), QMI_SERVICE_ERR);
+  publish_service(kServiceId, [](auto...) {
+    sleep_for(5s);  // longer than the sender waits
+    return ServiceReply::silence();
+  });
+  client = open();
+  EXPECT_EQ(time_of([&] { EXPECT_EQ(send(client, 2), QMI_TIMEOUT_ERR); }), 5s);
+  release(client);
 }
 
-TEST_F(QmiClientTest, AServiceIsFoundByListAndByInstance) {
+TEST_F(QmiClientTest, WaitsForAServiceEndWithItsArrivalOrTheirTime) {
   qmi_client_os_params signal;
-  qmi_client_type notifier = nullptr;
-  ASSERT_EQ(qmi_client_notifier_init(&kIdl, &signal, &notifier), QMI_NO_ERR);
-  unsigned int services = 9;
-  EXPECT_EQ(qmi_client_get_service_list(&kIdl, nullptr, nullptr, &services), QMI_SERVICE_ERR);
-  EXPECT_EQ(services, 0u);
-  qmi_client_type by_instance = nullptr;
-  EXPECT_EQ(open_within(4, by_instance), QMI_TIMEOUT_ERR);
-
-  auto opening =
-      std::async(std::launch::async, [&] { return open_within(kAnyTimeoutMs, by_instance); });
-  auto publisher = std::async(std::launch::async, [] { publish(echo); });
-  qmi_cci_os_signal_wait(&signal, kAnyTimeoutMs);
-  EXPECT_EQ(opening.get(), QMI_NO_ERR);
-  std::array<qmi_service_info, 2> found{};
-  unsigned int entries = 2;
-  ASSERT_EQ(qmi_client_get_service_list(&kIdl, found.data(), &entries, &services), QMI_NO_ERR);
-  EXPECT_EQ(entries, 1u);
-  EXPECT_EQ(services, 1u);
-  qmi_client_type by_list = nullptr;
-  ASSERT_EQ(qmi_client_init(found.data(), &kIdl, nullptr, nullptr, nullptr, &by_list), QMI_NO_ERR);
-  publisher.get();
-
-  // The arrival is spent: the next wait runs into its time.
-  const TimeLapse lapse{100};
-  const auto start = steady_clock::now();
-  qmi_cci_os_signal_wait(&signal, 1000);
-  EXPECT_GE(steady_clock::now() - start, milliseconds(1000));
-  for (const qmi_client_type client : {by_instance, by_list}) {
-    EXPECT_EQ(send(client, 3), QMI_NO_ERR);
-    release(client);
-  }
-  release(notifier);
+  qmi_client_type client = nullptr;
+  ASSERT_EQ(qmi_client_notifier_init(&kIdl, &signal, &client), QMI_NO_ERR);
+  const auto wait = [&] { return time_of([&] { qmi_cci_os_signal_wait(&signal, 1000); }); };
+  EXPECT_EQ(wait(), 1000ms);
+  publish();
+  EXPECT_EQ(wait(), 0ms) << "an arrival before the wait counts";
+  EXPECT_EQ(wait(), 1000ms) << "an arrival counted twice";
+  auto publisher = later(400, publish);
+  EXPECT_EQ(wait(), 400ms);
+  release(client);
+  const auto open_time = [&](unsigned int limit_ms, uint32_t instance, int result) {
+    return time_of([&] {
+      EXPECT_EQ(
+          qmi_client_init_instance(&kIdl, instance, nullptr, nullptr, nullptr, limit_ms, &client),
+          result);
+    });
+  };
+  EXPECT_EQ(open_time(1000, 2, QMI_TIMEOUT_ERR), 1000ms);
+  withdraw_service(kServiceId);
+  EXPECT_EQ(open_time(0, 1, QMI_TIMEOUT_ERR), 0ms);
+  const auto other = later(300, [] { publish_service(kServiceId + 1, nullptr); });
+  publisher = later(700, publish);
+  EXPECT_EQ(open_time(1000, 1, QMI_NO_ERR), 700ms);
+  release(client);
 }
 
-TEST_F(QmiClientTest, LossOfServiceOrClientEndsAWaitingRequest) {
+TEST_F(QmiClientTest, LossOfServiceOrClientEndsAWaitingRequestAtOnce) {
   const std::function<void(qmi_client_type)> losses[] = {
-      [](qmi_client_type) { platform::withdraw_service(kServiceId); },
-      [](qmi_client_type) { publish(echo); },
-      [](qmi_client_type client) { release(client); },
+      [](auto) { withdraw_service(kServiceId); },
+      [](auto) { publish(); },
+      [](auto) { platform::reset_service_bus(); },
+      release,
   };
   for (const auto& lose : losses) {
-    std::latch reached{1};
-    publish([&](Request) {
-      reached.count_down();
-      return ServiceReply::silence();
-    });
+    publish();
     const qmi_client_type client = open();
-    auto sender = std::async(std::launch::async, [client] { return send(client, 1); });
-    reached.wait();
-    lose(client);
-    EXPECT_EQ(sender.get(), QMI_SERVICE_ERR);
-    EXPECT_NE(send(client, 1), QMI_NO_ERR) << "the client came back to life";
-    if (&lose != &losses[2]) release(client);
+    const auto loss = later(500, [&] { lose(client); });
+    EXPECT_EQ(time_of([&] { EXPECT_EQ(send(client, 1), QMI_SERVICE_ERR); }), 500ms);
+    publish();
+    const bool released = &lose == &losses[3];
+    EXPECT_EQ(send(client, 2), released ? QMI_CLIENT_PARAM_ERR : QMI_SERVICE_ERR);
+    if (!released) release(client);
   }
 }
 
-TEST_F(QmiClientTest, TwoThreadsAreInTheServiceAtOnce) {
-  std::barrier both_inside{2};
-  publish([&](Request request) {
-    both_inside.arrive_and_wait();
-    return echo(request);
-  });
-  const qmi_client_type client = open();
-  const auto run = [client](uint32_t first) {
-    for (uint32_t value = first; value < first + 100; ++value) {
-      uint32_t answer = 0;
-      EXPECT_EQ(send(client, value, &answer), QMI_NO_ERR);
-      EXPECT_EQ(answer, value);
-    }
-  };
-  auto other = std::async(std::launch::async, run, 1000);
-  run(2000);
-  other.get();
-  release(client);
+TEST_F(QmiClientTest, ReleaseOutlastsARunningCallbackAndDropsTheRest) {
+  publish();
+  Callbacks callbacks(500ms);  // twice in each callback
+  const qmi_client_type client = open(&callbacks);
+  const qmi_client_type idle = open();
+  EXPECT_EQ(report_errors(client, &callbacks), QMI_NO_ERR);
+  indicate(4);
+  indicate(5);
+  sleep_for(200ms);
+  EXPECT_EQ(time_of([idle] { release(idle); }), 0ms);
+  const auto user = later(100, [=] { EXPECT_EQ(send(client, 2), QMI_CLIENT_PARAM_ERR); });
+  EXPECT_EQ(time_of([client] { release(client); }), 800ms);
+  callbacks.end();
+  withdraw_service(kServiceId);
+  EXPECT_EQ(callbacks.received(), (Calls{0, 4}));
 }
 
-TEST_F(QmiClientTest, IndicationsReachEveryClientInOrder) {
-  publish(echo);
-  std::array<CallbackRecord, 2> records;
-  const qmi_client_type clients[] = {open(&records[0]), open(&records[1]), open()};
-  std::vector<uint32_t> sent(50);
-  std::iota(sent.begin(), sent.end(), 1);
-  for (const uint32_t value : sent) indicate(static_cast<uint8_t>(value));
-  for (CallbackRecord& record : records) {
-    ASSERT_TRUE(record.reached(50));
-    EXPECT_EQ(record.values, sent);
-  }
-  for (const qmi_client_type client : clients) release(client);
-}
-
-TEST_F(QmiClientTest, ReleaseAndResetOutlastARunningCallbackAndDropTheRest) {
-  for (const bool reset : {false, true}) {
-    publish(echo);
-    std::latch entered{1};
-    std::latch gate{1};
-    CallbackRecord record;
-    record.entered = &entered;
-    record.gate = &gate;
-    const qmi_client_type client = open(&record);
-    ASSERT_EQ(qmi_client_register_error_cb(client, record_error, &record), QMI_NO_ERR);
-    indicate(1);
-    indicate(2);
-    entered.wait();
-    auto ending = std::async(std::launch::async, [&] {
-      reset ? platform::reset_service_bus() : release(client);
-      EXPECT_FALSE(record.running);
-    });
-    // A tick is enough to see that it waits; a timed wait on the future itself would not follow
-    // the test's clock.
-    std::this_thread::sleep_for(milliseconds(20));
-    EXPECT_EQ(ending.wait_for(milliseconds(0)), std::future_status::timeout);
-    gate.count_down();
-    ending.get();
-    EXPECT_EQ(send(client, 1), reset ? QMI_SERVICE_ERR : QMI_CLIENT_PARAM_ERR);
-    // Whatever was queued has come when a later client has had its own.
-    publish(echo);
-    CallbackRecord later;
-    const qmi_client_type other = open(&later);
-    indicate(3);
-    EXPECT_TRUE(later.reached(1));
-    EXPECT_EQ(record.calls, 1);
-    EXPECT_TRUE(record.errors.empty());
-    release(other);
-    if (reset) release(client);
-  }
-}
-
-TEST_F(QmiClientTest, ACallbackMayReleaseItsOwnClient) {
-  publish(echo);
-  std::atomic<int> calls{0};
-  const auto release_self = [](qmi_client_type client, unsigned int, void*, unsigned int,
-                               void* data) {
-    release(client);
-    ++*static_cast<std::atomic<int>*>(data);
-  };
-  qmi_client_type client = nullptr;
-  ASSERT_EQ(qmi_client_init_instance(&kIdl, 1, release_self, &calls, nullptr, 0, &client), 0);
-  CallbackRecord behind;
-  const qmi_client_type other = open(&behind);
-  indicate(1);
-  indicate(2);
-  ASSERT_TRUE(behind.reached(2));
-  EXPECT_EQ(calls, 1);
-  release(other);
-}
-
-TEST_F(QmiClientTest, LossIsReportedOnceHoweverLateTheCallbackIs) {
-  publish(echo);
-  CallbackRecord early;
-  CallbackRecord late;
-  CallbackRecord gone;
-  const qmi_client_type clients[] = {open(), open(), open()};
-  const auto report_to = [&clients](size_t index, CallbackRecord& record) {
-    EXPECT_EQ(qmi_client_register_error_cb(clients[index], record_error, &record), QMI_NO_ERR);
-  };
-  report_to(0, early);
-  report_to(2, gone);
+TEST_F(QmiClientTest, IndicationsAndLossesReachThoseWhoAskedInOrderAndOnce) {
+  publish();
+  Callbacks both;
+  Callbacks late;
+  const qmi_client_type clients[] = {open(&both), open(), open()};
+  EXPECT_EQ(report_errors(clients[0], &both), QMI_NO_ERR);
   release(clients[2]);
-  platform::withdraw_service(kServiceId);
-  publish(echo);
-  platform::withdraw_service(kServiceId);
-  report_to(1, late);
-  report_to(0, early);
-  ASSERT_TRUE(late.reached(1));
-  for (CallbackRecord* record : {&early, &late}) {
-    const std::lock_guard lock(record->mutex);
-    EXPECT_EQ(record->errors, std::vector<int>{QMI_SERVICE_ERR});
-  }
-  EXPECT_EQ(gone.count(), 0u);
-  release(clients[0]);
-  release(clients[1]);
+  EXPECT_EQ(qmi_client_release(clients[2]), QMI_CLIENT_PARAM_ERR);
+  indicate(4);
+  indicate(5);
+  EXPECT_EQ(both.received(), (Calls{0, 4, 0, 5}));
+  withdraw_service(kServiceId);
+  publish();
+  withdraw_service(kServiceId);
+  sleep_for(1ms);
+  EXPECT_EQ(report_errors(clients[0], &both) + report_errors(clients[1], &late), QMI_NO_ERR);
+  EXPECT_EQ(both.received(), (Calls{0, 4, 0, 5, QMI_SERVICE_ERR}));
+  EXPECT_EQ(late.received(), Calls{QMI_SERVICE_ERR});
+  std::for_each(clients, clients + 2, release);
 }
 
 TEST_F(QmiClientTest, TrafficRestartsAndReleasesAtOnceStaySound) {
-  publish(echo);
-  std::atomic<bool> stop{false};
-  std::atomic<int> answered{0};
-  const auto client_thread = [&] {
-    while (!stop) {
-      CallbackRecord record;
-      qmi_client_type client = nullptr;
-      if (open_within(5, client, &record) != QMI_NO_ERR) continue;
-      EXPECT_EQ(qmi_client_register_error_cb(client, record_error, &record), QMI_NO_ERR);
-      const int result = send(client, 1);
-      EXPECT_TRUE(result == QMI_NO_ERR || result == QMI_SERVICE_ERR) << result;
-      answered += result == QMI_NO_ERR ? 1 : 0;
+  constexpr int kRounds = 4;
+  // They stay, so that a callback which comes too late is seen.
+  std::deque<std::array<Callbacks, kRounds>> all;
+  std::set<int> results;
+  const auto use_clients = [](std::array<Callbacks, kRounds>& own) {
+    std::set<int> sent;
+    for (Callbacks& callbacks : own) {
+      const qmi_client_type client = open(&callbacks, 60000);
+      EXPECT_EQ(report_errors(client, &callbacks), QMI_NO_ERR);
+      sent.insert(send(client, &callbacks == &own[1] ? 1 : 2));
       release(client);
+      callbacks.end();
     }
+    return sent;
   };
-  auto first = std::async(std::launch::async, client_thread);
-  auto second = std::async(std::launch::async, client_thread);
-  for (int round = 0; round < 200 || answered < 20; ++round) {
-    indicate(1);
-    platform::withdraw_service(kServiceId);
-    publish(echo);
-    std::this_thread::yield();
+  for (uint64_t seed = 1; seed <= 60; ++seed) {
+    const Shuffle shuffle(seed);
+    publish();
+    auto first = std::async(std::launch::async, use_clients, std::ref(all.emplace_back()));
+    auto second = std::async(std::launch::async, use_clients, std::ref(all.emplace_back()));
+    for (int round = 0; round < kRounds; ++round) {
+      indicate(7);
+      withdraw_service(kServiceId);
+      publish();
+    }
+    results.merge(first.get());
+    results.merge(second.get());
   }
-  stop = true;
-  first.get();
-  second.get();
+  EXPECT_EQ(platform::open_handle_count(), 0u);
+  results.erase(QMI_TIMEOUT_ERR);
+  EXPECT_EQ(results, (std::set<int>{QMI_NO_ERR, QMI_SERVICE_ERR}));
 }
 
 }  // namespace

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -15,6 +17,7 @@
 #include "tests/support/extension_stub.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/state_directory_fixture.h"
+#include "tests/support/virtual_time.h"
 
 namespace kiv::test {
 
@@ -60,6 +63,32 @@ inline Bytes common_payload(uint32_t type, const Bytes& data = {}) {
   return payload_of(bytes);
 }
 
+// What a request of class 2 says; everything else of its payload is zero.
+struct NvefsFields {
+  uint8_t operation = 0;
+  uint8_t sub = 0;
+  uint16_t id = 0;
+  std::string path{};
+  size_t all = 0;
+  size_t chunk = 0;
+  size_t offset = 0;
+  Bytes data{};
+};
+
+inline Bytes nvefs_payload(const NvefsFields& fields) {
+  Bytes bytes(kExtensionPayloadSize);
+  put(bytes, 0, fields.operation);
+  put(bytes, 1, fields.sub);
+  put(bytes, 2, fields.id);
+  put(bytes, 4, static_cast<uint8_t>(fields.path.size()));
+  std::copy(fields.path.begin(), fields.path.end(), bytes.begin() + 5);
+  put(bytes, 108, static_cast<uint32_t>(fields.all));
+  put(bytes, 112, static_cast<uint32_t>(fields.chunk));
+  put(bytes, 116, static_cast<uint32_t>(fields.offset));
+  std::copy(fields.data.begin(), fields.data.end(), bytes.begin() + 120);
+  return bytes;
+}
+
 // The lines that stand between '|' in `text`; none in an empty text.
 inline Strings split(const std::string& text) {
   Strings lines;
@@ -70,6 +99,17 @@ inline Strings split(const std::string& text) {
   }
   return lines;
 }
+
+// How long `run` takes, to the nanosecond.
+template <class Run>
+std::chrono::nanoseconds time_of(const Run& run) {
+  const auto begin = virtual_now();
+  run();
+  return virtual_now() - begin;
+}
+
+// What a request that nobody answers takes beyond its time-out.
+inline constexpr std::chrono::milliseconds kLateness(50);
 
 class ExtensionClientTest : public StateDirectoryTest {
  protected:

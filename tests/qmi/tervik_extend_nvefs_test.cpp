@@ -1,14 +1,15 @@
 #include "tervik_extend_nvefs.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <climits>
 #include <functional>
 #include <memory>
 #include <thread>
 
+#include "tervik_extend_idl.h"
 #include "tests/qmi/extension_client_fixture.h"
-#include "tests/support/time_lapse.h"
 
 namespace kiv::test {
 namespace {
@@ -17,32 +18,10 @@ using platform::ServiceReply;
 
 using ExtendNvefs = ExtensionClientTest;
 
-// What a request of class 2 says; everything else in it is zero.
-struct Wanted {
-  uint8_t operation = 0;
-  uint8_t sub = 0;
-  uint16_t id = 0;
-  std::string path{};
-  size_t all = 0;
-  size_t chunk = 0;
-  size_t offset = 0;
-  Bytes data{};
-};
-
-void expect_request(const ExtensionRequest& request, const Wanted& wanted) {
-  Bytes bytes(kExtensionPayloadSize);
-  put(bytes, 0, wanted.operation);
-  put(bytes, 1, wanted.sub);
-  put(bytes, 2, wanted.id);
-  put(bytes, 4, static_cast<uint8_t>(wanted.path.size()));
-  std::copy(wanted.path.begin(), wanted.path.end(), bytes.begin() + 5);
-  put(bytes, 108, static_cast<uint32_t>(wanted.all));
-  put(bytes, 112, static_cast<uint32_t>(wanted.chunk));
-  put(bytes, 116, static_cast<uint32_t>(wanted.offset));
-  std::copy(wanted.data.begin(), wanted.data.end(), bytes.begin() + 120);
+void expect_request(const ExtensionRequest& request, const NvefsFields& wanted) {
   EXPECT_EQ(request.id, 2u);
   EXPECT_EQ(request.len, 544u);
-  EXPECT_EQ(request.payload, bytes);
+  EXPECT_EQ(request.payload, nvefs_payload(wanted));
 }
 
 // What an answer of class 2 says, and how many bytes of it arrive.
@@ -66,10 +45,7 @@ ExtensionAnswer answer_saying(const Reply& reply) {
 }
 
 // A read's result, and what it left in a buffer of exactly the capacity.
-struct Outcome {
-  int result = 0;
-  Bytes read{};
-};
+using Outcome = std::pair<int, Bytes>;
 
 template <class Read>
 Outcome read_into(uint32_t capacity, const Read& read) {
@@ -80,288 +56,191 @@ Outcome read_into(uint32_t capacity, const Read& read) {
   return {result, Bytes(buf.get(), buf.get() + std::min(len, capacity))};
 }
 
-Outcome nv_read(uint32_t sub, uint32_t nv_id, uint32_t capacity) {
-  return read_into(
-      capacity, [&](uint8_t* buf, uint32_t* len) { return tervik_nv_read(sub, nv_id, buf, len); });
+Outcome nv_read(uint32_t capacity) {
+  return read_into(capacity,
+                   [](uint8_t* buf, uint32_t* len) { return tervik_nv_read(0, 1, buf, len); });
 }
 
-Outcome efs_read(uint32_t sub, const std::string& path, uint32_t capacity) {
+Outcome efs_read(const std::string& path, uint32_t capacity) {
   return read_into(capacity, [&](uint8_t* buf, uint32_t* len) {
-    return tervik_efs_read(sub, path.data(), static_cast<uint32_t>(path.size()), buf, len);
+    return tervik_efs_read(1, path.data(), static_cast<uint32_t>(path.size()), buf, len);
   });
 }
 
-int efs_write(uint32_t sub, const std::string& path, const Bytes& data) {
-  return tervik_efs_write(sub, path.data(), static_cast<uint32_t>(path.size()), data.data(),
+int efs_write(const std::string& path, const Bytes& data) {
+  return tervik_efs_write(1, path.data(), static_cast<uint32_t>(path.size()), data.data(),
                           static_cast<uint32_t>(data.size()));
 }
 
-TEST_F(ExtendNvefs, EachOperationSendsItsRequest) {
-  const ExtensionStub stub([](const ExtensionRequest&) {
-    return answer_saying({0, 3, 3, 0, {7, 8, 9}});
+Outcome nv_item_read(uint32_t capacity) {
+  return read_into(capacity, [](uint8_t* buf, uint32_t* len) {
+    return tervik_extend_nv_read_item(6853, 1, buf, len);
   });
-  const std::string path99(99, 'p');
-  const std::string path100(100, 'q');
-  const Bytes item = counted_bytes(424);
-  EXPECT_EQ(nv_read(1, 7232, 10).read, (Bytes{7, 8, 9}));
-  EXPECT_EQ(nv_read(2, 550, 2).read, (Bytes{7, 8}));
-  EXPECT_EQ(tervik_nv_write_ex(1, 258, item.data(), 424), 0);
-  EXPECT_EQ(tervik_nv_write_ex(0, 0, item.data(), 1), 0);
-  EXPECT_EQ(tervik_nv_delete(1, 0x102), 0);
-  EXPECT_EQ(efs_read(1, path100, 4).read, (Bytes{7, 8, 9}));
-  EXPECT_EQ(efs_write(1, path99, {5, 6}), 0);
-  EXPECT_EQ(tervik_efs_delete(0, path99.data(), 99), 0);
-  const Wanted wanted[] = {
-      {1, 1, 7232},
-      {1, 2, 550},
-      {2, 1, 258, "", 424, 0, 0, item},
-      {2, 0, 0, "", 1, 0, 0, {1}},
-      {3, 1, 0x102},
-      {4, 1, 0, path100},
-      {5, 1, 255, path99, 2, 2, 0, {5, 6}},
-      {6, 0, 0, path99},
-  };
-  const auto requests = stub.requests();
-  ASSERT_EQ(requests.size(), std::size(wanted));
-  for (size_t i = 0; i < requests.size(); ++i) expect_request(requests[i], wanted[i]);
 }
 
+// Each operation of class 2, by its code.
+const std::function<int()> kOperations[] = {
+    [] { return nv_read(10).first; },
+    [] { return tervik_nv_write_ex(0, 1, Bytes{1}.data(), 1); },
+    [] { return tervik_nv_delete(0, 1); },
+    [] { return efs_read("/f", 10).first; },
+    [] { return efs_write("/f", {1}); },
+    [] { return tervik_efs_delete(1, "/f", 2); },
+};
+const auto& kEfsWrite = kOperations[4];
+
 TEST_F(ExtendNvefs, ArgumentsAreCheckedInTheOrderOfTheirCodes) {
-  const ExtensionStub stub([](const ExtensionRequest&) { return answer_saying({}); });
-  uint8_t buf[1] = {};
+  const ExtensionStub stub([](const ExtensionRequest&) { return answer_saying({.all = 1}); });
+  const LogCapture log;
+  uint8_t buf[424] = {};
   uint32_t len = 1;
   const std::string path(101, 'p');
   const char* const p = path.c_str();
-  const struct {
-    std::function<int()> run;
-    int result;
-    const char* line;
-  } rows[] = {
-      {[&] { return tervik_nv_read(2, 7233, nullptr, nullptr); }, -104, "sub invalid"},
-      {[&] { return tervik_nv_read(2, 551, buf, &len); }, -104, "sub invalid"},
-      {[&] { return tervik_nv_read(0, 7233, nullptr, nullptr); }, -107, "buf is null"},
-      {[&] { return tervik_nv_read(0, 7233, buf, nullptr); }, -108, "p_buf_len is null"},
-      {[&] { return tervik_nv_read(0, 7233, buf, &len); }, -109, "nv_id is out range(7232)"},
-      {[&] { return tervik_nv_write_ex(2, 550, nullptr, 0); }, -104, "sub invalid"},
-      {[&] { return tervik_nv_write_ex(0, 7233, buf, 0); }, -108, "buf_len is invalid"},
-      {[&] { return tervik_nv_write_ex(0, 1, buf, 425); }, -108, "buf_len is invalid"},
-      {[&] { return tervik_nv_write_ex(0, 7233, buf, 1); }, -109, "nv_id is out range(7232)"},
-      {[&] { return tervik_nv_delete(2, 550); }, -104, "sub invalid"},
-      {[&] { return tervik_nv_delete(1, 7233); }, -109, "nv_id is out range(7232)"},
-      {[&] { return tervik_efs_read(2, nullptr, 0, nullptr, nullptr); }, -104, "sub invalid"},
-      {[&] { return tervik_efs_read(0, nullptr, 0, nullptr, nullptr); }, -105, "efs_path is null"},
-      {[&] { return tervik_efs_read(0, p, 101, nullptr, nullptr); }, -106, "len invalid"},
-      {[&] { return tervik_efs_read(0, p, 100, nullptr, nullptr); }, -107, "buf is null"},
-      {[&] { return tervik_efs_read(0, p, 100, buf, nullptr); }, -108, "p_buf_len is null"},
-      {[&] { return tervik_efs_write(2, nullptr, 0, nullptr, 0); }, -104, "sub invalid"},
-      {[&] { return tervik_efs_write(1, nullptr, 0, nullptr, 0); }, -105, "efs_path is null"},
-      {[&] { return tervik_efs_write(1, p, 100, nullptr, 0); }, -106, "len invalid"},
-      {[&] { return tervik_efs_write(1, p, 99, nullptr, 0); }, -107, "buf is null"},
-      {[&] { return tervik_efs_write(1, p, 99, buf, 0); }, -108, "buf_len is invalid"},
-      {[&] { return tervik_efs_write(1, p, 99, buf, 102411); }, -108, "buf_len is invalid"},
-      {[&] { return tervik_efs_delete(2, nullptr, 0); }, -104, "sub invalid"},
-      {[&] { return tervik_efs_delete(0, nullptr, 0); }, -105, "efs_path is null"},
-      {[&] { return tervik_efs_delete(0, p, 100); }, -106, "len invalid"},
-      {[&] { return tervik_efs_delete(0, p, UINT32_MAX); }, -106, "len invalid"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    const LogCapture log;
-    EXPECT_EQ(row.run(), row.result);
-    EXPECT_EQ(log.count(row.line), 1u);
-  }
-  EXPECT_TRUE(stub.requests().empty());
+  constexpr auto none = nullptr;
+  const auto read = tervik_efs_read;
+  const auto write = tervik_efs_write;
+  const auto erase = tervik_efs_delete;
+  using Results = std::vector<int>;
+  EXPECT_EQ((Results{tervik_nv_read(2, 7233, none, none), tervik_nv_read(2, 551, buf, &len),
+                     tervik_nv_read(0, 7233, none, none), tervik_nv_read(0, 7233, buf, none),
+                     tervik_nv_read(2, 550, buf, &len)}),
+            (Results{-104, -104, -107, -108, 0}));
+  EXPECT_EQ((Results{tervik_nv_write_ex(2, 550, none, 0), tervik_nv_write_ex(0, 7233, none, 0),
+                     tervik_nv_write_ex(0, 7233, buf, 425), tervik_nv_write_ex(0, 7232, buf, 424)}),
+            (Results{-104, -107, -108, 0}));
+  EXPECT_EQ((Results{tervik_nv_delete(2, 7233), tervik_nv_delete(1, 7233)}), (Results{-104, -109}));
+  EXPECT_EQ((Results{read(2, none, 0, none, none), read(0, none, 0, none, none),
+                     read(0, p, 101, none, none), read(0, p, 100, none, none),
+                     read(0, p, 100, buf, none)}),
+            (Results{-104, -105, -106, -107, -108}));
+  EXPECT_EQ(
+      (Results{write(2, none, 0, none, 0), write(1, none, 0, none, 0), write(1, p, 100, none, 0),
+               write(1, p, 99, none, 0), write(1, p, 99, buf, 102411), write(1, p, 99, buf, 1)}),
+      (Results{-104, -105, -106, -107, -108, 0}));
+  EXPECT_EQ((Results{erase(2, none, 0), erase(0, none, 0), erase(0, p, 100), erase(0, p, 99)}),
+            (Results{-104, -105, -106, 0}));
+  EXPECT_EQ(stub.requests().size(), 4u);
+  const std::pair<const char*, size_t> lines[] = {
+      {"sub invalid", 7}, {"efs_path is null", 3},  {"len invalid", 3},
+      {"buf is null", 4}, {"p_buf_len is null", 2}, {"buf_len is invalid", 2}};
+  for (const auto& [line, times] : lines) EXPECT_EQ(log.count(line), times) << line;
 }
 
 TEST_F(ExtendNvefs, FilesGoInChunksThatHandTheTransferOn) {
-  for (const size_t size : {1u, 414u, 415u, 102410u}) {
-    SCOPED_TRACE(size);
+  for (const size_t size : {415u, 102410u}) {
     const Bytes file = counted_bytes(size);
     uint16_t next_id = 0xFFF0;
     const ExtensionStub stub([&next_id](const ExtensionRequest&) {
       return answer_saying({.ins_id = ++next_id, .result = 7});  // above 0 is not a failure
     });
     tervik_extend_qmi_init_force();
-    EXPECT_EQ(efs_write(0, "/f", file), 0);
+    EXPECT_EQ(efs_write("/f", file), 0);
     const auto requests = stub.requests();
     ASSERT_EQ(requests.size(), (size + 413) / 414);
     uint16_t id = 255;
     for (size_t i = 0, offset = 0; offset < size; ++i, offset += 414) {
       const size_t chunk = std::min<size_t>(414, size - offset);
       const Bytes data(&file[offset], &file[offset] + chunk);
-      expect_request(requests[i], {5, 0, id, "/f", size, chunk, offset, data});
+      expect_request(requests[i], {5, 1, id, "/f", size, chunk, offset, data});
       id = static_cast<uint16_t>(0xFFF1 + i);
     }
   }
 }
 
-TEST_F(ExtendNvefs, FilesOfAnyLengthComeBackFromTheModem) {
-  for (const uint32_t size : {1u, 413u, 414u, 415u, 828u, 102410u}) {
-    SCOPED_TRACE(size);
-    const Bytes file = counted_bytes(size);
-    ASSERT_EQ(efs_write(1, "/oem/debug/file", file), 0);
-    const Outcome whole = efs_read(1, "/oem/debug/file", size + 1);
-    EXPECT_EQ(whole.result, 0);
-    EXPECT_EQ(whole.read, file);
-    // A buffer without a byte to spare counts as too small.
-    for (const uint32_t capacity : {size, size - 1, size / 2, 0u}) {
-      const Outcome cut = efs_read(1, "/oem/debug/file", capacity);
-      EXPECT_EQ(cut.result, static_cast<int>(size)) << capacity;
-      EXPECT_EQ(cut.read, Bytes(file.begin(), file.begin() + capacity)) << capacity;
-    }
-  }
-}
-
 TEST_F(ExtendNvefs, FailuresOfModemAndTransportEndEveryOperation) {
-  const Bytes data{1};
-  const std::function<int()> operations[] = {
-      [] { return nv_read(0, 1, 10).result; },
-      [&] { return tervik_nv_write_ex(0, 1, data.data(), 1); },
-      [] { return tervik_nv_delete(0, 1); },
-      [] { return efs_read(0, "/f", 10).result; },
-      [] { return tervik_efs_delete(0, "/f", 2); },
-      [&] { return efs_write(0, "/f", data); },
+  const std::pair<ExtensionStub::Answer, int> rows[] = {
+      {answer_saying({.result = INT_MAX}), INT_MAX},
+      {answer_saying({.result = INT_MIN}), INT_MIN},
+      {answer_saying({.all = 1, .chunk = 1, .length = 19}), -103},
+      {ExtensionAnswer{.result = 1}, -103},
   };
-  const auto fails_everywhere = [&](const ExtensionStub::Answer& answer, int expected) {
-    const ExtensionStub stub([&answer](const ExtensionRequest&) { return answer; });
+  for (const auto& [answer, expected] : rows) {
+    const ExtensionStub stub([&said = answer](const ExtensionRequest&) { return said; });
     tervik_extend_qmi_init_force();
-    for (const auto& run : operations) {
-      const bool is_good = &run == &operations[5] && expected > 0;  // positive results of a write
-      EXPECT_EQ(run(), is_good ? 0 : expected) << &run - operations;
+    for (const auto& run : kOperations) {
+      const bool is_good = &run == &kEfsWrite && expected > 0;  // positive results of a write
+      EXPECT_EQ(run(), is_good ? 0 : expected) << &run - kOperations;
     }
-    EXPECT_EQ(stub.requests().size(), std::size(operations));
-  };
-  for (const int32_t result : {1, INT_MAX, -1, INT_MIN}) {
-    SCOPED_TRACE(result);
-    fails_everywhere(answer_saying({.result = result}), result);
+    EXPECT_EQ(stub.requests().size(), std::size(kOperations));
   }
-  fails_everywhere(ExtensionAnswer{.result = 1}, -103);
-  fails_everywhere(ExtensionAnswer{}, -103);  // handled, but without a payload
-  fails_everywhere(ServiceReply::transport_error(-5), -103);
-  for (uint32_t length = 0; length < 20; ++length) {
-    SCOPED_TRACE(length);
-    fails_everywhere(answer_saying({.all = 1, .chunk = 1, .length = length}), -103);
-  }
-  const TimeLapse lapse(500);
-  tervik_extend_qmi_init_force();
-  platform::withdraw_service(0xFFE4);
-  for (const auto& run : operations) EXPECT_EQ(run(), -102) << &run - operations;
+  // No operation gives the client arguments that it refuses.
+  EXPECT_EQ(tervik_qmi_result_map(-1), -101);
+  EXPECT_EQ(tervik_qmi_result_map(-4), -4);
 }
 
 TEST_F(ExtendNvefs, LengthsInAnswersAreCutToWhatArrived) {
-  const Bytes data = counted_bytes(424);
-  const struct {
-    uint32_t all, chunk, length, capacity;
-    int nv_result;
-    uint32_t nv_len;
-    int efs_result;
-    uint32_t efs_len;  // of a read that got one answer
-  } rows[] = {
-      {0, 0, 444, 10, -108, 10, -108, 10},
-      {5, 5, 20, 10, -108, 10, -108, 10},
-      {3, 9, 23, 10, 0, 3, 0, 3},
-      {9, 3, 29, 3, 0, 3, 9, 3},
-      {INT_MAX, 1, 24, 1, 0, 1, INT_MAX, 1},
-      {424, UINT32_MAX, 444, 500, 0, 424, 0, 424},
-      {424, 0x80000000, 550, 424, 0, 424, 424, 424},
-      {425, 425, UINT32_MAX, 424, 0, 424, 425, 424},
-      {4, 4, 444, 0, 0, 0, 4, 0},
-  };
-  ExtensionAnswer answer;
+  ExtensionAnswer answer = answer_saying({.all = 1u << 31, .chunk = 1});
   const ExtensionStub stub([&answer](const ExtensionRequest&) { return answer; });
-  for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    answer = answer_saying({0, row.all, row.chunk, 0, data, row.length});
-    const auto expect = [&](const Outcome& outcome, int result, uint32_t len) {
-      const Bytes untouched(len);
-      EXPECT_EQ(outcome.result, result);
-      EXPECT_EQ(outcome.read, result == -108 ? untouched : Bytes(data.data(), data.data() + len));
-    };
-    expect(nv_read(0, 1, row.capacity), row.nv_result, row.nv_len);
-    expect(efs_read(0, "/f", row.capacity), row.efs_result, row.efs_len);
+  // A file's length that would pass for a failure.
+  EXPECT_EQ(efs_read("/f", 1).first, -108);
+  answer = answer_saying({.all = 3, .chunk = 9, .data = counted_bytes(424), .length = 23});
+  EXPECT_EQ(efs_read("/f", 10), Outcome(0, counted_bytes(3)));
+  EXPECT_EQ(nv_read(10), Outcome(0, counted_bytes(3)));
+  answer.len = 20;
+  EXPECT_EQ(nv_read(10).first, -108);
+  // The item of class 1: its status, the length that it claims, and what comes of it.
+  const std::tuple<uint32_t, uint32_t, uint32_t, Outcome> rows[] = {
+      {0, 3, 432, {0, counted_bytes(3)}},
+      {0, 10, 23, {0, counted_bytes(3)}},
+      {0, 500, 23, {0x0FFFF001, counted_bytes(3)}},
+      {0, 10, 19, {-3, {}}},
+      {UINT32_MAX, 10, 432, {-1, {}}},
+  };
+  for (const auto& [status, claimed, length, outcome] : rows) {
+    answer = {.result = 0, .len = length, .payload = words({0, status, 0, 0, claimed, 0x030201})};
+    EXPECT_EQ(nv_item_read(499), outcome) << claimed;
   }
-  EXPECT_EQ(stub.requests().size(), 2 * std::size(rows));
+  EXPECT_EQ(stub.requests().back().payload, payload_of(words({1, 6853, 1})));
 }
 
-TEST_F(ExtendNvefs, EndlessAndOverlongReadsEnd) {
-  uint32_t chunk = 1;
-  const ExtensionStub stub([&chunk](const ExtensionRequest&) {
-    return answer_saying({0, UINT32_MAX, chunk, 0, Bytes(chunk, 0xEE)});
+TEST_F(ExtendNvefs, FilesComeInChunksUpToTheirMost) {
+  uint32_t last = 0;  // what comes in one piece, or behind the most that is taken
+  const ExtensionStub stub([&last](const ExtensionRequest& request) {
+    uint32_t offset = 0;
+    std::memcpy(&offset, &request.payload.at(116), sizeof offset);
+    const uint32_t chunk = last == 0 ? 1 : offset < 102409 ? std::min(424u, 102409 - offset) : last;
+    const Bytes file = counted_bytes(offset + chunk);
+    return answer_saying(
+        {.all = INT_MAX, .chunk = chunk, .data = {&file[offset], &file[offset] + chunk}});
   });
-  const Outcome dripping = efs_read(0, "/f", 200'000);
-  EXPECT_EQ(dripping.result, 0);
-  EXPECT_EQ(dripping.read, Bytes(300, 0xEE));
+  EXPECT_EQ(efs_read("/f", 200'000), Outcome(0, counted_bytes(300)));
   const auto requests = stub.requests();
   ASSERT_EQ(requests.size(), 300u);
-  for (size_t i = 0; i < 300; ++i) expect_request(requests[i], {4, 0, 0, "/f", 0, 0, i});
-  chunk = 424;  // more than 102409 bytes have arrived after the 242nd
-  EXPECT_EQ(efs_read(0, "/f", 200'000).read.size(), 242u * 424);
-  // A failure in the middle says so, whatever came before.
-  const ExtensionStub failing([count = 0](const ExtensionRequest&) mutable {
-    return answer_saying({.all = 30, .chunk = 10, .result = ++count == 3 ? 6 : 0});
-  });
-  tervik_extend_qmi_init_force();
-  EXPECT_EQ(efs_read(0, "/f", 100).result, 6);
-  EXPECT_EQ(failing.requests().size(), 3u);
-}
-
-TEST_F(ExtendNvefs, ItemReadOfClassOneTrustsNoLength) {
-  const Bytes data = counted_bytes(412);
-  ExtensionAnswer answer;
-  const ExtensionStub stub([&answer](const ExtensionRequest&) { return answer; });
-  const struct {
-    int32_t status;
-    uint32_t data_len, length, capacity;
-    int result, stored;
-    uint32_t error = 0;
-  } rows[] = {
-      {0, 124, 432, 124, 0, 124},
-      {0, 124, 432, 500, 0, 124},
-      {0, 124, 432, 123, 0x0FFFF001, 123},
-      {0, 413, 550, 500, 0, 412},
-      {0, UINT32_MAX, 550, 500, 0x0FFFF001, 412},
-      {0, 10, 23, 500, 0, 3},
-      {0, 10, 19, 500, -3, 0},
-      {0, 10, 0, 500, -3, 0},
-      {6, 10, 432, 500, 6, 0},
-      {-1, 10, 432, 500, -1, 0},
-      {0, 10, 432, 500, -3, 0, 1},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    Bytes body = words({0, static_cast<uint32_t>(row.status), 0, 0, row.data_len});
-    body.insert(body.end(), data.begin(), data.end());
-    answer = {.result = row.error, .len = row.length, .payload = body};
-    const Outcome outcome = read_into(row.capacity, [](uint8_t* buf, uint32_t* len) {
-      return tervik_extend_nv_read_item(6853, 1, buf, len);
-    });
-    EXPECT_EQ(outcome.result, row.result);
-    EXPECT_EQ(outcome.read, Bytes(data.begin(), data.begin() + row.stored));
+  for (size_t i = 0; i < 300; ++i) expect_request(requests[i], {4, 1, 0, "/f", 0, 0, i});
+  // The first that brings more than 102409 bytes is the last one.
+  for (const uint32_t more : {1u, 424u}) {
+    usleep(1);  // as behind each test
+    last = more;
+    EXPECT_EQ(efs_read("/f", 200'000), Outcome(0, counted_bytes(102409 + more)));
   }
-  const ExtensionRequest request = stub.requests().at(0);
-  EXPECT_EQ(request.id, 1u);
-  EXPECT_EQ(request.len, 428u);
-  EXPECT_EQ(request.payload, payload_of(words({1, 6853, 1})));
+  // A buffer without a byte to spare counts as too small.
+  for (const uint32_t capacity : {0u, 424u, 500u, 848u}) {
+    EXPECT_EQ(efs_read("/f", capacity), Outcome(INT_MAX, counted_bytes(capacity)));
+  }
 }
 
+// What any other operation of a second thread sends does not come between the pieces of a file.
 TEST_F(ExtendNvefs, TransfersOfTwoThreadsDoNotMix) {
-  const ExtensionStub stub([](const ExtensionRequest&) {
-    std::this_thread::yield();
-    return answer_saying({.ins_id = 1});
-  });
-  const auto write_files = [](const std::string& path) {
-    for (int round = 0; round < 5; ++round) EXPECT_EQ(efs_write(0, path, Bytes(414 * 6)), 0);
-  };
-  std::thread other(write_files, "/a");
-  write_files("/b");
-  other.join();
-  const auto requests = stub.requests();
-  ASSERT_EQ(requests.size(), 60u);
-  for (size_t i = 0; i < requests.size(); ++i) {
-    const size_t part = i % 6;
-    const std::string path{'/', static_cast<char>(requests[i - part].payload[6])};
-    const uint16_t id = part == 0 ? 255 : 1;
-    expect_request(requests[i], {5, 0, id, path, 414 * 6, 414, part * 414});
+  // The file of 3 pieces that is written and read.
+  const auto answer = [](const ExtensionRequest&) { return answer_saying({.all = 3, .chunk = 1}); };
+  for (uint64_t seed = 1; seed <= 40; ++seed) {
+    const Shuffle shuffle(seed);
+    const ExtensionStub stub(answer);
+    tervik_extend_qmi_init_force();
+    std::thread other([] {
+      for (const auto& run : kOperations) EXPECT_EQ(run(), 0);
+      nv_item_read(500);
+    });
+    EXPECT_EQ(efs_write("/a", Bytes(414 * 3)), 0);
+    EXPECT_EQ(efs_read("/a", 500).first, 0);
+    other.join();
+    size_t pieces = 0;
+    for (const ExtensionRequest& request : stub.requests()) {
+      const bool is_file = request.id == 2 && request.payload[6] == 'a';
+      EXPECT_TRUE(is_file || pieces % 3 == 0) << "seed " << seed;
+      if (is_file) ++pieces;
+    }
+    EXPECT_EQ(pieces, 6u);
   }
 }
 

@@ -22,7 +22,6 @@
 #include "tervik_utils_cmn.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/state_directory_fixture.h"
-#include "tests/support/time_lapse.h"
 #include "uim_idl.h"
 #include "vs_client.h"
 
@@ -147,7 +146,6 @@ class IndicationStorm : public StateDirectoryTest, public ::testing::WithParamIn
     if (moment == kBefore) send(id, times);
     settle();
     {
-      const TimeLapse lapse(times_out ? 500 : 1);
       int result = 1;
       std::atomic<bool> done{false};
       std::thread requester([&] {

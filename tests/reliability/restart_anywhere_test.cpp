@@ -13,7 +13,6 @@
 #include "tervik_kiv_test_main.h"
 #include "tests/support/process_name.h"
 #include "tests/support/state_directory_fixture.h"
-#include "tests/support/time_lapse.h"
 
 namespace kiv::test {
 
@@ -88,9 +87,7 @@ void set_all(bool up) {
   }
 }
 
-// From here on time runs so fast that waiting for a modem that stays away takes no time.
 void go_down(std::chrono::milliseconds delay) {
-  [[maybe_unused]] static TimeLapse& lapse = *new TimeLapse(500);
   if (delay == 0ms) set_all(false);
   std::thread([delay] {
     std::this_thread::sleep_for(delay);
@@ -250,9 +247,4 @@ int main(int argc, char** argv) {
   }
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
-}
-
-// ThreadSanitizer's: a run waits for nobody at its end, where the product does not either.
-extern "C" const char* __tsan_default_options() {
-  return "atexit_sleep_ms=0";
 }

@@ -4,7 +4,7 @@
 // does every call that changes something). A write counts as two calls, the second one when half of
 // the bytes are written: a kill leaves a torn file there, EINTR makes a short write. A call that no
 // signal interrupts does not fail with EINTR. Each fault is told in a line "state fault" on
-// standard error, a lock that another process holds in a line "state busy".
+// standard error.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -35,10 +35,6 @@ std::atomic<int> g_calls{0};
 // The descriptors of the state directory and of what is being written there.
 std::array<std::atomic<bool>, 1024> g_of_state{};
 
-void note(std::string_view line) {
-  static_cast<void>(!__real_write(STDERR_FILENO, line.data(), line.size()));
-}
-
 enum Kind : unsigned { kMoves = 1, kWaits = 2, kWrites = kMoves | kWaits };
 
 // Counts this call. Dies, or returns the errno of its failure, or 0 when it is to be carried out.
@@ -48,7 +44,8 @@ int fault_at_this_call(unsigned kind) {
   int call = 0;
   if (text == nullptr || std::sscanf(text, "%7s %d", what.data(), &call) != 2) return 0;
   if (call == 0 ? (kind & kMoves) == 0 : ++g_calls != call) return 0;
-  note("state fault\n");
+  constexpr std::string_view kLine = "state fault\n";
+  static_cast<void>(!__real_write(STDERR_FILENO, kLine.data(), kLine.size()));
   if (std::string_view(what.data()) == "kill") raise(SIGKILL);
   const int error = std::atoi(what.data());
   return error == EINTR && (kind & kWaits) == 0 ? 0 : error;
@@ -101,12 +98,7 @@ int __wrap_close(int file) {
 }
 
 int __wrap_flock(int file, int operation) {
-  const int result = with_fault(kWaits, [=] { return __real_flock(file, operation); });
-  if (result != 0 && errno == EWOULDBLOCK && std::getenv("KIV_STATE_FAULT") != nullptr) {
-    note("state busy\n");
-    errno = EWOULDBLOCK;
-  }
-  return result;
+  return with_fault(kWaits, [=] { return __real_flock(file, operation); });
 }
 
 int __wrap_rename(const char* from, const char* to) {

@@ -52,7 +52,7 @@ case_lint() {
 # Prints "file: text" of each log statement in the sources that matches $1, its conversions made $2.
 statements() {
   awk -v RS=';' -v wanted="$1" -v value="$2" '
-    match($0, /tervik_log_(print|write|error|notice|debug|help)\(/) {
+    match($0, /tervik_log_(print|write|error|notice|debug|help)(_as)?\(/) {
       statement = substr($0, RSTART)
       if (statement !~ wanted) next
       text = ""
@@ -149,8 +149,8 @@ run() {
   for row in '0 Success 0' '0 Fail 1' '40 Success 1' '40 Fail 1'; do
     set -- $row
     check say "$at tervik_test_at_cmd_send: at shell cmd: echo" "RIL[a.cpp:1] f: g" \
-      "$at receive_answer: Receive the AT reponse: len($((${#answer} + $1)))" \
-      "$at receive_answer: $answer" "$at tervik_test_at_cmd_send: $2 to send at shell cmd"
+      "$at tervik_test_at_cmd_receive: Receive the AT reponse: len($((${#answer} + $1)))" \
+      "$at tervik_test_at_cmd_receive: $answer" "$at tervik_test_at_cmd_send: $2 to send at shell cmd"
     expect "$shell: $2, answer shorter than told by $1" "$3" "$?"
   done
   check say 'RIL[a.cpp:1] f: path_value: RIL[a.cpp:1] f: note: x' ' value=FAILED' 'a: note: x'

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -14,6 +16,7 @@ namespace {
 
 constexpr uint32_t WATCHDOG_TIMER_ID = 1;
 constexpr unsigned long WATCHDOG_TIMEOUT_S = 3;
+constexpr std::chrono::seconds WATCHDOG_END_TIMEOUT{1};
 constexpr unsigned int SEND_TIMEOUT_MS = 3000;
 constexpr int SERVICE_LIST_ATTEMPTS = 50;
 constexpr unsigned int SERVICE_LIST_WAIT_MS = 20;
@@ -61,25 +64,45 @@ constexpr int CRIT_SECT_SHOWN = 0;
 // The client lock, with its lines in the log.
 class client_lock {
  public:
-  explicit client_lock(const tervik_log_place& place) : place_(place) {
-    log("TERVIK_EXTEND_QMI_CLIENT_CRIT_SECT_LOCK_WAIT...");
+  explicit client_lock(const char* func) : func_(func) {
+    tervik_log_debug_as(func_, "TERVIK_EXTEND_QMI_CLIENT_CRIT_SECT_LOCK_WAIT...");
     tervik_extend_qmi_client_crit_sect.lock();
-    log("TERVIK_EXTEND_QMI_CLIENT_CRIT_SECT_LOCK_DONE");
+    tervik_log_debug_as(func_, "TERVIK_EXTEND_QMI_CLIENT_CRIT_SECT_LOCK_DONE");
   }
   ~client_lock() {
+    // Logged first, so that the line always stands before those of the next holder.
+    tervik_log_debug_as(func_, "TERVIK_EXTEND_QMI_CLIENT_CRIT_SECT_UNLOCK_DONE");
     tervik_extend_qmi_client_crit_sect.unlock();
-    log("TERVIK_EXTEND_QMI_CLIENT_CRIT_SECT_UNLOCK_DONE");
   }
   client_lock(const client_lock&) = delete;
   client_lock& operator=(const client_lock&) = delete;
 
  private:
-  void log(const char* text) const {
-    tervik_log_write(place_, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "%s", text);
-  }
-
-  const tervik_log_place place_;
+  const char* const func_;
 };
+
+// The run of the watchdog's callback. Never destroyed: the callback may run while the process ends.
+struct watchdog_run {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool running = false;
+
+  void set(bool now_running) {
+    const std::lock_guard lock(mutex);
+    running = now_running;
+    changed.notify_all();
+  }
+};
+
+watchdog_run& g_watchdog_run = *new watchdog_run;
+
+// Waits until a callback that runs has rebuilt the client: the run may end with the request, and
+// its last lines shall be the same every time.
+void wait_for_watchdog() {
+  std::unique_lock lock(g_watchdog_run.mutex);
+  g_watchdog_run.changed.wait_for(lock, WATCHDOG_END_TIMEOUT,
+                                  [] { return !g_watchdog_run.running; });
+}
 
 void clear_connection() {
   g_client_handle = nullptr;
@@ -90,13 +113,13 @@ void clear_connection() {
 // ---- opening the client ----
 
 // Waits about a second for the service to appear; returns the number of its instances.
-unsigned int wait_for_service() {
+unsigned int wait_for_service(const char* func) {
   unsigned int num_services = 0;
   for (int attempt = 0; attempt < SERVICE_LIST_ATTEMPTS; ++attempt) {
     const qmi_client_error_type err =
         qmi_client_get_service_list(g_service_object, nullptr, nullptr, &num_services);
-    tervik_log_debug("qmi_client_get_service_list() returned %d num_services = %d", err,
-                     num_services);
+    tervik_log_debug_as(func, "qmi_client_get_service_list() returned %d num_services = %d", err,
+                        num_services);
     if (err == QMI_NO_ERR) {
       break;
     }
@@ -107,16 +130,16 @@ unsigned int wait_for_service() {
 
 // ---- one request ----
 
-[[nodiscard]] int check_arguments(const uint8_t* req, int req_len, const uint8_t* rsp,
-                                  const int* rsp_len) {
+[[nodiscard]] int check_arguments(const char* func, const uint8_t* req, int req_len,
+                                  const uint8_t* rsp, const int* rsp_len) {
   if (req == nullptr || rsp == nullptr || rsp_len == nullptr) {
-    tervik_log_error("%x,  put Invalid param",
-                     static_cast<unsigned>(reinterpret_cast<uintptr_t>(req)));
+    tervik_log_error_as(func, "%x,  put Invalid param",
+                        static_cast<unsigned>(reinterpret_cast<uintptr_t>(req)));
     return TERVIK_EXTEND_INVALID_PARAM;
   }
   const auto in_range = [](int len) { return len >= 0 && len <= PAYLOAD_MAX; };
   if (!in_range(req_len) || !in_range(*rsp_len)) {
-    tervik_log_error("put data_len %d > max %d", req_len, PAYLOAD_MAX);
+    tervik_log_error_as(func, "put data_len %d > max %d", req_len, PAYLOAD_MAX);
     return TERVIK_EXTEND_INVALID_PARAM;
   }
   return TERVIK_EXTEND_SUCCESS;
@@ -141,19 +164,46 @@ qmi_client_error_type send_watched() {
   return err;
 }
 
-[[nodiscard]] int take_response(uint8_t* rsp, int* rsp_len) {
+[[nodiscard]] int take_response(const char* func, uint8_t* rsp, int* rsp_len) {
   if (g_response.id != 0) {
-    tervik_log_error("%d QMI service framework error. Check client",
-                     static_cast<int>(g_response.id));
+    tervik_log_error_as(func, "%d QMI service framework error. Check client",
+                        static_cast<int>(g_response.id));
     return TERVIK_EXTEND_SEND_FAILED;
   }
   const uint32_t stored = std::min(static_cast<uint32_t>(*rsp_len), g_response.len);
   *rsp_len = g_response.payload_valid != 0 ? static_cast<int>(stored) : 0;
   memcpy(rsp, g_response.payload, static_cast<size_t>(*rsp_len));
   if (g_extend_qmi_trace != 0) {
-    tervik_log_debug("resp_len:%d", *rsp_len);
+    tervik_log_debug_as(func, "resp_len:%d", *rsp_len);
   }
   return TERVIK_EXTEND_SUCCESS;
+}
+
+// One request under the client lock, from the check of its arguments to its result.
+int exchange_locked(const char* func, uint32_t id, const uint8_t* req, int req_len, uint8_t* rsp,
+                    int* rsp_len) {
+  const client_lock lock(func);
+  tervik_extend_qmi_init_do();
+  int result = check_arguments(func, req, req_len, rsp, rsp_len);
+  if (result == TERVIK_EXTEND_SUCCESS && g_client_handle == nullptr &&
+      tervik_extend_qmi_client_open() == nullptr) {
+    result = TERVIK_EXTEND_NO_CLIENT;
+  }
+  if (result == TERVIK_EXTEND_SUCCESS) {
+    fill_request(id, req, req_len);
+    const qmi_client_error_type err = send_watched();
+    if (err != QMI_NO_ERR) {
+      tervik_log_error_as(func, "send msg sync failed: %d, id: %d", err, id);
+      tervik_extend_qmi_deinit_do();
+      tervik_extend_qmi_init_do();
+      return TERVIK_EXTEND_SEND_FAILED;
+    }
+    result = take_response(func, rsp, rsp_len);
+  }
+  if (g_extend_qmi_trace != 0) {
+    tervik_log_debug_as(func, "result: %d, id: %d", result, id);
+  }
+  return result;
 }
 
 // ---- indications ----
@@ -179,24 +229,24 @@ std::unique_ptr<uint8_t[]> decode_indication(qmi_client_type client, unsigned in
   return c_struct;
 }
 
-void handle_data_indication(unsigned int msg_id, unsigned int buffer_len,
+void handle_data_indication(const char* func, unsigned int msg_id, unsigned int buffer_len,
                             const tervik_extend_data_msg& ind) {
   const int sub_id = static_cast<int>(ind.id);
   const bool traced = g_extend_qmi_trace != 0;
   if (traced) {
-    tervik_log_debug("msg_id: 0x%x, buf_len: %d, ind.ind: %d", msg_id, static_cast<int>(buffer_len),
-                     sub_id);
+    tervik_log_debug_as(func, "msg_id: 0x%x, buf_len: %d, ind.ind: %d", msg_id,
+                        static_cast<int>(buffer_len), sub_id);
   }
   if (ind.id >= IND_SUB_ID_COUNT) {
     if (traced) {
-      tervik_log_debug("Indicaion: %d greater than maximum known indication.", sub_id);
+      tervik_log_debug_as(func, "Indicaion: %d greater than maximum known indication.", sub_id);
     }
     return;
   }
   const ind_data_handler handler = g_ind_handlers.by_sub_id[ind.id];
   if (handler == nullptr) {
     if (traced) {
-      tervik_log_debug("No function defined to handle indication: %d", sub_id);
+      tervik_log_debug_as(func, "No function defined to handle indication: %d", sub_id);
     }
     return;
   }
@@ -259,7 +309,7 @@ void tervik_extend_qmi_deinit_do() {
 }
 
 void tervik_extend_qmi_init_force() {
-  const client_lock lock(TERVIK_LOG_PLACE);
+  const client_lock lock(__func__);
   tervik_extend_qmi_deinit_do();
   tervik_extend_qmi_init_do();
 }
@@ -271,7 +321,7 @@ qmi_client_type tervik_extend_qmi_client_open() {
   }
   // A notifier only shortens the wait below; without one it polls.
   static_cast<void>(qmi_client_notifier_init(g_service_object, &g_os_params, &g_notifier));
-  unsigned int num_services = wait_for_service();
+  unsigned int num_services = wait_for_service(__func__);
   std::array<qmi_service_info, SERVICE_INFO_MAX> service_info = {};
   unsigned int num_entries = std::min(num_services, SERVICE_INFO_MAX);
   qmi_client_error_type err = qmi_client_get_service_list(g_service_object, service_info.data(),
@@ -297,35 +347,18 @@ qmi_client_type tervik_extend_qmi_client_open() {
 
 int tervik_extend_qmi_send_sync(uint32_t id, const uint8_t* req, int req_len, uint8_t* rsp,
                                 int* rsp_len) {
-  const client_lock lock(TERVIK_LOG_PLACE);
-  tervik_extend_qmi_init_do();
-  int result = check_arguments(req, req_len, rsp, rsp_len);
-  if (result == TERVIK_EXTEND_SUCCESS && g_client_handle == nullptr &&
-      tervik_extend_qmi_client_open() == nullptr) {
-    result = TERVIK_EXTEND_NO_CLIENT;
-  }
-  if (result == TERVIK_EXTEND_SUCCESS) {
-    fill_request(id, req, req_len);
-    const qmi_client_error_type err = send_watched();
-    if (err != QMI_NO_ERR) {
-      tervik_log_error("send msg sync failed: %d, id: %d", err, id);
-      tervik_extend_qmi_deinit_do();
-      tervik_extend_qmi_init_do();
-      return TERVIK_EXTEND_SEND_FAILED;
-    }
-    result = take_response(rsp, rsp_len);
-  }
-  if (g_extend_qmi_trace != 0) {
-    tervik_log_debug("result: %d, id: %d", result, id);
-  }
+  const int result = exchange_locked(__func__, id, req, req_len, rsp, rsp_len);
+  wait_for_watchdog();
   return result;
 }
 
 void tervik_qmi_timer_cb(union sigval value) {
+  g_watchdog_run.set(true);
   const auto timer_id = static_cast<uint32_t>(value.sival_int);
   tervik_log_notice("The timer expired with ID %u", timer_id);
   tervik_timer_stop(timer_id);
   tervik_extend_qmi_init_force();
+  g_watchdog_run.set(false);
 }
 
 void tervik_extend_qmi_ind_cb(qmi_client_type client, unsigned int msg_id, void* buffer,
@@ -345,7 +378,7 @@ void tervik_extend_qmi_ind_cb(qmi_client_type client, unsigned int msg_id, void*
   if (msg_id == IND_DATA_MSG_ID) {
     tervik_extend_data_msg ind = {};
     memcpy(&ind, c_struct.get(), sizeof(ind));
-    handle_data_indication(msg_id, buffer_len, ind);
+    handle_data_indication(__func__, msg_id, buffer_len, ind);
     return;
   }
   const ind_struct_handler handler = shared ? g_ind_handlers.shared : g_ind_handlers.other;

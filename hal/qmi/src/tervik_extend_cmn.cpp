@@ -30,15 +30,13 @@ qmi_client_type g_sar_qmi_client = nullptr;
 qmi_client_os_params g_sar_os_params;
 
 // Sends one SAR request; a failed one clears the client, so that the next creates a new one.
-[[nodiscard]] qmi_client_error_type send_sar_request(const tervik_log_place& place,
-                                                     unsigned int msg_id, const void* request,
-                                                     unsigned request_len, void* response,
-                                                     unsigned response_len) {
+[[nodiscard]] qmi_client_error_type send_sar_request(const char* func, unsigned int msg_id,
+                                                     const void* request, unsigned request_len,
+                                                     void* response, unsigned response_len) {
   const qmi_client_error_type err = qmi_client_send_msg_sync(
       g_sar_qmi_client, msg_id, request, request_len, response, response_len, SAR_SEND_TIMEOUT_MS);
   if (err != QMI_NO_ERR) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
-                     "qmi_client_send_msg_sync failed, qmi_client_error = %d", err);
+    tervik_log_debug_as(func, "qmi_client_send_msg_sync failed, qmi_client_error = %d", err);
     g_sar_qmi_client = nullptr;
   }
   return err;
@@ -66,31 +64,31 @@ qmi_client_os_params g_uim_os_params;
 std::atomic<uint8_t> SSR_Detected{0};  // set on the framework's thread
 uint8_t uim_qmi_error_count = 0;
 
-void recover_after_ssr() {
+void recover_after_ssr(const char* func) {
   if (SSR_Detected != 0) {
-    tervik_log_debug("SSR_Detected, try recovery");
+    tervik_log_debug_as(func, "SSR_Detected, try recovery");
     uim_qmi_client_recovery();
   }
 }
 
-// Whether there is a client, created when there was none; tells so in the name of `operation`
-// unless that is null.
-[[nodiscard]] bool have_uim_client(const char* operation) {
+// Whether there is a client, created when there was none. The line about it begins with
+// `operation`; there is no line when that is null.
+[[nodiscard]] bool have_uim_client(const char* func, const char* operation) {
   const bool existed = uim_qmi_client != nullptr;
   if (!existed && !init_uim_qmi_client()) {
-    tervik_log_debug("init_uim_qmi_client failed");
+    tervik_log_debug_as(func, "init_uim_qmi_client failed");
     return false;
   }
   if (operation != nullptr) {
-    tervik_log_debug("%s %suim_qmi_client %p", operation, existed ? "" : "try init_",
-                     uim_qmi_client);
+    tervik_log_debug_as(func, "%s %suim_qmi_client %p", operation, existed ? "" : "try init_",
+                        uim_qmi_client);
   }
   return true;
 }
 
 // What differs between the operations that share the frame below.
 struct uim_operation {
-  const tervik_log_place& place;
+  const char* func;
   const char* name;  // in the client lines; null where there are none
   unsigned int msg_id;
   bool recovers_after_ssr;
@@ -105,8 +103,7 @@ template <typename Request, typename Response, typename Fill, typename Take>
       qmi_client_send_msg_sync(uim_qmi_client, operation.msg_id, &request, sizeof(request),
                                &response, sizeof(response), UIM_SEND_TIMEOUT_MS);
   if (err != QMI_NO_ERR) {
-    tervik_log_write(operation.place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
-                     "send msg sync client error = %d", err);
+    tervik_log_debug_as(operation.func, "send msg sync client error = %d", err);
     ++uim_qmi_error_count;
     return err;
   }
@@ -117,25 +114,25 @@ template <typename Request, typename Response, typename Fill, typename Take>
 // zeroed request, `take` reads the response of a good send and gives the result.
 template <typename Request, typename Response, typename Fill, typename Take>
 [[nodiscard]] int run_uim_operation(const uim_operation& operation, Fill fill, Take take) {
-  const tervik_log_place& place = operation.place;
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "function entry ------------->");
+  const char* const func = operation.func;
+  tervik_log_debug_as(func, "function entry ------------->");
   if (operation.recovers_after_ssr) {
-    recover_after_ssr();
+    recover_after_ssr(func);
   }
   int result = UIM_FAILURE;
-  if (have_uim_client(operation.name)) {
-    const auto request = qcril_make<Request>(place.func, place.line);
-    const auto response = qcril_make<Response>(place.func, place.line);
+  if (have_uim_client(func, operation.name)) {
+    const auto request = qcril_make<Request>(func, __LINE__);
+    const auto response = qcril_make<Response>(func, __LINE__);
     if (request == nullptr || response == nullptr) {
       return UIM_FAILURE;
     }
     result = exchange_uim(operation, *request, *response, fill, take);
   }
   if (result == QMI_SERVICE_ERR || uim_qmi_error_count >= UIM_ERROR_COUNT_LIMIT) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "QMI error, try recovery");
+    tervik_log_debug_as(func, "QMI error, try recovery");
     uim_qmi_client_recovery();
   }
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "function exit <-------------");
+  tervik_log_debug_as(func, "function exit <-------------");
   return result;
 }
 
@@ -146,18 +143,16 @@ int take_eid(const uim_get_eid_resp_msg_v01& response, uint8_t* eid_out) {
   return 0;
 }
 
-int take_card_states(const tervik_log_place& place,
-                     const uim_get_card_status_resp_msg_v01& response, uint16_t* states_out) {
+int take_card_states(const char* func, const uim_get_card_status_resp_msg_v01& response,
+                     uint16_t* states_out) {
   uint8_t states[UIM_CARDS_KEPT] = {UIM_CARD_STATE_INITIAL, UIM_CARD_STATE_INITIAL};
   if (response.resp.result == 0) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
-                     "tervik_uim_get_card_status check response");
+    tervik_log_debug_as(func, "tervik_uim_get_card_status check response");
     const size_t listed = response.card_list_valid == 1 ? response.card_list_len : 0;
     const size_t cards = std::min(listed, UIM_CARDS_MAX_V01);
     for (size_t i = 0; i < cards; ++i) {
       const auto state = static_cast<uint8_t>(response.card_list[i].card_state);
-      tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "SIM[%d] State = %d",
-                       static_cast<int>(i), state);
+      tervik_log_debug_as(func, "SIM[%d] State = %d", static_cast<int>(i), state);
       if (i < UIM_CARDS_KEPT) {
         states[i] = state;
       }
@@ -168,34 +163,32 @@ int take_card_states(const tervik_log_place& place,
   return 0;
 }
 
-int take_channel(const tervik_log_place& place,
-                 const uim_open_logical_channel_resp_msg_v01& response, uint8_t* channel_id_out) {
+int take_channel(const char* func, const uim_open_logical_channel_resp_msg_v01& response,
+                 uint8_t* channel_id_out) {
   if (response.resp.result != 0) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_uim_open_channel failed");
+    tervik_log_debug_as(func, "tervik_uim_open_channel failed");
     return UIM_FAILURE;
   }
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_uim_open_channel successfully");
+  tervik_log_debug_as(func, "tervik_uim_open_channel successfully");
   if (response.channel_id_valid != 0) {
     *channel_id_out = response.channel_id;
   }
   return 0;
 }
 
-int take_closing(const tervik_log_place& place, const uim_logical_channel_resp_msg_v01& response) {
+int take_closing(const char* func, const uim_logical_channel_resp_msg_v01& response) {
   if (response.resp.result == 0) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
-                     "tervik_uim_close_channel successfully");
+    tervik_log_debug_as(func, "tervik_uim_close_channel successfully");
   }
   return 0;
 }
 
-int take_apdu(const tervik_log_place& place, const uim_send_apdu_resp_msg_v01& response,
-              uint8_t* rsp_out) {
+int take_apdu(const char* func, const uim_send_apdu_resp_msg_v01& response, uint8_t* rsp_out) {
   if (response.resp.result != 0) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_uim_send_apdu failed");
+    tervik_log_debug_as(func, "tervik_uim_send_apdu failed");
     return UIM_FAILURE;
   }
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "tervik_uim_send_apdu successfully");
+  tervik_log_debug_as(func, "tervik_uim_send_apdu successfully");
   rsp_out[0] = static_cast<uint8_t>(response.apdu_len);
   memcpy(rsp_out + 1, response.apdu, std::min<size_t>(response.apdu_len, UIM_APDU_OUTPUT_SIZE - 1));
   return 0;
@@ -204,15 +197,13 @@ int take_apdu(const tervik_log_place& place, const uim_send_apdu_resp_msg_v01& r
 // ---- requests of class 4 ----
 
 // Sends the body of a class 4 request; refuses an answer too short to hold its result.
-[[nodiscard]] int send_class_4(const tervik_log_place& place, const void* body, void* rsp,
-                               int* rsp_len) {
+[[nodiscard]] int send_class_4(const char* func, const void* body, void* rsp, int* rsp_len) {
   int received = sizeof(tervik_common_response);
   int result = tervik_extend_qmi_send_sync(REQUEST_ID_COMMON, static_cast<const uint8_t*>(body),
                                            sizeof(tervik_common_request),
                                            static_cast<uint8_t*>(rsp), &received);
   if (result == TERVIK_EXTEND_SUCCESS && received < TERVIK_COMMON_RESULT_END) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "qmi response of %d bytes is too short",
-                     received);
+    tervik_log_error_as(func, "qmi response of %d bytes is too short", received);
     memset(rsp, 0, sizeof(tervik_common_response));
     result = TERVIK_EXTEND_SEND_FAILED;
   }
@@ -223,14 +214,14 @@ int take_apdu(const tervik_log_place& place, const uim_send_apdu_resp_msg_v01& r
 }
 
 // The checks of both class 4 requests; each logs its reason.
-[[nodiscard]] bool check_class_4_data(const tervik_log_place& place, unsigned len, unsigned max_len,
+[[nodiscard]] bool check_class_4_data(const char* func, unsigned len, unsigned max_len,
                                       const void* data) {
   if (len > max_len) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "l is out of range");
+    tervik_log_debug_as(func, "l is out of range");
     return false;
   }
   if (len != 0 && data == nullptr) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "v is null");
+    tervik_log_debug_as(func, "v is null");
     return false;
   }
   return true;
@@ -257,61 +248,57 @@ qmi_client_type g_nas_qmi_client = nullptr;  // null between requests
 qmi_client_os_params g_nas_os_params;
 
 // Opens the NAS client; leaves it null on a failure.
-void open_nas_client(const tervik_log_place& place) {
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "init qmi_client");
+void open_nas_client(const char* func) {
+  tervik_log_debug_as(func, "init qmi_client");
   const qmi_idl_service_object_type service = nas_get_service_object_internal_v01(
       NAS_IDL_MAJOR_VERSION, NAS_IDL_MINOR_VERSION, NAS_IDL_LIBRARY_VERSION);
   const qmi_client_error_type err =
       qmi_client_init_instance(service, QMI_CLIENT_INSTANCE_ANY, tervik_qmi_client_unsol_ind_cb,
                                nullptr, &g_nas_os_params, NAS_INIT_TIMEOUT_MS, &g_nas_qmi_client);
   if (err != QMI_NO_ERR) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
-                     "tervik_qmi_client_init instance failed, qmi_client_error = %d", err);
+    tervik_log_debug_as(func, "tervik_qmi_client_init instance failed, qmi_client_error = %d", err);
     g_nas_qmi_client = nullptr;
     return;
   }
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "qmi_svc_client %p", g_nas_qmi_client);
+  tervik_log_debug_as(func, "qmi_svc_client %p", g_nas_qmi_client);
   if (qmi_client_register_error_cb(g_nas_qmi_client, tervik_qmi_client_error_cb, nullptr) !=
       QMI_NO_ERR) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "qmi_client_register_error_cb failed");
+    tervik_log_debug_as(func, "qmi_client_register_error_cb failed");
     g_nas_qmi_client = nullptr;
   }
 }
 
 // Sends the request, on a client opened for it.
-[[nodiscard]] int send_nas_request(const tervik_log_place& place, int msg_id, const void* req,
-                                   unsigned req_len, void* rsp, unsigned rsp_len,
-                                   unsigned time_out_ms) {
+[[nodiscard]] int send_nas_request(const char* func, int msg_id, const void* req, unsigned req_len,
+                                   void* rsp, unsigned rsp_len, unsigned time_out_ms) {
   if (req == nullptr || rsp == nullptr) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "%s",
-                     req == nullptr ? "qmi_request is NULL" : "qmi_response is NULL");
+    tervik_log_debug_as(func, "%s",
+                        req == nullptr ? "qmi_request is NULL" : "qmi_response is NULL");
     return NAS_FAILURE;
   }
   if (g_nas_qmi_client == nullptr) {
-    open_nas_client(place);
+    open_nas_client(func);
   }
   if (g_nas_qmi_client == nullptr) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "qmi_client_ptr is NULL");
+    tervik_log_debug_as(func, "qmi_client_ptr is NULL");
     return NAS_FAILURE;
   }
   const qmi_client_error_type err = qmi_client_send_msg_sync(
       g_nas_qmi_client, static_cast<unsigned>(msg_id), req, req_len, rsp, rsp_len, time_out_ms);
   if (err != QMI_NO_ERR) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
-                     "qmi_client_send_msg_sync fail, qmi_client_error = %d", err);
+    tervik_log_debug_as(func, "qmi_client_send_msg_sync fail, qmi_client_error = %d", err);
   }
   return err;
 }
 
-void release_nas_client(const tervik_log_place& place) {
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
-                   "tervik_qmi_client_recovery, qmi_client_ptr %p", g_nas_qmi_client);
+void release_nas_client(const char* func) {
+  tervik_log_debug_as(func, "tervik_qmi_client_recovery, qmi_client_ptr %p", g_nas_qmi_client);
   if (g_nas_qmi_client == nullptr) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "qmi_client_ptr is NULL");
+    tervik_log_debug_as(func, "qmi_client_ptr is NULL");
     return;
   }
   if (qmi_client_release(g_nas_qmi_client) != QMI_NO_ERR) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "qmi_client_release failed");
+    tervik_log_debug_as(func, "qmi_client_release failed");
   }
   g_nas_qmi_client = nullptr;
 }
@@ -325,23 +312,21 @@ constexpr uint32_t COUNTED_SSR_TYPES[] = {0x1,  0x2,   0x4,     0x8,     0x10,  
                                           0x80, 0x100, 0x10000, 0x20000, 0x40000, 0x80000};
 
 // Sends a restart message; logs and returns both results through `rsp`.
-[[nodiscard]] int send_restart(const tervik_log_place& place, int type, int flag,
-                               tervik_common_response* rsp) {
+[[nodiscard]] int send_restart(const char* func, int type, int flag, tervik_common_response* rsp) {
   tervik_save_modem_ssr_count(flag);
   const int result =
       tervik_qmi_result_map(tervik_send_common_qmi_msg(type, sizeof(flag), &flag, rsp));
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "result = %d, rsp.result = %d", result,
-                   rsp->result);
+  tervik_log_debug_as(func, "result = %d, rsp.result = %d", result, rsp->result);
   return result;
 }
 
 // Waits around a crash whose restart type was changed. False when the operator's property says to
 // stop.
-[[nodiscard]] bool wait_unless_stopped(const tervik_log_place& place) {
+[[nodiscard]] bool wait_unless_stopped(const char* func) {
   if (tervik_modem_ssr_wait_s(-1) >= 0) {
     return true;
   }
-  tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "wait_s < 0, ssr is stoped");
+  tervik_log_error_as(func, "wait_s < 0, ssr is stoped");
   return false;
 }
 
@@ -352,12 +337,11 @@ void restore_ssr_type(int old_type) {
 }
 
 // NV synchronisation: the results of the send and of the modem, or-ed.
-[[nodiscard]] int sync_nv(const tervik_log_place& place) {
+[[nodiscard]] int sync_nv(const char* func) {
   tervik_common_response rsp = {};
   const int ret_sync = tervik_send_common_qmi_msg(TERVIK_COMMON_NV_SYNC, 0, nullptr, &rsp);
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
-                   "tervik_send_common_qmi_msg, ret_sync: %d, rsp.result: %d", ret_sync,
-                   rsp.result);
+  tervik_log_debug_as(func, "tervik_send_common_qmi_msg, ret_sync: %d, rsp.result: %d", ret_sync,
+                      rsp.result);
   return ret_sync | rsp.result;
 }
 
@@ -373,7 +357,7 @@ int tervik_send_common_qmi_msg(int type, unsigned len, const void* data, void* r
     return TERVIK_ERR_INVALID_INPUT;
   }
   tervik_log_debug("l %d", len);
-  if (!check_class_4_data(TERVIK_LOG_PLACE, len, TERVIK_COMMON_DATA_MAX, data)) {
+  if (!check_class_4_data(__func__, len, TERVIK_COMMON_DATA_MAX, data)) {
     return TERVIK_ERR_INVALID_INPUT;
   }
   tervik_common_request request = {};
@@ -384,7 +368,7 @@ int tervik_send_common_qmi_msg(int type, unsigned len, const void* data, void* r
     memcpy(request.data, data, len);
   }
   memset(rsp, 0, sizeof(tervik_common_response));
-  return send_class_4(TERVIK_LOG_PLACE, &request, rsp, rsp_len);
+  return send_class_4(__func__, &request, rsp, rsp_len);
 }
 
 int tervik_common_qmi_req(int type, unsigned len, const void* data, void* rsp, int* rsp_len) {
@@ -393,7 +377,7 @@ int tervik_common_qmi_req(int type, unsigned len, const void* data, void* rsp, i
     tervik_log_debug("rsp is NULL");
     return TERVIK_ERR_INVALID_INPUT;
   }
-  if (!check_class_4_data(TERVIK_LOG_PLACE, len, TERVIK_COMMON_REQ_DATA_MAX, data)) {
+  if (!check_class_4_data(__func__, len, TERVIK_COMMON_REQ_DATA_MAX, data)) {
     return TERVIK_ERR_INVALID_INPUT;
   }
   common_req_body request = {};
@@ -402,7 +386,7 @@ int tervik_common_qmi_req(int type, unsigned len, const void* data, void* rsp, i
     memcpy(request.data, data, len);
   }
   memset(rsp, 0, sizeof(tervik_common_req_response));
-  return send_class_4(TERVIK_LOG_PLACE, &request, rsp, rsp_len);
+  return send_class_4(__func__, &request, rsp, rsp_len);
 }
 
 // ---- NAS ----
@@ -413,16 +397,15 @@ int tervik_send_nas_qmi_req_msg(int msg_id, const void* req, unsigned req_len, v
   tervik_log_debug(
       "tervik_send_nas_qmi_req_msg, msg_id = %d, time_out_ms = %d, qmi_client_ptr = 0x%08x", msg_id,
       time_out_ms, static_cast<unsigned>(reinterpret_cast<uintptr_t>(g_nas_qmi_client)));
-  const int result =
-      send_nas_request(TERVIK_LOG_PLACE, msg_id, req, req_len, rsp, rsp_len, time_out_ms);
-  release_nas_client(TERVIK_LOG_PLACE);
+  const int result = send_nas_request(__func__, msg_id, req, req_len, rsp, rsp_len, time_out_ms);
+  release_nas_client(__func__);
   return result;
 }
 
 // ---- SAR ----
 
 void tervik_init_qmi_client_rf_sar() {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  tervik_log_debug("function entry ------------->");
   const qmi_idl_service_object_type service = sar_get_service_object_internal_v01(
       SAR_IDL_MAJOR_VERSION, SAR_IDL_MINOR_VERSION, SAR_IDL_LIBRARY_VERSION);
   const qmi_client_error_type qmi_client_error = qmi_client_init_instance(
@@ -447,13 +430,12 @@ bool tervik_check_and_init_qmi_client_rf_sar() {
 }
 
 int tervik_get_sar_dsi() {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE);
   if (!tervik_check_and_init_qmi_client_rf_sar()) {
     tervik_log_debug("tervik_check_and_init_qmi_client_rf_sar FAIL");
     return SAR_FAILURE;
   }
   sar_rf_get_state_resp_msg_v01 response = {};
-  if (send_sar_request(TERVIK_LOG_PLACE, QMI_SAR_RF_GET_STATE_REQ_V01, nullptr, 0, &response,
+  if (send_sar_request(__func__, QMI_SAR_RF_GET_STATE_REQ_V01, nullptr, 0, &response,
                        sizeof(response)) != QMI_NO_ERR) {
     return SAR_FAILURE;
   }
@@ -463,7 +445,6 @@ int tervik_get_sar_dsi() {
 }
 
 int tervik_set_sar_dsi(int dsi) {
-  tervik_log_debug("function entry ------------->");
   if (!tervik_check_and_init_qmi_client_rf_sar()) {
     tervik_log_debug("tervik_check_and_init_qmi_client_rf_sar FAIL");
     return SAR_FAILURE;
@@ -474,8 +455,8 @@ int tervik_set_sar_dsi(int dsi) {
   }
   sar_rf_set_state_resp_msg_v01 response = {};
   const qmi_client_error_type qmi_client_error =
-      send_sar_request(TERVIK_LOG_PLACE, QMI_SAR_RF_SET_STATE_REQ_V01, &request, sizeof(request),
-                       &response, sizeof(response));
+      send_sar_request(__func__, QMI_SAR_RF_SET_STATE_REQ_V01, &request, sizeof(request), &response,
+                       sizeof(response));
   tervik_log_debug("function exit, qmi_client_error = %d <-------------", qmi_client_error);
   return qmi_client_error;
 }
@@ -515,7 +496,7 @@ void tervik_modem_ssr(int flag) {
   tervik_log_debug("flag = 0x%08X", static_cast<unsigned>(flag));
   tervik_common_response rsp = {};
   // Both results are in the log, which is all that the operator is told.
-  static_cast<void>(send_restart(TERVIK_LOG_PLACE, TERVIK_COMMON_MODEM_SSR, flag, &rsp));
+  static_cast<void>(send_restart(__func__, TERVIK_COMMON_MODEM_SSR, flag, &rsp));
 }
 
 void tervik_modem_crash_without_orange_screen(int flag) {
@@ -526,14 +507,14 @@ void tervik_modem_crash_without_orange_screen(int flag) {
   const bool changed = tervik_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_SSR) != 0;
   if (changed) {
     tervik_log_debug("ssr type is changed, need to wait before ssr");
-    if (!wait_unless_stopped(TERVIK_LOG_PLACE)) {
+    if (!wait_unless_stopped(__func__)) {
       return;
     }
   } else {
     tervik_log_debug("ssr type is not changed, wont wait before ssr");
   }
   tervik_common_response rsp = {};
-  const int result = send_restart(TERVIK_LOG_PLACE, TERVIK_COMMON_MODEM_CRASH, flag, &rsp);
+  const int result = send_restart(__func__, TERVIK_COMMON_MODEM_CRASH, flag, &rsp);
   if (result != 0) {
     tervik_log_debug("tervik_extend_qmi_send_sync fail, REQUEST_ID_COMMON");
   }
@@ -545,7 +526,7 @@ void tervik_modem_crash_without_orange_screen(int flag) {
     return;
   }
   tervik_log_debug("ssr type is changed, need to wait after ssr");
-  if (wait_unless_stopped(TERVIK_LOG_PLACE)) {
+  if (wait_unless_stopped(__func__)) {
     restore_ssr_type(old_type);
   }
 }
@@ -555,22 +536,22 @@ void tervik_modem_crash_with_orange_screen(int flag) {
   tervik_log_debug("flag = 0x%08X", static_cast<unsigned>(flag));
   if (tervik_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DUMP) != 0) {
     tervik_log_debug("ssr type is changed, need to wait before dump");
-    if (!wait_unless_stopped(TERVIK_LOG_PLACE)) {
+    if (!wait_unless_stopped(__func__)) {
       return;
     }
   }
   tervik_common_response rsp = {};
   // Both results are in the log; the modem is expected to go down.
-  static_cast<void>(send_restart(TERVIK_LOG_PLACE, TERVIK_COMMON_MODEM_CRASH, flag, &rsp));
+  static_cast<void>(send_restart(__func__, TERVIK_COMMON_MODEM_CRASH, flag, &rsp));
 }
 
 int tervik_nvefs_sync() {
-  return sync_nv(TERVIK_LOG_PLACE);
+  return sync_nv(__func__);
 }
 
 void tervik_modem_nv_sync() {
   // The line in the log is all that the operator is told.
-  static_cast<void>(sync_nv(TERVIK_LOG_PLACE));
+  static_cast<void>(sync_nv(__func__));
 }
 
 // ---- SIM cards ----
@@ -620,7 +601,7 @@ void uim_qmi_client_recovery() {
 
 int tervik_setSimType(const uint32_t* data) {
   tervik_log_debug("function entry ------------->");
-  recover_after_ssr();
+  recover_after_ssr(__func__);
   if (data == nullptr) {
     tervik_log_debug("tervik_set_sim_type data error");
     return UIM_BAD_INPUT;
@@ -631,7 +612,7 @@ int tervik_setSimType(const uint32_t* data) {
     return UIM_BAD_INPUT;
   }
   int result = UIM_FAILURE;
-  if (have_uim_client("tervik_set_sim_type")) {
+  if (have_uim_client(__func__, "tervik_set_sim_type")) {
     uim_set_sim_type_req_msg_v01 request = {};
     request.sim_type_len = std::min<uint32_t>(data[0], std::size(request.sim_type));
     for (uint32_t i = 0; i < request.sim_type_len; ++i) {
@@ -650,31 +631,30 @@ int tervik_setSimType(const uint32_t* data) {
 }
 
 int tervik_uim_request_eid(const uint8_t* slot, uint8_t* eid_out) {
-  const tervik_log_place place = TERVIK_LOG_PLACE;
   return run_uim_operation<uim_get_eid_req_msg_v01, uim_get_eid_resp_msg_v01>(
-      {place, __func__, QMI_UIM_GET_EID_REQ_V01, true},
+      {__func__, __func__, QMI_UIM_GET_EID_REQ_V01, true},
       [slot](uim_get_eid_req_msg_v01& request) { request.slot = *slot; },
       [eid_out](const uim_get_eid_resp_msg_v01& response) { return take_eid(response, eid_out); });
 }
 
 int tervik_uim_get_card_status(uint16_t* states_out) {
-  const tervik_log_place place = TERVIK_LOG_PLACE;
+  const char* const func = __func__;
   return run_uim_operation<uim_get_card_status_req_msg_v01, uim_get_card_status_resp_msg_v01>(
-      {place, __func__, QMI_UIM_GET_CARD_STATUS_REQ_V01, false},
+      {func, func, QMI_UIM_GET_CARD_STATUS_REQ_V01, false},
       [](uim_get_card_status_req_msg_v01& request) {
         request.extended_card_status_valid = 1;
         request.extended_card_status = 1;
       },
-      [&place, states_out](const uim_get_card_status_resp_msg_v01& response) {
-        return take_card_states(place, response, states_out);
+      [func, states_out](const uim_get_card_status_resp_msg_v01& response) {
+        return take_card_states(func, response, states_out);
       });
 }
 
 int tervik_uim_open_channel(const uint8_t* in, uint8_t* channel_id_out) {
-  const tervik_log_place place = TERVIK_LOG_PLACE;
+  const char* const func = __func__;
   return run_uim_operation<uim_open_logical_channel_req_msg_v01,
                            uim_open_logical_channel_resp_msg_v01>(
-      {place, __func__, QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01, true},
+      {func, func, QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01, true},
       [in](uim_open_logical_channel_req_msg_v01& request) {
         request.slot = in[0];
         request.aid_valid = 1;
@@ -683,31 +663,31 @@ int tervik_uim_open_channel(const uint8_t* in, uint8_t* channel_id_out) {
         request.file_control_information_valid = 1;
         request.file_control_information = in[1];
       },
-      [&place, channel_id_out](const uim_open_logical_channel_resp_msg_v01& response) {
-        return take_channel(place, response, channel_id_out);
+      [func, channel_id_out](const uim_open_logical_channel_resp_msg_v01& response) {
+        return take_channel(func, response, channel_id_out);
       });
 }
 
 int tervik_uim_close_channel(const uint8_t* in) {
-  const tervik_log_place place = TERVIK_LOG_PLACE;
+  const char* const func = __func__;
   return run_uim_operation<uim_logical_channel_req_msg_v01, uim_logical_channel_resp_msg_v01>(
-      {place, __func__, QMI_UIM_LOGICAL_CHANNEL_REQ_V01, true},
+      {func, func, QMI_UIM_LOGICAL_CHANNEL_REQ_V01, true},
       [in](uim_logical_channel_req_msg_v01& request) {
         request.slot = in[0];
         request.channel_id_valid = 1;
         request.channel_id = in[1];
         request.terminate_application_valid = 1;
       },
-      [&place](const uim_logical_channel_resp_msg_v01& response) {
-        return take_closing(place, response);
+      [func](const uim_logical_channel_resp_msg_v01& response) {
+        return take_closing(func, response);
       });
 }
 
 int tervik_uim_send_apdu(const uint8_t* apdu_in, uint8_t* rsp_out) {
-  const tervik_log_place place = TERVIK_LOG_PLACE;
+  const char* const func = __func__;
   return run_uim_operation<uim_send_apdu_req_msg_v01, uim_send_apdu_resp_msg_v01>(
-      {place, nullptr, QMI_UIM_SEND_APDU_REQ_V01, true},
-      [&place, apdu_in](uim_send_apdu_req_msg_v01& request) {
+      {func, nullptr, QMI_UIM_SEND_APDU_REQ_V01, true},
+      [func, apdu_in](uim_send_apdu_req_msg_v01& request) {
         const uint8_t apdu_len = apdu_in[2];
         request.slot = apdu_in[0];
         request.apdu_len = apdu_len;
@@ -716,11 +696,10 @@ int tervik_uim_send_apdu(const uint8_t* apdu_in, uint8_t* rsp_out) {
         request.channel_id = apdu_in[1];
         request.procedure_bytes_valid = 1;
         request.procedure_bytes = 1;
-        tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
-                         "tervik_uim_send_apdu apdu_len = %d", apdu_len);
+        tervik_log_debug_as(func, "tervik_uim_send_apdu apdu_len = %d", apdu_len);
       },
-      [&place, rsp_out](const uim_send_apdu_resp_msg_v01& response) {
-        return take_apdu(place, response, rsp_out);
+      [func, rsp_out](const uim_send_apdu_resp_msg_v01& response) {
+        return take_apdu(func, response, rsp_out);
       });
 }
 

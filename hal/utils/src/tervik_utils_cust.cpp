@@ -53,10 +53,10 @@ constexpr std::array<ssr_type_row, 3> SETTABLE_TYPES = {{
 }};
 
 // Copies the level that `type` stands for into `target`; false when there is nothing to do.
-bool choose_target(uint32_t type, const property_text& level, bool backed_up,
+bool choose_target(const char* func, uint32_t type, const property_text& level, bool backed_up,
                    char (&target)[TERVIK_TEXT_SIZE]) {
   if (type >= SETTABLE_TYPES.size()) {
-    tervik_log_debug("TERVIK_SSR_START_WITH_PROP, invalid ssr type");
+    tervik_log_debug_as(func, "TERVIK_SSR_START_WITH_PROP, invalid ssr type");
     return false;
   }
   const ssr_type_row& row = SETTABLE_TYPES[type];
@@ -65,14 +65,14 @@ bool choose_target(uint32_t type, const property_text& level, bool backed_up,
   } else if (backed_up) {
     tervik_get_property_value(TYPE_BAK_PROPERTY, target, "");
   } else {
-    tervik_log_debug("PROP - NO ssr type def, do nothing");
+    tervik_log_debug_as(func, "PROP - NO ssr type def, do nothing");
     return false;
   }
   if (level.equals(target)) {
-    tervik_log_debug("%s", row.already_set);
+    tervik_log_debug_as(func, "%s", row.already_set);
     return false;
   }
-  tervik_log_debug("PROP - %s: %s", row.name, target);
+  tervik_log_debug_as(func, "PROP - %s: %s", row.name, target);
   return true;
 }
 
@@ -80,26 +80,26 @@ bool choose_target(uint32_t type, const property_text& level, bool backed_up,
 struct wait_kind {
   const char* property;
   int default_s;
-  const char* name;  // stands before "wait_s" and "will not wait"
+  const char* name;  // stands before "wait_s"
   const char* will_not_wait;
 };
 
 constexpr wait_kind SSR_WAIT = {"persist.radio.ssr_wait_s", 5, "ssr ", "modem ssr will not wait"};
 constexpr wait_kind MODEM_WAIT = {"persist.radio.modem_wait_s", 3, "", "will not wait"};
 
-int wait_for(const tervik_log_place& place, const wait_kind& kind, int seconds) {
+int wait_for(const char* func, const wait_kind& kind, int seconds) {
   int wait_s = seconds;
   if (seconds < 0) {
     tervik_get_property_value_from_int(kind.property, &wait_s, kind.default_s);
   }
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "%swait_s = %d", kind.name, wait_s);
+  tervik_log_debug_as(func, "%swait_s = %d", kind.name, wait_s);
   if (wait_s < 1) {
-    tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "%s", kind.will_not_wait);
+    tervik_log_debug_as(func, "%s", kind.will_not_wait);
     return wait_s;
   }
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "wait-start(%ds) ...", wait_s);
+  tervik_log_debug_as(func, "wait-start(%ds) ...", wait_s);
   sleep(static_cast<unsigned>(wait_s));
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB, "wait-end(%ds)", wait_s);
+  tervik_log_debug_as(func, "wait-end(%ds)", wait_s);
   return wait_s;
 }
 
@@ -143,7 +143,7 @@ int tervik_set_modem_ssr_type(uint32_t type) {
                    flag.text);
   const property_text level(RESTART_LEVEL_PROPERTY);
   char target[TERVIK_TEXT_SIZE] = {};
-  if (!choose_target(type, level, !flag.empty(), target)) {
+  if (!choose_target(__func__, type, level, !flag.empty(), target)) {
     return 0;
   }
   write_property(RESTART_LEVEL_PROPERTY, target);
@@ -156,9 +156,9 @@ int tervik_set_modem_ssr_type(uint32_t type) {
 }
 
 int tervik_modem_ssr_wait_s(int seconds) {
-  return wait_for(TERVIK_LOG_PLACE, SSR_WAIT, seconds);
+  return wait_for(__func__, SSR_WAIT, seconds);
 }
 
 int tervik_modem_wait_s(int seconds) {
-  return wait_for(TERVIK_LOG_PLACE, MODEM_WAIT, seconds);
+  return wait_for(__func__, MODEM_WAIT, seconds);
 }

@@ -26,14 +26,15 @@ inline constexpr size_t TERVIK_TEXT_SIZE = 256;
 // Longest property value that can be written, in characters.
 inline constexpr size_t TERVIK_PROPERTY_VALUE_LEN_MAX = 92;
 
-// Where a log statement stands in the source.
+// Where a log statement stands in the source, and the function that it speaks for.
 struct tervik_log_place {
   const char* file;  // without its folders
   int line;
   const char* func;
 };
 
-// Superset of the classes that any sink takes; everything until both masks were loaded.
+// Superset of the classes that anybody takes; everything until both masks were loaded and as long
+// as there is an observer.
 extern std::atomic<uint32_t> g_tervik_log_gate;
 
 // The classes enabled for the system log and for standard output.
@@ -46,19 +47,40 @@ extern std::atomic<uint32_t> g_tervik_shell_print_mask;
                                                     uint32_t log_class, uint32_t sub,
                                                     const char* format, ...);
 
-#define TERVIK_LOG_PLACE (tervik_log_place{__FILE_NAME__, __LINE__, __func__})
+// The place of the statement it stands in, under the name of the function `func`.
+#define TERVIK_LOG_PLACE_AS(func) (tervik_log_place{__FILE_NAME__, __LINE__, (func)})
+#define TERVIK_LOG_PLACE TERVIK_LOG_PLACE_AS(__func__)
 
 // The log statement: tervik_log_print(class, sub, format, arguments...). The format has no line
 // end. Arguments are evaluated only when a sink may take the class.
-#define tervik_log_print(log_class, sub, ...)                                \
-  ((((log_class) & ~g_tervik_log_gate.load(std::memory_order_relaxed)) == 0) \
-       ? tervik_log_write(TERVIK_LOG_PLACE, (log_class), (sub), __VA_ARGS__) \
+#define tervik_log_print(...) tervik_log_print_as(__func__, __VA_ARGS__)
+
+// The log statement of a helper that speaks for the function that called it:
+// tervik_log_print_as(func, class, sub, format, arguments...). The caller hands its name over as
+// __func__; the line number is the statement's own.
+#define tervik_log_print_as(func, log_class, sub, ...)                                \
+  ((((log_class) & ~g_tervik_log_gate.load(std::memory_order_relaxed)) == 0)          \
+       ? tervik_log_write(TERVIK_LOG_PLACE_AS(func), (log_class), (sub), __VA_ARGS__) \
        : static_cast<void>(0))
 
-#define tervik_log_error(...) tervik_log_print(LOG_CLASS_ERROR, TERVIK_NO_SUB, __VA_ARGS__)
-#define tervik_log_notice(...) tervik_log_print(LOG_CLASS_NOTICE, TERVIK_NO_SUB, __VA_ARGS__)
-#define tervik_log_debug(...) tervik_log_print(LOG_CLASS_DEBUG, TERVIK_NO_SUB, __VA_ARGS__)
+// A third taker of statements beside the two sinks, for a program that judges runs of the tool:
+// it gets every statement, whatever the masks say, before the sinks do, on the thread that issues
+// it. `text` is the formatted text. Set before there are other threads; null for none.
+using tervik_log_observer = void (*)(const tervik_log_place& place, uint32_t log_class,
+                                     uint32_t sub, const char* format, const char* text);
+void tervik_set_log_observer(tervik_log_observer observer);
+
+#define tervik_log_error(...) tervik_log_error_as(__func__, __VA_ARGS__)
+#define tervik_log_notice(...) tervik_log_notice_as(__func__, __VA_ARGS__)
+#define tervik_log_debug(...) tervik_log_debug_as(__func__, __VA_ARGS__)
 #define tervik_log_help(...) tervik_log_print(LOG_CLASS_HELP, TERVIK_NO_SUB, __VA_ARGS__)
+
+#define tervik_log_error_as(func, ...) \
+  tervik_log_print_as(func, LOG_CLASS_ERROR, TERVIK_NO_SUB, __VA_ARGS__)
+#define tervik_log_notice_as(func, ...) \
+  tervik_log_print_as(func, LOG_CLASS_NOTICE, TERVIK_NO_SUB, __VA_ARGS__)
+#define tervik_log_debug_as(func, ...) \
+  tervik_log_print_as(func, LOG_CLASS_DEBUG, TERVIK_NO_SUB, __VA_ARGS__)
 
 // The entry and exit lines of a function that traces itself; the exit line comes when the guard
 // leaves its scope, so declare it before any lock.

@@ -44,11 +44,14 @@ constinit print_sink g_shell_sink{g_tervik_shell_print_mask,
 
 constexpr const char* DEFAULT_PRINT_MASK = "65535";
 
+std::atomic<tervik_log_observer> g_log_observer{nullptr};
+
 // Call sites skip a statement by one load: once both masks are merged no class outside their
 // union can reach a sink.
 void update_log_gate() {
   const bool merged = g_logcat_sink.loaded && g_shell_sink.loaded;
-  g_tervik_log_gate = merged ? g_logcat_sink.mask | g_shell_sink.mask : UINT32_MAX;
+  const bool everything = !merged || g_log_observer.load() != nullptr;
+  g_tervik_log_gate = everything ? UINT32_MAX : g_logcat_sink.mask | g_shell_sink.mask;
 }
 
 void merge_mask_with_property(print_sink& sink) {
@@ -286,6 +289,9 @@ void tervik_log_write(const tervik_log_place& place, uint32_t log_class, uint32_
   va_start(args, format);
   const statement_text text(format, args);
   va_end(args);
+  if (const tervik_log_observer observer = g_log_observer) {
+    observer(place, log_class, sub, format, text.c_str());
+  }
   if (tervik_hal_get_logcat_print_flag(log_class)) {
     write_to_system_log(place, log_class, sub, text.c_str());
   }
@@ -296,6 +302,11 @@ void tervik_log_write(const tervik_log_place& place, uint32_t log_class, uint32_
       printf("RIL[%s:%d] %s: %s\n", place.file, place.line, place.func, text.c_str());
     }
   }
+}
+
+void tervik_set_log_observer(tervik_log_observer observer) {
+  g_log_observer = observer;
+  update_log_gate();
 }
 
 tervik_function_trace::tervik_function_trace(const tervik_log_place& place, uint32_t sub)

@@ -33,9 +33,9 @@ struct timer_record {
 // A mutex that says how its creation went. Never destroyed: callbacks may still come at exit.
 class timer_mutex {
  public:
-  void init(const char* name) {
+  void init(const char* func, const char* name) {
     const int ret = pthread_mutex_init(&mutex_, nullptr);
-    tervik_log_debug("pthread_mutex_init for %s, ret = %d", name, ret);
+    tervik_log_debug_as(func, "pthread_mutex_init for %s, ret = %d", name, ret);
   }
   void lock() { pthread_mutex_lock(&mutex_); }
   void unlock() { pthread_mutex_unlock(&mutex_); }
@@ -52,10 +52,10 @@ std::once_flag g_timer_mutexes_once;
 uint32_t g_last_timer_id = FIRST_TIMER_ID - 1;         // under g_tervik_timer_id_mutex
 timer_record* g_tervik_timer_callback_list = nullptr;  // under g_tervik_timer_callback_list_mutex
 
-void init_mutexes_once() {
-  std::call_once(g_timer_mutexes_once, [] {
-    g_tervik_timer_id_mutex.init("g_tervik_timer_id_mutex");
-    g_tervik_timer_callback_list_mutex.init("g_tervik_timer_callback_list_mutex");
+void init_mutexes_once(const char* func) {
+  std::call_once(g_timer_mutexes_once, [func] {
+    g_tervik_timer_id_mutex.init(func, "g_tervik_timer_id_mutex");
+    g_tervik_timer_callback_list_mutex.init(func, "g_tervik_timer_callback_list_mutex");
   });
 }
 
@@ -105,21 +105,65 @@ std::unique_ptr<timer_record> unlink_record(timer_record* record) {
   return std::unique_ptr<timer_record>(record);
 }
 
-// Arms the record's system timer and enters the record in the registry. The list mutex is held
-// over both, so that the callback of a timer that fires at once finds the record to stop.
-int arm_and_register(std::unique_ptr<timer_record> record) {
-  const std::lock_guard list_lock(g_tervik_timer_callback_list_mutex);
-  const int result = tervik_sys_timer_create(record->callback, record->timeout_s, record->timer_id,
-                                             &record->sys_timerid);
-  if (result == TIMER_SUCCESS) {
-    append_record(std::move(record));
-  }
-  return result;
-}
-
 // The low half of a system timer's handle, for the log.
 unsigned shown_handle(timer_t sys_timerid) {
   return static_cast<unsigned>(reinterpret_cast<uintptr_t>(sys_timerid));
+}
+
+// Which of a system timer's calls failed.
+enum class failed_call : uint8_t { none, create, settime };
+
+// Creates and arms a system timer. One that cannot be armed is not deleted.
+failed_call create_and_arm(tervik_timer_callback callback, unsigned long timeout_s,
+                           uint32_t timer_id, timer_t* out) {
+  sigevent event = {};
+  event.sigev_notify = SIGEV_THREAD;
+  event.sigev_value.sival_int = static_cast<int>(timer_id);
+  event.sigev_notify_function = callback;
+  if (timer_create(CLOCK_REALTIME, &event, out) != 0) {
+    return failed_call::create;
+  }
+  itimerspec expiry = {};
+  expiry.it_value.tv_sec = static_cast<time_t>(timeout_s);
+  // An all-zero expiry would disarm the timer.
+  expiry.it_value.tv_nsec = timeout_s == 0 ? 1 : 0;
+  return timer_settime(*out, 0, &expiry, nullptr) == 0 ? failed_call::none : failed_call::settime;
+}
+
+// Logs a failure in the name of tervik_sys_timer_create, whose result it returns.
+int log_failed_call(failed_call failed, unsigned long timeout_s, uint32_t timer_id,
+                    timer_t sys_timerid) {
+  constexpr const char* FUNC = "tervik_sys_timer_create";
+  if (failed == failed_call::none) {
+    return TIMER_SUCCESS;
+  }
+  if (failed == failed_call::create) {
+    tervik_log_error_as(FUNC, "fail to timer_create, timer_id = %u, timeout_s = %lu", timer_id,
+                        timeout_s);
+  } else {
+    tervik_log_error_as(FUNC, "fail to timer_settime, sys_timerid = 0x%x, timeout_s = %lu",
+                        shown_handle(sys_timerid), timeout_s);
+  }
+  return TIMER_SYSTEM_FAILURE;
+}
+
+// Arms the record's system timer and enters the record in the registry. The list mutex is held
+// over both, so that the callback of a timer that fires at once finds the record to stop; a
+// failure is logged without it.
+int arm_and_register(std::unique_ptr<timer_record> record) {
+  const uint32_t timer_id = record->timer_id;
+  const auto timeout_s = static_cast<unsigned long>(record->timeout_s);
+  timer_t sys_timerid = {};
+  failed_call failed = failed_call::none;
+  {
+    const std::lock_guard list_lock(g_tervik_timer_callback_list_mutex);
+    failed = create_and_arm(record->callback, timeout_s, timer_id, &sys_timerid);
+    if (failed == failed_call::none) {
+      record->sys_timerid = sys_timerid;
+      append_record(std::move(record));
+    }
+  }
+  return log_failed_call(failed, timeout_s, timer_id, sys_timerid);
 }
 
 int tervik_sys_timer_clear(timer_t sys_timerid) {
@@ -134,28 +178,27 @@ int tervik_sys_timer_clear(timer_t sys_timerid) {
   return TIMER_SUCCESS;
 }
 
-void log_outcome(const tervik_log_place& place, int ret, unsigned long timeout_s,
-                 uint32_t timer_id) {
-  tervik_log_write(place, LOG_CLASS_DEBUG, TERVIK_NO_SUB,
-                   "ret = %d, timeout_s = %lu, timer_id = %d", ret, timeout_s, timer_id);
+void log_outcome(const char* func, int ret, unsigned long timeout_s, uint32_t timer_id) {
+  tervik_log_debug_as(func, "ret = %d, timeout_s = %lu, timer_id = %d", ret, timeout_s, timer_id);
 }
 
 // Starts a timer under the next identifier, stored in `*timer_id`. The id mutex is held.
-int start_numbered(tervik_timer_callback callback, unsigned long timeout_s, uint32_t* timer_id) {
+int start_numbered(const char* func, tervik_timer_callback callback, unsigned long timeout_s,
+                   uint32_t* timer_id) {
   if (callback == nullptr) {
-    tervik_log_error("callback is NULL, timeout_s = %lu", timeout_s);
+    tervik_log_error_as(func, "callback is NULL, timeout_s = %lu", timeout_s);
     return TIMER_NO_CALLBACK;
   }
   std::unique_ptr<timer_record> record = make_record(0, callback, timeout_s);
   if (record == nullptr) {
-    tervik_log_error("Failed to allocate memory for tcbinfo, timeout_s = %lu", timeout_s);
+    tervik_log_error_as(func, "Failed to allocate memory for tcbinfo, timeout_s = %lu", timeout_s);
     return TIMER_NO_MEMORY;
   }
   record->timer_id = ++g_last_timer_id;
   const uint32_t new_id = record->timer_id;
   const int result = arm_and_register(std::move(record));
   if (result != TIMER_SUCCESS) {
-    tervik_log_error("tervik_sys_timer_create failed");
+    tervik_log_error_as(func, "tervik_sys_timer_create failed");
     return result;
   }
   *timer_id = new_id;
@@ -167,27 +210,31 @@ bool is_active(uint32_t timer_id) {
   return find_record(timer_id) != nullptr;
 }
 
-int start_under_id(uint32_t timer_id, tervik_timer_callback callback, unsigned long timeout_s) {
+int start_under_id(const char* func, uint32_t timer_id, tervik_timer_callback callback,
+                   unsigned long timeout_s) {
   if (callback == nullptr) {
-    tervik_log_error("callback is NULL, timer_id = %d, timeout_s = %lu", timer_id, timeout_s);
+    tervik_log_error_as(func, "callback is NULL, timer_id = %d, timeout_s = %lu", timer_id,
+                        timeout_s);
     return TIMER_NO_CALLBACK;
   }
   const bool active = is_active(timer_id);
-  tervik_log_debug("timer_id = %u, is_active = %d", timer_id, active ? 1 : 0);
+  tervik_log_debug_as(func, "timer_id = %u, is_active = %d", timer_id, active ? 1 : 0);
   if (active) {
-    tervik_log_error("This timer is active, pls stop it before start it, timer_id = %d", timer_id);
+    tervik_log_error_as(func, "This timer is active, pls stop it before start it, timer_id = %d",
+                        timer_id);
     return TIMER_ACTIVE;
   }
   std::unique_ptr<timer_record> record = make_record(timer_id, callback, timeout_s);
   if (record == nullptr) {
-    tervik_log_error("Failed to allocate memory for tcbinfo, timer_id = %d, timeout_s = %lu",
-                     timer_id, timeout_s);
+    tervik_log_error_as(func,
+                        "Failed to allocate memory for tcbinfo, timer_id = %d, timeout_s = %lu",
+                        timer_id, timeout_s);
     return TIMER_NO_MEMORY;
   }
   const int result = arm_and_register(std::move(record));
   if (result != TIMER_SUCCESS) {
-    tervik_log_error("tervik_sys_timer_create failed, timer_id = %d, timeout_s = %lu", timer_id,
-                     timeout_s);
+    tervik_log_error_as(func, "tervik_sys_timer_create failed, timer_id = %d, timeout_s = %lu",
+                        timer_id, timeout_s);
   }
   return result;
 }
@@ -196,50 +243,36 @@ int start_under_id(uint32_t timer_id, tervik_timer_callback callback, unsigned l
 
 int tervik_sys_timer_create(tervik_timer_callback callback, unsigned long timeout_s,
                             uint32_t timer_id, timer_t* out) {
-  sigevent event = {};
-  event.sigev_notify = SIGEV_THREAD;
-  event.sigev_value.sival_int = static_cast<int>(timer_id);
-  event.sigev_notify_function = callback;
   timer_t sys_timerid = {};
-  if (timer_create(CLOCK_REALTIME, &event, &sys_timerid) != 0) {
-    tervik_log_error("fail to timer_create, timer_id = %u, timeout_s = %lu", timer_id, timeout_s);
-    return TIMER_SYSTEM_FAILURE;
+  const failed_call failed = create_and_arm(callback, timeout_s, timer_id, &sys_timerid);
+  if (failed == failed_call::none) {
+    *out = sys_timerid;
   }
-  itimerspec expiry = {};
-  expiry.it_value.tv_sec = static_cast<time_t>(timeout_s);
-  // An all-zero expiry would disarm the timer.
-  expiry.it_value.tv_nsec = timeout_s == 0 ? 1 : 0;
-  if (timer_settime(sys_timerid, 0, &expiry, nullptr) != 0) {
-    tervik_log_error("fail to timer_settime, sys_timerid = 0x%x, timeout_s = %lu",
-                     shown_handle(sys_timerid), timeout_s);
-    return TIMER_SYSTEM_FAILURE;
-  }
-  *out = sys_timerid;
-  return TIMER_SUCCESS;
+  return log_failed_call(failed, timeout_s, timer_id, sys_timerid);
 }
 
 uint32_t tervik_timer_start(tervik_timer_callback callback, unsigned long timeout_s) {
-  init_mutexes_once();
+  init_mutexes_once(__func__);
   uint32_t timer_id = 0;
   int result = TIMER_SUCCESS;
   {
     const std::lock_guard id_lock(g_tervik_timer_id_mutex);
-    result = start_numbered(callback, timeout_s, &timer_id);
+    result = start_numbered(__func__, callback, timeout_s, &timer_id);
   }
-  log_outcome(TERVIK_LOG_PLACE, result, timeout_s, timer_id);
+  log_outcome(__func__, result, timeout_s, timer_id);
   return timer_id;
 }
 
 bool tervik_timer_start(uint32_t timer_id, tervik_timer_callback callback,
                         unsigned long timeout_s) {
-  init_mutexes_once();
-  const int result = start_under_id(timer_id, callback, timeout_s);
-  log_outcome(TERVIK_LOG_PLACE, result, timeout_s, timer_id);
+  init_mutexes_once(__func__);
+  const int result = start_under_id(__func__, timer_id, callback, timeout_s);
+  log_outcome(__func__, result, timeout_s, timer_id);
   return result == TIMER_SUCCESS;
 }
 
 bool tervik_timer_stop(uint32_t timer_id) {
-  init_mutexes_once();
+  init_mutexes_once(__func__);
   std::unique_ptr<timer_record> record;
   {
     const std::lock_guard list_lock(g_tervik_timer_callback_list_mutex);
@@ -252,6 +285,6 @@ bool tervik_timer_stop(uint32_t timer_id) {
     return false;
   }
   const int ret = tervik_sys_timer_clear(record->sys_timerid);
-  log_outcome(TERVIK_LOG_PLACE, ret, record->timeout_s, timer_id);
+  log_outcome(__func__, ret, record->timeout_s, timer_id);
   return true;
 }

@@ -1,0 +1,128 @@
+// What the simulated modem makes of a modem.conf that is wrong, of paths that lead out, of
+// files that change while they are read, and of several first clients at once.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <future>
+
+#include "platform/modem/extension_service.h"
+#include "platform/modem/modem_conf.h"
+#include "platform/modem/nv_efs_store.h"
+#include "qmi_client.h"
+#include "tests/support/state_directory_fixture.h"
+#include "tests/support/virtual_time.h"
+
+namespace kiv::test {
+namespace {
+
+using platform::ModemConf;
+
+using ModemTest = StateDirectoryTest;
+
+// The settings of the text, and what was said about it.
+std::pair<ModemConf, std::string> parsed(const std::string& text) {
+  testing::internal::CaptureStderr();
+  ModemConf conf = platform::parse_modem_conf(text);
+  return {conf, testing::internal::GetCapturedStderr()};
+}
+
+TEST_F(ModemTest, WhatIsNotUnderstoodIsNamedAndTheRestCounts) {
+  const auto [conf, complaints] = parsed(
+      "fault.extension=down\r\n# fault.extension = down\n\tfault.extension = silent # why\r\n"
+      "fault.extension\n = down\na\x1b[31m\xff = 1\nfault.uim = error:-2147483648\n" +
+      std::string(61, 'k') + " = 1\nfault.uim = down now");
+  EXPECT_EQ(complaints,
+            "modem.conf:4: no \"key = value\" \"fault.extension\"\n"
+            "modem.conf:5: unknown key \"\"\nmodem.conf:6: unknown key \"a?[31m?\"\n"
+            "modem.conf:8: unknown key \"" +
+                std::string(60, 'k') + "\"...\nmodem.conf:9: bad value \"fault.uim = down now\"\n");
+  EXPECT_EQ(conf.extension_fault.kind, platform::ServiceFault::Kind::kSilent)
+      << "the last line counts";
+  EXPECT_EQ(conf.uim_fault.code, INT32_MIN);
+  std::filesystem::create_directories(state_dir() + "/modem.conf");
+  testing::internal::CaptureStderr();
+  static_cast<void>(platform::load_modem_conf());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "modem.conf: Is a directory\n");
+}
+
+TEST_F(ModemTest, NumbersBytesAndWordsHaveTheirLimits) {
+  const auto repeated = [](const std::string& key, const char* value, size_t count) {
+    std::string line = key + " = ";
+    for (size_t i = 0; i < count; ++i) line += value;
+    return line + '\n';
+  };
+  const std::string bad =
+      "fault.extension = Down\nfault.extension = error:\nfault.extension = error:0\n"
+      "fault.extension = error:5x\nfault.extension = result:2147483648\nsar.dsi = 1 2\n"
+      "card.2 = absent\neid = 8900101700000000000000000000016\n"
+      "eid = 890010170000000000000000000001630\neid = 8900101700000000000000000000016A\n"
+      "uim.profiles = -1\nuim.profiles = 256\nuim.reset = no\ndiag.remote = 65536\n"
+      "diag.delay_ms = 600001\ndiag.response_size = 0\ndiag.response_size = 20001\nrat.2 = 9\n"
+      "stats.debug_version = 5\nstats.enable = 2\nstats.log_ids =\nstats.log_ids = 65536\n"
+      "stats.82 = 01\nstats.82.2 = 01\nstats.82.0.0 = 01\nstats.0x.0 = 01\nstats.5g.0 = 01\n"
+      "stats.4294967296.0 = 01\nstats.82.0 =\nstats.82.0 = 0 1\nstats.82.0 = +1\n"
+      "vs.indication. = 00\nvs.indication.10000 = 00\n" +
+      repeated("stats.log_ids", "1 ", 250) + repeated("stats.1.0", "00", 701) +
+      repeated("vs.indication.1", "00", 10673) + repeated("pdc.active.0", "00", 126);
+  const auto [conf, complaints] =
+      parsed(bad + "uim.profiles = 255\ndiag.remote = 65535\ndiag.delay_ms = 600000\n" +
+             "diag.response_size = 20000\nstats.debug_version = 4\n" +
+             repeated("stats.log_ids", "1 ", 249) + repeated("stats.1.1", "00", 700) +
+             repeated("vs.indication.0xFFFF", "00", 10672) + repeated("pdc.active.0", "00", 125));
+  EXPECT_EQ(std::count(complaints.begin(), complaints.end(), '\n'),
+            std::count(bad.begin(), bad.end(), '\n'))
+      << complaints;
+  EXPECT_EQ(conf.uim_profiles, 255);
+  EXPECT_EQ(conf.stats_log_ids.size(), 249u);
+  EXPECT_EQ(conf.stats_overrides.at(0).value.size(), 700u);
+}
+
+TEST_F(ModemTest, NoPathLeadsOutOfTheFolder) {
+  const std::pair<std::string, int> cases[] = {{"a//./b/", 0},      {{"/a/b\0c", 6}, 0},
+                                               {"./.", EINVAL},     {{"\0/a/b", 5}, EINVAL},
+                                               {"../../x", EACCES}, {"/a/..", EACCES}};
+  for (const auto& [path, result] : cases) {
+    std::string file;
+    EXPECT_EQ(platform::efs_state_file(0, path, file), result) << path;
+    EXPECT_EQ(result == 0 ? file : "efs/0/a/b", "efs/0/a/b");
+  }
+}
+
+TEST_F(ModemTest, AFileThatIsReplacedIsReadOnAsItWas) {
+  platform::EfsReadTransfer reader;
+  const auto read = [&reader](uint32_t offset) {
+    const auto chunk = reader.read_chunk("a", offset);
+    return chunk ? std::string(chunk->bytes.begin(), chunk->bytes.end()) : "none";
+  };
+  write_state_file_text("a", std::string(1000, 'o'));
+  EXPECT_EQ(read(0), std::string(414, 'o'));
+  write_state_file_text("a", std::string(500, 'n'));
+  EXPECT_EQ(read(828), std::string(172, 'o'));
+  EXPECT_EQ(read(UINT32_MAX), "");
+  EXPECT_EQ(read(0), std::string(414, 'n'));
+}
+
+TEST_F(ModemTest, ItIsStartedOnceForTheFirstClientsOfSeveralThreads) {
+  write_state_file_text("modem.conf", "no such thing\n");
+  const auto use_client = [] {
+    const qmi_idl_service_object idl{6, 1, platform::kExtensionServiceId, 1, 1, {}, {}, {}};
+    qmi_client_type client = nullptr;
+    EXPECT_EQ(qmi_client_init_instance(&idl, 1, nullptr, nullptr, nullptr, 0, &client), QMI_NO_ERR);
+    EXPECT_EQ(qmi_client_release(client), QMI_NO_ERR);
+  };
+  for (uint64_t seed = 1; seed <= 30; ++seed) {
+    const Shuffle shuffle(seed);
+    platform::reset_service_bus();
+    testing::internal::CaptureStderr();
+    std::array<std::future<void>, 3> users;
+    for (auto& user : users) user = std::async(std::launch::async, use_client);
+    for (auto& user : users) user.get();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "modem.conf:1: no \"key = value\" \"no such thing\"\n");
+  }
+}
+
+}  // namespace
+}  // namespace kiv::test

@@ -1,0 +1,196 @@
+// docs/commands.md against the tool: the table has the commands of the tool's own help, with their
+// arguments and names, and no command takes longer than its row says, whatever the modem does.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <iterator>
+#include <limits>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/state_directory_fixture.h"
+#include "tests/transcripts/scenes.h"
+#include "tests/transcripts/transcript.h"
+
+namespace kiv::test {
+namespace {
+
+using Strings = std::vector<std::string>;
+
+constexpr double kEndless = std::numeric_limits<double>::infinity();  // as a number of seconds
+
+struct CommandRow {
+  std::string title;  // of its category, with the number
+  std::string start;  // the tool, the category and the command
+  std::string usage;  // the command line as the help shows it
+  std::string name;
+  std::string example;
+  double longest;  // in seconds
+};
+
+std::string trimmed(const std::string& text) {
+  const size_t begin = std::min(text.find_first_not_of(' '), text.size());
+  return text.substr(begin, text.find_last_not_of(' ') + 1 - begin);
+}
+
+Strings words(const std::string& text) {
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), {}};
+}
+
+// The parts of a text between marks; a mark behind a backslash is part of the text.
+Strings split(const std::string& text, char mark) {
+  Strings parts{""};
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == mark) {
+      parts.emplace_back();
+    } else {
+      if (text[i] == '\\' && i + 1 < text.size() && text[i + 1] == mark) ++i;
+      parts.back() += text[i];
+    }
+  }
+  return parts;
+}
+
+// What stands between back quotes, with a blank before each.
+std::string back_quoted(const std::string& cell) {
+  const Strings parts = split(cell, '`');
+  std::string all;
+  for (size_t i = 1; i < parts.size(); i += 2) all += " " + parts[i];
+  return all;
+}
+
+// A sum such as "time_out ms + 2 s": of numbers and of arguments, as the example has them.
+double seconds_of(const std::string& longest, const Strings& arguments, const Strings& values) {
+  if (longest == "endless") return kEndless;
+  double sum = 0;
+  for (const std::string& term : split(longest, '+')) {
+    const Strings parts = words(term);
+    EXPECT_TRUE(parts.size() == 2 && (parts[1] == "s" || parts[1] == "ms")) << longest;
+    std::string number = parts.at(0);
+    if (isdigit(number[0]) == 0) {
+      const auto place = std::find(arguments.begin(), arguments.end(), number);
+      number = values.at(static_cast<size_t>(place - arguments.begin()));
+    }
+    sum += atof(number.c_str()) / (parts.at(1) == "ms" ? 1000 : 1);
+  }
+  return sum;
+}
+
+std::vector<CommandRow> read_table() {
+  std::istringstream text(read_file_text(KIV_COMMAND_TABLE));
+  std::vector<CommandRow> rows;
+  std::string title;
+  for (std::string line; std::getline(text, line);) {
+    if (line.starts_with("## ")) title = line.substr(3);
+    if (!line.starts_with("| ") || line.starts_with("| command |")) continue;
+    Strings cells = split(line, '|');
+    EXPECT_EQ(cells.size(), 8u) << line;
+    cells.resize(8);
+    for (std::string& cell : cells) cell = trimmed(cell);
+    std::string start = "kiv " + title.substr(0, title.find(' '));
+    if (cells[1] != "-") start += " " + cells[1];
+    const std::string usage = start + back_quoted(cells[2]);
+    const std::string example = trimmed(back_quoted(cells[5]));
+    rows.push_back({title, start, usage, cells[3].substr(0, cells[3].find(':')), example,
+                    seconds_of(cells[6], words(usage), words(example))});
+  }
+  EXPECT_GT(rows.size(), 60u);
+  return rows;
+}
+
+// What is wrong with every service: it is not there; it drops each request, and the AT channel says
+// nothing; it answers, but its indications do not come.
+std::string faults(const std::string& fault) {
+  std::string conf;
+  for (const char* service : {"extension", "uim", "nas", "sar", "pdc", "vs", "diag"}) {
+    conf += std::string(conf.empty() ? "" : "; ") + "fault." + service + " = " + fault;
+  }
+  return conf;
+}
+
+// How long the example takes, in seconds.
+double length(const CommandRow& row, const std::string& modem, void (*scene)() = nullptr) {
+  const std::string line = row.example.substr(std::min(row.example.size(), size_t{4}));
+  const Transcript run =
+      record({.about = "", .line = line.c_str(), .modem = modem.c_str(), .scene = scene});
+  for (const std::string& each : run.lines) {
+    EXPECT_FALSE(each.starts_with("ended with")) << row.usage << each;
+    // The example's arguments are such as the command wants them.
+    EXPECT_TRUE(row.example == "kiv" || each.find("Pls refer") == std::string::npos) << each;
+  }
+  return std::chrono::duration<double>(run.took).count();
+}
+
+TEST(CommandLimits, NoCommandTakesLongerThanItsRowSaysNorFarLess) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "nothing is recorded there";
+#endif
+  for (const CommandRow& row : read_table()) {
+    if (row.longest == kEndless) continue;
+    const double reached =
+        std::max({length(row, ""), length(row, faults("down")),
+                  length(row, faults("silent"), all_is_silent), length(row, "fault.pdc = silent")});
+    EXPECT_LE(reached, row.longest + 0.5) << row.usage;
+    EXPECT_GE(reached, std::min(row.longest - 1, row.longest / 2)) << row.usage;
+  }
+}
+
+TEST(CommandLimits, EndlessAndLongCommandsAreNamed) {
+  const std::string text = read_file_text(KIV_COMMAND_TABLE);
+  Strings named;
+  for (const CommandRow& row : read_table()) {
+    if (row.longest < 120) continue;
+    named.push_back(row.usage);
+    const std::string kind = row.longest == kEndless ? "endless" : "long";
+    const std::string command = words(row.start).back();
+    EXPECT_NE(text.find("\n" + command + " is " + kind + " by nature"), std::string::npos);
+  }
+  EXPECT_EQ(named, (Strings{"kiv 10 31 flag", "kiv 11 9 timeout_s"}));
+}
+
+// The commands of the combined help: the category's title, the command line and the name.
+Strings commands_of_help(const std::string& help) {
+  Strings commands;
+  std::string title;
+  bool named = true;
+  for (const std::string& line : split(help, '\n')) {
+    const size_t comment = std::min(line.find("/*"), line.size());
+    if (const size_t colon = line.find(':'); isdigit(line[0]) != 0) {
+      const std::string text = line.substr(colon + 1);
+      title = line.substr(0, colon) + " " + trimmed(text.substr(0, text.find(':')));
+    } else if (line.starts_with("   kiv ")) {
+      commands.push_back(title + ": " + trimmed(line.substr(0, comment)));
+      named = false;
+    }
+    if (!named && comment != line.size()) {
+      const size_t end = line.find_first_of(",:(*", comment + 2);
+      commands.back() += ": " + trimmed(line.substr(comment + 2, end - comment - 2));
+      named = true;
+    }
+  }
+  return commands;
+}
+
+TEST(CommandLimits, TableHasTheCommandsOfTheHelp) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "nothing is recorded there";
+#endif
+  std::string help;
+  for (const std::string& line : record({.about = "", .line = ""}).lines) {
+    if (line.starts_with("H")) help += line.substr(line.find(": ") + 2) + "\n";
+  }
+  Strings commands;
+  for (const CommandRow& row : read_table()) {
+    // These two are in no line of the help.
+    if (row.title.starts_with("0 ") || row.title.starts_with("2 ")) continue;
+    commands.push_back(row.title + ": " + row.usage + ": " + row.name);
+    EXPECT_TRUE((row.example + " ").starts_with(row.start + " ")) << row.example;
+  }
+  EXPECT_EQ(commands, commands_of_help(help));
+}
+
+}  // namespace
+}  // namespace kiv::test

@@ -1,0 +1,43 @@
+// What a scenario's modem does that no key of modem.conf describes; called before the tool runs, in
+// the run's own process.
+#pragma once
+
+namespace kiv::test {
+
+// The AT channel: one that says nothing, one that answers a command with the command itself, one
+// that takes the command after 2 s and answers after 2 more, one written by bash, an ordinary file.
+void at_channel_silent();
+void at_channel_echoes();
+void at_channel_is_full_at_first();
+void at_shell_is_bash();
+void at_channel_is_a_file();
+
+// The AT channel says nothing, and the PDC service drops every request (the "silent" one of
+// modem.conf drops indications alone).
+void all_is_silent();
+
+// DIAG: two log packets and two events on their streams before the answer, or a call that fails.
+void diag_streams();
+void diag_fails_to_register();
+void diag_fails_at_signal();
+void diag_fails_at_support_list();
+void diag_fails_at_stream();
+void diag_fails_to_send();
+
+// The next thread cannot be started, or the one after it; the next timer cannot be made, or armed.
+void no_thread();
+void no_second_thread();
+void no_timer();
+void no_armed_timer();
+
+// The extension service answers with too few bytes, without a payload, or with a length of 600 that
+// it does not carry.
+void extension_answers_briefly();
+void extension_answers_nothing();
+void extension_claims_more();
+
+// The eUICC's EID has hexadecimal letters; it answers a reset with 2 bytes.
+void euicc_has_letters();
+void euicc_answers_briefly();
+
+}  // namespace kiv::test

@@ -1,0 +1,44 @@
+// One run of the tool, or several, as an operator and the system log see it: every log statement
+// with its class, subscription, function and text, every plain line, and the time between them.
+// Each run is a process of its own, forked from the test, on virtual time; what is recorded of it:
+//
+//   D0  tervik_nv_read: text    a statement: class (Error, Notice, Debug, Help), subscription ('-'
+//                               for none), where it shows ("l" system log alone, "s" standard
+//                               output alone), function and text
+//   [2] D-  ...                 the same, of the run's second further thread
+//    > text                     a line printed past the log; " 2> " on standard error
+//    log3 text                  a line of the system log without prefix, with its priority
+//    +0.1 s                     time that passed
+//
+// Process ids, addresses and paths that differ between machines are masked.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace kiv::test {
+
+// What a run is made from. In a command line, `word*N` stands for that word N times, and `{text*N}`
+// in a word for the text N times, and '~' for a blank in a word; ' ; ' separates the lines of
+// several runs on one state directory. `modem` and `properties` are the lines of modem.conf and of
+// the property file, `files` lines "path = bytes in hexadecimal" of files in the state directory;
+// all with ';' between them.
+struct Scenario {
+  const char* about;
+  const char* line;
+  const char* modem = "";
+  const char* properties = "";
+  const char* files = "";
+  void (*scene)() = nullptr;
+};
+
+struct Transcript {
+  std::vector<std::string> lines;
+  std::chrono::nanoseconds took{};  // of the last run
+};
+
+// Runs the scenario in a fresh state directory and records it, the files that it left included.
+Transcript record(const Scenario& scenario);
+
+}  // namespace kiv::test
