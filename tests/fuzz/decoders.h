@@ -1,7 +1,6 @@
 // The list of all that reaches the product from outside: a row for each kind of message, packet or
-// text, with the commands that take it in. The fuzz targets, the limits test and the test that the
-// list is complete walk this one table; a row that is added becomes a fuzz target by its name
-// alone.
+// text, with the commands that take it in. The fuzz target and the limits test walk this one table;
+// a row that is added is fuzzed by its name alone.
 #pragma once
 
 #include <cstdint>

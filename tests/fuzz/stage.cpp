@@ -216,7 +216,6 @@ void Stage::tap() {
   modem_lyrax_api_deinit();
   static_cast<void>(tervik_get_sar_dsi());
   static_cast<void>(tervik_mbn_init(1));
-  requests_.clear();
 }
 
 void Stage::keep(Bytes seed) {
@@ -271,8 +270,7 @@ void Stage::run_row(ByteView bytes) {
 
 ServiceReply Stage::answer(uint32_t service, const platform::Service& modem, uint16_t msg_id,
                            ByteView request) {
-  requests_.push_back(key_of(service, msg_id, request));
-  if (!answers(row_, requests_.back())) return modem(msg_id, request);
+  if (!answers(row_, key_of(service, msg_id, request))) return modem(msg_id, request);
   if (!recording_) {
     if (row_.inlet != Inlet::kIndication) return replacement(request);
     indicate(service);

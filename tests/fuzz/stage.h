@@ -42,8 +42,6 @@ class Stage {
   std::vector<Bytes> record();
   // Puts the bytes in front of the product. `filler` stands behind a payload in its message.
   void feed(ByteView bytes, uint8_t filler = 0);
-  // The requests that came so far.
-  const std::vector<MessageKey>& requests() const { return requests_; }
 
  private:
   void tap();
@@ -63,7 +61,6 @@ class Stage {
   Bytes bytes_;       // what stands in for the modem's own
   std::mutex mutex_;  // guards the next one: indications come on a thread of their own
   std::vector<Bytes> recorded_;
-  std::vector<MessageKey> requests_;
 };
 
 }  // namespace kiv::fuzz

@@ -92,13 +92,6 @@ std::vector<std::string> LogCapture::messages_from(std::string_view place) const
   return messages;
 }
 
-bool LogCapture::contains(std::string_view text) const {
-  const std::lock_guard lock(mutex_);
-  return std::any_of(lines_.begin(), lines_.end(), [text](const LogLine& line) {
-    return line.text.find(text) != std::string::npos;
-  });
-}
-
 size_t LogCapture::count(std::string_view message) const {
   const std::lock_guard lock(mutex_);
   return static_cast<size_t>(

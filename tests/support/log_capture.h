@@ -34,8 +34,6 @@ class LogCapture {
   std::vector<std::string> messages() const;
   // The same of the lines alone whose prefix has `place` in it, a file or a function.
   std::vector<std::string> messages_from(std::string_view place) const;
-  // True when some line, prefix included, has `text` in it.
-  bool contains(std::string_view text) const;
   // The number of lines whose whole message is `message`.
   size_t count(std::string_view message) const;
   void clear();

@@ -337,30 +337,38 @@ void disarm(Timer& timer) {
 }  // namespace
 
 // What the linker's --wrap leaves of the libraries, and what takes its place.
-int real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                        void* (*routine)(void*), void* argument) asm("__real_pthread_create");
-int virtual_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                           void* (*routine)(void*), void* argument) asm("__wrap_pthread_create");
+#define KIV_WRAPPED(name)                            \
+  decltype(::name) real_##name asm("__real_" #name); \
+  decltype(::name) virtual_##name asm("__wrap_" #name)
+KIV_WRAPPED(pthread_create);
+KIV_WRAPPED(pthread_join);
+KIV_WRAPPED(pthread_mutex_lock);
+KIV_WRAPPED(pthread_mutex_unlock);
+KIV_WRAPPED(pthread_cond_wait);
+KIV_WRAPPED(pthread_cond_timedwait);
+KIV_WRAPPED(pthread_cond_clockwait);
+KIV_WRAPPED(pthread_cond_signal);
+KIV_WRAPPED(pthread_cond_broadcast);
+KIV_WRAPPED(sem_wait);
+KIV_WRAPPED(sem_post);
+KIV_WRAPPED(sleep);
+KIV_WRAPPED(usleep);
+KIV_WRAPPED(nanosleep);
+KIV_WRAPPED(clock_nanosleep);
+KIV_WRAPPED(clock_gettime);
+KIV_WRAPPED(poll);
+KIV_WRAPPED(timer_create);
+KIV_WRAPPED(timer_settime);
+KIV_WRAPPED(timer_delete);
+#undef KIV_WRAPPED
+long virtual_syscall(long number, long a, long b, long c, long d, long e,
+                     long f) asm("__wrap_syscall");
 void virtual_thread_start(std::thread* thread, std::unique_ptr<std::thread::_State> state, void (*)()) asm(
     "__wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE");
 void real_thread_join(std::thread* thread) asm("__real__ZNSt6thread4joinEv");
 // Aligned as members are: pointers to members keep a flag in the lowest bit.
 [[gnu::aligned(16)]] void virtual_thread_join(std::thread* thread) asm(
     "__wrap__ZNSt6thread4joinEv");
-int real_pthread_join(pthread_t thread, void** result) asm("__real_pthread_join");
-int virtual_pthread_join(pthread_t thread, void** result) asm("__wrap_pthread_join");
-int real_mutex_trylock(pthread_mutex_t* mutex) asm("pthread_mutex_trylock");
-int real_mutex_lock(pthread_mutex_t* mutex) asm("__real_pthread_mutex_lock");
-int virtual_mutex_lock(pthread_mutex_t* mutex) asm("__wrap_pthread_mutex_lock");
-int real_mutex_unlock(pthread_mutex_t* mutex) asm("__real_pthread_mutex_unlock");
-int virtual_mutex_unlock(pthread_mutex_t* mutex) asm("__wrap_pthread_mutex_unlock");
-int virtual_cond_wait(pthread_cond_t* cond, pthread_mutex_t* mutex) asm("__wrap_pthread_cond_wait");
-int virtual_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
-                           const timespec* deadline) asm("__wrap_pthread_cond_timedwait");
-int virtual_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex, clockid_t clock,
-                           const timespec* deadline) asm("__wrap_pthread_cond_clockwait");
-int virtual_cond_signal(pthread_cond_t* cond) asm("__wrap_pthread_cond_signal");
-int virtual_cond_broadcast(pthread_cond_t* cond) asm("__wrap_pthread_cond_broadcast");
 void virtual_condition_wait(
     std::condition_variable* condition,
     std::unique_lock<std::mutex>&
@@ -369,40 +377,21 @@ void virtual_notify_one(std::condition_variable* condition) noexcept
     asm("__wrap__ZNSt18condition_variable10notify_oneEv");
 void virtual_notify_all(std::condition_variable* condition) noexcept
     asm("__wrap__ZNSt18condition_variable10notify_allEv");
-bool virtual_futex_wait_until(
-    void* self, unsigned* word, unsigned value, bool has_timeout, std::chrono::seconds s,
-    std::chrono::nanoseconds
-        ns) asm("__wrap__ZNSt28__atomic_futex_unsigned_base19_M_futex_wait_untilEPjjbNSt6chrono8durationIlSt5ratioILl1ELl1EEEENS2_IlS3_ILl1ELl1000000000EEEE");
-bool virtual_futex_wait_until_steady(
-    void* self, unsigned* word, unsigned value, bool has_timeout, std::chrono::seconds s,
-    std::chrono::nanoseconds
-        ns) asm("__wrap__ZNSt28__atomic_futex_unsigned_base26_M_futex_wait_until_steadyEPjjbNSt6chrono8durationIlSt5ratioILl1ELl1EEEENS2_IlS3_ILl1ELl1000000000EEEE");
+#define KIV_FUTEX_WAIT(name, mangled)                                                       \
+  bool name(                                                                                \
+      void* self, unsigned* word, unsigned value, bool has_timeout, std::chrono::seconds s, \
+      std::chrono::nanoseconds                                                              \
+          ns) asm("__wrap__ZNSt28__atomic_futex_unsigned_base" mangled                      \
+                  "EPjjbNSt6chrono8durationIlSt5ratioILl1ELl1EEEENS2_IlS3_ILl1ELl1000000000EEEE")
+KIV_FUTEX_WAIT(virtual_futex_wait_until, "19_M_futex_wait_until");
+KIV_FUTEX_WAIT(virtual_futex_wait_until_steady, "26_M_futex_wait_until_steady");
+#undef KIV_FUTEX_WAIT
 void virtual_futex_notify_all(unsigned* word) asm(
     "__wrap__ZNSt28__atomic_futex_unsigned_base19_M_futex_notify_allEPj");
-long virtual_syscall(long number, long a, long b, long c, long d, long e,
-                     long f) asm("__wrap_syscall");
-int real_sem_trywait(sem_t* semaphore) asm("sem_trywait");
-int virtual_sem_wait(sem_t* semaphore) asm("__wrap_sem_wait");
-int real_sem_post(sem_t* semaphore) asm("__real_sem_post");
-int virtual_sem_post(sem_t* semaphore) asm("__wrap_sem_post");
-unsigned int virtual_sleep(unsigned int seconds) asm("__wrap_sleep");
-int virtual_usleep(useconds_t microseconds) asm("__wrap_usleep");
-int virtual_nanosleep(const timespec* requested, timespec* remaining) asm("__wrap_nanosleep");
-int virtual_clock_nanosleep(clockid_t clock, int flags, const timespec* requested,
-                            timespec* remaining) asm("__wrap_clock_nanosleep");
-int real_clock_gettime(clockid_t clock, timespec* now) asm("__real_clock_gettime");
-int virtual_clock_gettime(clockid_t clock, timespec* now) asm("__wrap_clock_gettime");
 std::chrono::steady_clock::time_point virtual_steady_now() noexcept
     asm("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
 std::chrono::system_clock::time_point virtual_system_now() noexcept
     asm("__wrap__ZNSt6chrono3_V212system_clock3nowEv");
-int real_poll(pollfd* descriptors, nfds_t count, int milliseconds) asm("__real_poll");
-int virtual_poll(pollfd* descriptors, nfds_t count, int milliseconds) asm("__wrap_poll");
-int virtual_timer_create(clockid_t clock, sigevent* event,
-                         timer_t* timer) asm("__wrap_timer_create");
-int virtual_timer_settime(timer_t timer, int flags, const itimerspec* value,
-                          itimerspec* old_value) asm("__wrap_timer_settime");
-int virtual_timer_delete(timer_t timer) asm("__wrap_timer_delete");
 
 std::chrono::nanoseconds virtual_now() {
   return std::chrono::nanoseconds(g_now);
@@ -445,7 +434,7 @@ Thread* start_thread(const pthread_attr_t* attributes, void* (*routine)(void*), 
 }
 
 int virtual_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                           void* (*routine)(void*), void* argument) {
+                           void* (*routine)(void*), void* argument) noexcept {
   if (g_starts_until_failure >= 0 && g_starts_until_failure-- == 0) return EAGAIN;
   const Thread* const added = start_thread(attributes, routine, argument);
   if (added == nullptr) return EAGAIN;
@@ -490,16 +479,16 @@ void virtual_thread_join(std::thread* thread) {
 
 // ---- locks, conditions, semaphores, futures ----
 
-int virtual_mutex_lock(pthread_mutex_t* mutex) {
-  if (g_self == nullptr) return real_mutex_lock(mutex);
+int virtual_pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+  if (g_self == nullptr) return real_pthread_mutex_lock(mutex);
   shuffle_here();
   int result = 0;
-  while ((result = real_mutex_trylock(mutex)) == EBUSY) wait_for(mutex, kNever);
+  while ((result = pthread_mutex_trylock(mutex)) == EBUSY) wait_for(mutex, kNever);
   return result;
 }
 
-int virtual_mutex_unlock(pthread_mutex_t* mutex) {
-  const int result = real_mutex_unlock(mutex);
+int virtual_pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
+  const int result = real_pthread_mutex_unlock(mutex);
   if (g_self != nullptr) {
     wake(mutex, INT_MAX);
     shuffle_here();
@@ -508,32 +497,33 @@ int virtual_mutex_unlock(pthread_mutex_t* mutex) {
 }
 
 int wait_on_condition(const void* cond, pthread_mutex_t* mutex, int64_t deadline) {
-  real_mutex_unlock(mutex);
+  real_pthread_mutex_unlock(mutex);
   wake(mutex, INT_MAX);
   const bool timed_out = wait_for(cond, deadline);
-  virtual_mutex_lock(mutex);
+  virtual_pthread_mutex_lock(mutex);
   return timed_out ? ETIMEDOUT : 0;
 }
 
-int virtual_cond_wait(pthread_cond_t* cond, pthread_mutex_t* mutex) {
+int virtual_pthread_cond_wait(pthread_cond_t* cond, pthread_mutex_t* mutex) {
   return wait_on_condition(cond, mutex, kNever);
 }
 
-int virtual_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex, const timespec* deadline) {
+int virtual_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
+                                   const timespec* deadline) {
   return wait_on_condition(cond, mutex, deadline_of(CLOCK_REALTIME, *deadline));
 }
 
-int virtual_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex, clockid_t clock,
-                           const timespec* deadline) {
+int virtual_pthread_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex, clockid_t clock,
+                                   const timespec* deadline) {
   return wait_on_condition(cond, mutex, deadline_of(clock, *deadline));
 }
 
-int virtual_cond_signal(pthread_cond_t* cond) {
+int virtual_pthread_cond_signal(pthread_cond_t* cond) noexcept {
   wake(cond, 1);
   return 0;
 }
 
-int virtual_cond_broadcast(pthread_cond_t* cond) {
+int virtual_pthread_cond_broadcast(pthread_cond_t* cond) noexcept {
   wake(cond, INT_MAX);
   return 0;
 }
@@ -583,11 +573,11 @@ long virtual_syscall(long number, long a, long b, long c, long d, long e, long f
 }
 
 int virtual_sem_wait(sem_t* semaphore) {
-  while (real_sem_trywait(semaphore) != 0) wait_for(semaphore, kNever);
+  while (sem_trywait(semaphore) != 0) wait_for(semaphore, kNever);
   return 0;
 }
 
-int virtual_sem_post(sem_t* semaphore) {
+int virtual_sem_post(sem_t* semaphore) noexcept {
   const int result = real_sem_post(semaphore);
   wake(semaphore, 1);
   return result;
@@ -619,7 +609,7 @@ int virtual_clock_nanosleep(clockid_t clock, int flags, const timespec* requeste
   return 0;
 }
 
-int virtual_clock_gettime(clockid_t clock, timespec* now) {
+int virtual_clock_gettime(clockid_t clock, timespec* now) noexcept {
   if (!is_virtual(clock)) return real_clock_gettime(clock, now);
   *now = to_timespec(start_of(clock) + g_now);
   return 0;
@@ -647,7 +637,7 @@ int virtual_poll(pollfd* descriptors, nfds_t count, int milliseconds) {
 // ---- timers ----
 
 // Timers call back on a thread or not at all, and expire once: nothing else is in use.
-int virtual_timer_create(clockid_t clock, sigevent* event, timer_t* timer) {
+int virtual_timer_create(clockid_t clock, sigevent* event, timer_t* timer) noexcept {
   if (g_fail_timer_create) {
     g_fail_timer_create = false;
     return fail(EAGAIN);
@@ -668,7 +658,7 @@ int virtual_timer_create(clockid_t clock, sigevent* event, timer_t* timer) {
 }
 
 int virtual_timer_settime(timer_t handle, int flags, const itimerspec* value,
-                          itimerspec* old_value) {
+                          itimerspec* old_value) noexcept {
   if (g_fail_timer_settime) {
     g_fail_timer_settime = false;
     return fail(EAGAIN);
@@ -695,7 +685,7 @@ int virtual_timer_settime(timer_t handle, int flags, const itimerspec* value,
   return 0;
 }
 
-int virtual_timer_delete(timer_t handle) {
+int virtual_timer_delete(timer_t handle) noexcept {
   Timer* const timer = timer_of(handle);
   if (timer == nullptr) return fail(EINVAL);
   disarm(*timer);
