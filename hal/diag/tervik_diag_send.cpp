@@ -194,8 +194,8 @@ unsigned wait_and_take_response(const char* func, uint8_t* reply_buf, int* p_rep
   return g_diag_rsp_timeout.exchange(0) == 1 ? DIAG_FAIL : DIAG_OK;
 }
 
-// From here on a response belongs to the send. What it is about to hand over may be answered
-// before the hand-over returns. A DCI send, which appends, starts with nothing.
+// From here on a response belongs to the send: the modem may answer a command before the call that
+// hands it over has returned. A DCI send appends pieces, so it starts with an empty response.
 void expect_response(after_copy then) {
   const std::lock_guard lock(g_diag_dci_rsp_mutex);
   g_diag_rsp_expected = true;

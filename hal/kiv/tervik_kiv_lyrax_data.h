@@ -1,5 +1,6 @@
-// Category 9: live radio statistics of the modem, one query a run, in one line. Its help function
-// and the one of category 7 carry each other's names. Command thread.
+// Category 9: live radio statistics of the modem, one query a run, in one line. The help function
+// of this category has the name that one would expect for category 7, and the other way round.
+// Command thread.
 #pragma once
 
 // The handler of category 9.

@@ -1,6 +1,6 @@
 // Category 7: statistics records decoded from DIAG logs, and the debug block of the modem's
-// statistics framework. Its help function and the one of category 9 carry each other's names.
-// Command thread. Arguments and replies are untrusted.
+// statistics framework. The help function of this category has the name that one would expect for
+// category 9, and the other way round. Command thread. Arguments and replies are untrusted.
 #pragma once
 
 // The handler of category 7: what went wrong was printed.

@@ -1,9 +1,9 @@
 // What category 7 reads of the modem's statistics: the unpacker of bit-packed cell records from
 // DIAG logs, the printers of the statistics framework's debug counters, and the check whether the
 // framework is enabled and supported. Cursor and result are module state: one thread at a time, the
-// command's. Records and replies are untrusted: a record is decoded inside a buffer that every read
-// falls into, and of a reply nothing is printed but what was received. All lines but the errors of
-// a failed request go straight to standard output, whatever the print masks.
+// command's. Records and replies are untrusted: a record is copied into a buffer that is larger
+// than the widest read, and of a reply nothing is printed but what was received. All lines but the
+// errors of a failed request go straight to standard output, whatever the print masks.
 #pragma once
 
 #include <cstddef>

@@ -283,8 +283,9 @@ void complete(int req_type, int result) {
   waiter.is_done = 1;
 }
 
-// Every handler. A claim that ends while its indication is evaluated, as that of a duplicate may,
-// is not completed: the kind may belong to another request by then.
+// What every handler does. A claim can end while its indication is being evaluated, for example
+// when the same indication came twice. Such a claim is not completed, because another request may
+// have claimed the kind by then.
 void handle_indication(const pdc_indication& row, const uint8_t* decoded, uint32_t len) {
   const char* const func = row.handler;
   pdc_lock lock(g_pdc_info_ex.mutex);

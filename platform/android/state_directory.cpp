@@ -198,8 +198,9 @@ class LockedDirectory {
 
   bool try_lock() const { return ::flock(descriptor_.get(), LOCK_EX | LOCK_NB) == 0; }
 
-  // Who waits holds a read lock on the directory's first byte, which has nothing to do with flock
-  // and goes with the descriptor as well. Where there is no such lock, luck decides.
+  // A process that waits holds a read lock on the directory's first byte, so that the holder of the
+  // flock can see it. This lock is independent of flock and ends with the descriptor too. On file
+  // systems without such locks the order of those who wait is not defined.
   static struct flock first_byte(int16_t type) {
     struct flock range {};
     range.l_type = type;

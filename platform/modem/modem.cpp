@@ -19,7 +19,8 @@ struct ModemService {
   uint32_t service_id = 0;
   ServiceFault ModemConf::*fault = nullptr;
   Service (*make)(const ModemConf& conf) = nullptr;
-  bool answers_in_silence = false;  // silence is that of its indications, which it sees to itself
+  // With the fault `silent` this service still answers requests and leaves out its indications.
+  bool answers_in_silence = false;
 };
 
 constexpr std::array<ModemService, 6> kModemServices{{

@@ -138,7 +138,8 @@ void wait_for_callback(BusState& bus, std::unique_lock<std::mutex>& lock, const 
 }
 
 void publish_service(uint32_t service_id, Service service) {
-  // Whoever publishes by hand means to have the last word, also before the first client came.
+  // The modem publishes its services when the first client comes. Were that after this call, the
+  // modem's service would replace the caller's.
   ensure_modem_published();
   BusState& bus = bus_state();
   auto publication = std::make_shared<Publication>(Publication{.service = std::move(service)});

@@ -28,8 +28,8 @@ struct ServiceReply {
 using Service = std::function<ServiceReply(uint16_t msg_id, std::span<const uint8_t> request)>;
 
 // Makes `service` the (only) instance of `service_id`. An instance that was up before goes down
-// first, as by withdraw_service. Also before the first client came it takes the place of the
-// modem's own service: the modem publishes first, then.
+// first, as by withdraw_service. The modem's own services are published before `service`, so that
+// `service` takes the place of the modem's own one even when no client has come yet.
 void publish_service(uint32_t service_id, Service service);
 
 // Takes the service down: requests that it left in silence end with QMI_SERVICE_ERR, every client's

@@ -2,7 +2,7 @@
 
 namespace qtimutex {
 
-// An error-free plain mutex: neither call can fail.
+// A plain mutex, which is neither recursive nor error-checking: neither call can fail.
 void QtiSharedMutex::lock() {
   pthread_mutex_lock(&mutex_);
 }

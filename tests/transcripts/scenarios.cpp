@@ -186,7 +186,7 @@ constexpr Scenario kEsim[] = {
 constexpr Scenario kRaw[] = {
     {"a request without byte", "6 4"},
     {"no such class", "6 7 1"},
-    {"a class that the modem does not know", "6 0 0xFF 300"},
+    {"a class that the modem does not know, a number of too many digits", "6 0 0xFF 300 0x{1*51}"},
     {"more bytes than are sent", "6 2 7*600"},
     {"an answer without payload", "6 4 2", "", "", "", extension_answers_nothing},
 };

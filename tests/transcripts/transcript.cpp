@@ -250,7 +250,9 @@ std::string run_line(const std::string& line, const Scenario& scenario, const st
   if (pread(result, text.data(), text.size(), 0) < 0) text.clear();
   close(result);
   if (status != 0) text += "ended with wait status " + std::to_string(status) + "\n";
+  // An emulator of another processor shows its own name as the thread's.
   const std::pair<std::string, std::string> masks[] = {
+      {R"((util: \[)qemu-[a-z0-9]+)", "$1kiv"},
       {R"((p_id: |/proc/)\d+)", "$1<pid>"},
       {"(proc_pid_buf: ).*/", "$1<folder>/"},
       {folder, "<folder>"},

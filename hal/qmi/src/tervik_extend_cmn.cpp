@@ -330,8 +330,8 @@ constexpr uint32_t COUNTED_SSR_TYPES[] = {0x1,  0x2,   0x4,     0x8,     0x10,  
   return false;
 }
 
-// Puts the restart type back after a crash that changed it. There is nobody to tell of a level
-// that is the old one already.
+// Puts the restart type back after a crash that changed it. Whether the level really changed is of
+// no interest here.
 void restore_ssr_type(int old_type) {
   static_cast<void>(tervik_set_modem_ssr_type(static_cast<uint32_t>(old_type)));
 }
