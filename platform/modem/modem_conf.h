@@ -1,6 +1,7 @@
-// What the simulated modem is and does, from `modem.conf` in the state directory. Read once, by the
-// thread that publishes the modem's services. The file is untrusted: what cannot be understood is
-// named on standard error with its line number, and the rest still counts.
+// What the simulated modem is and does, from `modem.conf` in the state directory. The file is read
+// by the thread that publishes the modem's services, and again by the thread that first opens the
+// DIAG library; a restart of the modem does not read it again. The file is untrusted: what cannot
+// be understood is named on standard error with its line number, and the rest still counts.
 #pragma once
 
 #include <array>

@@ -5,10 +5,11 @@
 //   D0  tervik_nv_read: text    a statement: class (Error, Notice, Debug, Help), subscription ('-'
 //                               for none), where it shows ("l" system log alone, "s" standard
 //                               output alone), function and text
-//   [2] D-  ...                 the same, of the run's second further thread
+//   [2] D-  ...                 the same, of the second thread that the run started
 //    > text                     a line printed past the log; " 2> " on standard error
 //    log3 text                  a line of the system log without prefix, with its priority
 //    +0.1 s                     time that passed
+//    left FILE = bytes          what the run left in the state directory, in hexadecimal; "removed"
 //
 // Process ids, addresses and paths that differ between machines are masked.
 #pragma once

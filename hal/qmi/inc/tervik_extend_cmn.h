@@ -143,8 +143,9 @@ void error_cb(qmi_client_type client, int error, void* data);
 // Closes a logical channel. `in`: slot, channel id.
 [[nodiscard]] int tervik_uim_close_channel(const uint8_t* in);
 // Exchanges one APDU. `apdu_in`: slot, channel id, length n, n bytes. `rsp_out`
-// (UIM_APDU_OUTPUT_SIZE bytes): low byte of the response's length, then the response, status word
-// included, as far as it fits.
+// (UIM_APDU_OUTPUT_SIZE bytes): `rsp_out[0]` is the low byte of the length that the modem claims.
+// No reader trusts it as a number of bytes. Behind it comes the response, status word included, as
+// far as it fits.
 [[nodiscard]] int tervik_uim_send_apdu(const uint8_t* apdu_in, uint8_t* rsp_out);
 
 // ---- callbacks for the QMI framework: they only log ----
