@@ -38,9 +38,9 @@ constexpr int SEND_TIMEOUT_MS = 3000;
 std::atomic<bool> g_at_receive_done{false};
 
 constexpr std::array HELP = {
-    help_line("%d: tervik at command test", {CATEGORY}),
-    help_line("   kiv %d atcmd_cxt               /* atcmd_cxt: at command context */", {CATEGORY}),
-    help_line("                                    the len of atcmd can not > %d", {AT_TEXT_MAX}),
+    text_line("%d: tervik at command test", {CATEGORY}),
+    text_line("   kiv %d atcmd_cxt               /* atcmd_cxt: at command context */", {CATEGORY}),
+    text_line("                                    the len of atcmd can not > %d", {AT_TEXT_MAX}),
 };
 
 // Opens the AT channel for its answer, where there is one. The process must not get it as its

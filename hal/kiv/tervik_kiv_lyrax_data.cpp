@@ -13,81 +13,28 @@ constexpr int CATEGORY = 9;
 // Errors, notices, help and results; no traces.
 constexpr uint32_t QUERY_PRINT_MASK = LOG_CLASS_ERROR | LOG_CLASS_NOTICE | LOG_CLASS_HELP;
 
-constexpr std::array HELP = {
-    help_line("%d: tervik modem stats qmi test", {CATEGORY}),
-    help_line("   kiv %d %d sub                   /* 4G PCC rssi, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 0}),
-    help_line("   kiv %d %d sub                   /* 4G SCC1 rssi, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 1}),
-    help_line("   kiv %d %d sub                   /* 4G SCC2 rssi, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 2}),
-    help_line("   kiv %d %d sub                   /* 4G SCC3 rssi, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 3}),
-    help_line("   kiv %d %d sub                   /* 4G SCC4 rssi, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 4}),
-    help_line("   kiv %d %d sub                   /* 4G SCC5 rssi, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 5}),
-    help_line("   kiv %d %d sub                   /* 4G SCC6 rssi, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 6}),
-    help_line("   kiv %d %d sub                   /* 5G PCC rssi, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 7}),
-    help_line("   kiv %d %d sub                   /* 5G PCC snr, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 8}),
-    help_line("   kiv %d %d sub                   /* 5G ANT diversity, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 9}),
-    help_line("   kiv %d %d sub                  /* 5G PCC rsrp, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 10}),
-    help_line("   kiv %d %d sub                  /* 5G SCC1 rsrp, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 11}),
-    help_line("   kiv %d %d sub                  /* 5G SCC2 rsrp, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 12}),
-    help_line("   kiv %d %d sub                  /* WCDMA rssi, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 20}),
-    help_line("   kiv %d %d sub                  /* GSM rssi, sub: 0 - sub0; 1 - sub1 */",
-              {CATEGORY, 21}),
-    help_line("   kiv %d %d 0                    /* Ant info */", {CATEGORY, 30}),
-    help_line(
-        "   kiv %d %d sub                  /* Tx info, sub: 0 - sub0 tx; sub: 1 - sub1 tx; sub: 2 - dds tx; sub: other - max tx of dual subs; */",
-        {CATEGORY, 31}),
-};
-
 // A float as the lines print it.
 double shown(float value) {
   return static_cast<double>(value);
 }
 
-using lte_getter = uint32_t (*)(uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
-using nr_rsrp_getter = uint32_t (*)(uint32_t sub, modem_lyrax_nr5g_srv_meas_info* record);
-
-// By opt, from 0: PCC, SCC1 to SCC6.
-constexpr std::array<lte_getter, 7> LTE_GETTERS = {
-    modem_lyrax_lte_srv_meas_info_get_for_pcc,  modem_lyrax_lte_srv_meas_info_get_for_scc1,
-    modem_lyrax_lte_srv_meas_info_get_for_scc2, modem_lyrax_lte_srv_meas_info_get_for_scc3,
-    modem_lyrax_lte_srv_meas_info_get_for_scc4, modem_lyrax_lte_srv_meas_info_get_for_scc5,
-    modem_lyrax_lte_srv_meas_info_get_for_scc6,
-};
-
-// By opt, from FIRST_NR_RSRP_OPT: PCC, SCC1, SCC2.
-constexpr int FIRST_NR_RSRP_OPT = 10;
-constexpr std::array<nr_rsrp_getter, 3> NR_RSRP_GETTERS = {
-    modem_lyrax_nr5g_srv_meas_info_get_for_pcc,
-    modem_lyrax_nr5g_srv_meas_info_get_for_scc1,
-    modem_lyrax_nr5g_srv_meas_info_get_for_scc2,
-};
-
-// The getter of an opt in a table that starts at `first_opt`, or null.
-template <typename Getter, size_t count>
-Getter getter_of(const std::array<Getter, count>& getters, int first_opt, int opt) {
-  const int index = opt - first_opt;
-  return index >= 0 && index < static_cast<int>(count) ? getters[static_cast<size_t>(index)]
-                                                       : nullptr;
+// Fetches one record of the subscription; a failure is logged in the query's name.
+template <typename Record>
+bool fetch(const char* func, uint32_t (*get)(uint32_t sub, Record* record), uint32_t sub,
+           Record* record, const char* failure) {
+  if (get(sub, record) == 0) {
+    tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "%s", failure);
+    return false;
+  }
+  return true;
 }
 
-void tervik_test_qmi_modem_stats_4g_rssi(uint32_t sub, int opt) {
+// ---- queries ----
+
+template <uint32_t (*get)(uint32_t sub, modem_lyrax_lte_srv_meas_info* record)>
+void tervik_test_qmi_modem_stats_4g_rssi(uint32_t sub) {
   modem_lyrax_lte_srv_meas_info lte = {};
-  const lte_getter get = getter_of(LTE_GETTERS, 0, opt);
-  if (get == nullptr || get(sub, &lte) == 0) {
-    tervik_log_print(LOG_CLASS_ERROR, sub, "get lyrax data failed");
+  if (!fetch(__func__, get, sub, &lte, "get lyrax data failed")) {
     return;
   }
   tervik_log_print(
@@ -102,8 +49,8 @@ void tervik_test_qmi_modem_stats_4g_rssi(uint32_t sub, int opt) {
 
 void tervik_test_qmi_modem_stats_5g_rssi(uint32_t sub) {
   modem_lyrax_nr5g_ll1_fw_rx_control_agc agc = {};
-  if (modem_lyrax_nr5g_ll1_fw_rx_control_agc_get(sub, &agc) == 0) {
-    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_nr5g_ll1_fw_rx_control_agc_get failed");
+  if (!fetch(__func__, modem_lyrax_nr5g_ll1_fw_rx_control_agc_get, sub, &agc,
+             "modem_lyrax_nr5g_ll1_fw_rx_control_agc_get failed")) {
     return;
   }
   tervik_log_print(LOG_CLASS_HELP, sub,
@@ -113,8 +60,8 @@ void tervik_test_qmi_modem_stats_5g_rssi(uint32_t sub) {
 
 void tervik_test_qmi_modem_stats_5g_snr(uint32_t sub) {
   modem_lyrax_nr5g_ll1_fw_serving_ftl ftl = {};
-  if (modem_lyrax_nr5g_ll1_fw_serving_ftl_get(sub, &ftl) == 0) {
-    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_nr5g_ll1_fw_serving_ftl_get failed");
+  if (!fetch(__func__, modem_lyrax_nr5g_ll1_fw_serving_ftl_get, sub, &ftl,
+             "modem_lyrax_nr5g_ll1_fw_serving_ftl_get failed")) {
     return;
   }
   tervik_log_print(LOG_CLASS_HELP, sub,
@@ -124,9 +71,8 @@ void tervik_test_qmi_modem_stats_5g_snr(uint32_t sub) {
 
 void tervik_test_qmi_modem_stats_5g_ant_diversity(uint32_t sub) {
   modem_lyrax_nr5g_ml1_antenna_switch_diversity ant = {};
-  if (modem_lyrax_nr5g_ml1_antenna_switch_diversity_get(sub, &ant) == 0) {
-    tervik_log_print(LOG_CLASS_ERROR, sub,
-                     "modem_lyrax_nr5g_ml1_antenna_switch_diversity_get failed");
+  if (!fetch(__func__, modem_lyrax_nr5g_ml1_antenna_switch_diversity_get, sub, &ant,
+             "modem_lyrax_nr5g_ml1_antenna_switch_diversity_get failed")) {
     return;
   }
   tervik_log_print(
@@ -137,11 +83,10 @@ void tervik_test_qmi_modem_stats_5g_ant_diversity(uint32_t sub) {
       ant.ant_tx_1_old, ant.ant_tx_1_new);
 }
 
-void tervik_test_qmi_modem_stats_5g_rsrp(uint32_t sub, int opt) {
+template <uint32_t (*get)(uint32_t sub, modem_lyrax_nr5g_srv_meas_info* record)>
+void tervik_test_qmi_modem_stats_5g_rsrp(uint32_t sub) {
   modem_lyrax_nr5g_srv_meas_info nr = {};
-  const nr_rsrp_getter get = getter_of(NR_RSRP_GETTERS, FIRST_NR_RSRP_OPT, opt);
-  if (get == nullptr || get(sub, &nr) == 0) {
-    tervik_log_print(LOG_CLASS_ERROR, sub, "get lyrax data failed");
+  if (!fetch(__func__, get, sub, &nr, "get lyrax data failed")) {
     return;
   }
   tervik_log_print(
@@ -152,8 +97,8 @@ void tervik_test_qmi_modem_stats_5g_rsrp(uint32_t sub, int opt) {
 
 void tervik_test_qmi_modem_stats_wcdma_rssi(uint32_t sub) {
   modem_lyrax_wcdma_pn_search_edition2 wcdma = {};
-  if (modem_lyrax_wcdma_pn_search_edition2_get(sub, &wcdma) == 0) {
-    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_wcdma_pn_search_edition2_get failed");
+  if (!fetch(__func__, modem_lyrax_wcdma_pn_search_edition2_get, sub, &wcdma,
+             "modem_lyrax_wcdma_pn_search_edition2_get failed")) {
     return;
   }
   tervik_log_print(LOG_CLASS_HELP, sub, "ASDIV DATA: rx_agc_0: %.2f, rx_agc_1: %.2f",
@@ -162,19 +107,20 @@ void tervik_test_qmi_modem_stats_wcdma_rssi(uint32_t sub) {
 
 void tervik_test_qmi_modem_stats_gsm_rssi(uint32_t sub) {
   modem_lyrax_gsm_l1_rx_diversity_metrics gsm = {};
-  if (modem_lyrax_gsm_l1_rx_diversity_metrics_get(sub, &gsm) == 0) {
-    tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_gsm_l1_rx_diversity_metrics_get failed");
+  if (!fetch(__func__, modem_lyrax_gsm_l1_rx_diversity_metrics_get, sub, &gsm,
+             "modem_lyrax_gsm_l1_rx_diversity_metrics_get failed")) {
     return;
   }
   tervik_log_print(LOG_CLASS_HELP, sub, "ASDIV DATA: rx_prx: %.2f, rx_drx: %.2f", shown(gsm.rx_prx),
                    shown(gsm.rx_drx));
 }
 
-void tervik_test_qmi_modem_stats_ant_info() {
+// Of the handset: whatever subscription was asked for, the record is that of the first.
+void tervik_test_qmi_modem_stats_ant_info(uint32_t /*sub*/) {
   constexpr uint32_t SUB = 0;
   modem_lyrax_mcs_trm_asdiv ant = {};
-  if (modem_lyrax_mcs_trm_asdiv_get(SUB, &ant) == 0) {
-    tervik_log_print(LOG_CLASS_ERROR, SUB, "modem_lyrax_mcs_trm_asdiv_get failed");
+  if (!fetch(__func__, modem_lyrax_mcs_trm_asdiv_get, SUB, &ant,
+             "modem_lyrax_mcs_trm_asdiv_get failed")) {
     return;
   }
   tervik_log_print(
@@ -195,47 +141,57 @@ void tervik_test_qmi_modem_stats_tx_info(uint32_t sub) {
   tervik_log_print(LOG_CLASS_HELP, sub, "TX INFO: tx_power = %d", tx_power);
 }
 
-// The opts from `first` to `last` and the query that they run.
 struct stats_query {
-  int first;
-  int last;
-  void (*run)(uint32_t sub, int opt);
+  int opt;
+  const char* measures;
+  void (*run)(uint32_t sub);
+  // How the help calls the second argument and what it may be.
+  const char* argument = "sub";
+  const char* range = ", sub: 0 - sub0; 1 - sub1";
 };
 
-// Queries without an opt, or without a subscription, as a row's function.
-template <void (*query)(uint32_t sub)>
-void for_sub(uint32_t sub, int /*opt*/) {
-  query(sub);
-}
-template <void (*query)()>
-void for_handset(uint32_t /*sub*/, int /*opt*/) {
-  query();
-}
-
-constexpr std::array<stats_query, 9> QUERIES = {{
-    {0, 6, tervik_test_qmi_modem_stats_4g_rssi},
-    {7, 7, for_sub<tervik_test_qmi_modem_stats_5g_rssi>},
-    {8, 8, for_sub<tervik_test_qmi_modem_stats_5g_snr>},
-    {9, 9, for_sub<tervik_test_qmi_modem_stats_5g_ant_diversity>},
-    {10, 12, tervik_test_qmi_modem_stats_5g_rsrp},
-    {20, 20, for_sub<tervik_test_qmi_modem_stats_wcdma_rssi>},
-    {21, 21, for_sub<tervik_test_qmi_modem_stats_gsm_rssi>},
-    {30, 30, for_handset<tervik_test_qmi_modem_stats_ant_info>},
-    {31, 31, for_sub<tervik_test_qmi_modem_stats_tx_info>},
+constexpr std::array<stats_query, 17> QUERIES = {{
+    {0, "4G PCC rssi",
+     tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_pcc>},
+    {1, "4G SCC1 rssi",
+     tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_scc1>},
+    {2, "4G SCC2 rssi",
+     tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_scc2>},
+    {3, "4G SCC3 rssi",
+     tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_scc3>},
+    {4, "4G SCC4 rssi",
+     tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_scc4>},
+    {5, "4G SCC5 rssi",
+     tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_scc5>},
+    {6, "4G SCC6 rssi",
+     tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_scc6>},
+    {7, "5G PCC rssi", tervik_test_qmi_modem_stats_5g_rssi},
+    {8, "5G PCC snr", tervik_test_qmi_modem_stats_5g_snr},
+    {9, "5G ANT diversity", tervik_test_qmi_modem_stats_5g_ant_diversity},
+    {10, "5G PCC rsrp",
+     tervik_test_qmi_modem_stats_5g_rsrp<modem_lyrax_nr5g_srv_meas_info_get_for_pcc>},
+    {11, "5G SCC1 rsrp",
+     tervik_test_qmi_modem_stats_5g_rsrp<modem_lyrax_nr5g_srv_meas_info_get_for_scc1>},
+    {12, "5G SCC2 rsrp",
+     tervik_test_qmi_modem_stats_5g_rsrp<modem_lyrax_nr5g_srv_meas_info_get_for_scc2>},
+    {20, "WCDMA rssi", tervik_test_qmi_modem_stats_wcdma_rssi},
+    {21, "GSM rssi", tervik_test_qmi_modem_stats_gsm_rssi},
+    {30, "Ant info", tervik_test_qmi_modem_stats_ant_info, "0", ""},
+    {31, "Tx info", tervik_test_qmi_modem_stats_tx_info, "sub",
+     ", sub: 0 - sub0 tx; sub: 1 - sub1 tx; sub: 2 - dds tx; sub: other - max tx of dual subs;"},
 }};
 
 }  // namespace
 
 void tervik_test_qmi_modem_stats_hdl(int opt, int sub) {
-  const auto query = std::find_if(QUERIES.begin(), QUERIES.end(), [opt](const stats_query& row) {
-    return opt >= row.first && opt <= row.last;
-  });
+  const auto query = std::find_if(QUERIES.begin(), QUERIES.end(),
+                                  [opt](const stats_query& row) { return row.opt == opt; });
   if (query == QUERIES.end()) {
     tervik_log_print(LOG_CLASS_ERROR, static_cast<uint32_t>(sub),
                      "tervik_test_qmi_modem_stats_hdl: Unknown opt(%d), sub(%d)", opt, sub);
     return;
   }
-  query->run(static_cast<uint32_t>(sub), opt);
+  query->run(static_cast<uint32_t>(sub));
 }
 
 void tervik_test_qmi_modem_stats_do(int argc, char** argv) {
@@ -254,5 +210,14 @@ void tervik_test_qmi_modem_stats_do(int argc, char** argv) {
 }
 
 void tervik_test_modem_stats_show_help(int category) {
-  tervik_print_help_block(TERVIK_LOG_PLACE, CATEGORY, category, HELP);
+  if (category != 0 && category != CATEGORY) {
+    return;
+  }
+  tervik_log_help("%d: tervik modem stats qmi test", CATEGORY);
+  for (const stats_query& query : QUERIES) {
+    // All comments begin in one column.
+    const int width = query.opt < 10 ? 22 : 21;
+    tervik_log_help("   kiv %d %d %-*s/* %s%s */", CATEGORY, query.opt, width, query.argument,
+                    query.measures, query.range);
+  }
 }

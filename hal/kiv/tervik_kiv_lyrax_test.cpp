@@ -1,9 +1,7 @@
 #include "tervik_kiv_lyrax_test.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <span>
 
 #include "tervik_kiv_lyrax_unpk.h"
@@ -14,24 +12,22 @@ namespace {
 constexpr int CATEGORY = 7;
 
 constexpr std::array HELP = {
-    help_line("%d: tervik modem stats test", {CATEGORY}),
-    help_line("   kiv %d 0 print                 /* modem stats diag-parsed test */", {CATEGORY}),
-    help_line(
+    text_line("%d: tervik modem stats test", {CATEGORY}),
+    text_line("   kiv %d 0 print                 /* modem stats diag-parsed test */", {CATEGORY}),
+    text_line(
         "                                    print: 0 - print-off for temp info, 1 - print-on for temp info "),
-    help_line("   kiv %d 1 type                  /* get the debug info of modem stats */",
+    text_line("   kiv %d 1 type                  /* get the debug info of modem stats */",
               {CATEGORY}),
-    help_line("                                    type: 0 - check, 1 - debuginfo "),
+    text_line("                                    type: 0 - check, 1 - debuginfo "),
 };
 
-struct stats_command {
-  int number;
-  int (*run)(int argc, char** argv);  // 0 is a failure
-  const char* failure;
-};
+constexpr argument_rule ONE_ARGUMENT = at_least_words(4, NOTE_TOO_FEW_PARAMETERS);
 
-constexpr std::array<stats_command, 2> COMMANDS = {{
-    {0, tervik_test_modem_stats_parsing_process, "tervik_test_modem_stats_parsing_process FAIL"},
-    {1, tervik_test_modem_stats_get_debug_info, "tervik_test_modem_stats_get_debug_info FAIL"},
+constexpr std::array<category_command, 2> COMMANDS = {{
+    {0, "tervik_test_modem_stats_parsing_process",
+     command_of<tervik_test_modem_stats_parsing_process>, ONE_ARGUMENT},
+    {1, "tervik_test_modem_stats_get_debug_info",
+     command_of<tervik_test_modem_stats_get_debug_info_do>, ONE_ARGUMENT},
 }};
 
 // ---- record decoding ----
@@ -85,26 +81,11 @@ void print_debug_block(std::span<const uint8_t> block) {
 
 }  // namespace
 
-int tervik_test_modem_stats_parsing_process(int argc, char** argv) {
-  if (argc < 4) {
-    tervik_log_error("%s", NOTE_TOO_FEW_PARAMETERS);
-    return 0;
-  }
-  const int print_flag = atoi(argv[3]);
+void tervik_test_modem_stats_parsing_process(int print_flag) {
   tervik_log_notice("length = %d, print_flag = %d", static_cast<int>(TEST_RECORD.size()),
                     print_flag);
   g_unpk_print_flag = static_cast<uint32_t>(print_flag);
   tervik_test_modem_stats_parsing_process_do(TEST_RECORD);
-  return 1;
-}
-
-int tervik_test_modem_stats_get_debug_info(int argc, char** argv) {
-  if (argc < 4) {
-    tervik_log_error("%s", NOTE_TOO_FEW_PARAMETERS);
-    return 0;
-  }
-  tervik_test_modem_stats_get_debug_info_do(atoi(argv[3]));
-  return 1;
 }
 
 void tervik_test_modem_stats_get_debug_info_do(int type) {
@@ -131,22 +112,12 @@ void tervik_test_modem_stats_get_debug_info_do(int type) {
 }
 
 void tervik_test_modem_stats_do(int argc, char** argv) {
-  if (!tervik_check_category_args(TERVIK_LOG_PLACE, CATEGORY, argc, argv)) {
-    return;
-  }
-  const int type = atoi(argv[2]);
-  const auto* const command =
-      std::find_if(COMMANDS.begin(), COMMANDS.end(),
-                   [type](const stats_command& row) { return row.number == type; });
-  if (command == COMMANDS.end()) {
-    tervik_log_error("invalid type = %d", type);
-    show_help(CATEGORY);
-    return;
-  }
-  if (command->run(argc, argv) == 0) {
-    tervik_log_error("%s", command->failure);
-    show_help(CATEGORY);
-  }
+  tervik_run_category(TERVIK_LOG_PLACE,
+                      {.number = CATEGORY,
+                       .commands = COMMANDS,
+                       .number_name = "type",
+                       .failure = failure_note::name},
+                      argc, argv);
 }
 
 void tervik_test_qmi_modem_stats_show_help(int category) {

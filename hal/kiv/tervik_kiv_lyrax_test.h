@@ -8,10 +8,8 @@ void tervik_test_modem_stats_do(int argc, char** argv);
 // Prints the help block of category 7 when `category` is 0 or 7.
 void tervik_test_qmi_modem_stats_show_help(int category);
 
-// Command 0: decodes the built-in record, argv[3] switches the trace. 1, or 0 for too few
-// arguments.
-[[nodiscard]] int tervik_test_modem_stats_parsing_process(int argc, char** argv);
-// Command 1, argv[3] is its type. 1 whatever the modem answers, or 0 for too few arguments.
-[[nodiscard]] int tervik_test_modem_stats_get_debug_info(int argc, char** argv);
-// Fetches the debug block: type 0 checks the support status, any other prints the counters.
+// Command 0: decodes the built-in record; `print_flag` other than 0 switches the trace on.
+void tervik_test_modem_stats_parsing_process(int print_flag);
+// Command 1. Fetches the debug block: type 0 checks the support status, any other prints the
+// counters.
 void tervik_test_modem_stats_get_debug_info_do(int type);

@@ -1,8 +1,6 @@
 #include "tervik_kiv_mbn.h"
 
-#include <algorithm>
 #include <array>
-#include <cstdlib>
 
 #include "pdc_utils.h"
 #include "tervik_kiv_test_args.h"
@@ -13,20 +11,20 @@ namespace {
 constexpr int CATEGORY = 10;
 
 constexpr std::array HELP = {
-    help_line("%d: tervik mbn test", {CATEGORY}),
-    help_line(
+    text_line("%d: tervik mbn test", {CATEGORY}),
+    text_line(
         "   kiv %d %d sub_mask             /* mbn refresh, sub_mask: 1 - sub0; 2 - sub1; 3 - sub0&sub1 */",
         {CATEGORY, 0}),
-    help_line(
+    text_line(
         "   kiv %d %d sub_mask             /* mbn reactive, sub_mask: 1 - sub0; 2 - sub1; 3 - sub0&sub1 */",
         {CATEGORY, 1}),
-    help_line(
+    text_line(
         "   kiv %d %d count               /* mbn all pdc no response, count: the number of no response */",
         {CATEGORY, 30}),
-    help_line(
+    text_line(
         "   kiv %d %d flag                /* mbn pdc wait and notify, flag: wait and notify case */",
         {CATEGORY, 31}),
-    help_line(
+    text_line(
         "                                 /*                          flag - 1: notify -> wait */"),
 };
 
@@ -44,34 +42,20 @@ void drop_responses(int count) {
   static_cast<void>(tervik_set_property_value_to_int("persist.radio.all_pdc_no_rsp_count", count));
 }
 
-struct mbn_command {
-  int number;
-  void (*run)(int argument);
-};
-
-constexpr std::array<mbn_command, 4> COMMANDS = {{
-    {0, refresh},
-    {1, reactivate},
-    {30, drop_responses},
-    {31, tervik_pdc_test_wait_notify},
+constexpr std::array<category_command, 4> COMMANDS = {{
+    {0, "tervik_refresh_sw_mbn", command_of<refresh>},
+    {1, "tervik_reactivate_sw_mbn", command_of<reactivate>},
+    {30, "tervik_set_property_value_to_int", command_of<drop_responses>},
+    {31, "tervik_pdc_test_wait_notify", command_of<tervik_pdc_test_wait_notify>},
 }};
 
 }  // namespace
 
 void tervik_test_mbn_do(int argc, char** argv) {
-  if (!tervik_check_category_args(TERVIK_LOG_PLACE, CATEGORY, argc, argv, 4)) {
-    return;
-  }
-  const int mbn_i = atoi(argv[2]);
-  const auto command =
-      std::find_if(COMMANDS.begin(), COMMANDS.end(),
-                   [mbn_i](const mbn_command& row) { return row.number == mbn_i; });
-  if (command == COMMANDS.end()) {
-    tervik_log_error("invalid mbn_i = %d", mbn_i);
-    show_help(CATEGORY);
-    return;
-  }
-  command->run(atoi(argv[3]));
+  tervik_run_category(
+      TERVIK_LOG_PLACE,
+      {.number = CATEGORY, .commands = COMMANDS, .words_min = 4, .number_name = "mbn_i"}, argc,
+      argv);
 }
 
 void tervik_test_mbn_show_help(int category) {

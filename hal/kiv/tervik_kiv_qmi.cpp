@@ -14,23 +14,25 @@ constexpr unsigned SCAN_TIMEOUT_MS = 10000;
 constexpr nas_scan_scope_enum_v01 DEFAULT_SCAN_SCOPE{};
 
 constexpr std::array HELP = {
-    help_line("%d: qmi option cmd", {CATEGORY}),
-    help_line("   kiv %d %d arlist               /* nas_perform_network_scan_req_msg_v01 */",
+    text_line("%d: qmi option cmd", {CATEGORY}),
+    text_line("   kiv %d %d arlist               /* nas_perform_network_scan_req_msg_v01 */",
               {CATEGORY, 0}),
-    help_line(
+    text_line(
         "   kiv %d %d arlist               /* nas_perform_incremental_network_scan_req_msg_v01 */",
         {CATEGORY, 1}),
 };
 
+// A scan of the default scope as a row's function.
+template <int (*scan)(nas_scan_scope_enum_v01 scan_scope)>
+int default_scan() {
+  return scan(DEFAULT_SCAN_SCOPE);
+}
+
 constexpr std::array<category_command, 2> COMMANDS = {{
-    {0,
-     [](int /*argc*/, char** /*argv*/) {
-       return tervik_send_nas_perform_network_scan_req_msg_v01(DEFAULT_SCAN_SCOPE);
-     }},
-    {1,
-     [](int /*argc*/, char** /*argv*/) {
-       return tervik_send_nas_perform_incremental_network_scan_req_msg_v01(DEFAULT_SCAN_SCOPE);
-     }},
+    {0, "tervik_send_nas_perform_network_scan_req_msg_v01",
+     command_of<default_scan<tervik_send_nas_perform_network_scan_req_msg_v01>>},
+    {1, "tervik_send_nas_perform_incremental_network_scan_req_msg_v01",
+     command_of<default_scan<tervik_send_nas_perform_incremental_network_scan_req_msg_v01>>},
 }};
 
 // Sends a scan request with no optional field present; its results are not looked at. The notice
@@ -65,7 +67,8 @@ int tervik_send_nas_perform_incremental_network_scan_req_msg_v01(
 }
 
 int tervik_test_qmi_do(int argc, char** argv) {
-  return tervik_run_category(TERVIK_LOG_PLACE, CATEGORY, COMMANDS, argc, argv);
+  tervik_run_category(TERVIK_LOG_PLACE, {CATEGORY, COMMANDS}, argc, argv);
+  return 0;
 }
 
 void tervik_test_qmi_show_help(int category) {

@@ -34,62 +34,50 @@ constexpr unsigned MODEM_TEST_DATA_LIMIT = 501;
 constexpr int TIMER_TEST_MARGIN_S = 10;
 
 constexpr std::array HELP = {
-    help_line("%d: smart test", {CATEGORY}),
-    help_line("   kiv %d %d                      /* trigger SSR of modem */", {CATEGORY, 0}),
-    help_line("   kiv %d %d                     /* trigger Crash of modem */", {CATEGORY, 10}),
-    help_line("   kiv %d %d                      /* trigger Full Dump */", {CATEGORY, 1}),
-    help_line("   kiv %d %d                      /* trigger NV SYNC */", {CATEGORY, 2}),
-    help_line(
+    text_line("%d: smart test", {CATEGORY}),
+    text_line("   kiv %d %d                      /* trigger SSR of modem */", {CATEGORY, 0}),
+    text_line("   kiv %d %d                     /* trigger Crash of modem */", {CATEGORY, 10}),
+    text_line("   kiv %d %d                      /* trigger Full Dump */", {CATEGORY, 1}),
+    text_line("   kiv %d %d                      /* trigger NV SYNC */", {CATEGORY, 2}),
+    text_line(
         "   kiv %d %d opt                  /* ap lyrax print(need reboot), opt: 0 - off; 1 - on */",
         {CATEGORY, 3}),
-    help_line("   kiv %d %d opt                  /* bp lyrax print, opt: 0 - off; 1 - on */",
+    text_line("   kiv %d %d opt                  /* bp lyrax print, opt: 0 - off; 1 - on */",
               {CATEGORY, 4}),
-    help_line("   kiv %d %d opt                  /* bp qmi print, opt: 0 - off; 1 - on */",
+    text_line("   kiv %d %d opt                  /* bp qmi print, opt: 0 - off; 1 - on */",
               {CATEGORY, 5}),
-    help_line("   kiv %d %d opt                  /* bp rf print, opt: 0 - off; 1 - on */",
+    text_line("   kiv %d %d opt                  /* bp rf print, opt: 0 - off; 1 - on */",
               {CATEGORY, 6}),
-    help_line("   kiv %d %d                      /* share memory test */", {CATEGORY, 7}),
-    help_line(
+    text_line("   kiv %d %d                      /* share memory test */", {CATEGORY, 7}),
+    text_line(
         "   kiv %d %d timeout_s            /* tervik timer test, timeout_s - the expired time(s) */",
         {CATEGORY, 8}),
-    help_line("   kiv %d %d timeout_s            /* dead cycle test */", {CATEGORY, 9}),
-    help_line(
+    text_line("   kiv %d %d timeout_s            /* dead cycle test */", {CATEGORY, 9}),
+    text_line(
         "   kiv %d %d type                /* modem test, type: test type(123456789 - do_modem_test) */",
         {CATEGORY, 11}),
 };
 
-// What a command reads of argv[3].
-enum class argument : uint8_t {
-  none,
-  opt,    // 0 or 1
-  value,  // any number
-};
+// The handler itself notes what is wrong with the arguments of a command.
+constexpr const char* HANDLER = "tervik_smart_test_do";
 
-struct smart_command {
-  int number;
-  argument takes;
-  void (*run)(int value);
-};
+constexpr argument_rule A_NUMBER = at_least_words(4, NOTE_TOO_FEW_PARAMETERS);
+constexpr argument_rule A_SWITCH = {
+    .words_min = 4, .note = NOTE_TOO_FEW_PARAMETERS, .takes_switch = true};
 
-// A handler without argument as a row's function.
-template <void (*handler)()>
-void without_argument(int /*value*/) {
-  handler();
-}
-
-constexpr std::array<smart_command, 12> COMMANDS = {{
-    {0, argument::none, without_argument<tervik_smart_test_modem_ssr>},
-    {1, argument::none, without_argument<tervik_smart_test_full_dump>},
-    {2, argument::none, without_argument<tervik_smart_test_nv_sync>},
-    {3, argument::opt, tervik_smart_test_ap_lyrax_switch},
-    {4, argument::opt, tervik_smart_test_bp_lyrax_print_switch},
-    {5, argument::opt, tervik_smart_test_bp_qmi_print_switch},
-    {6, argument::opt, tervik_smart_test_bp_rf_print_switch},
-    {7, argument::none, without_argument<tervik_smart_test_share_memory>},
-    {8, argument::value, tervik_smart_test_tervik_timer},
-    {9, argument::none, without_argument<tervik_smart_test_dead_cycle_test>},
-    {10, argument::none, without_argument<tervik_smart_test_modem_crash>},
-    {11, argument::value, tervik_qmi_send_modem_test_request},
+constexpr std::array<category_command, 12> COMMANDS = {{
+    {0, HANDLER, command_of<tervik_smart_test_modem_ssr>},
+    {1, HANDLER, command_of<tervik_smart_test_full_dump>},
+    {2, HANDLER, command_of<tervik_smart_test_nv_sync>},
+    {3, HANDLER, command_of<tervik_smart_test_ap_lyrax_switch>, A_SWITCH},
+    {4, HANDLER, command_of<tervik_smart_test_bp_lyrax_print_switch>, A_SWITCH},
+    {5, HANDLER, command_of<tervik_smart_test_bp_qmi_print_switch>, A_SWITCH},
+    {6, HANDLER, command_of<tervik_smart_test_bp_rf_print_switch>, A_SWITCH},
+    {7, HANDLER, command_of<tervik_smart_test_share_memory>},
+    {8, HANDLER, command_of<tervik_smart_test_tervik_timer>, A_NUMBER},
+    {9, HANDLER, command_of<tervik_smart_test_dead_cycle_test>},
+    {10, HANDLER, command_of<tervik_smart_test_modem_crash>},
+    {11, HANDLER, command_of<tervik_qmi_send_modem_test_request>, A_NUMBER},
 }};
 
 // ---- print switches of the modem ----
@@ -181,26 +169,6 @@ void log_modem_test_answer(const char* func, const tervik_common_response& rsp, 
     cnt += l_rsp;
   }
   tervik_log_debug_as(func, "cnt %d", cnt);
-}
-
-// ---- dispatch ----
-
-// Reads the command's argument; prints the reason when it is missing or out of range.
-bool read_argument(const char* func, const smart_command& command, int argc, char** argv,
-                   int* value) {
-  if (command.takes == argument::none) {
-    return true;
-  }
-  if (argc < 4) {
-    tervik_log_error_as(func, "%s", NOTE_TOO_FEW_PARAMETERS);
-    return false;
-  }
-  *value = atoi(argv[3]);
-  if (command.takes == argument::opt && *value != 0 && *value != 1) {
-    tervik_log_error_as(func, "note: opt(%d) is invalid:", *value);
-    return false;
-  }
-  return true;
 }
 
 }  // namespace
@@ -324,24 +292,12 @@ void tervik_qmi_send_modem_test_request(int type) {
 }
 
 void tervik_smart_test_do(int argc, char** argv) {
-  if (!tervik_check_category_args(TERVIK_LOG_PLACE, CATEGORY, argc, argv)) {
-    return;
-  }
-  const int par_i = atoi(argv[2]);
-  const auto command =
-      std::find_if(COMMANDS.begin(), COMMANDS.end(),
-                   [par_i](const smart_command& row) { return row.number == par_i; });
-  if (command == COMMANDS.end()) {
-    tervik_log_error("invalid par_i = %d", par_i);
-    show_help(CATEGORY);
-    return;
-  }
-  int value = 0;
-  if (!read_argument(__func__, *command, argc, argv, &value)) {
-    show_help(CATEGORY);
-    return;
-  }
-  command->run(value);
+  tervik_run_category(TERVIK_LOG_PLACE,
+                      {.number = CATEGORY,
+                       .commands = COMMANDS,
+                       .number_name = "par_i",
+                       .failure = failure_note::none},
+                      argc, argv);
 }
 
 void tervik_smart_test_show_help(int category) {

@@ -6,64 +6,89 @@
 
 namespace {
 
-// Prints `note` in the handler's name, then the category's help.
-void print_note_and_help(const tervik_log_place& place, int category, const char* note) {
-  tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "%s", note);
-  show_help(category);
+void log_error(const tervik_log_place& place, const char* text) {
+  tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "%s", text);
 }
 
-// Prints the code of a command that failed, then the category's help.
-void print_error_code_and_help(const tervik_log_place& place, int category, int error_code) {
-  tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "note: Error happen! error_code(%d)",
-                   error_code);
-  show_help(category);
+// Runs a command whose line is as it wants it. Its result, or the rule's error code.
+int run_command(const tervik_log_place& place, const category_command& command, int argc,
+                char** argv) {
+  tervik_log_place own = place;
+  own.func = command.name;
+  if (command.is_announced) {
+    tervik_log_write(own, LOG_CLASS_NOTICE, command.sub, "%s", command.name);
+  }
+  return tervik_check_arguments(own, command.sub, command.arguments, argc, argv)
+             ? command.run(argc, argv)
+             : command.arguments.error_code;
+}
+
+// False when the category has no command of that number, or when the command failed; the note is
+// logged then.
+bool find_and_run(const tervik_log_place& place, const command_category& category, int argc,
+                  char** argv) {
+  const int number = atoi(argv[2]);
+  const auto command =
+      std::find_if(category.commands.begin(), category.commands.end(),
+                   [number](const category_command& row) { return row.number == number; });
+  if (command == category.commands.end()) {
+    if (category.number_name == nullptr) {
+      log_error(place, "note: the second parameters is invalid, Pls refer to the following cmd:");
+    } else {
+      tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "invalid %s = %d",
+                       category.number_name, number);
+    }
+    return false;
+  }
+  const int result = run_command(place, *command, argc, argv);
+  if (result != 0 && category.failure == failure_note::error_code) {
+    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "note: Error happen! error_code(%d)",
+                     result);
+  } else if (result != 0 && category.failure == failure_note::name) {
+    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "%s FAIL", command->name);
+  }
+  return result == 0;
 }
 
 }  // namespace
 
-bool tervik_check_category_args(const tervik_log_place& place, int category, int argc, char** argv,
-                                int argc_min) {
-  if (argc < argc_min) {
-    print_note_and_help(place, category, NOTE_TOO_FEW_PARAMETERS);
+bool tervik_check_arguments(const tervik_log_place& place, uint32_t sub, const argument_rule& rule,
+                            int argc, char** argv) {
+  if (argc < rule.words_min || argc > rule.words_max) {
+    char note[TERVIK_TEXT_SIZE];
+    rule.note.render(note);
+    tervik_log_write(place, rule.note_class, sub, "%s", note);
     return false;
   }
-  if (atoi(argv[1]) != category) {
-    tervik_log_write(
-        place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
-        "note: the first parameters should be %d, Pls refer to the following cmd:", category);
-    show_help(category);
+  const int value = rule.takes_switch ? atoi(argv[3]) : 0;
+  if (value != 0 && value != 1) {
+    tervik_log_write(place, LOG_CLASS_ERROR, sub, "note: opt(%d) is invalid:", value);
     return false;
   }
   return true;
 }
 
-int tervik_run_category(const tervik_log_place& place, int category,
-                        std::span<const category_command> commands, int argc, char** argv) {
-  if (!tervik_check_category_args(place, category, argc, argv)) {
-    return 0;
-  }
-  const auto command = std::find_if(
-      commands.begin(), commands.end(),
-      [number = atoi(argv[2])](const category_command& row) { return row.number == number; });
-  if (command == commands.end()) {
-    print_note_and_help(place, category,
-                        "note: the second parameters is invalid, Pls refer to the following cmd:");
-    return 0;
-  }
-  const int result = command->run(argc, argv);
-  if (result != 0) {
-    print_error_code_and_help(place, category, result);
-  }
-  return 0;
-}
-
-bool tervik_check_argc(const tervik_log_place& place, int argc, int argc_wanted) {
-  if (argc == argc_wanted) {
+bool tervik_check_category_args(const tervik_log_place& place, int category, int argc, char** argv,
+                                int words_min) {
+  if (argc < words_min) {
+    log_error(place, NOTE_TOO_FEW_PARAMETERS);
+  } else if (atoi(argv[1]) != category) {
+    tervik_log_write(
+        place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
+        "note: the first parameters should be %d, Pls refer to the following cmd:", category);
+  } else {
     return true;
   }
-  tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
-                   "note: need %d inputs, Pls refer to the following cmd:", argc_wanted);
+  show_help(category);
   return false;
+}
+
+void tervik_run_category(const tervik_log_place& place, const command_category& category, int argc,
+                         char** argv) {
+  if (tervik_check_category_args(place, category.number, argc, argv, category.words_min) &&
+      !find_and_run(place, category, argc, argv)) {
+    show_help(category.number);
+  }
 }
 
 void tervik_print_byte_lines(const tervik_log_place& place, uint32_t log_class, uint32_t sub,
@@ -74,7 +99,7 @@ void tervik_print_byte_lines(const tervik_log_place& place, uint32_t log_class, 
   tervik_log_write(place, log_class, sub, "%s", "");
 }
 
-void help_line::render(std::span<char> out) const {
+void text_line::render(std::span<char> out) const {
   char* to = out.data();
   char* const end = to + out.size() - 1;
   const int* number = numbers_;
@@ -91,11 +116,11 @@ void help_line::render(std::span<char> out) const {
 }
 
 void tervik_print_help_block(const tervik_log_place& place, int category, int wanted,
-                             std::span<const help_line> lines) {
+                             std::span<const text_line> lines) {
   if (wanted != 0 && wanted != category) {
     return;
   }
-  for (const help_line& line : lines) {
+  for (const text_line& line : lines) {
     char text[TERVIK_TEXT_SIZE];
     line.render(text);
     tervik_log_write(place, LOG_CLASS_HELP, TERVIK_NO_SUB, "%s", text);

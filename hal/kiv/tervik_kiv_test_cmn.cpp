@@ -19,13 +19,6 @@ namespace {
 
 constexpr size_t HEX_DIGITS_MAX = 50;
 
-// A handler without arguments and result as a row's function.
-template <void (*handler)()>
-int always_good(int /*argc*/, char** /*argv*/) {
-  handler();
-  return 0;
-}
-
 int hex_digit_value(char c) {
   if (c >= 'A' && c <= 'F') {
     return c - 'A' + 10;
@@ -52,56 +45,61 @@ constexpr int TYPE_CARD_TYPE_QUERY = 56;
 constexpr int TYPE_CARD_STATUS_SET = 57;
 constexpr int TYPE_CARD_HOTSWAP_TEST = 80;
 
+constexpr argument_rule HOTSWAP_ARGUMENTS =
+    at_least_words(4, {"note: need %d inputs at least, Pls refer to the following cmd:", {4}});
+constexpr argument_rule DSI_ARGUMENT = {
+    .words_min = 4, .note = NOTE_TOO_FEW_PARAMETERS, .note_class = LOG_CLASS_HELP};
+
 constexpr std::array<category_command, 10> CMN_COMMANDS = {{
-    {0, tervik_cmn_diag_cmd_send},
-    {1, tervik_cmn_card_status_query},
-    {2, tervik_cmn_card_status_get},
-    {3, tervik_cmn_card_status_set},
-    {4, tervik_cmn_card_type_query},
-    {5, always_good<tervik_cmn_test_get_sar_dsi>},
-    {6, tervik_cmn_card_hotswap_test},
-    {7, tervik_cmn_test_set_sar_dsi},
-    {8, always_good<tervik_cmn_test_get_device_state>},
-    {10, tervik_cmn_esim_test},
+    {0, "tervik_cmn_diag_cmd_send", tervik_cmn_diag_cmd_send},
+    {1, "tervik_cmn_card_status_query", tervik_cmn_card_status_query, {}, true},
+    {2, "tervik_cmn_card_status_get", tervik_cmn_card_status_get, {}, true},
+    {3, "tervik_cmn_card_status_set", tervik_cmn_card_status_set, {}, true},
+    {4, "tervik_cmn_card_type_query", tervik_cmn_card_type_query, {}, true},
+    {5, "tervik_cmn_test_get_sar_dsi", command_of<tervik_cmn_test_get_sar_dsi>},
+    {6, "tervik_cmn_card_hotswap_test", tervik_cmn_card_hotswap_test, HOTSWAP_ARGUMENTS, true},
+    {7, "tervik_cmn_test_set_sar_dsi", command_of<tervik_cmn_test_set_sar_dsi>, DSI_ARGUMENT},
+    {8, "tervik_cmn_test_get_device_state", command_of<tervik_cmn_test_get_device_state>},
+    {10, "tervik_cmn_esim_test", tervik_cmn_esim_test},
 }};
 
 constexpr std::array CMN_HELP = {
-    help_line("%d: cmn option cmd: ", {CMN_CATEGORY}),
-    help_line("   kiv %d %d mode type time_out cmd_cnt", {CMN_CATEGORY, 0}),
-    help_line("                                 /* diag cmd */"),
-    help_line("                                    mode: 0 - callback, 1 - dci; "),
-    help_line("                                    type: 0 - with result, 1 - without result; "),
-    help_line("                                    time_out: unit:ms */"),
-    help_line("                                    cmd_cnt: diag cmd bytes */"),
-    help_line("   kiv %d %d                       /* card status query: 0 - absent, 1 - present",
+    text_line("%d: cmn option cmd: ", {CMN_CATEGORY}),
+    text_line("   kiv %d %d mode type time_out cmd_cnt", {CMN_CATEGORY, 0}),
+    text_line("                                 /* diag cmd */"),
+    text_line("                                    mode: 0 - callback, 1 - dci; "),
+    text_line("                                    type: 0 - with result, 1 - without result; "),
+    text_line("                                    time_out: unit:ms */"),
+    text_line("                                    cmd_cnt: diag cmd bytes */"),
+    text_line("   kiv %d %d                       /* card status query: 0 - absent, 1 - present",
               {CMN_CATEGORY, 1}),
-    help_line(
+    text_line(
         "   kiv %d %d sub                   /* card status get, sub: 0 or 1; ret: 0 - absent, 1 - present */",
         {CMN_CATEGORY, 2}),
-    help_line(
+    text_line(
         "   kiv %d %d sub mode set_val      /* card status set, sub: 0 or 1; mode: 0 - general, 1 - sim; set_val: 0 - low, 1 - high */",
         {CMN_CATEGORY, 3}),
-    help_line(
+    text_line(
         "   kiv %d %d                       /* card type query: 0 - err, 1 - single sim, 2 - mult sim */",
         {CMN_CATEGORY, 4}),
-    help_line("   kiv %d %d                       /* get sar dsi */", {CMN_CATEGORY, 5}),
-    help_line("   kiv %d %d dsi                   /* set sar dsi, dsi - the value to be set */",
+    text_line("   kiv %d %d                       /* get sar dsi */", {CMN_CATEGORY, 5}),
+    text_line("   kiv %d %d dsi                   /* set sar dsi, dsi - the value to be set */",
               {CMN_CATEGORY, 7}),
-    help_line("   kiv %d %d                       /* get device state */", {CMN_CATEGORY, 8}),
-    help_line("   kiv %d %d opt option_list       /* card slot hotswap test */", {CMN_CATEGORY, 6}),
-    help_line(
+    text_line("   kiv %d %d                       /* get device state */", {CMN_CATEGORY, 8}),
+    text_line("   kiv %d %d opt option_list       /* card slot hotswap test */", {CMN_CATEGORY, 6}),
+    text_line(
         "                                    opt: 0 - stop hotswap test, 1 - start hotswap test "),
-    help_line("                                    option_list(when opt is 1 for blew inputs): "),
-    help_line(
+    text_line("                                    option_list(when opt is 1 for blew inputs): "),
+    text_line(
         "                                      seconds_after_push : the seconds of waiting after push the card slot "),
-    help_line(
+    text_line(
         "                                      seconds_after_pull : the seconds of waiting after pull the card slot "),
-    help_line(
+    text_line(
         "                                      count_push_and_pull: the count of push and pull the card slot "),
-    help_line("   kiv %d %d esim_on debug_on     /* set esim state */", {CMN_CATEGORY, 10}),
-    help_line(
+    text_line("   kiv %d %d esim_on debug_on     /* set esim state */", {CMN_CATEGORY, 10}),
+    text_line(
         "                                    esim_on  : 1 - switch to eSIM,2 - switch to PSIM2 "),
-    help_line(
+    text_line(
         "                                    debug_on : 0 - disable log print,1 - enable log print "),
 };
 
@@ -112,10 +110,10 @@ constexpr size_t QMI_DATA_MAX = 500;
 constexpr int FIRST_QMI_DATA_ARG = 3;
 
 constexpr std::array QMI_SEND_HELP = {
-    help_line("%d: tervik qmi send_data", {QMI_SEND_CATEGORY}),
-    help_line("   kiv %d qmi_id qmi_data         /* qmi_id: Any binary data you will send */",
+    text_line("%d: tervik qmi send_data", {QMI_SEND_CATEGORY}),
+    text_line("   kiv %d qmi_id qmi_data         /* qmi_id: Any binary data you will send */",
               {QMI_SEND_CATEGORY}),
-    help_line("                                    qmi_data: Any binary data you will send "),
+    text_line("                                    qmi_data: Any binary data you will send "),
 };
 
 // ---- DIAG command ----
@@ -204,8 +202,12 @@ void print_common_answer(const tervik_common_response& response, int received) {
 [[nodiscard]] int send_card_command(const char* func, int type, int param_cnt, int argc,
                                     char** argv, bool as_flags) {
   std::array<int32_t, CARD_PARAMS_MAX> params = {};
-  if (param_cnt < 0 || static_cast<size_t>(param_cnt) > params.size() ||
-      !tervik_check_argc(TERVIK_LOG_PLACE_AS(func), argc, param_cnt + 3)) {
+  if (param_cnt < 0 || static_cast<size_t>(param_cnt) > params.size()) {
+    return TERVIK_ERR_INVALID_INPUT;
+  }
+  if (argc != param_cnt + 3) {
+    tervik_log_error_as(func,
+                        "note: need %d inputs, Pls refer to the following cmd:", param_cnt + 3);
     return TERVIK_ERR_INVALID_INPUT;
   }
   printf("param(cnt: %d):", param_cnt);
@@ -267,9 +269,10 @@ void tervik_byte_to_hex(const uint8_t* in, int len, char* out) {
 
 int tervik_cmn_diag_cmd_send(int argc, char** argv) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
-  if (argc <= FIRST_DIAG_BYTE_ARG) {
-    tervik_log_error("note: Too few inputs, Pls refer to the following cmd:");
-    return TERVIK_ERR_INVALID_INPUT;
+  constexpr argument_rule ARGUMENTS = at_least_words(
+      FIRST_DIAG_BYTE_ARG + 1, "note: Too few inputs, Pls refer to the following cmd:");
+  if (!tervik_check_arguments(TERVIK_LOG_PLACE, TERVIK_NO_SUB, ARGUMENTS, argc, argv)) {
+    return ARGUMENTS.error_code;
   }
   const int mode = atoi(argv[3]);
   const int type = atoi(argv[4]);
@@ -328,31 +331,22 @@ int tervik_cmn_card_status_cmd_ex(int type, int param_cnt, int argc, char** argv
 }
 
 int tervik_cmn_card_status_query(int argc, char** argv) {
-  tervik_log_notice("tervik_cmn_card_status_query");
   return tervik_cmn_card_status_cmd(TYPE_CARD_STATUS_QUERY, 0, argc, argv);
 }
 
 int tervik_cmn_card_status_get(int argc, char** argv) {
-  tervik_log_notice("tervik_cmn_card_status_get");
   return tervik_cmn_card_status_cmd(TYPE_CARD_STATUS_GET, 1, argc, argv);
 }
 
 int tervik_cmn_card_status_set(int argc, char** argv) {
-  tervik_log_notice("tervik_cmn_card_status_set");
   return tervik_cmn_card_status_cmd(TYPE_CARD_STATUS_SET, 3, argc, argv);
 }
 
 int tervik_cmn_card_type_query(int argc, char** argv) {
-  tervik_log_notice("tervik_cmn_card_type_query");
   return tervik_cmn_card_status_cmd(TYPE_CARD_TYPE_QUERY, 0, argc, argv);
 }
 
 int tervik_cmn_card_hotswap_test(int argc, char** argv) {
-  tervik_log_notice("tervik_cmn_card_hotswap_test");
-  if (argc < 4) {
-    tervik_log_error("note: need %d inputs at least, Pls refer to the following cmd:", 4);
-    return TERVIK_ERR_INVALID_INPUT;
-  }
   const int32_t opt = atoi(argv[3]);
   tervik_log_notice("opt: %d", opt);
   if (opt != 0) {
@@ -371,12 +365,7 @@ void tervik_cmn_test_get_sar_dsi() {
   tervik_log_help("Modem SAR DSI: %d", modem_dsi);
 }
 
-int tervik_cmn_test_set_sar_dsi(int argc, char** argv) {
-  if (argc < 4) {
-    tervik_log_help("%s", NOTE_TOO_FEW_PARAMETERS);
-    return TERVIK_ERR_INVALID_INPUT;
-  }
-  const int dsi = atoi(argv[3]);
+int tervik_cmn_test_set_sar_dsi(int dsi) {
   const int result = tervik_set_sar_dsi(dsi);
   tervik_log_help("SAR DSI(to be set): %d, the setting result: %d", dsi, result);
   return result;
@@ -398,7 +387,8 @@ void tervik_cmn_test_get_device_state() {
 }
 
 int tervik_test_cmn_do(int argc, char** argv) {
-  return tervik_run_category(TERVIK_LOG_PLACE, CMN_CATEGORY, CMN_COMMANDS, argc, argv);
+  tervik_run_category(TERVIK_LOG_PLACE, {CMN_CATEGORY, CMN_COMMANDS}, argc, argv);
+  return 0;
 }
 
 void tervik_test_cmn_show_help(int category) {

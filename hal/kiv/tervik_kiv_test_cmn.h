@@ -28,7 +28,7 @@ void tervik_test_cmn_show_help(int category);
 [[nodiscard]] int tervik_cmn_card_type_query(int argc, char** argv);
 [[nodiscard]] int tervik_cmn_card_hotswap_test(int argc, char** argv);
 void tervik_cmn_test_get_sar_dsi();
-[[nodiscard]] int tervik_cmn_test_set_sar_dsi(int argc, char** argv);
+[[nodiscard]] int tervik_cmn_test_set_sar_dsi(int dsi);
 void tervik_cmn_test_get_device_state();
 
 // Sends common message `type` with `len` bytes of data (none when that is not 1 to 491) and prints

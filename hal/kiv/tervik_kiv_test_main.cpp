@@ -27,41 +27,34 @@ constexpr const char* ENTRY_NAME = "main";
 
 struct category_row {
   int category;
-  void (*run)(int argc, char** argv);
+  int (*run)(int argc, char** argv);  // its result tells nothing: what went wrong was printed
   void (*print_help)(int category);
 };
 
-// A category's handler as a row's function. What it returns tells nothing: what went wrong was
-// printed.
-template <auto handler>
-void run_handler(int argc, char** argv) {
-  static_cast<void>(handler(argc, argv));
-}
-
 // The names of the two statistics categories cross over: see their headers.
 constexpr std::array<category_row, 10> CATEGORIES = {{
-    {3, run_handler<tervik_test_rf_do>, tervik_test_rf_show_help},
-    {4, run_handler<tervik_test_nvefs_do>, tervik_test_nvefs_show_help},
-    {5, run_handler<tervik_test_cmn_do>, tervik_test_cmn_show_help},
-    {6, run_handler<tervik_test_qmi_send_data_do>, tervik_test_qmi_send_data_show_help},
-    {7, run_handler<tervik_test_modem_stats_do>, tervik_test_qmi_modem_stats_show_help},
-    {8, run_handler<tervik_test_at_cmd_do>, tervik_test_at_cmd_show_help},
-    {9, run_handler<tervik_test_qmi_modem_stats_do>, tervik_test_modem_stats_show_help},
-    {10, run_handler<tervik_test_mbn_do>, tervik_test_mbn_show_help},
-    {11, run_handler<tervik_smart_test_do>, tervik_smart_test_show_help},
-    {12, run_handler<tervik_test_qmi_do>, tervik_test_qmi_show_help},
+    {3, command_of<tervik_test_rf_do>, tervik_test_rf_show_help},
+    {4, command_of<tervik_test_nvefs_do>, tervik_test_nvefs_show_help},
+    {5, command_of<tervik_test_cmn_do>, tervik_test_cmn_show_help},
+    {6, command_of<tervik_test_qmi_send_data_do>, tervik_test_qmi_send_data_show_help},
+    {7, command_of<tervik_test_modem_stats_do>, tervik_test_qmi_modem_stats_show_help},
+    {8, command_of<tervik_test_at_cmd_do>, tervik_test_at_cmd_show_help},
+    {9, command_of<tervik_test_qmi_modem_stats_do>, tervik_test_modem_stats_show_help},
+    {10, command_of<tervik_test_mbn_do>, tervik_test_mbn_show_help},
+    {11, command_of<tervik_smart_test_do>, tervik_smart_test_show_help},
+    {12, command_of<tervik_test_qmi_do>, tervik_test_qmi_show_help},
 }};
 
 constexpr std::array NV_HELP = {
-    help_line("%d: nv option cmd", {CATEGORY_NV}),
-    help_line("   kiv %d 1       /* nv test */", {CATEGORY_NV}),
-    help_line("   kiv %d 2 0     /* nv backup(no privacy nvs) */", {CATEGORY_NV}),
-    help_line("   kiv %d 2 1     /* nv backup(have privacy nvs) */", {CATEGORY_NV}),
-    help_line("   kiv %d 3 0     /* nv restore(no goldencopy done after restore) */",
+    text_line("%d: nv option cmd", {CATEGORY_NV}),
+    text_line("   kiv %d 1       /* nv test */", {CATEGORY_NV}),
+    text_line("   kiv %d 2 0     /* nv backup(no privacy nvs) */", {CATEGORY_NV}),
+    text_line("   kiv %d 2 1     /* nv backup(have privacy nvs) */", {CATEGORY_NV}),
+    text_line("   kiv %d 3 0     /* nv restore(no goldencopy done after restore) */",
               {CATEGORY_NV}),
-    help_line("   kiv %d 3 1     /* nv restore(do goldencopy done after restore) */",
+    text_line("   kiv %d 3 1     /* nv restore(do goldencopy done after restore) */",
               {CATEGORY_NV}),
-    help_line("   kiv %d 4 nvid  /* nv delete */", {CATEGORY_NV}),
+    text_line("   kiv %d 4 nvid  /* nv delete */", {CATEGORY_NV}),
 };
 
 // Runs the category that the arguments name. False when there is none.
@@ -77,7 +70,7 @@ bool run_category(int argc, char** argv) {
   if (row == CATEGORIES.end()) {
     return false;
   }
-  row->run(argc, argv);
+  static_cast<void>(row->run(argc, argv));
   return true;
 }
 

@@ -15,23 +15,27 @@ constexpr int CATEGORY = 4;
 constexpr size_t DATA_MAX = 365;
 constexpr int FIRST_DATA_ARG = 5;
 
+constexpr argument_rule ONE_ITEM = exactly_words(5);
+constexpr argument_rule ITEM_AND_DATA =
+    at_least_words(FIRST_DATA_ARG + 1, "note: Too few inputs, Pls refer to the following cmd:");
+
 constexpr std::array<category_command, 6> COMMANDS = {{
-    {1, tervik_nvefs_test_nv_read},
-    {2, tervik_nvefs_test_nv_write},
-    {3, tervik_nvefs_test_nv_delete},
-    {4, tervik_nvefs_test_efs_read},
-    {5, tervik_nvefs_test_efs_write},
-    {6, tervik_nvefs_test_efs_delete},
+    {1, "tervik_nvefs_test_nv_read", tervik_nvefs_test_nv_read, ONE_ITEM},
+    {2, "tervik_nvefs_test_nv_write", tervik_nvefs_test_nv_write, ITEM_AND_DATA},
+    {3, "tervik_nvefs_test_nv_delete", tervik_nvefs_test_nv_delete, ONE_ITEM},
+    {4, "tervik_nvefs_test_efs_read", tervik_nvefs_test_efs_read, ONE_ITEM},
+    {5, "tervik_nvefs_test_efs_write", tervik_nvefs_test_efs_write, ITEM_AND_DATA},
+    {6, "tervik_nvefs_test_efs_delete", tervik_nvefs_test_efs_delete, ONE_ITEM},
 }};
 
 constexpr std::array HELP = {
-    help_line("%d: nvefs option cmd: ", {CATEGORY}),
-    help_line("   kiv %d %d sub nv_id             /* nv read */", {CATEGORY, 1}),
-    help_line("   kiv %d %d sub nv_id nv_data     /* nv write */", {CATEGORY, 2}),
-    help_line("   kiv %d %d sub nv_id             /* nv delete */", {CATEGORY, 3}),
-    help_line("   kiv %d %d sub efs_path          /* efs read */", {CATEGORY, 4}),
-    help_line("   kiv %d %d sub efs_path efs_data /* efs write */", {CATEGORY, 5}),
-    help_line("   kiv %d %d sub efs_path          /* efs delete */", {CATEGORY, 6}),
+    text_line("%d: nvefs option cmd: ", {CATEGORY}),
+    text_line("   kiv %d %d sub nv_id             /* nv read */", {CATEGORY, 1}),
+    text_line("   kiv %d %d sub nv_id nv_data     /* nv write */", {CATEGORY, 2}),
+    text_line("   kiv %d %d sub nv_id             /* nv delete */", {CATEGORY, 3}),
+    text_line("   kiv %d %d sub efs_path          /* efs read */", {CATEGORY, 4}),
+    text_line("   kiv %d %d sub efs_path efs_data /* efs write */", {CATEGORY, 5}),
+    text_line("   kiv %d %d sub efs_path          /* efs delete */", {CATEGORY, 6}),
 };
 
 // ---- arguments ----
@@ -66,14 +70,6 @@ typed_data data_of(int argc, char** argv) {
   return data;
 }
 
-[[nodiscard]] bool check_write_argc(const char* func, int argc) {
-  if (argc > FIRST_DATA_ARG) {
-    return true;
-  }
-  tervik_log_error_as(func, "note: Too few inputs, Pls refer to the following cmd:");
-  return false;
-}
-
 // ---- output ----
 
 // The end of every command: reports a failed operation and passes its result on.
@@ -98,10 +94,7 @@ typed_data data_of(int argc, char** argv) {
 
 }  // namespace
 
-int tervik_nvefs_test_nv_read(int argc, char** argv) {
-  if (!tervik_check_argc(TERVIK_LOG_PLACE, argc, 5)) {
-    return TERVIK_ERR_INVALID_INPUT;
-  }
+int tervik_nvefs_test_nv_read(int /*argc*/, char** argv) {
   std::array<uint8_t, DATA_MAX> data = {};
   uint32_t len = data.size();
   const int result = tervik_nv_read(sub_of(argv), nv_id_of(argv), data.data(), &len);
@@ -109,25 +102,16 @@ int tervik_nvefs_test_nv_read(int argc, char** argv) {
 }
 
 int tervik_nvefs_test_nv_write(int argc, char** argv) {
-  if (!check_write_argc(__func__, argc)) {
-    return TERVIK_ERR_INVALID_INPUT;
-  }
   const typed_data data = data_of(argc, argv);
   return report(__func__, sub_of(argv),
                 tervik_nv_write_ex(sub_of(argv), nv_id_of(argv), data.bytes.data(), data.len));
 }
 
-int tervik_nvefs_test_nv_delete(int argc, char** argv) {
-  if (!tervik_check_argc(TERVIK_LOG_PLACE, argc, 5)) {
-    return TERVIK_ERR_INVALID_INPUT;
-  }
+int tervik_nvefs_test_nv_delete(int /*argc*/, char** argv) {
   return report(__func__, sub_of(argv), tervik_nv_delete(sub_of(argv), nv_id_of(argv)));
 }
 
-int tervik_nvefs_test_efs_read(int argc, char** argv) {
-  if (!tervik_check_argc(TERVIK_LOG_PLACE, argc, 5)) {
-    return TERVIK_ERR_INVALID_INPUT;
-  }
+int tervik_nvefs_test_efs_read(int /*argc*/, char** argv) {
   std::array<uint8_t, DATA_MAX> data = {};
   uint32_t len = data.size();
   const int result =
@@ -136,25 +120,20 @@ int tervik_nvefs_test_efs_read(int argc, char** argv) {
 }
 
 int tervik_nvefs_test_efs_write(int argc, char** argv) {
-  if (!check_write_argc(__func__, argc)) {
-    return TERVIK_ERR_INVALID_INPUT;
-  }
   const typed_data data = data_of(argc, argv);
   return report(__func__, sub_of(argv),
                 tervik_efs_write(sub_of(argv), efs_path_of(argv), efs_path_len_of(argv),
                                  data.bytes.data(), data.len));
 }
 
-int tervik_nvefs_test_efs_delete(int argc, char** argv) {
-  if (!tervik_check_argc(TERVIK_LOG_PLACE, argc, 5)) {
-    return TERVIK_ERR_INVALID_INPUT;
-  }
+int tervik_nvefs_test_efs_delete(int /*argc*/, char** argv) {
   return report(__func__, sub_of(argv),
                 tervik_efs_delete(sub_of(argv), efs_path_of(argv), efs_path_len_of(argv)));
 }
 
 int tervik_test_nvefs_do(int argc, char** argv) {
-  return tervik_run_category(TERVIK_LOG_PLACE, CATEGORY, COMMANDS, argc, argv);
+  tervik_run_category(TERVIK_LOG_PLACE, {CATEGORY, COMMANDS}, argc, argv);
+  return 0;
 }
 
 void tervik_test_nvefs_show_help(int category) {

@@ -13,38 +13,55 @@
 namespace {
 
 constexpr int CATEGORY = 3;
+// The subscription whose files hold the settings.
+constexpr uint32_t SETTING_SUB = 0;
 
 constexpr std::array HELP = {
-    help_line("%d: rf option cmd", {CATEGORY}),
-    help_line("   kiv %d %d ...   /* gpio value setting(pls input enough gpio value by notice)*/",
+    text_line("%d: rf option cmd", {CATEGORY}),
+    text_line("   kiv %d %d ...   /* gpio value setting(pls input enough gpio value by notice)*/",
               {CATEGORY, 0}),
-    help_line("                    (need to reboot duing first setting) "),
-    help_line("   kiv %d %d       /* get gpio test state */", {CATEGORY, 1}),
-    help_line("   kiv %d %d       /* Close gpio test(need to reboot) */", {CATEGORY, 2}),
-    help_line("   kiv %d %d v_ant v_sys v_band_list", {CATEGORY, 3}),
-    help_line("                 /* fix tx to upper(lower) antenna for given band list */"),
-    help_line("                    (need to reboot) "),
-    help_line("                    v_ant: 0 - lower antenna, 1 - upper antenna "),
-    help_line("                    v_sys: 0 - gsm, 1 - wcdma, 2 - cdma, 3 - tds, 4 - lte "),
-    help_line(
+    text_line("                    (need to reboot duing first setting) "),
+    text_line("   kiv %d %d       /* get gpio test state */", {CATEGORY, 1}),
+    text_line("   kiv %d %d       /* Close gpio test(need to reboot) */", {CATEGORY, 2}),
+    text_line("   kiv %d %d v_ant v_sys v_band_list", {CATEGORY, 3}),
+    text_line("                 /* fix tx to upper(lower) antenna for given band list */"),
+    text_line("                    (need to reboot) "),
+    text_line("                    v_ant: 0 - lower antenna, 1 - upper antenna "),
+    text_line("                    v_sys: 0 - gsm, 1 - wcdma, 2 - cdma, 3 - tds, 4 - lte "),
+    text_line(
         "                    v_band_list: bit0~bi43 - (gsm: 850,900,1800,1900; wcdma: b1,b2,b4,b5,b8; "),
-    help_line(
+    text_line(
         "                                            cdma: bc0, tds: b34,b39; lte: b1...b44 "),
-    help_line(
+    text_line(
         "                    v_band_list: bit44~bi63 - (only for lte: b28b,b40b,b41b,b41c,b39b,b252,"),
-    help_line(
+    text_line(
         "                                            b255,b253,b254,b66,b46,b250,b47,b48,b71,b71b,b38k ...  "),
-    help_line("   kiv %d %d       /* get tx test state */", {CATEGORY, 4}),
-    help_line("   kiv %d %d       /* Close tx test(need to reboot) */", {CATEGORY, 5}),
+    text_line("   kiv %d %d       /* get tx test state */", {CATEGORY, 4}),
+    text_line("   kiv %d %d       /* Close tx test(need to reboot) */", {CATEGORY, 5}),
 };
 
+// A command that takes no argument of its own.
+consteval category_command bare_command(int number, const char* name,
+                                        int (*run)(int argc, char** argv)) {
+  return {.number = number,
+          .name = name,
+          .run = run,
+          .arguments =
+              {.words_min = 3,
+               .words_max = 3,
+               .note = {"note: Cmd error, should be: kiv %d %d , Pls refer to the following cmd:",
+                        {CATEGORY, number}}},
+          .is_announced = true,
+          .sub = SETTING_SUB};
+}
+
 constexpr std::array<category_command, 6> COMMANDS = {{
-    {0, tervik_gpio_test_set},
-    {1, [](int argc, char** /*argv*/) { return tervik_gpio_test_get(argc); }},
-    {2, [](int argc, char** /*argv*/) { return tervik_gpio_test_closed(argc); }},
-    {3, tervik_rf_tx_test_set},
-    {4, [](int argc, char** /*argv*/) { return tervik_rf_tx_test_get(argc); }},
-    {5, [](int argc, char** /*argv*/) { return tervik_rf_tx_test_closed(argc); }},
+    {0, "tervik_gpio_test_set", tervik_gpio_test_set, {}, true},
+    bare_command(1, "tervik_gpio_test_get", command_of<tervik_gpio_test_get>),
+    bare_command(2, "tervik_gpio_test_closed", command_of<tervik_gpio_test_closed>),
+    {3, "tervik_rf_tx_test_set", tervik_rf_tx_test_set},
+    bare_command(4, "tervik_rf_tx_test_get", command_of<tervik_rf_tx_test_get>),
+    bare_command(5, "tervik_rf_tx_test_closed", command_of<tervik_rf_tx_test_closed>),
 }};
 
 // ---- settings as the modem takes them: bodies of class 4 requests ----
@@ -94,7 +111,6 @@ template <typename Request>
 
 // ---- settings as the modem keeps them: EFS files of one subscription ----
 
-constexpr uint32_t SETTING_SUB = 0;
 constexpr size_t SETTING_DATA_MAX = 365;
 
 struct rf_setting {
@@ -105,18 +121,6 @@ struct rf_setting {
 
 constexpr rf_setting GPIO_SETTING = {"/oem/debug/rf_ant_port_config", 30, false};
 constexpr rf_setting TX_SETTING = {"/oem/debug/ant_tx_config", 25, true};
-
-// The beginning of the commands that take no argument of their own.
-[[nodiscard]] bool check_bare_command(const char* func, int argc, int command) {
-  tervik_log_print_as(func, LOG_CLASS_NOTICE, SETTING_SUB, "%s", func);
-  if (argc == 3) {
-    return true;
-  }
-  tervik_log_print_as(
-      func, LOG_CLASS_ERROR, SETTING_SUB,
-      "note: Cmd error, should be: kiv %d %d , Pls refer to the following cmd:", CATEGORY, command);
-  return false;
-}
 
 [[nodiscard]] int report_efs(const char* func, int result) {
   if (result != 0) {
@@ -148,11 +152,6 @@ constexpr rf_setting TX_SETTING = {"/oem/debug/ant_tx_config", 25, true};
 }  // namespace
 
 int tervik_gpio_test_set(int argc, char** argv) {
-  tervik_log_notice("%s", __func__);
-  if (argc < FIRST_GPIO_ARG) {
-    tervik_log_error("note: Too few inputs, Pls refer to the following cmd:");
-    return TERVIK_ERR_INVALID_INPUT;
-  }
   const std::span<char*> typed(argv + FIRST_GPIO_ARG, static_cast<size_t>(argc - FIRST_GPIO_ARG));
   gpio_test_request request = {};
   request.sub_command = GPIO_TEST_SUB_COMMAND;
@@ -165,21 +164,22 @@ int tervik_gpio_test_set(int argc, char** argv) {
   return send_setting(__func__, request);
 }
 
-int tervik_gpio_test_get(int argc) {
-  return check_bare_command(__func__, argc, 1) ? get_setting(__func__, GPIO_SETTING)
-                                               : TERVIK_ERR_INVALID_INPUT;
+int tervik_gpio_test_get() {
+  return get_setting(__func__, GPIO_SETTING);
 }
 
-int tervik_gpio_test_closed(int argc) {
-  return check_bare_command(__func__, argc, 2) ? close_setting(__func__, GPIO_SETTING)
-                                               : TERVIK_ERR_INVALID_INPUT;
+int tervik_gpio_test_closed() {
+  return close_setting(__func__, GPIO_SETTING);
 }
 
 int tervik_rf_tx_test_set(int argc, char** argv) {
   tervik_log_notice("tervik_rf_tx_test_set, argc(%d)", argc);
-  if (argc != 6) {
-    tervik_log_error("note: need %d inputs, Pls refer to the following cmd:", 5);
-    return TERVIK_ERR_INVALID_INPUT;
+  constexpr argument_rule ARGUMENTS = {
+      .words_min = 6,
+      .words_max = 6,
+      .note = {"note: need %d inputs, Pls refer to the following cmd:", {5}}};
+  if (!tervik_check_arguments(TERVIK_LOG_PLACE, TERVIK_NO_SUB, ARGUMENTS, argc, argv)) {
+    return ARGUMENTS.error_code;
   }
   tx_test_request request = {};
   request.sub_command = TX_TEST_SUB_COMMAND;
@@ -192,18 +192,17 @@ int tervik_rf_tx_test_set(int argc, char** argv) {
   return send_setting(__func__, request);
 }
 
-int tervik_rf_tx_test_get(int argc) {
-  return check_bare_command(__func__, argc, 4) ? get_setting(__func__, TX_SETTING)
-                                               : TERVIK_ERR_INVALID_INPUT;
+int tervik_rf_tx_test_get() {
+  return get_setting(__func__, TX_SETTING);
 }
 
-int tervik_rf_tx_test_closed(int argc) {
-  return check_bare_command(__func__, argc, 5) ? close_setting(__func__, TX_SETTING)
-                                               : TERVIK_ERR_INVALID_INPUT;
+int tervik_rf_tx_test_closed() {
+  return close_setting(__func__, TX_SETTING);
 }
 
 int tervik_test_rf_do(int argc, char** argv) {
-  return tervik_run_category(TERVIK_LOG_PLACE, CATEGORY, COMMANDS, argc, argv);
+  tervik_run_category(TERVIK_LOG_PLACE, {CATEGORY, COMMANDS}, argc, argv);
+  return 0;
 }
 
 void tervik_test_rf_show_help(int category) {

@@ -11,9 +11,9 @@ void tervik_test_rf_show_help(int category);
 // The commands: 0, TERVIK_ERR_INVALID_INPUT for a wrong number of arguments, or the result of the
 // request or EFS operation.
 [[nodiscard]] int tervik_gpio_test_set(int argc, char** argv);
-[[nodiscard]] int tervik_gpio_test_get(int argc);
-[[nodiscard]] int tervik_gpio_test_closed(int argc);
+[[nodiscard]] int tervik_gpio_test_get();
+[[nodiscard]] int tervik_gpio_test_closed();
 // Antenna and radio system are decimal; the 64-bit band mask is decimal, 0x hexadecimal or octal.
 [[nodiscard]] int tervik_rf_tx_test_set(int argc, char** argv);
-[[nodiscard]] int tervik_rf_tx_test_get(int argc);
-[[nodiscard]] int tervik_rf_tx_test_closed(int argc);
+[[nodiscard]] int tervik_rf_tx_test_get();
+[[nodiscard]] int tervik_rf_tx_test_closed();
