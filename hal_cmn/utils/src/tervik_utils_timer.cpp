@@ -26,9 +26,9 @@ struct timer_record {
   timer_t sys_timerid;
   uint64_t timeout_s;
   tervik_timer_callback callback;
-  timer_record* next;
-  timer_record* prev;
+  std::unique_ptr<timer_record> next;
 };
+using record_link = std::unique_ptr<timer_record>;
 
 // A mutex that says how its creation went. Never destroyed: callbacks may still come at exit.
 class timer_mutex {
@@ -49,8 +49,9 @@ timer_mutex g_tervik_timer_id_mutex;
 timer_mutex g_tervik_timer_callback_list_mutex;
 std::once_flag g_timer_mutexes_once;
 
-uint32_t g_last_timer_id = FIRST_TIMER_ID - 1;         // under g_tervik_timer_id_mutex
-timer_record* g_tervik_timer_callback_list = nullptr;  // under g_tervik_timer_callback_list_mutex
+uint32_t g_last_timer_id = FIRST_TIMER_ID - 1;  // under g_tervik_timer_id_mutex
+// Under g_tervik_timer_callback_list_mutex. Never destroyed, as the mutexes.
+record_link& g_tervik_timer_callback_list = *new record_link;
 
 void init_mutexes_once(const char* func) {
   std::call_once(g_timer_mutexes_once, [func] {
@@ -59,50 +60,27 @@ void init_mutexes_once(const char* func) {
   });
 }
 
-std::unique_ptr<timer_record> make_record(uint32_t timer_id, tervik_timer_callback callback,
-                                          unsigned long timeout_s) {
-  return std::unique_ptr<timer_record>(new (std::nothrow) timer_record{
-      .timer_id = timer_id,
-      .sys_timerid = {},
-      .timeout_s = timeout_s,
-      .callback = callback,
-      .next = nullptr,
-      .prev = nullptr,
-  });
+record_link make_record(uint32_t timer_id, tervik_timer_callback callback,
+                        unsigned long timeout_s) {
+  return record_link(new (std::nothrow) timer_record{.timer_id = timer_id,
+                                                     .sys_timerid = {},
+                                                     .timeout_s = timeout_s,
+                                                     .callback = callback,
+                                                     .next = {}});
 }
 
-// The three registry functions want the list mutex held.
-
-timer_record* find_record(uint32_t timer_id) {
-  timer_record* record = g_tervik_timer_callback_list;
-  while (record != nullptr && record->timer_id != timer_id) {
-    record = record->next;
-  }
-  return record;
-}
-
-void append_record(std::unique_ptr<timer_record> owned) {
-  timer_record* record = owned.release();
-  timer_record** link = &g_tervik_timer_callback_list;
-  while (*link != nullptr) {
-    record->prev = *link;
+// The link that owns the first such record, or the null link at the end. The list mutex is held.
+template <typename Matches>
+record_link& find_link(Matches matches) {
+  record_link* link = &g_tervik_timer_callback_list;
+  while (*link != nullptr && !matches(**link)) {
     link = &(*link)->next;
   }
-  *link = record;
+  return *link;
 }
 
-std::unique_ptr<timer_record> unlink_record(timer_record* record) {
-  if (record->next != nullptr) {
-    record->next->prev = record->prev;
-  }
-  if (record->prev != nullptr) {
-    record->prev->next = record->next;
-  } else {
-    g_tervik_timer_callback_list = record->next;
-  }
-  record->next = nullptr;
-  record->prev = nullptr;
-  return std::unique_ptr<timer_record>(record);
+record_link& link_of(uint32_t timer_id) {
+  return find_link([timer_id](const timer_record& each) { return each.timer_id == timer_id; });
 }
 
 // The low half of a system timer's handle, for the log.
@@ -150,7 +128,7 @@ int log_failed_call(failed_call failed, unsigned long timeout_s, uint32_t timer_
 // Arms the record's system timer and enters the record in the registry. The list mutex is held
 // over both, so that the callback of a timer that fires at once finds the record to stop; a
 // failure is logged without it.
-int arm_and_register(std::unique_ptr<timer_record> record) {
+int arm_and_register(record_link record) {
   const uint32_t timer_id = record->timer_id;
   const auto timeout_s = static_cast<unsigned long>(record->timeout_s);
   timer_t sys_timerid = {};
@@ -160,7 +138,7 @@ int arm_and_register(std::unique_ptr<timer_record> record) {
     failed = create_and_arm(record->callback, timeout_s, timer_id, &sys_timerid);
     if (failed == failed_call::none) {
       record->sys_timerid = sys_timerid;
-      append_record(std::move(record));
+      find_link([](const timer_record&) { return false; }) = std::move(record);
     }
   }
   return log_failed_call(failed, timeout_s, timer_id, sys_timerid);
@@ -189,7 +167,7 @@ int start_numbered(const char* func, tervik_timer_callback callback, unsigned lo
     tervik_log_error_as(func, "callback is NULL, timeout_s = %lu", timeout_s);
     return TIMER_NO_CALLBACK;
   }
-  std::unique_ptr<timer_record> record = make_record(0, callback, timeout_s);
+  record_link record = make_record(0, callback, timeout_s);
   if (record == nullptr) {
     tervik_log_error_as(func, "Failed to allocate memory for tcbinfo, timeout_s = %lu", timeout_s);
     return TIMER_NO_MEMORY;
@@ -207,7 +185,7 @@ int start_numbered(const char* func, tervik_timer_callback callback, unsigned lo
 
 bool is_active(uint32_t timer_id) {
   const std::lock_guard list_lock(g_tervik_timer_callback_list_mutex);
-  return find_record(timer_id) != nullptr;
+  return link_of(timer_id) != nullptr;
 }
 
 int start_under_id(const char* func, uint32_t timer_id, tervik_timer_callback callback,
@@ -224,7 +202,7 @@ int start_under_id(const char* func, uint32_t timer_id, tervik_timer_callback ca
                         timer_id);
     return TIMER_ACTIVE;
   }
-  std::unique_ptr<timer_record> record = make_record(timer_id, callback, timeout_s);
+  record_link record = make_record(timer_id, callback, timeout_s);
   if (record == nullptr) {
     tervik_log_error_as(func,
                         "Failed to allocate memory for tcbinfo, timer_id = %d, timeout_s = %lu",
@@ -273,11 +251,13 @@ bool tervik_timer_start(uint32_t timer_id, tervik_timer_callback callback,
 
 bool tervik_timer_stop(uint32_t timer_id) {
   init_mutexes_once(__func__);
-  std::unique_ptr<timer_record> record;
+  record_link record;
   {
     const std::lock_guard list_lock(g_tervik_timer_callback_list_mutex);
-    if (timer_record* found = find_record(timer_id)) {
-      record = unlink_record(found);
+    record_link& link = link_of(timer_id);
+    record = std::move(link);
+    if (record != nullptr) {
+      link = std::move(record->next);
     }
   }
   if (record == nullptr) {
