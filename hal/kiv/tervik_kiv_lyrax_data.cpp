@@ -142,9 +142,9 @@ void tervik_test_qmi_modem_stats_tx_info(uint32_t sub) {
 }
 
 struct stats_query {
-  int opt;
-  const char* measures;
-  void (*run)(uint32_t sub);
+  int opt = 0;
+  const char* measures = nullptr;
+  void (*run)(uint32_t sub) = nullptr;
   // How the help calls the second argument and what it may be.
   const char* argument = "sub";
   const char* range = ", sub: 0 - sub0; 1 - sub1";

@@ -25,9 +25,11 @@ constexpr argument_rule ONE_ARGUMENT = at_least_words(4, NOTE_TOO_FEW_PARAMETERS
 
 constexpr std::array<category_command, 2> COMMANDS = {{
     {0, "tervik_test_modem_stats_parsing_process",
-     command_of<tervik_test_modem_stats_parsing_process>, ONE_ARGUMENT},
+     command_of<tervik_test_modem_stats_parsing_process>, ONE_ARGUMENT,
+     "tervik_test_modem_stats_parsing_process FAIL"},
     {1, "tervik_test_modem_stats_get_debug_info",
-     command_of<tervik_test_modem_stats_get_debug_info_do>, ONE_ARGUMENT},
+     command_of<tervik_test_modem_stats_get_debug_info_do>, ONE_ARGUMENT,
+     "tervik_test_modem_stats_get_debug_info FAIL"},
 }};
 
 // ---- record decoding ----
@@ -113,11 +115,8 @@ void tervik_test_modem_stats_get_debug_info_do(int type) {
 
 void tervik_test_modem_stats_do(int argc, char** argv) {
   tervik_run_category(TERVIK_LOG_PLACE,
-                      {.number = CATEGORY,
-                       .commands = COMMANDS,
-                       .number_name = "type",
-                       .failure = failure_note::name},
-                      argc, argv);
+                      {.number = CATEGORY, .commands = COMMANDS, .number_name = "type"}, argc,
+                      argv);
 }
 
 void tervik_test_qmi_modem_stats_show_help(int category) {

@@ -296,7 +296,7 @@ void tervik_smart_test_do(int argc, char** argv) {
                       {.number = CATEGORY,
                        .commands = COMMANDS,
                        .number_name = "par_i",
-                       .failure = failure_note::none},
+                       .tells_error_codes = false},
                       argc, argv);
 }
 

@@ -41,11 +41,11 @@ bool find_and_run(const tervik_log_place& place, const command_category& categor
     return false;
   }
   const int result = run_command(place, *command, argc, argv);
-  if (result != 0 && category.failure == failure_note::error_code) {
+  if (result != 0 && command->failure != nullptr) {
+    log_error(place, command->failure);
+  } else if (result != 0 && category.tells_error_codes) {
     tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "note: Error happen! error_code(%d)",
                      result);
-  } else if (result != 0 && category.failure == failure_note::name) {
-    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB, "%s FAIL", command->name);
   }
   return result == 0;
 }

@@ -87,14 +87,20 @@ consteval argument_rule at_least_words(int words, text_line note) {
 
 // One command of a category.
 struct category_command {
-  int number;        // the third word of the line
-  const char* name;  // the function that note and announcement are logged under
+  int number = 0;              // the third word of the line
+  const char* name = nullptr;  // the function that note and announcement are logged under
   // Gets the whole line; returns 0 or an error code.
-  int (*run)(int argc, char** argv);
+  int (*run)(int argc, char** argv) = nullptr;
   argument_rule arguments = {};
+  const char* failure = nullptr;  // the note when the command fails
   bool is_announced = false;  // by a notice that shows the name, before the arguments are checked
   uint32_t sub = TERVIK_NO_SUB;  // of note and announcement
 };
+
+consteval category_command announced(category_command command) {
+  command.is_announced = true;
+  return command;
+}
 
 // A function of the command as a row's: it takes the whole line, the number in the fourth word, or
 // nothing, and returns an error code or nothing.
@@ -117,19 +123,12 @@ int command_of([[maybe_unused]] int argc, [[maybe_unused]] char** argv) {
   }
 }
 
-// How a category tells of a command that failed, before its help.
-enum class failure_note : uint8_t {
-  error_code,  // by the command's error code
-  name,        // by the command's name
-  none,
-};
-
 struct command_category {
-  int number;
+  int number = 0;
   std::span<const category_command> commands;
   int words_min = 3;                  // of any line
   const char* number_name = nullptr;  // what the note about an unknown number calls the number
-  failure_note failure = failure_note::error_code;
+  bool tells_error_codes = true;      // of commands that failed and have no note of their own
 };
 
 // Checks that the line has at least `words_min` words and that the category is the handler's own.

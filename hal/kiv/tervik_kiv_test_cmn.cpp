@@ -52,12 +52,12 @@ constexpr argument_rule DSI_ARGUMENT = {
 
 constexpr std::array<category_command, 10> CMN_COMMANDS = {{
     {0, "tervik_cmn_diag_cmd_send", tervik_cmn_diag_cmd_send},
-    {1, "tervik_cmn_card_status_query", tervik_cmn_card_status_query, {}, true},
-    {2, "tervik_cmn_card_status_get", tervik_cmn_card_status_get, {}, true},
-    {3, "tervik_cmn_card_status_set", tervik_cmn_card_status_set, {}, true},
-    {4, "tervik_cmn_card_type_query", tervik_cmn_card_type_query, {}, true},
+    announced({1, "tervik_cmn_card_status_query", tervik_cmn_card_status_query}),
+    announced({2, "tervik_cmn_card_status_get", tervik_cmn_card_status_get}),
+    announced({3, "tervik_cmn_card_status_set", tervik_cmn_card_status_set}),
+    announced({4, "tervik_cmn_card_type_query", tervik_cmn_card_type_query}),
     {5, "tervik_cmn_test_get_sar_dsi", command_of<tervik_cmn_test_get_sar_dsi>},
-    {6, "tervik_cmn_card_hotswap_test", tervik_cmn_card_hotswap_test, HOTSWAP_ARGUMENTS, true},
+    announced({6, "tervik_cmn_card_hotswap_test", tervik_cmn_card_hotswap_test, HOTSWAP_ARGUMENTS}),
     {7, "tervik_cmn_test_set_sar_dsi", command_of<tervik_cmn_test_set_sar_dsi>, DSI_ARGUMENT},
     {8, "tervik_cmn_test_get_device_state", command_of<tervik_cmn_test_get_device_state>},
     {10, "tervik_cmn_esim_test", tervik_cmn_esim_test},

@@ -56,7 +56,7 @@ consteval category_command bare_command(int number, const char* name,
 }
 
 constexpr std::array<category_command, 6> COMMANDS = {{
-    {0, "tervik_gpio_test_set", tervik_gpio_test_set, {}, true},
+    announced({0, "tervik_gpio_test_set", tervik_gpio_test_set}),
     bare_command(1, "tervik_gpio_test_get", command_of<tervik_gpio_test_get>),
     bare_command(2, "tervik_gpio_test_closed", command_of<tervik_gpio_test_closed>),
     {3, "tervik_rf_tx_test_set", tervik_rf_tx_test_set},
