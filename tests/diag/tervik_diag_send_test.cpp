@@ -217,22 +217,6 @@ TEST_F(DiagSend, AFailedCallEndsTheSendAndReleasesWhatWasRegistered) {
   EXPECT_EQ(noted(), "open");
 }
 
-TEST_F(DiagSend, WrongArgumentsAreRefusedBeforeTheLibraryIsOpened) {
-  uint8_t bytes[4097] = {};
-  int one = 1;
-  int none = 0;
-  const std::tuple<uint8_t*, int, uint8_t*, int*> rows[] = {
-      {nullptr, 1, bytes, &one},    {bytes, 0, bytes, &one},       {bytes, 4097, bytes, &one},
-      {bytes, 4096, nullptr, &one}, {bytes, 4096, bytes, nullptr}, {bytes, 4096, bytes, &none}};
-  for (const auto& [command, length, reply, reply_length] : rows) {
-    for (const Mode mode : {kCallback, kDci}) {
-      EXPECT_EQ(kSends[mode](command, length, 1000, reply, reply_length), 1u);
-      EXPECT_TRUE(length == 4096 || kStart(command, length, mode) == 1u);
-    }
-  }
-  EXPECT_EQ(noted(), "");
-}
-
 TEST_F(DiagSend, ResponsesOfEverySizeAreTakenAsFarAsTheyFit) {
   // Of a response without end the first MiB is kept.
   constexpr size_t kEndless = (1 << 20) + 4097;

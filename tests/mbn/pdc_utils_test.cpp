@@ -335,13 +335,6 @@ TEST_F(MbnTest, TheLastRequestCountsAndAFailedConnectionIsTriedAnew) {
   };
   EXPECT_EQ(tervik_reactivate_sw_mbn(3), 0);
   EXPECT_EQ(asked().size(), 8u);
-  for (const uint32_t type : {2u, ~0u}) {
-    EXPECT_EQ(tervik_refresh_mbn(1, type), 0);
-    EXPECT_EQ(tervik_reactivate_mbn(1, type), -1);
-  }
-  tervik_mbn_deactivate_config(2, 1);
-  tervik_mbn_deactivate_config(1, 2);
-  EXPECT_EQ(asked(), Strings{});
   platform::withdraw_service(service_id());
   EXPECT_EQ(tervik_reactivate_sw_mbn(1), -1);
   publish();

@@ -29,7 +29,7 @@ using namespace std::chrono_literals;
 
 using ExtendCmn = ExtensionClientTest;
 
-TEST_F(ExtendCmn, RequestsOfClassFourAreSentWholeOrRefused) {
+TEST_F(ExtendCmn, RequestsOfClassFourAreSentWhole) {
   const Bytes data = counted_bytes(499);
   ExtensionAnswer answer = answer_of(counted_bytes(550));
   const ExtensionStub stub([&answer](const ExtensionRequest&) { return answer; });
@@ -38,21 +38,10 @@ TEST_F(ExtendCmn, RequestsOfClassFourAreSentWholeOrRefused) {
       {tervik_common_qmi_req, 499, {0xFFFFFFE1, 0}}};
   for (const auto& [send, most, head] : kinds) {
     Bytes rsp(508);
-    const LogCapture log;
     EXPECT_EQ(send(-31, most, data.data(), rsp.data(), nullptr), 0);
     Bytes wanted = words(head);
     wanted.insert(wanted.end(), data.begin(), data.begin() + most);
     EXPECT_EQ(stub.requests().back().payload, payload_of(wanted));
-    const size_t before = stub.requests().size();
-    const std::tuple<unsigned, const void*, void*, const char*> refused[] = {
-        {most + 1, data.data(), rsp.data(), "l is out of range"},
-        {1, nullptr, rsp.data(), "v is null"},
-        {UINT_MAX, nullptr, nullptr, "rsp is NULL"}};
-    for (const auto& [len, bytes, to, line] : refused) {
-      EXPECT_EQ(send(-31, len, bytes, to, nullptr), 268431370);
-      EXPECT_EQ(log.count(line), 1u) << line;
-    }
-    EXPECT_EQ(stub.requests().size(), before);
     // An answer without its result is none, and its bytes are not handed on.
     for (const auto& [len, result] : {std::pair{7u, -3}, {8u, 0}}) {
       answer.len = len;
@@ -180,7 +169,7 @@ class ExtendNas : public OtherServiceTest {
   ExtendNas() : OtherServiceTest(nas_get_service_object_internal_v01(1, 0x199, 6)) {}
 };
 
-TEST_F(ExtendNas, NullBuffersAndTheLossOfTheServiceAreToldAndTheClientIsReleased) {
+TEST_F(ExtendNas, TheLossOfTheServiceIsToldAndTheClientIsReleased) {
   answer_ = [this](uint16_t) {
     platform::withdraw_service(kServiceId);
     usleep(1);  // the framework's thread calls back
@@ -189,14 +178,8 @@ TEST_F(ExtendNas, NullBuffersAndTheLossOfTheServiceAreToldAndTheClientIsReleased
   publish();
   Bytes any(576);
   const LogCapture log;
-  EXPECT_EQ(tervik_send_nas_qmi_req_msg(0x85, nullptr, 576, any.data(), 8, 1), -1);
-  EXPECT_EQ(tervik_send_nas_qmi_req_msg(0x85, any.data(), 576, nullptr, 8, 1), -1);
-  EXPECT_EQ(log.count("tervik_qmi_client_recovery, qmi_client_ptr (nil)"), 2u);
   EXPECT_EQ(tervik_send_nas_qmi_req_msg(0x85, any.data(), 576, any.data(), 8, 1), 0);
-  for (const char* line :
-       {"qmi_request is NULL", "qmi_response is NULL", "QMI error callback -2"}) {
-    EXPECT_EQ(log.count(line), 1u) << line;
-  }
+  EXPECT_EQ(log.count("QMI error callback -2"), 1u);
 }
 
 // ---- SIM cards ----
@@ -261,7 +244,6 @@ TEST_F(ExtendUim, RequestsAreSentByteForByte) {
     EXPECT_EQ(kOperations[i].run(), 0) << i;
     EXPECT_EQ(requests_.back(), std::pair(kOperations[i].message, requests[i])) << i;
   }
-  EXPECT_EQ(tervik_setSimType(nullptr), -2);
 }
 
 TEST_F(ExtendUim, ClientIsMadeAnewAfterTheServiceWentDown) {

@@ -89,43 +89,6 @@ const std::function<int()> kOperations[] = {
 };
 const auto& kEfsWrite = kOperations[4];
 
-TEST_F(ExtendNvefs, ArgumentsAreCheckedInTheOrderOfTheirCodes) {
-  const ExtensionStub stub([](const ExtensionRequest&) { return answer_saying({.all = 1}); });
-  const LogCapture log;
-  uint8_t buf[424] = {};
-  uint32_t len = 1;
-  const std::string path(101, 'p');
-  const char* const p = path.c_str();
-  constexpr auto none = nullptr;
-  const auto read = tervik_efs_read;
-  const auto write = tervik_efs_write;
-  const auto erase = tervik_efs_delete;
-  using Results = std::vector<int>;
-  EXPECT_EQ((Results{tervik_nv_read(2, 7233, none, none), tervik_nv_read(2, 551, buf, &len),
-                     tervik_nv_read(0, 7233, none, none), tervik_nv_read(0, 7233, buf, none),
-                     tervik_nv_read(2, 550, buf, &len)}),
-            (Results{-104, -104, -107, -108, 0}));
-  EXPECT_EQ((Results{tervik_nv_write_ex(2, 550, none, 0), tervik_nv_write_ex(0, 7233, none, 0),
-                     tervik_nv_write_ex(0, 7233, buf, 425), tervik_nv_write_ex(0, 7232, buf, 424)}),
-            (Results{-104, -107, -108, 0}));
-  EXPECT_EQ((Results{tervik_nv_delete(2, 7233), tervik_nv_delete(1, 7233)}), (Results{-104, -109}));
-  EXPECT_EQ((Results{read(2, none, 0, none, none), read(0, none, 0, none, none),
-                     read(0, p, 101, none, none), read(0, p, 100, none, none),
-                     read(0, p, 100, buf, none)}),
-            (Results{-104, -105, -106, -107, -108}));
-  EXPECT_EQ(
-      (Results{write(2, none, 0, none, 0), write(1, none, 0, none, 0), write(1, p, 100, none, 0),
-               write(1, p, 99, none, 0), write(1, p, 99, buf, 102411), write(1, p, 99, buf, 1)}),
-      (Results{-104, -105, -106, -107, -108, 0}));
-  EXPECT_EQ((Results{erase(2, none, 0), erase(0, none, 0), erase(0, p, 100), erase(0, p, 99)}),
-            (Results{-104, -105, -106, 0}));
-  EXPECT_EQ(stub.requests().size(), 4u);
-  const std::pair<const char*, size_t> lines[] = {
-      {"sub invalid", 7}, {"efs_path is null", 3},  {"len invalid", 3},
-      {"buf is null", 4}, {"p_buf_len is null", 2}, {"buf_len is invalid", 2}};
-  for (const auto& [line, times] : lines) EXPECT_EQ(log.count(line), times) << line;
-}
-
 TEST_F(ExtendNvefs, FilesGoInChunksThatHandTheTransferOn) {
   for (const size_t size : {415u, 102410u}) {
     const Bytes file = counted_bytes(size);

@@ -1,5 +1,6 @@
 #include "tests/transcripts/scenarios.h"
 
+#include "tests/transcripts/calls.h"
 #include "tests/transcripts/scenes.h"
 
 namespace kiv::test {
@@ -339,16 +340,16 @@ constexpr Scenario kScan[] = {
     {"a failure that the answer alone tells", "12 0", "fault.nas = result:3"},
 };
 
-constexpr ScenarioTable kTables[] = {
-    {"entry", kEntry},       {"category_3", kRf},      {"category_4", kNvefs},
-    {"category_5", kCommon}, {"category_5_10", kEsim}, {"category_6", kRaw},
-    {"category_7", kDecode}, {"category_8", kAt},      {"category_9", kLive},
-    {"category_10", kMbn},   {"category_11", kSmart},  {"category_12", kScan},
-};
-
 }  // namespace
 
 std::span<const ScenarioTable> scenario_tables() {
+  static const ScenarioTable kTables[] = {
+      {"entry", kEntry},           {"category_3", kRf},      {"category_4", kNvefs},
+      {"category_5", kCommon},     {"category_5_10", kEsim}, {"category_6", kRaw},
+      {"category_7", kDecode},     {"category_8", kAt},      {"category_9", kLive},
+      {"category_10", kMbn},       {"category_11", kSmart},  {"category_12", kScan},
+      {"calls", call_scenarios()},
+  };
   return kTables;
 }
 

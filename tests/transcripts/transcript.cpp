@@ -232,8 +232,12 @@ Strings arguments_of(const std::string& line) {
   } else if (freopen("/dev/null", "w", stdout) == nullptr) {
     abort();
   }
+  if (scenario.line == nullptr) tervik_modem_check_odm_white_list();
   if (scenario.scene != nullptr) scenario.scene();
-  const int status = tervik_kiv_test_main(static_cast<int>(copies.size()), argv.data());
+  int status = 0;
+  if (scenario.line != nullptr) {
+    status = tervik_kiv_test_main(static_cast<int>(copies.size()), argv.data());
+  }
   if (kRecords) g_recorder->finish(result);
   _exit(status);
 }
@@ -258,6 +262,7 @@ std::string run_line(const std::string& line, const Scenario& scenario, const st
       {folder, "<folder>"},
       {R"(/dev/pts/\d+)", "<channel>"},
       {R"((open, fd: )\d+)", "$1<number>"},
+      {R"((proc_pid_buf = ).*/)", "$1<folder>/"},
       {R"((ptr_lyrax_data = 0x|data_ptr: 0x|ind_buf = 0x|ind_data_ptr = 0x)[0-9a-f]+)",
        "$1<address>"},
   };
@@ -363,7 +368,7 @@ Transcript record(const Scenario& scenario) {
   lay_out(scenario, state);
   setenv("KIV_STATE_DIR", state.c_str(), 1);
   Transcript transcript;
-  const Strings lines = split(scenario.line, " ; ");
+  const Strings lines = split(scenario.line != nullptr ? scenario.line : "", " ; ");
   for (const std::string& line : lines.empty() ? Strings{""} : lines) {
     if (lines.size() > 1) transcript.lines.push_back("$ kiv " + line);
     const auto before = files_in(state);

@@ -24,7 +24,7 @@ namespace kiv::test {
 // in a word for the text N times, and '~' for a blank in a word; ' ; ' separates the lines of
 // several runs on one state directory. `modem` and `properties` are the lines of modem.conf and of
 // the property file, `files` lines "path = bytes in hexadecimal" of files in the state directory;
-// all with ';' between them.
+// all with ';' between them. Without a command line the scene alone runs, and not the tool.
 struct Scenario {
   const char* about;
   const char* line;

@@ -53,10 +53,10 @@ bool is_time(const std::string& line) {
 
 constexpr const char* kBetween = " | ";
 
-// Lines of one place share a line of the golden text as long as it stays short. The time that
-// passes is told behind what it follows.
+// Lines of one place share a line of the golden text as long as it stays short, and the names of
+// blocks stand behind what they follow; so does the time that passes.
 Strings join_places(const Strings& lines) {
-  constexpr size_t kWidth = 140;
+  constexpr size_t kWidth = 170;
   Strings joined;
   std::string last_place;
   for (const std::string& line : lines) {
@@ -66,7 +66,8 @@ Strings join_places(const Strings& lines) {
     }
     const std::string place = place_of(line);
     const std::string text = kBetween + line.substr(place == "{" ? 0 : place.size());
-    if (!place.empty() && place == last_place && joined.back().size() + text.size() <= kWidth) {
+    const bool fits = !joined.empty() && joined.back().size() + text.size() <= kWidth;
+    if (fits && !place.empty() && (place == last_place || (place == "{" && !last_place.empty()))) {
       joined.back() += text;
     } else {
       joined.push_back(line);
@@ -84,7 +85,7 @@ void split_places(const std::string& line, Strings& lines) {
     last = end == std::string::npos;
     const std::string part = rest.substr(0, end);
     rest.erase(0, last ? end : end + strlen(kBetween));
-    const bool whole = part.starts_with(place);
+    const bool whole = part.starts_with(place) || part.starts_with('{');
     lines.push_back(is_time(" " + part) ? " " + part : whole ? part : place + part);
   }
 }
@@ -232,6 +233,7 @@ Strings fold_loops(const Strings& lines) {
 // ---- the golden texts ----
 
 std::string heading_of(const Scenario& scenario) {
+  if (scenario.line == nullptr) return std::string("# ") + scenario.about;
   std::string heading = std::string("# kiv ") + scenario.line;
   const auto given = [&heading](const char* name, const char* value) {
     if (*value != '\0') heading += std::string(" [") + name + ": " + value + "]";

@@ -103,39 +103,6 @@ TEST_F(UtilsCmn, StatementsOfAnyLengthArriveWhole) {
     EXPECT_EQ(std::count(child.log.begin(), child.log.end(), "7: " + place + text), 1);
     EXPECT_EQ(child.out, "RIL" + place + text + "\n");
   }
-  const ChildRun child = run_in_child([] {
-    tervik_utils_syslog(6, "fine");
-    tervik_utils_syslog(8, "bad %d", 8);
-  });
-  EXPECT_EQ(child.log, (Strings{"6: fine", "7: invalid tk_log_tag, tk_log_tag 8", "7: bad 8"}));
-}
-
-TEST_F(UtilsCmn, PropertiesAreCheckedAndCut) {
-  run_in_child([] {
-    const LogCapture log;
-    char value[TERVIK_TEXT_SIZE];
-    const std::string longest(92, 'v');
-    const std::string long_name(300, 'n');
-    EXPECT_EQ(tervik_get_property_value(nullptr, value, ""), -1);
-    EXPECT_EQ(tervik_get_property_value("a", nullptr, ""), -2);
-    EXPECT_EQ(tervik_get_property_value("a", value, nullptr), -3);
-    EXPECT_EQ(tervik_set_property_value(nullptr, nullptr), -1);
-    EXPECT_EQ(tervik_set_property_value("a", nullptr), -2);
-    EXPECT_EQ(tervik_set_property_value("a", (longest + "v").c_str()), -3);
-    EXPECT_EQ(tervik_set_property_value("a", longest.c_str()), 0);
-    EXPECT_EQ(tervik_get_property_value("a", value, "none"), 92);
-    EXPECT_EQ(tervik_set_property_value("b", "two\nlines"), -1);
-    EXPECT_EQ(tervik_set_property_value(long_name.c_str(), "cut"), 0);
-    const std::pair<std::string, size_t> lines[] = {
-        {"property_name is null", 2},
-        {"property_value is null", 2},
-        {"default_property_value is null", 1},
-        {"property_value len(93) is out of range(92)", 1},
-        {"b: two\nlines, ret = -1", 1},
-        {"b: null_val, ret = 8", 1},
-        {long_name.substr(0, 255) + ": cut, ret = 3", 1}};
-    for (const auto& [line, times] : lines) EXPECT_EQ(log.count(line), times) << line;
-  });
 }
 
 TEST_F(UtilsCmn, ThreadIsDetached) {
@@ -151,7 +118,6 @@ TEST_F(UtilsCmn, ThreadIsDetached) {
   };
   EXPECT_NE(tervik_create_pthread(nullptr, routine, nullptr), 0u);
   EXPECT_EQ(detach_state.get_future().get(), PTHREAD_CREATE_DETACHED);
-  EXPECT_EQ(tervik_create_pthread("TERV", nullptr, nullptr), 0u);
 }
 
 TEST_F(UtilsCmn, HexTextStaysInItsBuffer) {
@@ -165,20 +131,6 @@ TEST_F(UtilsCmn, HexTextStaysInItsBuffer) {
     expected.resize(sizeof out - 1, '#');
     EXPECT_EQ(std::string(out, sizeof out - 1), expected) << out_max;
   }
-  char out[16];
-  EXPECT_EQ(tervik_get_hex_str(nullptr, 16, data, 1), 0);
-  EXPECT_EQ(tervik_get_hex_str(out, 4, data, 1), 0);
-  EXPECT_EQ(tervik_get_hex_str(out, 16, nullptr, 1), 0);
-}
-
-TEST_F(UtilsCmn, StringComparisonTellsTheFirstReason) {
-  tervik_log_error("masks are loaded");
-  const LogCapture log;
-  EXPECT_EQ(tervik_str_cmp(nullptr, nullptr), -101);
-  EXPECT_EQ(tervik_str_cmp("a", nullptr), -102);
-  EXPECT_EQ(tervik_str_cmp("abc", "abd"), 104);
-  EXPECT_EQ(log.messages(), (Strings{"str1 is null", "str2 is null",
-                                     "str1[2]('c') != str2[2]('d'), str1(3): abc, str2(3): abd"}));
 }
 
 }  // namespace
