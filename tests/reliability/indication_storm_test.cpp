@@ -163,7 +163,7 @@ class IndicationStorm : public StateDirectoryTest, public ::testing::WithParamIn
     silent = false;
     if (moment == kAfterTimeOut || moment == kAtRelease) send(id, times);
     const auto arrived = [&] {
-      return client.logs ? log.messages_from(client.logs).size() : arriving.load();
+      return client.logs ? log.count_from(client.logs) : arriving.load();
     };
     const bool released = moment == kAtRelease && client.release != nullptr;
     if (released) client.release();

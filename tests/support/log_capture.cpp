@@ -1,12 +1,11 @@
 #include "tests/support/log_capture.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdarg>
 #include <cstdio>
-#include <memory>
 #include <stdexcept>
 
 namespace kiv::test {
@@ -29,34 +28,15 @@ Captures& captures() {
   return all;
 }
 
-// Cuts "[...]" off the front of `line`; false, and `line` unchanged, when it does not begin so.
-bool cut_brackets(std::string_view& line, std::string_view& inside) {
-  const size_t end = line.find(']');
-  if (!line.starts_with('[') || end == std::string_view::npos) return false;
-  inside = line.substr(1, end - 1);
-  line.remove_prefix(end + 1);
-  return true;
-}
-
-bool is_place(std::string_view inside) {
-  const size_t colon = inside.rfind(':');
-  return colon != std::string_view::npos && colon > 0 && colon + 1 < inside.size() &&
-         std::all_of(inside.begin() + static_cast<std::ptrdiff_t>(colon) + 1, inside.end(),
-                     [](unsigned char c) { return std::isdigit(c) != 0; });
-}
-
 }  // namespace
 
 std::string_view message_of(std::string_view line) {
-  std::string_view rest = line;
-  if (rest.starts_with("SUB") || rest.starts_with("RIL")) rest.remove_prefix(3);
-  std::string_view inside;
-  if (!cut_brackets(rest, inside)) return line;
-  if (!is_place(inside) && !(cut_brackets(rest, inside) && is_place(inside))) return line;
-  const size_t colon = rest.find(": ");
-  if (!rest.starts_with(' ') || colon == std::string_view::npos || colon == 1) return line;
-  if (rest.find(' ', 1) != colon + 1) return line;
-  return rest.substr(colon + 2);
+  const size_t place_end = line.find("] ");
+  const size_t name_end = line.find(": ", place_end);
+  const bool has_prefix =
+      line.starts_with('[') || line.starts_with("SUB[") || line.starts_with("RIL[");
+  if (!has_prefix || name_end == std::string_view::npos) return line;
+  return line.find(' ', place_end + 2) == name_end + 1 ? line.substr(name_end + 2) : line;
 }
 
 LogCapture::LogCapture() {
@@ -81,15 +61,12 @@ std::vector<std::string> LogCapture::messages() const {
   return messages;
 }
 
-std::vector<std::string> LogCapture::messages_from(std::string_view place) const {
+size_t LogCapture::count_from(std::string_view place) const {
   const std::lock_guard lock(mutex_);
-  std::vector<std::string> messages;
-  for (const LogLine& line : lines_) {
-    const std::string_view message = message_of(line.text);
-    const std::string_view prefix(line.text.data(), line.text.size() - message.size());
-    if (prefix.find(place) != std::string_view::npos) messages.emplace_back(message);
-  }
-  return messages;
+  return static_cast<size_t>(
+      std::count_if(lines_.begin(), lines_.end(), [place](const LogLine& line) {
+        return line.text.find(place) < line.text.size() - message_of(line.text).size();
+      }));
 }
 
 size_t LogCapture::count(std::string_view message) const {
@@ -125,24 +102,21 @@ void captured_vsyslog(int priority, const char* format, va_list arguments) {
 
 std::string captured_stdout(const std::function<void()>& run) {
   constexpr size_t kMost = size_t{16} << 20;
-  const std::unique_ptr<FILE, int (*)(FILE*)> file(tmpfile(), fclose);
+  const int file = memfd_create("output", MFD_CLOEXEC);
   const int terminal = dup(STDOUT_FILENO);
-  if (!file || terminal < 0) throw std::runtime_error("standard output cannot be captured");
-  fflush(stdout);
-  dup2(fileno(file.get()), STDOUT_FILENO);
-  const auto restore = [terminal](const void*) {
+  const auto put_in_place = [](int output) {
     fflush(stdout);
-    dup2(terminal, STDOUT_FILENO);
-    close(terminal);
+    dup2(output, STDOUT_FILENO);
   };
-  {
-    const std::unique_ptr<const void, decltype(restore)> restorer(&terminal, restore);
-    run();
-  }
-  fseek(file.get(), 0, SEEK_END);
-  std::string text(std::min(static_cast<size_t>(ftell(file.get())), kMost), '\0');
-  rewind(file.get());
-  text.resize(fread(text.data(), 1, text.size(), file.get()));
+  put_in_place(file);
+  run();
+  put_in_place(terminal);
+  std::string text(std::min(static_cast<size_t>(lseek(file, 0, SEEK_END)), kMost), '\0');
+  const ssize_t length = pread(file, text.data(), text.size(), 0);
+  close(terminal);
+  close(file);
+  if (length < 0) throw std::runtime_error("standard output cannot be captured");
+  text.resize(static_cast<size_t>(length));
   return text;
 }
 

@@ -32,10 +32,10 @@ class LogCapture {
   std::vector<LogLine> lines() const;
   // The lines without their prefixes.
   std::vector<std::string> messages() const;
-  // The same of the lines alone whose prefix has `place` in it, a file or a function.
-  std::vector<std::string> messages_from(std::string_view place) const;
   // The number of lines whose whole message is `message`.
   size_t count(std::string_view message) const;
+  // The number of lines whose prefix has `place` in it, a file or a function.
+  size_t count_from(std::string_view place) const;
   void clear();
 
  private:
