@@ -80,18 +80,6 @@ TEST_F(KivTest, RunsOnOneStateDirectoryFollowEachOther) {
   EXPECT_EQ(read_state_file_text("properties"), kQuiet + "persist.radio.all_pdc_no_rsp_count=2\n");
 }
 
-TEST_F(KivTest, TheEsimTestPrintsItsResultAlone) {
-  write_state_file_text("properties", kQuiet);
-  for (const auto& [number, line] : std::vector<std::pair<std::string, std::string>>{
-           {"1", "eID=89001017000000000000000000000163\n"},
-           {"2", "value=SUCCEED\n"},
-           {"4", "PRESENT,PRESENT\n"},
-           {"5", "value=SUCCEED\n"},
-           {"6", "value=FAILED\n"}}) {
-    expect_run({"5", "10", number, "0"}, line);
-  }
-}
-
 TEST_F(KivTest, AWrongLineOfModemConfIsNamedAndTheRestCounts) {
   write_state_file_text("properties", kQuiet);
   write_state_file_text("modem.conf",

@@ -1,23 +1,12 @@
-// What command lines send, byte by byte, and what comes back that no modem of this project says:
-// the transcripts show everything else of a run.
-#include <fcntl.h>
+// What command lines send, byte by byte: the transcripts show everything else of a run.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <termios.h>
-#include <unistd.h>
 
-#include <climits>
 #include <cstring>
 #include <utility>
 
 #include "nas_idl.h"
 #include "platform/modem/uim_service.h"
 #include "tervik_extend_cmn.h"
-#include "tervik_kiv_at_cmd.h"
-#include "tervik_kiv_smart_test.h"
-#include "tervik_kiv_test_cmn.h"
 #include "tervik_kiv_test_main.h"
 #include "tests/qmi/extension_client_fixture.h"
 
@@ -127,21 +116,6 @@ TEST_F(Requests, CommandLinesAreSentInTheirBytes) {
   }
 }
 
-TEST_F(Requests, HexadecimalNumbersSaturateAndWrapAndHaveAtMost50Digits) {
-  const std::string zeros(48, '0');
-  const std::pair<std::string, int> rows[] = {
-      {"0x", 0},
-      {"0xG1", 1},
-      {"0x80000000", INT_MAX},  // each digit's share is cut, and the sum of the shares wraps
-      {"0xFFFFFFFF", INT_MIN + 0x0FFFFFFE},
-      {"0x123456789A", 0x34567898},
-      {"0x" + zeros + "7f", 0x7F},
-      {"0x1" + zeros + "7f", 0}};
-  for (const auto& [text, number] : rows) {
-    EXPECT_EQ(tervik_string_to_int(text.c_str()), number) << text;
-  }
-}
-
 // ---- other services ----
 
 TEST_F(Requests, ScansAreSentEmptyAndAwaitedForTenSeconds) {
@@ -184,124 +158,6 @@ TEST_F(Requests, AResetOfTheEuiccClosesItsChannelWhenItsAnswerIsGood) {
     EXPECT_EQ(sent[1].first, 0x3B);
   }
   uim_qmi_client_recovery();
-}
-
-// ---- devices and files ----
-
-size_t open_descriptors() {
-  const std::filesystem::directory_iterator all("/proc/self/fd");
-  return static_cast<size_t>(std::distance(begin(all), end(all)));
-}
-
-// An AT channel whose modem's side is in the test's hands: a pseudo terminal that passes every
-// byte as it is.
-class AtChannel : public Requests {
- protected:
-  void SetUp() override {
-    Requests::SetUp();
-    tervik_hal_set_shell_print_mask(LOG_CLASS_ERROR | LOG_CLASS_NOTICE);
-    modem_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_EQ(grantpt(modem_) | unlockpt(modem_), 0);
-    channel_path_ = ptsname(modem_);
-    channel_ = open(channel_path_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    termios settings{};
-    ASSERT_EQ(tcgetattr(channel_, &settings), 0);
-    cfmakeraw(&settings);
-    ASSERT_EQ(tcsetattr(channel_, TCSANOW, &settings), 0);
-    g_at_device_path = channel_path_.c_str();
-    open_before_ = open_descriptors();
-  }
-  void TearDown() override {
-    EXPECT_EQ(open_descriptors(), open_before_);
-    g_at_device_path = real_path_;
-    for (const int descriptor : {modem_, channel_}) close(descriptor);
-    Requests::TearDown();
-  }
-
-  // Runs the command with the modem's answer waiting already.
-  std::string send(std::string text, const std::string& answer) {
-    tcflush(channel_, TCIFLUSH);
-    EXPECT_EQ(write(modem_, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
-    char tool[] = "kiv";
-    char category[] = "8";
-    char* argv[] = {tool, category, text.data(), nullptr};
-    return captured_stdout([&] { tervik_kiv_test_main(3, argv); });
-  }
-  // What has arrived at the modem.
-  std::string received() const {
-    char bytes[1024];
-    pollfd waiting{.fd = modem_, .events = POLLIN, .revents = 0};
-    if (poll(&waiting, 1, 0) != 1) return "";
-    return {bytes, static_cast<size_t>(std::max<ssize_t>(read(modem_, bytes, sizeof bytes), 0))};
-  }
-
-  int modem_ = -1;
-  int channel_ = -1;
-  std::string channel_path_;
-  size_t open_before_ = 0;
-
- private:
-  const char* const real_path_ = g_at_device_path;
-};
-
-TEST_F(AtChannel, DeviceGetsTheTextAsTyped) {
-  const std::string made = state_dir() + "/made";
-  write_state_file_text("any", "");  // the folder
-  for (const std::string& text :
-       {std::string(R"(AT+CPIN="1234")"), "$(>" + made + ")`>" + made + "`", "\";>" + made + ";\"",
-        std::string(R"(AT\n\\t\c\"\$HOME\)"), std::string("-n"), std::string("AT*?~#!&|;'<%s%n"),
-        std::string(100, '\\'), std::string()}) {
-    send(text, "OK");
-    EXPECT_EQ(received(), text + "\r\n");
-  }
-  EXPECT_FALSE(std::filesystem::exists(made));
-}
-
-TEST_F(AtChannel, AnswersOfAnyKindEndTheCommand) {
-  const std::string lots(600, 'x');
-  for (const auto& [answer, shown] :
-       {std::pair<std::string, std::string>{"%s%n", "len(4)\n*%s%n\n"},
-        {lots, "len(511)\n*" + lots.substr(0, 511) + "\n"},
-        {std::string("OK\0no", 5), "len(5)\n*OK\n"}}) {
-    std::string printed = send("AT", answer);
-    const size_t begin = printed.find("reponse: ");
-    ASSERT_NE(begin, std::string::npos);
-    printed = std::regex_replace(printed.substr(begin + 9), std::regex("RIL.* tervik.*?: "), "*");
-    EXPECT_TRUE(printed.starts_with(shown)) << printed;
-    EXPECT_EQ(received(), "AT\r\n");
-  }
-}
-
-// A pipe without a reader stands for whatever holds the shell up for ever: a device that waits for
-// a carrier, or has room for a part of the bytes.
-TEST_F(AtChannel, AShellThatIsHeldUpEndsAtItsLimit) {
-  const std::string pipe = state_dir() + "/pipe";
-  write_state_file_text("any", "");  // the folder
-  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  g_at_device_path = pipe.c_str();
-  const int usual_limit = std::exchange(g_at_shell_limit_ms, 50);
-  const std::string printed = send("AT", "");
-  g_at_shell_limit_ms = usual_limit;
-  EXPECT_NE(printed.find("echo, ret_sys: 14\n"), std::string::npos) << printed;  // SIGALRM
-  EXPECT_NE(printed.find("Fail to send at shell cmd"), std::string::npos);
-}
-
-TEST_F(Requests, SharedMemoryIsSetToItsSizeAndNothingStaysOpen) {
-  write_state_file_text("long", std::string(300, 'A'));
-  const std::string path = state_dir() + "/long";
-  const std::string pipe = state_dir() + "/pipe";
-  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  const char* const real_path = g_share_memory_file_path;
-  const size_t open_before = open_descriptors();
-  for (const std::string& each : {path, pipe}) {
-    g_share_memory_file_path = each.c_str();
-    const LogCapture log;
-    run("11 7");
-    EXPECT_EQ(log.count("ftruncate error"), each == pipe ? 1u : 0u);
-    EXPECT_EQ(open_descriptors(), open_before);
-  }
-  g_share_memory_file_path = real_path;
-  EXPECT_EQ(std::filesystem::file_size(path), 100u);
 }
 
 }  // namespace

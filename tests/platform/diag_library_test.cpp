@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 
 #include "tests/platform/callback_record.h"
 #include "tests/support/state_directory_fixture.h"
@@ -86,19 +85,6 @@ TEST_F(DiagLibraryTest, TheLastCloseAndAReleaseWaitForTheirCallbackAlone) {
   EXPECT_EQ(of_kept.received(), Received{{1}});
   ASSERT_TRUE(Diag_LSM_Init(nullptr));
   EXPECT_NE(send_dci(kept, of_kept), DIAG_DCI_NO_ERROR) << "a client of an earlier connection";
-}
-
-TEST_F(DiagLibraryTest, BadArgumentsAndFailuresAreTold) {
-  EXPECT_NE(send(), 0);
-  EXPECT_EQ(errno, ENOTCONN);
-  fail_next_pthread_create();
-  EXPECT_FALSE(Diag_LSM_Init(nullptr));
-  EXPECT_FALSE(Diag_LSM_DeInit());
-  ASSERT_TRUE(Diag_LSM_Init(nullptr));
-  const int client = new_client();
-  Packets packets;
-  EXPECT_NE(send_dci(client + 1, packets), DIAG_DCI_NO_ERROR);
-  EXPECT_NE(send_dci(client, packets, 0), DIAG_DCI_NO_ERROR) << "no buffer";
 }
 
 }  // namespace

@@ -110,34 +110,6 @@ TEST_F(QmiClientTest, NoReplyOfAServiceIsASuccessUnlessItSaysSo) {
   release(client);
 }
 
-TEST_F(QmiClientTest, WaitsForAServiceEndWithItsArrivalOrTheirTime) {
-  qmi_client_os_params signal;
-  qmi_client_type client = nullptr;
-  ASSERT_EQ(qmi_client_notifier_init(&kIdl, &signal, &client), QMI_NO_ERR);
-  const auto wait = [&] { return time_of([&] { qmi_cci_os_signal_wait(&signal, 1000); }); };
-  EXPECT_EQ(wait(), 1000ms);
-  publish();
-  EXPECT_EQ(wait(), 0ms) << "an arrival before the wait counts";
-  EXPECT_EQ(wait(), 1000ms) << "an arrival counted twice";
-  auto publisher = later(400, publish);
-  EXPECT_EQ(wait(), 400ms);
-  release(client);
-  const auto open_time = [&](unsigned int limit_ms, uint32_t instance, int result) {
-    return time_of([&] {
-      EXPECT_EQ(
-          qmi_client_init_instance(&kIdl, instance, nullptr, nullptr, nullptr, limit_ms, &client),
-          result);
-    });
-  };
-  EXPECT_EQ(open_time(1000, 2, QMI_TIMEOUT_ERR), 1000ms);
-  withdraw_service(kServiceId);
-  EXPECT_EQ(open_time(0, 1, QMI_TIMEOUT_ERR), 0ms);
-  const auto other = later(300, [] { publish_service(kServiceId + 1, nullptr); });
-  publisher = later(700, publish);
-  EXPECT_EQ(open_time(1000, 1, QMI_NO_ERR), 700ms);
-  release(client);
-}
-
 TEST_F(QmiClientTest, LossOfServiceOrClientEndsAWaitingRequestAtOnce) {
   const std::function<void(qmi_client_type)> losses[] = {
       [](auto) { withdraw_service(kServiceId); },

@@ -51,7 +51,12 @@ void call_text() {
         tervik_get_hex_str(out, 16, nullptr, 1)});
   show({tervik_str_cmp(nullptr, nullptr), tervik_str_cmp("a", nullptr),
         tervik_str_cmp("abc", "abd"), tervik_str_cmp("abc", "ab"), tervik_str_cmp("a", "a")});
-  show({tervik_string_to_int(nullptr), tervik_hex_string_to_int(nullptr)});
+  // Of a long number each digit's share is cut, and the sum of the shares wraps.
+  const std::string zeros(48, '0');
+  show({tervik_string_to_int(nullptr), tervik_hex_string_to_int(nullptr),
+        tervik_string_to_int("0x"), tervik_string_to_int("0xG1"),
+        tervik_string_to_int("0x80000000"), tervik_string_to_int("0xFFFFFFFF"),
+        tervik_string_to_int("0x123456789A"), tervik_string_to_int(("0x" + zeros + "7f").c_str())});
 }
 
 void call_process() {

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 #include <sys/select.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -22,6 +23,7 @@
 #include "platform/modem/uim_service.h"
 #include "platform/qmi/service_bus.h"
 #include "tervik_kiv_at_cmd.h"
+#include "tervik_kiv_smart_test.h"
 #include "tests/support/extension_stub.h"
 #include "tests/support/virtual_time.h"
 
@@ -143,6 +145,12 @@ void at_channel_is_full_at_first() {
   start(drain_and_answer);
 }
 
+void at_channel_answers_at_length() {
+  open_at_channel();
+  const std::string answer = std::string("%s%n\0", 5) + std::string(595, 'x');
+  if (write(g_modem, answer.data(), answer.size()) != 600) abort();
+}
+
 void at_shell_is_bash() {
   at_channel_echoes();
   g_at_shell_path = "/bin/bash";
@@ -150,6 +158,15 @@ void at_shell_is_bash() {
 
 void at_channel_is_a_file() {
   std::ofstream(g_at_device_path).put('x');
+}
+
+void at_channel_is_a_pipe() {
+  mkfifo(g_at_device_path, 0600);
+  g_at_shell_limit_ms = 50;
+}
+
+void share_memory_is_a_pipe() {
+  mkfifo(g_share_memory_file_path, 0600);
 }
 
 void all_is_silent() {

@@ -5,12 +5,18 @@
 namespace kiv::test {
 
 // The AT channel: one that says nothing, one that answers a command with the command itself, one
-// that takes the command after 2 s and answers after 2 more, one written by bash, an ordinary file.
+// that takes the command after 2 s and answers after 2 more, one that has answered with 600 bytes,
+// one written by bash, an ordinary file, a pipe without a reader.
 void at_channel_silent();
 void at_channel_echoes();
 void at_channel_is_full_at_first();
+void at_channel_answers_at_length();
 void at_shell_is_bash();
 void at_channel_is_a_file();
+void at_channel_is_a_pipe();
+
+// The shared memory is a pipe.
+void share_memory_is_a_pipe();
 
 // The AT channel says nothing, and the PDC service drops every request (the "silent" one of
 // modem.conf drops indications alone).

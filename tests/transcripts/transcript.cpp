@@ -224,7 +224,7 @@ Strings arguments_of(const std::string& line) {
   argv.push_back(nullptr);
   static const std::string channel = folder + "/at";
   g_at_device_path = channel.c_str();
-  static const std::string share_memory = folder + "/share_memory";
+  static const std::string share_memory = folder + "/state/share_memory";
   g_share_memory_file_path = share_memory.c_str();
   if (kRecords) {
     g_recorder = new Recorder;
@@ -234,10 +234,16 @@ Strings arguments_of(const std::string& line) {
   }
   if (scenario.line == nullptr) tervik_modem_check_odm_white_list();
   if (scenario.scene != nullptr) scenario.scene();
+  const auto open_descriptors = [] {
+    const fs::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+  };
+  const auto open_before = open_descriptors();
   int status = 0;
   if (scenario.line != nullptr) {
     status = tervik_kiv_test_main(static_cast<int>(copies.size()), argv.data());
   }
+  if (open_descriptors() != open_before) puts("descriptors stay open");
   if (kRecords) g_recorder->finish(result);
   _exit(status);
 }
