@@ -1,151 +1,67 @@
 #include "tests/e2e/program_runner.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <chrono>
 #include <cstdlib>
 #include <stdexcept>
-#include <string_view>
-#include <utility>
 
 namespace kiv::test {
 namespace {
 
-constexpr std::chrono::seconds kPatience(20);
-constexpr size_t kMostOutput = size_t{16} << 20;
+constexpr unsigned kPatienceS = 20;
+constexpr rlimit kMostOutput{size_t{16} << 20, size_t{16} << 20};
 
-// The reading and the writing end of a pipe, closed on exec and at the end of the scope.
-struct Pipe {
-  Pipe() {
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-  }
-  ~Pipe() {
-    for (size_t end : {0u, 1u}) close_end(end);
-  }
-  Pipe(const Pipe&) = delete;
-  Pipe& operator=(const Pipe&) = delete;
-
-  void close_end(size_t end) {
-    if (ends[end] >= 0) close(ends[end]);
-    ends[end] = -1;
-  }
-
-  std::array<int, 2> ends{-1, -1};
-};
-
-std::string_view name_of(std::string_view variable) {
-  return variable.substr(0, variable.find('='));
-}
-
-std::vector<std::string> merged_environment(const std::vector<std::string>& changes) {
-  std::vector<std::string> merged = changes;
-  for (char** variable = environ; *variable != nullptr; ++variable) {
-    const bool replaced = std::any_of(changes.begin(), changes.end(), [&](const auto& change) {
-      return name_of(change) == name_of(*variable);
-    });
-    if (!replaced) merged.emplace_back(*variable);
-  }
-  return merged;
-}
-
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> all;
-  for (std::string& text : texts) all.push_back(text.data());
-  all.push_back(nullptr);
-  return all;
-}
-
-// The program's path and its argv. With KIV_EMULATOR the program is one of another processor: the
-// emulator (a path) gets the name to run it under, then the program.
-std::pair<std::string, std::vector<std::string>> invocation(
-    const std::string& program, const std::vector<std::string>& arguments) {
-  std::vector<std::string> command{"kiv"};
+// The child's side. With KIV_EMULATOR the program is one of another processor: the emulator (a
+// path) gets the name to run it under, then the program.
+[[noreturn]] void become(const std::string& path, std::vector<std::string> command,
+                         std::vector<std::string> environment, int out, int err) {
+  for (std::string& variable : environment) putenv(variable.data());
   const char* const emulator = getenv("KIV_EMULATOR");
-  if (emulator != nullptr) command = {emulator, "-0", "kiv", program};
-  command.insert(command.end(), arguments.begin(), arguments.end());
-  return {emulator != nullptr ? emulator : program, std::move(command)};
-}
-
-// -1 when the program cannot be started.
-pid_t spawn(const std::string& path, std::vector<std::string> command,
-            std::vector<std::string> environment, int out, int err) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
-  pid_t pid = -1;
-  const int result = posix_spawn(&pid, path.c_str(), &actions, nullptr, pointers(command).data(),
-                                 pointers(environment).data());
-  posix_spawn_file_actions_destroy(&actions);
-  return result == 0 ? pid : -1;
-}
-
-// Appends what is there to read; closes the end when nothing will come any more.
-void drain(Pipe& pipe, std::string& text) {
-  std::array<char, 65536> buffer;
-  const ssize_t length = read(pipe.ends[0], buffer.data(), buffer.size());
-  if (length <= 0 || text.size() > kMostOutput) {
-    pipe.close_end(0);
-  } else {
-    text.append(buffer.data(), static_cast<size_t>(length));
+  command.insert(command.begin(), "kiv");
+  if (emulator != nullptr) {
+    command.insert(command.begin() + 1, path);
+    command.insert(command.begin(), {emulator, "-0"});
   }
+  std::vector<char*> argv;
+  for (std::string& word : command) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+  dup2(out, STDOUT_FILENO);
+  dup2(err, STDERR_FILENO);
+  setrlimit(RLIMIT_FSIZE, &kMostOutput);
+  alarm(kPatienceS);
+  execv(emulator != nullptr ? emulator : path.c_str(), argv.data());
+  _exit(127);
 }
 
-using Deadline = std::chrono::steady_clock::time_point;
-
-// Reads both pipes to their ends; false when the deadline comes first.
-bool collect(Pipe& out, Pipe& err, Deadline deadline, ProgramRun& run) {
-  while (out.ends[0] >= 0 || err.ends[0] >= 0) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return false;
-    std::array<pollfd, 2> ends{{{out.ends[0], POLLIN, 0}, {err.ends[0], POLLIN, 0}}};
-    if (poll(ends.data(), ends.size(), static_cast<int>(left.count())) <= 0) continue;
-    if (ends[0].revents != 0) drain(out, run.standard_output);
-    if (ends[1].revents != 0) drain(err, run.standard_error);
-  }
-  return true;
-}
-
-// Waits for the end of the process; false when the deadline comes first.
-bool reap(pid_t pid, Deadline deadline, int& status) {
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    usleep(1000);
-  }
-  return true;
+std::string content_of(int file) {
+  std::string text(static_cast<size_t>(std::max<off_t>(lseek(file, 0, SEEK_END), 0)), '\0');
+  if (pread(file, text.data(), text.size(), 0) < 0) throw std::runtime_error("no output");
+  close(file);
+  return text;
 }
 
 }  // namespace
 
 ProgramRun run_program(const std::string& path, const std::vector<std::string>& arguments,
                        const std::vector<std::string>& environment) {
-  auto [program, command] = invocation(path, arguments);
-  Pipe out;
-  Pipe err;
+  const int out = memfd_create("out", MFD_CLOEXEC);
+  const int err = memfd_create("err", MFD_CLOEXEC);
   ProgramRun run;
-  run.pid =
-      spawn(program, std::move(command), merged_environment(environment), out.ends[1], err.ends[1]);
-  if (run.pid < 0) throw std::runtime_error("cannot start " + path);
-  out.close_end(1);
-  err.close_end(1);
-  const Deadline deadline = std::chrono::steady_clock::now() + kPatience;
+  run.pid = fork();
+  if (run.pid == 0) become(path, arguments, environment, out, err);
   int status = 0;
-  run.timed_out = !collect(out, err, deadline, run) || !reap(run.pid, deadline, status);
-  if (run.timed_out) {
-    kill(run.pid, SIGKILL);
-    waitpid(run.pid, &status, 0);
-  }
+  waitpid(run.pid, &status, 0);
   if (WIFEXITED(status)) run.exit_status = WEXITSTATUS(status);
   if (WIFSIGNALED(status)) run.signal = WTERMSIG(status);
+  run.standard_output = content_of(out);
+  run.standard_error = content_of(err);
   return run;
 }
 

@@ -1,5 +1,5 @@
 // Runs a program to its end and collects what it printed. A program that does not end in 20 s is
-// killed. Called by the test's thread.
+// ended by SIGALRM, one that prints more than 16 MiB by SIGXFSZ. Called by the test's thread.
 #pragma once
 
 #include <sys/types.h>
@@ -11,7 +11,6 @@ namespace kiv::test {
 
 struct ProgramRun {
   pid_t pid = -1;
-  bool timed_out = false;
   int exit_status = -1;  // -1 when it did not exit by itself
   int signal = 0;        // that ended it, 0 when it exited
   std::string standard_output;

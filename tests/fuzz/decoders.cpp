@@ -174,83 +174,81 @@ std::vector<std::string> stats_commands() {
 // In the order of the fields.
 Decoder row(const char* name, Inlet inlet, std::vector<MessageKey> keys,
             std::vector<std::string> commands, std::vector<CountField> fields = {},
-            size_t data_offset = kNoData, void (*function)(ByteView) = nullptr,
-            std::vector<Bytes> samples = {}, std::vector<std::string> prepare = {}) {
-  return {name, inlet, keys, commands, fields, data_offset, function, samples, prepare};
+            void (*function)(ByteView) = nullptr, std::vector<Bytes> samples = {},
+            std::vector<std::string> prepare = {}) {
+  return {name, inlet, keys, commands, fields, function, samples, prepare};
 }
 
 std::vector<Decoder> make_decoders() {
   return {
       // The message descriptions of the tool's own services.
-      row("extension_idl", kFunction, {}, {}, {}, kNoData, check_codec<kExtension>,
-          messages_of(kExtension)),
-      row("vs_idl", kFunction, {}, {}, {}, kNoData, check_codec<kVs>, messages_of(kVs)),
+      row("extension_idl", kFunction, {}, {}, {}, check_codec<kExtension>, messages_of(kExtension)),
+      row("vs_idl", kFunction, {}, {}, {}, check_codec<kVs>, messages_of(kVs)),
 
       // The extension service.
       row("extension_response", kResponse, extension({nv_efs(1), common_request(20)}),
           {"4 1 0 550", "7 1 1"}),
-      row("extension_indication", kIndication, extension({nv_efs(1)}), {"4 1 0 550"}, {}, kNoData,
-          nullptr, indications_of(kExtension)),
-      row("nv_read", kPayload, extension({nv_efs(1)}), {"4 1 0 550"}, {{4, 4, 424}}, 20),
+      row("extension_indication", kIndication, extension({nv_efs(1)}), {"4 1 0 550"}, {}, nullptr,
+          indications_of(kExtension)),
+      row("nv_read", kPayload, extension({nv_efs(1)}), {"4 1 0 550"}, {{4, 4, 424}}),
       row("efs_read", kPayload, extension({nv_efs(4)}), {"4 4 0 /f", "3 1", "3 4"},
-          {{4, 4, 102410}, {8, 4, 424}}, 20, nullptr, {},
+          {{4, 4, 102410}, {8, 4, 424}}, nullptr, {},
           {"4 5 0 /f 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24 25 26 27 28 29 30"}),
       row("nvefs_change", kPayload, extension({nv_efs(2), nv_efs(3), nv_efs(5), nv_efs(6)}),
           {"4 2 0 550 1", "4 3 0 550", "4 5 0 /f 1 2", "4 6 0 /f", "3 2", "3 5"}, {{2, 2, 254}}),
-      row("nv_item", kPayload, extension({nv_item()}), {}, {{16, 4, 412}}, kNoData, read_nv_item),
+      row("nv_item", kPayload, extension({nv_item()}), {}, {{16, 4, 412}}, read_nv_item),
       row("common_message", kPayload,
           extension({common_message(39), common_message(55), common_message(56), common_message(57),
                      common_message(80)}),
-          {"5 1", "5 2 0", "5 3 0 1 1", "5 4", "5 6 1 1 1 1"}, {{12, 4, 491}}, 16),
-      row("modem_test", kPayload, extension({common_message(73)}), {"11 11 5"}, {{12, 4, 491}}, 16),
+          {"5 1", "5 2 0", "5 3 0 1 1", "5 4", "5 6 1 1 1 1"}, {{12, 4, 491}}),
+      row("modem_test", kPayload, extension({common_message(73)}), {"11 11 5"}, {{12, 4, 491}}),
       row("modem_control", kPayload,
-          extension({common_message(31), common_message(35), common_message(99)}), {}, {}, kNoData,
+          extension({common_message(31), common_message(35), common_message(99)}), {}, {},
           restart_modem),
       row("stats_debug_block", kPayload, extension({common_request(20)}), {"7 1 0", "7 1 1"},
           {{8, 1, 4}}),
       row("stats_log_ids", kPayload, extension({common_request(27)}), {"7 1 0"}, {{8, 2, 249}}),
       row("rf_setting", kPayload, extension({common_request(0), common_request(1)}),
           {"3 0 1 2", "3 3 0 4 1"}),
-      row("raw_request", kPayload, extension({common_request(20)}), {"6 4 20"}, {}, 0),
+      row("raw_request", kPayload, extension({common_request(20)}), {"6 4 20"}, {}),
 
       // The platform's services.
       row("uim_sim_type", kResponse, messages(kUim, {0x7A}), {"5 10 2 1"}),
-      row("uim_eid", kResponse, messages(kUim, {0x65}), {"5 10 3 1"}, {{8, 1, 1}, {12, 4, 16}},
-          kNoData),
+      row("uim_eid", kResponse, messages(kUim, {0x65}), {"5 10 3 1"}, {{8, 1, 1}, {12, 4, 16}}),
       row("uim_card_status", kResponse, messages(kUim, {0x2F}), {"5 10 4 1"},
           {{1306, 1, 1}, {1340, 4, 7}, {1344, 4, 2}}),
       row("uim_open_channel", kResponse, messages(kUim, {0x42}), {"5 10 5 1"}, {{8, 1, 1}}),
-      row("uim_close_channel", kResponse, messages(kUim, {0x3F}), {}, {}, kNoData, close_channel),
+      row("uim_close_channel", kResponse, messages(kUim, {0x3F}), {}, {}, close_channel),
       row("uim_apdu", kResponse, messages(kUim, {0x3B}), {"5 10 5 1"}, {{8, 1, 1}, {12, 4, 1024}}),
       row("sar", kResponse, messages(kSar, {1, 2}), {"5 7 3", "5 5"}, {{8, 1, 1}, {12, 4, 20}}),
       row("nas", kResponse, messages(kNas, {0x21, 0x85}), {"12 0", "12 1"}),
       row("pdc_response", kResponse, messages(kPdc, {0x22, 0x23, 0x27, 0x2B}), {"10 1 1", "10 0 3"},
-          {}, kNoData, activate_config),
+          {}, activate_config),
       row("pdc_indication", kIndication, messages(kPdc, {kAny}), {"10 1 1"},
-          {{6, 1, 1}, {10, 4, 124}, {138, 1, 1}, {142, 4, 124}}, kNoData, activate_config,
+          {{6, 1, 1}, {10, 4, 124}, {138, 1, 1}, {142, 4, 124}}, activate_config,
           indications_of(kPdc)),
 
       // The statistics service.
       row("vs_response", kResponse, messages(kVs, {0x0003, 0x0207}), {"9 0 0", "9 7 1"}),
-      row("vs_indication", kIndication, messages(kVs, {0x0003}), {"9 0 0"}, {}, kNoData, nullptr,
+      row("vs_indication", kIndication, messages(kVs, {0x0003}), {"9 0 0"}, {}, nullptr,
           indications_of(kVs)),
       row("vs_blob", kStatsBlob, messages(kVs, {0x0207}), stats_commands()),
 
       // DIAG.
-      row("diag_callback", kDiag, {}, {"5 0 0 0 10000 1"}, {}, 0),
-      row("diag_dci", kDiag, {}, {"5 0 1 0 10000 1"}, {}, 0),
-      row("diag_without_result", kDiag, {}, {}, {}, kNoData, send_diag_without_result),
+      row("diag_callback", kDiag, {}, {"5 0 0 0 10000 1"}, {}),
+      row("diag_dci", kDiag, {}, {"5 0 1 0 10000 1"}, {}),
+      row("diag_without_result", kDiag, {}, {}, {}, send_diag_without_result),
 
       // Texts.
-      row("command_line", kFunction, {}, {}, {}, kNoData, run_lines,
+      row("command_line", kFunction, {}, {}, {}, run_lines,
           {text("4\n1\n0\n550"), text("4\n5\n0\n/f\n1\n2"), text("5\n0\n0\n0\n100\n75"),
            text("6\n4\n0x14"), text("3\n0\n1\n-2"), text("5\n10\n1\n1"), text("7\n0\n1"),
            text("8\nAT$\"`\\"), text("9\n31\n2"), text("10\n1\n3"), text("11\n4\n1"),
            text("12\n0")}),
-      row("modem_conf", kFunction, {}, {}, {}, kNoData, read_modem_conf,
+      row("modem_conf", kFunction, {}, {}, {}, read_modem_conf,
           {text("fault.uim = result:3\neid = none\nstats.0x52.0 = 01 02 # blob\n"),
            text("vs.indication.203 = 0102\nstats.log_ids = 0x1100, 7\npdc.ind = late\n")}),
-      row("property_file", kFunction, {}, {}, {}, kNoData, read_properties,
+      row("property_file", kFunction, {}, {}, {}, read_properties,
           {text("persist.radio.default_data_sub=1\r\ndebug.device.x=7\n\n=\n"),
            text("persist.radio.all_pdc_no_rsp_count=3\n")}),
   };

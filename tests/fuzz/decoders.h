@@ -51,15 +51,12 @@ struct CountField {
   uint64_t max = 0;
 };
 
-inline constexpr size_t kNoData = SIZE_MAX;
-
 struct Decoder {
   std::string name;
   Inlet inlet = Inlet::kFunction;
   std::vector<MessageKey> messages{};    // that it answers or, for indications, comes before
   std::vector<std::string> commands{};   // of the tool, that take the bytes in
   std::vector<CountField> fields{};      // besides those of TLVs
-  size_t data_offset = kNoData;          // where that begins which the product prints in hex
   void (*function)(ByteView) = nullptr;  // called with the bytes after the commands
   std::vector<Bytes> samples{};          // seeds that no healthy run brings
   std::vector<std::string> prepare{};    // commands before the healthy run
