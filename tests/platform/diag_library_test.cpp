@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include "tests/platform/callback_record.h"
 #include "tests/support/state_directory_fixture.h"
 
@@ -25,11 +24,6 @@ int store_response(unsigned char* packet, int len, void* context) {
   return 0;
 }
 
-int send() {
-  uint8_t command = 1;
-  return diag_callback_send_data(0, &command, 1);
-}
-
 int new_client() {
   int id = -1;
   uint16_t list = DIAG_CON_MPSS;
@@ -38,11 +32,10 @@ int new_client() {
   return id;
 }
 
-int send_dci(int client, Packets& packets, int buffer_size = 100) {
+int send_dci(int client, Packets& packets) {
   uint8_t command = 1;
   static uint8_t buffer[100];
-  return diag_send_dci_async_req(client, &command, 1, buffer, buffer_size, store_dci_response,
-                                 &packets);
+  return diag_send_dci_async_req(client, &command, 1, buffer, 100, store_dci_response, &packets);
 }
 
 class DiagLibraryTest : public StateDirectoryTest {
@@ -67,7 +60,8 @@ TEST_F(DiagLibraryTest, TheLastCloseAndAReleaseWaitForTheirCallbackAlone) {
   auto& [released, kept, idle] = clients;
   ASSERT_EQ(send_dci(kept, of_kept), DIAG_DCI_NO_ERROR);
   ASSERT_EQ(send_dci(released, of_released), DIAG_DCI_NO_ERROR);
-  ASSERT_EQ(send(), 0);
+  uint8_t command = 1;
+  ASSERT_EQ(diag_callback_send_data(0, &command, 1), 0);
   sleep_for(300ms);
   const auto release_time = [](int& client) {
     return time_of([&] { EXPECT_EQ(diag_release_dci_client(&client), DIAG_DCI_NO_ERROR); });

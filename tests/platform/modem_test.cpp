@@ -1,18 +1,13 @@
-// What the simulated modem makes of a modem.conf that is wrong, of paths that lead out, of
-// files that change while they are read, and of several first clients at once.
+// What the simulated modem makes of a modem.conf that is wrong, of paths that lead out, and of
+// files that change while they are read.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <future>
 
-#include "platform/modem/extension_service.h"
 #include "platform/modem/modem_conf.h"
 #include "platform/modem/nv_efs_store.h"
-#include "qmi_client.h"
 #include "tests/support/state_directory_fixture.h"
-#include "tests/support/virtual_time.h"
 
 namespace kiv::test {
 namespace {
@@ -102,26 +97,6 @@ TEST_F(ModemTest, AFileThatIsReplacedIsReadOnAsItWas) {
   EXPECT_EQ(read(828), std::string(172, 'o'));
   EXPECT_EQ(read(UINT32_MAX), "");
   EXPECT_EQ(read(0), std::string(414, 'n'));
-}
-
-TEST_F(ModemTest, ItIsStartedOnceForTheFirstClientsOfSeveralThreads) {
-  write_state_file_text("modem.conf", "no such thing\n");
-  const auto use_client = [] {
-    const qmi_idl_service_object idl{6, 1, platform::kExtensionServiceId, 1, 1, {}, {}, {}};
-    qmi_client_type client = nullptr;
-    EXPECT_EQ(qmi_client_init_instance(&idl, 1, nullptr, nullptr, nullptr, 0, &client), QMI_NO_ERR);
-    EXPECT_EQ(qmi_client_release(client), QMI_NO_ERR);
-  };
-  for (uint64_t seed = 1; seed <= 30; ++seed) {
-    const Shuffle shuffle(seed);
-    platform::reset_service_bus();
-    testing::internal::CaptureStderr();
-    std::array<std::future<void>, 3> users;
-    for (auto& user : users) user = std::async(std::launch::async, use_client);
-    for (auto& user : users) user.get();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "modem.conf:1: no \"key = value\" \"no such thing\"\n");
-  }
 }
 
 }  // namespace

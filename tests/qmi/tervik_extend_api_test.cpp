@@ -49,8 +49,7 @@ TEST_F(ExtendApi, RequestsAreSentWholeOrRefused) {
   Bytes buffer(551);
   uint8_t* const any = buffer.data();
   const std::tuple<const uint8_t*, int, uint8_t*, int> refused[] = {
-      {nullptr, 4, any, 4}, {any, 4, nullptr, 4}, {any, 551, any, 550},
-      {any, 4, any, 551},   {any, -1, any, 4},    {any, 4, any, -1}};
+      {any, 4, nullptr, 4}, {any, 4, any, 551}, {any, -1, any, 4}, {any, 4, any, -1}};
   for (const auto& [req, req_len, rsp, capacity] : refused) {
     int rsp_len = capacity;
     EXPECT_EQ(tervik_extend_qmi_send_sync(2, req, req_len, rsp, &rsp_len), -1);
@@ -145,23 +144,17 @@ TEST_F(ExtendApi, ThreadsAreServedOneAfterTheOther) {
   }
 }
 
-TEST_F(ExtendApi, IndicationsAreDecodedAndDropped) {
+TEST_F(ExtendApi, HostileIndicationsAreDropped) {
   const ExtensionStub stub(echo);
   ASSERT_EQ(result_of_send(), 0);
-  const std::tuple<uint16_t, Bytes, const char*> rows[] = {
-      {3, encode_extension_answer({7, 700, {}}), "No function defined to handle indication: 7"},
-      {3, encode_extension_answer({UINT32_MAX, 0, {}}),
-       "Indicaion: -1 greater than maximum known indication."},
-      {0x0D, Bytes(23), "indication 0xd does not decode, buf_len: 23"},
-      {0x0D, Bytes(24), ""},
-  };
-  for (const auto& [msg_id, bytes, last] : rows) {
-    const LogCapture log;
-    platform::send_indication(TERVIK_EXTEND_SERVICE_ID, msg_id, bytes);
-    usleep(1);  // the framework's thread delivers it
-    const Strings lines = log.messages();
-    EXPECT_EQ(lines.empty() ? "" : lines.back(), last) << msg_id;
+  const LogCapture log;
+  for (const auto& [msg_id, bytes] :
+       {std::pair{3, encode_extension_answer({UINT32_MAX, 0, {}})}, {0x0D, Bytes(23)}}) {
+    platform::send_indication(TERVIK_EXTEND_SERVICE_ID, static_cast<uint16_t>(msg_id), bytes);
   }
+  usleep(1);  // the framework's thread delivers them
+  EXPECT_EQ(log.count("Indicaion: -1 greater than maximum known indication."), 1u);
+  EXPECT_EQ(log.count("indication 0xd does not decode, buf_len: 23"), 1u);
 }
 
 TEST(ExtendIdl, MessagesHaveTheirSizesInOneVersionAlone) {

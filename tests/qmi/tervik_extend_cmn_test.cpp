@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <climits>
 
 #include "nas_idl.h"
@@ -12,16 +11,6 @@
 #include "uim_idl.h"
 
 namespace kiv::test {
-
-// Takes the place of calloc in the product.
-void* real_calloc(size_t count, size_t size) asm("__real_calloc");
-void* failing_calloc(size_t count, size_t size) asm("__wrap_calloc");
-std::atomic<int> g_callocs_until_failure{0};
-void* failing_calloc(size_t count, size_t size) {
-  return g_callocs_until_failure > 0 && --g_callocs_until_failure == 0 ? nullptr
-                                                                       : real_calloc(count, size);
-}
-
 namespace {
 
 using platform::ServiceReply;
@@ -74,22 +63,6 @@ TEST_F(ExtendCmn, RestartsAreCountedByTypeLowestFirst) {
     tervik_save_modem_ssr_count(static_cast<int>(flag));
     EXPECT_EQ(read_state_file_text("properties"), file_of(after)) << flag;
   }
-}
-
-TEST_F(ExtendCmn, TheOperatorStopsADumpBeforeItIsSentAndACrashBeforeTheLevelIsPutBack) {
-  const auto restart = [this](void (*run)(int flag), const char* wait_s) {
-    write_state_file_text("properties", std::string("persist.radio.ssr_wait_s=") + wait_s + "\n");
-    run(1);
-    return read_state_file_text("properties").find("restart_level=ALL_") != std::string::npos;
-  };
-  const ExtensionStub stub([](const ExtensionRequest&) {
-    EXPECT_EQ(tervik_set_property_value("persist.radio.ssr_wait_s", "-2"), 0);
-    return answer_of(Bytes(508));
-  });
-  EXPECT_TRUE(restart(tervik_modem_crash_with_orange_screen, "-3"));
-  EXPECT_EQ(stub.requests().size(), 0u);
-  EXPECT_TRUE(restart(tervik_modem_crash_without_orange_screen, "2"));
-  EXPECT_EQ(stub.requests().size(), 1u);
 }
 
 // A service that notes the requests and answers as the test says.
@@ -261,14 +234,7 @@ TEST_F(ExtendUim, ClientIsMadeAnewAfterTheServiceWentDown) {
   }
 }
 
-TEST_F(ExtendUim, WithoutMemoryNothingIsSentAndTheThirdFailedSendReleasesTheClient) {
-  for (const auto& [request_or_response, operation, result] :
-       {std::tuple{1, kSimType, -2}, {1, kApdu, -1}, {2, kApdu, -1}}) {
-    g_callocs_until_failure = request_or_response;
-    EXPECT_EQ(kOperations[operation].run(), result);
-    EXPECT_EQ(g_callocs_until_failure, 0);
-  }
-  EXPECT_TRUE(requests_.empty());
+TEST_F(ExtendUim, TheThirdFailedSendReleasesTheClient) {
   error_ = -14;
   for (const int last : {kEid, kCards, kOpen, kClose, kApdu}) {
     // The failures of the first kind do not count.

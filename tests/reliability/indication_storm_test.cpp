@@ -126,21 +126,19 @@ class IndicationStorm : public StateDirectoryTest, public ::testing::WithParamIn
     };
     if (moment == kBefore) send(id, times);
     settle();
-    {
-      int result = 1;
-      std::atomic<bool> done{false};
-      std::thread requester([&] {
-        result = client.request(id);
-        done = true;
-      });
-      if (moment == kAfter) {
-        while (!done && !(is_pdc && some_request_waits())) std::this_thread::sleep_for(1ms);
-        send(id, times);
-        if (is_pdc && !is_outcome) send(QMI_PDC_DEACTIVATE_CONFIG_IND_V01, 1);
-      }
-      requester.join();
-      EXPECT_EQ(result, times_out ? client.timed_out : 0);
+    int result = 1;
+    std::atomic<bool> done{false};
+    std::thread requester([&] {
+      result = client.request(id);
+      done = true;
+    });
+    if (moment == kAfter) {
+      while (!done && !(is_pdc && some_request_waits())) std::this_thread::sleep_for(1ms);
+      send(id, times);
+      if (is_pdc && !is_outcome) send(QMI_PDC_DEACTIVATE_CONFIG_IND_V01, 1);
     }
+    requester.join();
+    EXPECT_EQ(result, times_out ? client.timed_out : 0);
     silent = false;
     if (moment == kAfterTimeOut || moment == kAtRelease) send(id, times);
     const auto arrived = [&] {
@@ -165,9 +163,8 @@ TEST_P(IndicationStorm, LeavesEachRequestItsOutcome) {
   tervik_hal_set_shell_print_mask(0);
   tervik_log_error("masks are loaded");
   for (const qmi_idl_message& message : client.idl->indications) {
-    const uint16_t id = message.id;
     for (const Moment moment : {kBefore, kBetween, kAfter, kAfterTimeOut, kAtRelease}) {
-      for (const size_t times : {0u, 1u, 2u, 1000u}) storm(id, moment, times);
+      for (const size_t times : {0u, 1u, 2u, 1000u}) storm(message.id, moment, times);
     }
   }
 }

@@ -129,9 +129,8 @@ class RestartAnywhere : public StateDirectoryTest,
   }
 
   // Runs the command in a process of its own, on the state directory's folder `folder`. What
-  // commands read or delete is there each time, an active configuration among it: a reactivation
-  // that ends between its deactivation and its activation leaves none, and the next one has nothing
-  // to activate. There is no stored EID. All else stays as an earlier run left it.
+  // commands read or delete is there each time, an active configuration among it, which a stopped
+  // reactivation takes away. There is no stored EID. All else stays as an earlier run left it.
   Outcome run(const std::string& folder, const Restart& restart = {}) {
     for (const char* file : {"nv/0/550", "efs/0/file", "efs/0/oem/debug/rf_ant_port_config",
                              "efs/0/oem/debug/ant_tx_config", "efs/0/oem/debug/rf_print_mask",

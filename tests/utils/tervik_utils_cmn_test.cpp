@@ -2,12 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <syslog.h>
 #include <unistd.h>
 
-#include <climits>
-#include <cstring>
-#include <future>
+#include <algorithm>
 
 #include "tests/support/log_capture.h"
 #include "tests/support/state_directory_fixture.h"
@@ -16,41 +13,24 @@
 namespace kiv::test {
 namespace {
 
-using Strings = std::vector<std::string>;
-
 constexpr tervik_log_place kPlace{"a.cpp", 12, "do_it"};
 
 class UtilsCmn : public StateDirectoryTest {
  protected:
-  // What a child process wrote to the system log, each line behind its priority ("3: text"), and
-  // to standard output.
-  struct ChildRun {
-    Strings log;
-    std::string out;
-  };
-
-  // Masks, trace switch and process cache are loaded once in a process: each run has its own.
-  // An expectation that fails in `run` fails the test.
-  ChildRun run_in_child(const std::function<void()>& run) const {
+  // What it printed. Masks, trace switch and process cache are loaded once in a process: each run
+  // has its own. An expectation that fails in `run` fails the test.
+  std::string run_in_child(const std::function<void()>& run) const {
     fflush(stdout);
     const pid_t child = fork();
     if (child == 0) {
-      const LogCapture log;
       write_state_file_text("out", captured_stdout(run));
-      std::string text;
-      for (const auto& line : log.lines()) {
-        text += std::to_string(line.priority) + ": " + line.text + "\n";
-      }
-      write_state_file_text("log", text);
       _exit(HasFailure() ? 1 : 0);
     }
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
-    ChildRun result{.log = {}, .out = read_state_file_text("out")};
-    EXPECT_EQ(status, 0) << result.out;
-    std::istringstream log(read_state_file_text("log"));
-    for (std::string line; std::getline(log, line);) result.log.push_back(line);
-    return result;
+    const std::string out = read_state_file_text("out");
+    EXPECT_EQ(status, 0) << out;
+    return out;
   }
 };
 
@@ -75,7 +55,7 @@ TEST_F(UtilsCmn, AnyPropertyTextIsAMask) {
 }
 
 TEST_F(UtilsCmn, ArgumentsAreEvaluatedForAnOpenMaskAlone) {
-  const ChildRun child = run_in_child([] {
+  const std::string out = run_in_child([] {
     int evaluated = 0;
     const auto say = [&evaluated](const char* text) {
       tervik_log_print(LOG_CLASS_HELP, 0, "%s", (++evaluated, text));
@@ -91,33 +71,22 @@ TEST_F(UtilsCmn, ArgumentsAreEvaluatedForAnOpenMaskAlone) {
     tervik_hal_set_shell_print_mask(LOG_CLASS_HELP);
     say("four");
   });
-  EXPECT_TRUE(child.out.ends_with("\ntwo\nfour\n")) << child.out;
+  EXPECT_TRUE(out.ends_with("\ntwo\nfour\n")) << out;
 }
 
 TEST_F(UtilsCmn, StatementsOfAnyLengthArriveWhole) {
   const std::string place = "[a.cpp:12] do_it: ";
   for (const std::string& text : {std::string("100%s%n%d"), std::string(1023, 'x'),
                                   std::string(1024, 'x'), std::string(70000, 'x')}) {
-    const ChildRun child =
-        run_in_child([&text] { tervik_log_write(kPlace, LOG_CLASS_DEBUG, 2, "%s", text.c_str()); });
-    EXPECT_EQ(std::count(child.log.begin(), child.log.end(), "7: " + place + text), 1);
-    EXPECT_EQ(child.out, "RIL" + place + text + "\n");
+    const std::string out = run_in_child([&] {
+      const LogCapture log;
+      tervik_log_write(kPlace, LOG_CLASS_DEBUG, 2, "%s", text.c_str());
+      const auto lines = log.lines();
+      const auto line = std::ranges::find(lines, place + text, &LogLine::text);
+      EXPECT_TRUE(line != lines.end() && line->priority == 7);
+    });
+    EXPECT_EQ(out, "RIL" + place + text + "\n");
   }
-}
-
-TEST_F(UtilsCmn, ThreadIsDetached) {
-  static std::promise<int> detach_state;
-  const auto routine = [](void*) -> void* {
-    pthread_attr_t attributes;
-    int state = -1;
-    pthread_getattr_np(pthread_self(), &attributes);
-    pthread_attr_getdetachstate(&attributes, &state);
-    pthread_attr_destroy(&attributes);
-    detach_state.set_value(state);
-    return nullptr;
-  };
-  EXPECT_NE(tervik_create_pthread(nullptr, routine, nullptr), 0u);
-  EXPECT_EQ(detach_state.get_future().get(), PTHREAD_CREATE_DETACHED);
 }
 
 TEST_F(UtilsCmn, HexTextStaysInItsBuffer) {
