@@ -56,7 +56,7 @@ constexpr const char* kBetween = " | ";
 // Lines of one place share a line of the golden text as long as it stays short, and the names of
 // blocks stand behind what they follow; so does the time that passes.
 Strings join_places(const Strings& lines) {
-  constexpr size_t kWidth = 170;
+  constexpr size_t kWidth = 180;
   Strings joined;
   std::string last_place;
   for (const std::string& line : lines) {
