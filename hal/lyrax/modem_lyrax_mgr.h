@@ -139,30 +139,30 @@ void modem_lyrax_operational_status_cb(uint32_t event, uint32_t client_type);
 
 // ---- getters ----
 
+// Of the carrier that parameter `id` tells of.
 [[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get(uint32_t sub, uint32_t id,
                                                          modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_pcc(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_scc1(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_scc2(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_scc3(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_scc4(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_scc5(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_scc6(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
 [[nodiscard]] uint32_t modem_lyrax_nr5g_srv_meas_info_get(uint32_t sub, uint32_t id,
                                                           modem_lyrax_nr5g_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_nr5g_srv_meas_info_get_for_pcc(
-    uint32_t sub, modem_lyrax_nr5g_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_nr5g_srv_meas_info_get_for_scc1(
-    uint32_t sub, modem_lyrax_nr5g_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_nr5g_srv_meas_info_get_for_scc2(
-    uint32_t sub, modem_lyrax_nr5g_srv_meas_info* record);
+template <uint32_t id>
+uint32_t modem_lyrax_lte_carrier(uint32_t sub, modem_lyrax_lte_srv_meas_info* record) {
+  return modem_lyrax_lte_srv_meas_info_get(sub, id, record);
+}
+template <uint32_t id>
+uint32_t modem_lyrax_nr5g_carrier(uint32_t sub, modem_lyrax_nr5g_srv_meas_info* record) {
+  return modem_lyrax_nr5g_srv_meas_info_get(sub, id, record);
+}
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_pcc = modem_lyrax_lte_carrier<0x52>;
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_scc1 = modem_lyrax_lte_carrier<0x67>;
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_scc2 = modem_lyrax_lte_carrier<0x68>;
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_scc3 = modem_lyrax_lte_carrier<0x69>;
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_scc4 = modem_lyrax_lte_carrier<0x6A>;
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_scc5 = modem_lyrax_lte_carrier<0x6B>;
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_scc6 = modem_lyrax_lte_carrier<0x6C>;
+inline constexpr auto& modem_lyrax_nr5g_srv_meas_info_get_for_pcc = modem_lyrax_nr5g_carrier<0x87>;
+inline constexpr auto& modem_lyrax_nr5g_srv_meas_info_get_for_scc1 = modem_lyrax_nr5g_carrier<0x06>;
+inline constexpr auto& modem_lyrax_nr5g_srv_meas_info_get_for_scc2 = modem_lyrax_nr5g_carrier<0x07>;
+
 [[nodiscard]] uint32_t modem_lyrax_nr5g_ll1_fw_rx_control_agc_get(
     uint32_t sub, modem_lyrax_nr5g_ll1_fw_rx_control_agc* record);
 [[nodiscard]] uint32_t modem_lyrax_nr5g_ll1_fw_serving_ftl_get(
