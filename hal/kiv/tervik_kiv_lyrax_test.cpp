@@ -1,6 +1,5 @@
 #include "tervik_kiv_lyrax_test.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -135,10 +134,8 @@ void tervik_test_modem_stats_do(int argc, char** argv) {
     return;
   }
   const int type = atoi(argv[2]);
-  const auto* const command =
-      std::find_if(COMMANDS.begin(), COMMANDS.end(),
-                   [type](const stats_command& row) { return row.number == type; });
-  if (command == COMMANDS.end()) {
+  const stats_command* const command = find_row(COMMANDS, &stats_command::number, type);
+  if (command == nullptr) {
     tervik_log_error("invalid type = %d", type);
     show_help(CATEGORY);
     return;
