@@ -79,3 +79,7 @@ struct modem_api_async_response {
   uint32_t data_len;
 };
 static_assert(sizeof(modem_api_async_response) == 12);
+
+// Takes a response to an asynchronous request, and frees it and `cb_data`. Framework thread.
+void modem_api_process_response(unsigned int msg_id, void* resp, unsigned int resp_len,
+                                void* cb_data, qmi_client_error_type transport_error);
