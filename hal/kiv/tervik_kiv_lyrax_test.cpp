@@ -50,17 +50,11 @@ struct debug_section {
   int (*print)(std::span<const uint8_t> data, int version);
 };
 
-// A printer of counters that every layout version has, as a row's function.
-template <int (*print)(std::span<const uint8_t> data)>
-int of_any_version(std::span<const uint8_t> data, int /*version*/) {
-  return print(data);
-}
-
 constexpr std::array<debug_section, 4> DEBUG_SECTIONS = {{
     {"main", tervik_modem_stats_main_info_unpk},
     {"diag", tervik_modem_stats_diag_info_unpk},
-    {"cm", of_any_version<tervik_modem_stats_cm_info_unpk>},
-    {"uim", of_any_version<tervik_modem_stats_uim_info_unpk>},
+    {"cm", tervik_modem_stats_cm_info_unpk},
+    {"uim", tervik_modem_stats_uim_info_unpk},
 }};
 
 // Prints the block, up to its end or to the first counter that was not received.
