@@ -161,7 +161,12 @@ uint32_t modem_api_init_client(uint32_t client_type, vs_event_cb event_cb,
   if (!admitted(__func__)) {
     return MODEM_API_NOT_ALLOWED;
   }
-  std::unique_ptr<modem_api_client> client(new (std::nothrow) modem_api_client{});
+  std::unique_ptr<modem_api_client> client(
+      new (std::nothrow) modem_api_client{.client_type = client_type,
+                                          .pid = static_cast<uint32_t>(getpid()),
+                                          .operational_status = VS_RELEASED,
+                                          .event_cb = event_cb,
+                                          .operational_status_cb = status_cb});
   if (client == nullptr) {
     tervik_log_error("could not allocate memory");
     return MODEM_API_NO_MEMORY;
@@ -170,11 +175,6 @@ uint32_t modem_api_init_client(uint32_t client_type, vs_event_cb event_cb,
     tervik_log_error("modem api client type %d not supported", client_type);
     return MODEM_API_NOT_SUPPORTED;
   }
-  *client = {.client_type = client_type,
-             .pid = static_cast<uint32_t>(getpid()),
-             .operational_status = VS_RELEASED,
-             .event_cb = event_cb,
-             .operational_status_cb = status_cb};
   int32_t new_id = 0;
   const uint32_t result = add_client(__func__, std::move(client), &new_id);
   if (result != MODEM_API_SUCCESS) {
@@ -238,38 +238,25 @@ struct mapped_error {
 };
 
 // What the QMI errors of a failed response stand for; any other is a failure.
-constexpr std::array<mapped_error, 12> QMI_ERRORS = {{
-    {0, MODEM_API_SUCCESS},
-    {26, MODEM_API_SUCCESS},
-    {4, MODEM_API_QMI_ERROR_4},
-    {17, MODEM_API_INVALID_ARG},
-    {19, MODEM_API_INVALID_ARG},
-    {48, MODEM_API_INVALID_ARG},
-    {49, MODEM_API_INVALID_ARG},
-    {24, MODEM_API_NOT_SUPPORTED},
-    {42, MODEM_API_NOT_SUPPORTED},
-    {77, MODEM_API_NOT_SUPPORTED},
-    {94, MODEM_API_NOT_SUPPORTED},
-    {52, MODEM_API_QMI_ERROR_52},
-}};
-
-uint32_t map_response(const vs_result& response) {
-  constexpr uint32_t QMI_RESULT_SUCCESS = 0;
-  constexpr uint32_t QMI_RESULT_FAILURE = 1;
-  if (response.result == QMI_RESULT_SUCCESS) {
-    return MODEM_API_SUCCESS;
-  }
-  if (response.result != QMI_RESULT_FAILURE) {
-    return MODEM_API_FAILURE;
-  }
-  const mapped_error* const row = find_row(QMI_ERRORS, &mapped_error::qmi_error, response.error);
-  return row != nullptr ? row->result : MODEM_API_FAILURE;
-}
+constexpr std::array<mapped_error, 12> QMI_ERRORS = {{{0, MODEM_API_SUCCESS},
+                                                      {26, MODEM_API_SUCCESS},
+                                                      {4, MODEM_API_QMI_ERROR_4},
+                                                      {17, MODEM_API_INVALID_ARG},
+                                                      {19, MODEM_API_INVALID_ARG},
+                                                      {48, MODEM_API_INVALID_ARG},
+                                                      {49, MODEM_API_INVALID_ARG},
+                                                      {24, MODEM_API_NOT_SUPPORTED},
+                                                      {42, MODEM_API_NOT_SUPPORTED},
+                                                      {77, MODEM_API_NOT_SUPPORTED},
+                                                      {94, MODEM_API_NOT_SUPPORTED},
+                                                      {52, MODEM_API_QMI_ERROR_52}}};
 
 }  // namespace
 
 uint32_t modem_api_map_qmi_error_to_modem_api(qmi_client_error_type transport_error,
                                               const vs_result& response) {
+  constexpr uint32_t QMI_RESULT_SUCCESS = 0;
+  constexpr uint32_t QMI_RESULT_FAILURE = 1;
   switch (transport_error) {
     case -5:
     case -1:
@@ -278,10 +265,15 @@ uint32_t modem_api_map_qmi_error_to_modem_api(qmi_client_error_type transport_er
       return MODEM_API_TIMEOUT;
     case 0:
     case -2:
-      return map_response(response);
+      break;
     default:
       return MODEM_API_FAILURE;
   }
+  if (response.result == QMI_RESULT_SUCCESS) {
+    return MODEM_API_SUCCESS;
+  }
+  const mapped_error* const row = find_row(QMI_ERRORS, &mapped_error::qmi_error, response.error);
+  return response.result == QMI_RESULT_FAILURE && row != nullptr ? row->result : MODEM_API_FAILURE;
 }
 
 // ---- requests ----

@@ -228,86 +228,14 @@ struct blob_reader {
   }
 };
 
-// The fields of each record in the order of its blob; their types give the widths. False when the
-// blob ends within them.
-
-// The blob interleaves per antenna, the record groups per quantity.
-bool read_fields(const blob_reader& read, modem_lyrax_lte_srv_meas_info& to) {
-  return read("version", to.version) && read("version_ssmr", to.version_ssmr) &&
-         read("earfcn", to.earfcn) && read("pci", to.pci) && read("is_srv_cell", to.is_srv_cell) &&
-         read("rx_valid", to.rx_valid) && read("rsrp_rx0", to.rsrp[0]) &&
-         read("rsrq_rx0", to.rsrq[0]) && read("rssi_rx0", to.rssi[0]) &&
-         read("snr_rx0", to.snr[0]) && read("rsrp_rx1", to.rsrp[1]) &&
-         read("rsrq_rx1", to.rsrq[1]) && read("rssi_rx1", to.rssi[1]) &&
-         read("snr_rx1", to.snr[1]) && read("rsrp_rx2", to.rsrp[2]) &&
-         read("rsrq_rx2", to.rsrq[2]) && read("rssi_rx2", to.rssi[2]) &&
-         read("snr_rx2", to.snr[2]) && read("rsrp_rx3", to.rsrp[3]) &&
-         read("rsrq_rx3", to.rsrq[3]) && read("rssi_rx3", to.rssi[3]) && read("snr_rx3", to.snr[3]);
-}
-
-bool read_fields(const blob_reader& read, modem_lyrax_nr5g_srv_meas_info& to) {
-  return read("version", to.version) && read("rsrp_rx0", to.rsrp[0]) &&
-         read("rsrp_rx1", to.rsrp[1]) && read("rsrp_rx2", to.rsrp[2]) &&
-         read("rsrp_rx3", to.rsrp[3]) && read("rsrq", to.rsrq);
-}
-
-bool read_fields(const blob_reader& read, modem_lyrax_nr5g_ll1_fw_rx_control_agc& to) {
-  return read("version", to.version) && read("rssi0", to.rssi[0]) && read("rssi1", to.rssi[1]) &&
-         read("rssi2", to.rssi[2]) && read("rssi3", to.rssi[3]);
-}
-
-bool read_fields(const blob_reader& read, modem_lyrax_nr5g_ll1_fw_serving_ftl& to) {
-  return read("version", to.version) && read("snr0", to.snr[0]) && read("snr1", to.snr[1]) &&
-         read("snr2", to.snr[2]) && read("snr3", to.snr[3]);
-}
-
-bool read_fields(const blob_reader& read, modem_lyrax_nr5g_ml1_antenna_switch_diversity& to) {
-  return read("version", to.version) && read("ant_rx_0_old", to.ant_rx_0_old) &&
-         read("ant_rx_0_new", to.ant_rx_0_new) && read("ant_rx_1_old", to.ant_rx_1_old) &&
-         read("ant_rx_1_new", to.ant_rx_1_new) && read("ant_rx_2_old", to.ant_rx_2_old) &&
-         read("ant_rx_2_new", to.ant_rx_2_new) && read("ant_rx_3_old", to.ant_rx_3_old) &&
-         read("ant_rx_3_new", to.ant_rx_3_new) && read("ant_tx_0_old", to.ant_tx_0_old) &&
-         read("ant_tx_0_new", to.ant_tx_0_new) && read("ant_tx_1_old", to.ant_tx_1_old) &&
-         read("ant_tx_1_new", to.ant_tx_1_new);
-}
-
-bool read_fields(const blob_reader& read, modem_lyrax_wcdma_pn_search_edition2& to) {
-  return read("version", to.version) && read("rx_agc_0", to.rx_agc_0) &&
-         read("rx_agc_1", to.rx_agc_1);
-}
-
-bool read_fields(const blob_reader& read, modem_lyrax_gsm_l1_rx_diversity_metrics& to) {
-  return read("version", to.version) && read("rx_prx", to.rx_prx) && read("rx_drx", to.rx_drx);
-}
-
-bool read_fields(const blob_reader& read, modem_lyrax_mcs_trm_asdiv& to) {
-  return read("version", to.version) && read("ant_number", to.ant_number) &&
-         read("ant_switch_path", to.ant_switch_path) && read("sig_path", to.sig_path) &&
-         read("old_config", to.old_config) && read("new_config", to.new_config);
-}
-
-bool read_fields(const blob_reader& read, modem_lyrax_lte_pusch_power_info& to) {
-  return read("version", to.version) && read("pusch_tx_power", to.pusch_tx_power) &&
-         read("dl_path_loss", to.dl_path_loss) && read("max_power", to.max_power) &&
-         read("pusch_ex_tx_power", to.pusch_ex_tx_power);
-}
-
-bool read_fields(const blob_reader& read, modem_lyrax_nr5g_mac_ul_phy_ch_power_info& to) {
-  return read("version_hook", to.version_hook) && read("tx_power_pusch", to.tx_power_pusch) &&
-         read("tx_power_pucch", to.tx_power_pucch) && read("tx_power_srs", to.tx_power_srs) &&
-         read("tx_power_prach", to.tx_power_prach) && read("mtpl_pusch", to.mtpl_pusch) &&
-         read("mtpl_pucch", to.mtpl_pucch) && read("mtpl_srs", to.mtpl_srs) &&
-         read("mtpl_prach", to.mtpl_prach) && read("pathloss", to.pathloss[0]) &&
-         read("pathloss", to.pathloss[1]) && read("pathloss", to.pathloss[2]) &&
-         read("pathloss", to.pathloss[3]);
-}
-
 enum class log_id : uint8_t { no, yes };
 
-// Every getter: its own name, id and record in, its result out.
-template <typename Record>
+// Every getter: its own name, id and record in, its result out. `read_fields` takes the fields in
+// the order of the blob, whose widths are those of the record's members; false when the blob ends
+// early.
+template <log_id with_id = log_id::no, typename Record, typename ReadFields>
 [[nodiscard]] uint32_t run_getter(const char* func, uint32_t sub, uint32_t id, Record* record,
-                                  log_id with_id = log_id::no) {
+                                  ReadFields read_fields) {
   tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "function entry");
   uint32_t ret = 0;
   {
@@ -326,7 +254,7 @@ template <typename Record>
       tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "modem_lyrax_data_get failed");
     } else {
       memset(record, 0, sizeof(*record));
-      ret = read_fields({func, sub}, *record) ? 1 : 0;
+      ret = read_fields(blob_reader{func, sub}, *record) ? 1 : 0;
     }
   }
   tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "function exit, ret = %d", ret);
@@ -337,51 +265,103 @@ template <typename Record>
 
 uint32_t modem_lyrax_lte_srv_meas_info_get(uint32_t sub, uint32_t id,
                                            modem_lyrax_lte_srv_meas_info* record) {
-  return run_getter(__func__, sub, id, record, log_id::yes);
+  return run_getter<log_id::yes>(__func__, sub, id, record, [](const blob_reader& read, auto& to) {
+    // The blob interleaves per antenna, the record groups per quantity.
+    return read("version", to.version) && read("version_ssmr", to.version_ssmr) &&
+           read("earfcn", to.earfcn) && read("pci", to.pci) &&
+           read("is_srv_cell", to.is_srv_cell) && read("rx_valid", to.rx_valid) &&
+           read("rsrp_rx0", to.rsrp[0]) && read("rsrq_rx0", to.rsrq[0]) &&
+           read("rssi_rx0", to.rssi[0]) && read("snr_rx0", to.snr[0]) &&
+           read("rsrp_rx1", to.rsrp[1]) && read("rsrq_rx1", to.rsrq[1]) &&
+           read("rssi_rx1", to.rssi[1]) && read("snr_rx1", to.snr[1]) &&
+           read("rsrp_rx2", to.rsrp[2]) && read("rsrq_rx2", to.rsrq[2]) &&
+           read("rssi_rx2", to.rssi[2]) && read("snr_rx2", to.snr[2]) &&
+           read("rsrp_rx3", to.rsrp[3]) && read("rsrq_rx3", to.rsrq[3]) &&
+           read("rssi_rx3", to.rssi[3]) && read("snr_rx3", to.snr[3]);
+  });
 }
 
 uint32_t modem_lyrax_nr5g_srv_meas_info_get(uint32_t sub, uint32_t id,
                                             modem_lyrax_nr5g_srv_meas_info* record) {
-  return run_getter(__func__, sub, id, record, log_id::yes);
+  return run_getter<log_id::yes>(__func__, sub, id, record, [](const blob_reader& read, auto& to) {
+    return read("version", to.version) && read("rsrp_rx0", to.rsrp[0]) &&
+           read("rsrp_rx1", to.rsrp[1]) && read("rsrp_rx2", to.rsrp[2]) &&
+           read("rsrp_rx3", to.rsrp[3]) && read("rsrq", to.rsrq);
+  });
 }
 
 uint32_t modem_lyrax_nr5g_ll1_fw_rx_control_agc_get(
     uint32_t sub, modem_lyrax_nr5g_ll1_fw_rx_control_agc* record) {
-  return run_getter(__func__, sub, 0x5E, record);
+  return run_getter(__func__, sub, 0x5E, record, [](const blob_reader& read, auto& to) {
+    return read("version", to.version) && read("rssi0", to.rssi[0]) && read("rssi1", to.rssi[1]) &&
+           read("rssi2", to.rssi[2]) && read("rssi3", to.rssi[3]);
+  });
 }
 
 uint32_t modem_lyrax_nr5g_ll1_fw_serving_ftl_get(uint32_t sub,
                                                  modem_lyrax_nr5g_ll1_fw_serving_ftl* record) {
-  return run_getter(__func__, sub, 0x70, record);
+  return run_getter(__func__, sub, 0x70, record, [](const blob_reader& read, auto& to) {
+    return read("version", to.version) && read("snr0", to.snr[0]) && read("snr1", to.snr[1]) &&
+           read("snr2", to.snr[2]) && read("snr3", to.snr[3]);
+  });
 }
 
 uint32_t modem_lyrax_nr5g_ml1_antenna_switch_diversity_get(
     uint32_t sub, modem_lyrax_nr5g_ml1_antenna_switch_diversity* record) {
-  return run_getter(__func__, sub, 0x71, record);
+  return run_getter(__func__, sub, 0x71, record, [](const blob_reader& read, auto& to) {
+    return read("version", to.version) && read("ant_rx_0_old", to.ant_rx_0_old) &&
+           read("ant_rx_0_new", to.ant_rx_0_new) && read("ant_rx_1_old", to.ant_rx_1_old) &&
+           read("ant_rx_1_new", to.ant_rx_1_new) && read("ant_rx_2_old", to.ant_rx_2_old) &&
+           read("ant_rx_2_new", to.ant_rx_2_new) && read("ant_rx_3_old", to.ant_rx_3_old) &&
+           read("ant_rx_3_new", to.ant_rx_3_new) && read("ant_tx_0_old", to.ant_tx_0_old) &&
+           read("ant_tx_0_new", to.ant_tx_0_new) && read("ant_tx_1_old", to.ant_tx_1_old) &&
+           read("ant_tx_1_new", to.ant_tx_1_new);
+  });
 }
 
 uint32_t modem_lyrax_wcdma_pn_search_edition2_get(uint32_t sub,
                                                   modem_lyrax_wcdma_pn_search_edition2* record) {
-  return run_getter(__func__, sub, 0x6E, record);
+  return run_getter(__func__, sub, 0x6E, record, [](const blob_reader& read, auto& to) {
+    return read("version", to.version) && read("rx_agc_0", to.rx_agc_0) &&
+           read("rx_agc_1", to.rx_agc_1);
+  });
 }
 
 uint32_t modem_lyrax_gsm_l1_rx_diversity_metrics_get(
     uint32_t sub, modem_lyrax_gsm_l1_rx_diversity_metrics* record) {
-  return run_getter(__func__, sub, 0x6F, record);
+  return run_getter(__func__, sub, 0x6F, record, [](const blob_reader& read, auto& to) {
+    return read("version", to.version) && read("rx_prx", to.rx_prx) && read("rx_drx", to.rx_drx);
+  });
 }
 
 uint32_t modem_lyrax_mcs_trm_asdiv_get(uint32_t sub, modem_lyrax_mcs_trm_asdiv* record) {
-  return run_getter(__func__, sub, 0x64, record);
+  return run_getter(__func__, sub, 0x64, record, [](const blob_reader& read, auto& to) {
+    return read("version", to.version) && read("ant_number", to.ant_number) &&
+           read("ant_switch_path", to.ant_switch_path) && read("sig_path", to.sig_path) &&
+           read("old_config", to.old_config) && read("new_config", to.new_config);
+  });
 }
 
 uint32_t modem_lyrax_lte_pusch_power_info_get(uint32_t sub,
                                               modem_lyrax_lte_pusch_power_info* record) {
-  return run_getter(__func__, sub, 0x62, record);
+  return run_getter(__func__, sub, 0x62, record, [](const blob_reader& read, auto& to) {
+    return read("version", to.version) && read("pusch_tx_power", to.pusch_tx_power) &&
+           read("dl_path_loss", to.dl_path_loss) && read("max_power", to.max_power) &&
+           read("pusch_ex_tx_power", to.pusch_ex_tx_power);
+  });
 }
 
 uint32_t modem_lyrax_nr5g_mac_ul_phy_ch_power_info_get(
     uint32_t sub, modem_lyrax_nr5g_mac_ul_phy_ch_power_info* record) {
-  return run_getter(__func__, sub, 0x5A, record);
+  return run_getter(__func__, sub, 0x5A, record, [](const blob_reader& read, auto& to) {
+    return read("version_hook", to.version_hook) && read("tx_power_pusch", to.tx_power_pusch) &&
+           read("tx_power_pucch", to.tx_power_pucch) && read("tx_power_srs", to.tx_power_srs) &&
+           read("tx_power_prach", to.tx_power_prach) && read("mtpl_pusch", to.mtpl_pusch) &&
+           read("mtpl_pucch", to.mtpl_pucch) && read("mtpl_srs", to.mtpl_srs) &&
+           read("mtpl_prach", to.mtpl_prach) && read("pathloss", to.pathloss[0]) &&
+           read("pathloss", to.pathloss[1]) && read("pathloss", to.pathloss[2]) &&
+           read("pathloss", to.pathloss[3]);
+  });
 }
 
 int32_t modem_sys_mode_get(uint32_t sub) {
@@ -405,50 +385,31 @@ int32_t modem_sys_mode_get(uint32_t sub) {
 
 // ---- Tx power ----
 
-namespace {
-
-int32_t nr_tx_power(const char* func, uint32_t sub) {
-  modem_lyrax_nr5g_mac_ul_phy_ch_power_info power = {};
-  if (modem_lyrax_nr5g_mac_ul_phy_ch_power_info_get(sub, &power) == 0) {
-    tervik_log_print_as(func, LOG_CLASS_ERROR, sub,
-                        "modem_lyrax_nr5g_mac_ul_phy_ch_power_info_get faile");
-    return MODEM_TX_POWER_UNAVAILABLE;
-  }
-  // A float outside the integers has no truncation.
-  constexpr float LIMIT = 2147483648.0F;
-  if (!(std::fabs(power.tx_power_pusch) < LIMIT)) {
-    tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "tx_power_pusch(%f) is invalid",
-                        static_cast<double>(power.tx_power_pusch));
-    return MODEM_TX_POWER_UNAVAILABLE;
-  }
-  return static_cast<int32_t>(power.tx_power_pusch);
-}
-
-int32_t lte_tx_power(const char* func, uint32_t sub) {
-  modem_lyrax_lte_pusch_power_info power = {};
-  if (modem_lyrax_lte_pusch_power_info_get(sub, &power) == 0) {
-    tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "modem_lyrax_lte_pusch_power_info_get faile");
-    return MODEM_TX_POWER_UNAVAILABLE;
-  }
-  return power.pusch_tx_power;
-}
-
-}  // namespace
-
 int32_t modem_tx_power_get_by_sub(uint32_t sub) {
   const int32_t rat = modem_sys_mode_get(sub);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "sub = %d, rat = %d", sub, rat);
   int32_t tx_power = MODEM_TX_POWER_UNAVAILABLE;
-  switch (rat) {
-    case MODEM_RAT_NR:
-      tx_power = nr_tx_power(__func__, sub);
-      break;
-    case MODEM_RAT_LTE:
-      tx_power = lte_tx_power(__func__, sub);
-      break;
-    default:
-      tervik_log_print(LOG_CLASS_ERROR, sub, "rat(%d) is invalid", rat);
-      break;
+  if (rat == MODEM_RAT_NR) {
+    // A float outside the integers has no truncation.
+    constexpr float LIMIT = 2147483648.0F;
+    modem_lyrax_nr5g_mac_ul_phy_ch_power_info power = {};
+    if (modem_lyrax_nr5g_mac_ul_phy_ch_power_info_get(sub, &power) == 0) {
+      tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_nr5g_mac_ul_phy_ch_power_info_get faile");
+    } else if (!(std::fabs(power.tx_power_pusch) < LIMIT)) {
+      tervik_log_print(LOG_CLASS_ERROR, sub, "tx_power_pusch(%f) is invalid",
+                       static_cast<double>(power.tx_power_pusch));
+    } else {
+      tx_power = static_cast<int32_t>(power.tx_power_pusch);
+    }
+  } else if (rat == MODEM_RAT_LTE) {
+    modem_lyrax_lte_pusch_power_info power = {};
+    if (modem_lyrax_lte_pusch_power_info_get(sub, &power) == 0) {
+      tervik_log_print(LOG_CLASS_ERROR, sub, "modem_lyrax_lte_pusch_power_info_get faile");
+    } else {
+      tx_power = power.pusch_tx_power;
+    }
+  } else {
+    tervik_log_print(LOG_CLASS_ERROR, sub, "rat(%d) is invalid", rat);
   }
   tervik_log_print(LOG_CLASS_DEBUG, sub, "function exit, tx_power = %d", tx_power);
   return tx_power;

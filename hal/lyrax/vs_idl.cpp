@@ -30,13 +30,11 @@ constexpr qmi_idl_field bytes(uint8_t tlv, size_t offset, size_t max_count, size
           .drops_excess = true};
 }
 
-constexpr std::array ENTRY_FIELDS = {
-    integer(0, 2, offsetof(vs_stats_entry, sub)),
-    integer(0, 2, offsetof(vs_stats_entry, second_half_word)),
-    integer(0, 4, offsetof(vs_stats_entry, id)),
-    bytes(0, offsetof(vs_stats_entry, value), VS_STATS_VALUE_MAX,
-          offsetof(vs_stats_entry, value_len), 2),
-};
+constexpr std::array ENTRY_FIELDS = {integer(0, 2, offsetof(vs_stats_entry, sub)),
+                                     integer(0, 2, offsetof(vs_stats_entry, second_half_word)),
+                                     integer(0, 4, offsetof(vs_stats_entry, id)),
+                                     bytes(0, offsetof(vs_stats_entry, value), VS_STATS_VALUE_MAX,
+                                           offsetof(vs_stats_entry, value_len), 2)};
 
 constexpr qmi_idl_field entries(uint8_t tlv, size_t offset, size_t max_count, size_t count_offset,
                                 size_t presence_offset = QMI_IDL_MANDATORY) {
@@ -52,10 +50,8 @@ constexpr qmi_idl_field entries(uint8_t tlv, size_t offset, size_t max_count, si
           .record_size = sizeof(vs_stats_entry)};
 }
 
-constexpr std::array RESULT_FIELDS = {
-    integer(0, 4, offsetof(vs_result, result)),
-    integer(0, 4, offsetof(vs_result, error)),
-};
+constexpr std::array RESULT_FIELDS = {integer(0, 4, offsetof(vs_result, result)),
+                                      integer(0, 4, offsetof(vs_result, error))};
 
 constexpr qmi_idl_field result(size_t offset) {
   return {.tlv = 0x02, .offset = offset, .record = RESULT_FIELDS, .record_size = sizeof(vs_result)};
@@ -65,32 +61,27 @@ constexpr std::array SET_FEATURE_STATUS_REQ_FIELDS = {
     integer(0x01, 4, offsetof(vs_set_feature_status_req, feature)),
     integer(0x02, 1, offsetof(vs_set_feature_status_req, status)),
     integer(0x10, 1, offsetof(vs_set_feature_status_req, second_flag),
-            offsetof(vs_set_feature_status_req, second_flag_valid)),
-};
+            offsetof(vs_set_feature_status_req, second_flag_valid))};
 
 constexpr std::array SET_FEATURE_STATUS_RESP_FIELDS = {
-    result(offsetof(vs_set_feature_status_resp, resp)),
-};
+    result(offsetof(vs_set_feature_status_resp, resp))};
 
 constexpr std::array GET_STATS_PARAMETER_REQ_FIELDS = {
     integer(0x01, 2, offsetof(vs_get_stats_parameter_req, sub)),
     integer(0x02, 2, offsetof(vs_get_stats_parameter_req, slot)),
     entries(0x03, offsetof(vs_get_stats_parameter_req, entries), VS_STATS_ENTRIES_MAX,
-            offsetof(vs_get_stats_parameter_req, entries_len)),
-};
+            offsetof(vs_get_stats_parameter_req, entries_len))};
 
 constexpr std::array GET_STATS_PARAMETER_RESP_FIELDS = {
     result(offsetof(vs_get_stats_parameter_resp, resp)),
     entries(0x10, offsetof(vs_get_stats_parameter_resp, entries), VS_STATS_ENTRIES_MAX,
             offsetof(vs_get_stats_parameter_resp, entries_len),
-            offsetof(vs_get_stats_parameter_resp, entries_valid)),
-};
+            offsetof(vs_get_stats_parameter_resp, entries_valid))};
 
 constexpr std::array FEATURE_STATUS_IND_FIELDS = {
     integer(0x01, 4, offsetof(vs_feature_status_ind, value)),
     integer(0x02, 1, offsetof(vs_feature_status_ind, first_flag)),
-    integer(0x03, 1, offsetof(vs_feature_status_ind, second_flag)),
-};
+    integer(0x03, 1, offsetof(vs_feature_status_ind, second_flag))};
 
 constexpr std::array STATS_PARAMETER_IND_FIELDS = {
     integer(0x01, 4, offsetof(vs_stats_parameter_ind, value)),
@@ -100,20 +91,16 @@ constexpr std::array STATS_PARAMETER_IND_FIELDS = {
             offsetof(vs_stats_parameter_ind, more_entries_len),
             offsetof(vs_stats_parameter_ind, more_entries_valid)),
     integer(0x11, 4, offsetof(vs_stats_parameter_ind, last_value),
-            offsetof(vs_stats_parameter_ind, last_value_valid)),
-};
+            offsetof(vs_stats_parameter_ind, last_value_valid))};
 
 constexpr std::array STATS_EVENT_IND_FIELDS = {
     integer(0x01, 4, offsetof(vs_stats_event_ind, value)),
     bytes(0x02, offsetof(vs_stats_event_ind, bytes), VS_EVENT_BYTES_MAX,
           offsetof(vs_stats_event_ind, bytes_len), 1),
     integer(0x03, 2, offsetof(vs_stats_event_ind, third_value)),
-    integer(0x04, 2, offsetof(vs_stats_event_ind, fourth_value)),
-};
+    integer(0x04, 2, offsetof(vs_stats_event_ind, fourth_value))};
 
-constexpr std::array STATE_IND_FIELDS = {
-    integer(0x01, 1, offsetof(vs_state_ind, value)),
-};
+constexpr std::array STATE_IND_FIELDS = {integer(0x01, 1, offsetof(vs_state_ind, value))};
 
 // A message that kiv neither builds nor interprets, and its longest encoded forms.
 struct opaque_message {
