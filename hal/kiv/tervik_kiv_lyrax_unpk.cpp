@@ -118,27 +118,6 @@ bool unpk_set_bit(int bit) {
   return true;
 }
 
-// Brings bit `low` of the span, counted from 1, down to bit 1.
-template <bool traced>
-bool unpk_high(const unpk_field& field, const unpk_span& span, int low, uint64_t& value) {
-  // A field that begins at the first bit is taken from the lower half alone.
-  const int kept = low == 1 ? HALF_BITS : SPAN_BITS + 1 - low;
-  if (!is_within(kept, HALF_BITS, SPAN_BITS)) {
-    printf("UNPK_HIGH, bit_num(%d) should be in [64, 128] for %s, id(0x%x)\n", kept, field.name,
-           g_unpk.id);
-    return false;
-  }
-  __extension__ using bits128 = unsigned __int128;
-  value = static_cast<uint64_t>((static_cast<bits128>(span.tmp2) << HALF_BITS | span.tmp1) >>
-                                (low - 1));
-  if constexpr (traced) {
-    printf("UNPK_HIGH, old_val: %" PRIu64 ", new_val: %" PRIu64
-           ", bit_num: %d, name: %s, id(0x%x)\n",
-           span.tmp1, value, kept, field.name, g_unpk.id);
-  }
-  return true;
-}
-
 // Keeps the `bit_num` lowest bits.
 template <bool traced>
 bool unpk_low(const unpk_field& field, int bit_num, uint64_t& value) {
@@ -158,6 +137,12 @@ bool unpk_low(const unpk_field& field, int bit_num, uint64_t& value) {
   return true;
 }
 
+// The bits that a span keeps from bit `low` on. What begins at the first one is taken from the
+// lower half alone.
+constexpr int kept_bits(int low) {
+  return low == 1 ? HALF_BITS : SPAN_BITS + 1 - low;
+}
+
 // Whether bits `low` to `high` can be cut out of a span.
 bool check_span_bits(const unpk_field& field, int low, int high) {
   if (low == 1 && !is_within(high, 1, HALF_BITS)) {
@@ -172,16 +157,30 @@ bool check_span_bits(const unpk_field& field, int low, int high) {
   } else if (low > high) {
     printf("UNPK_MID, low(%d) should <= high(%d) for %s, id(0x%x)\n", low, high, field.name,
            g_unpk.id);
+  } else if (kept_bits(low) < HALF_BITS) {
+    printf("UNPK_HIGH, bit_num(%d) should be in [64, 128] for %s, id(0x%x)\n", kept_bits(low),
+           field.name, g_unpk.id);
   } else {
     return true;
   }
   return false;
 }
 
+// Brings bit `low` of the span down to bit 1 and keeps the bits up to `high`; both count from 1.
 template <bool traced>
 bool unpk_mid(const unpk_field& field, const unpk_span& span, int low, int high, uint64_t& value) {
-  if (!check_span_bits(field, low, high) || !unpk_high<traced>(field, span, low, value) ||
-      !unpk_low<traced>(field, high - low + 1, value)) {
+  if (!check_span_bits(field, low, high)) {
+    return false;
+  }
+  __extension__ using bits128 = unsigned __int128;
+  value = static_cast<uint64_t>((static_cast<bits128>(span.tmp2) << HALF_BITS | span.tmp1) >>
+                                (low - 1));
+  if constexpr (traced) {
+    printf("UNPK_HIGH, old_val: %" PRIu64 ", new_val: %" PRIu64
+           ", bit_num: %d, name: %s, id(0x%x)\n",
+           span.tmp1, value, kept_bits(low), field.name, g_unpk.id);
+  }
+  if (!unpk_low<traced>(field, high - low + 1, value)) {
     return false;
   }
   if constexpr (traced) {
@@ -367,10 +366,8 @@ namespace {
 struct counter {
   const char* name = nullptr;
   uint8_t size = 0;
-  uint8_t from_version = 0;  // of the block's layout
+  uint8_t from_version = 0;  // of the layout
 };
-
-constexpr std::array<counter, 1> VERSION_COUNTERS = {{{"version", 1}}};
 
 constexpr std::array<counter, 10> MAIN_COUNTERS = {{
     {"g_modem_stats_feature_enable_status", 1},
@@ -436,6 +433,14 @@ constexpr std::array<counter, 4> UIM_COUNTERS = {{
     {"listener_event_parse_num", 4},
 }};
 
+struct debug_section {
+  const char* name;
+  std::span<const counter> counters;
+};
+
+constexpr std::array<debug_section, 4> DEBUG_SECTIONS = {
+    {{"main", MAIN_COUNTERS}, {"diag", DIAG_COUNTERS}, {"cm", CM_COUNTERS}, {"uim", UIM_COUNTERS}}};
+
 // Prints the counter that `data` begins with, and takes it off. Nothing when the data ends within
 // it.
 std::optional<uint64_t> print_counter(const counter& row, std::span<const uint8_t>& data) {
@@ -451,9 +456,10 @@ std::optional<uint64_t> print_counter(const counter& row, std::span<const uint8_
   return value;
 }
 
-// Prints the counters that a block of `version` has. The bytes that they take, 0 for no data, or
-// UNPK_ENDS_EARLY.
-int print_counters(std::span<const counter> counters, std::span<const uint8_t> data, int version) {
+// Prints the counters that a section of layout `version` has. The bytes that they take, 0 for no
+// data, or nothing when the data ends early: those before were printed.
+std::optional<size_t> print_counters(std::span<const counter> counters,
+                                     std::span<const uint8_t> data, uint64_t version) {
   if (data.data() == nullptr) {
     printf("ptr is null\n");
     return 0;
@@ -464,32 +470,32 @@ int print_counters(std::span<const counter> counters, std::span<const uint8_t> d
       break;
     }
     if (!print_counter(row, rest)) {
-      return UNPK_ENDS_EARLY;
+      return std::nullopt;
     }
   }
-  return static_cast<int>(data.size() - rest.size());
+  return data.size() - rest.size();
 }
 
 }  // namespace
 
-int tervik_modem_stats_version_unpk(std::span<const uint8_t> data) {
-  return print_counters(VERSION_COUNTERS, data, 0);
-}
-
-int tervik_modem_stats_main_info_unpk(std::span<const uint8_t> data, int version) {
-  return print_counters(MAIN_COUNTERS, data, version);
-}
-
-int tervik_modem_stats_diag_info_unpk(std::span<const uint8_t> data, int version) {
-  return print_counters(DIAG_COUNTERS, data, version);
-}
-
-int tervik_modem_stats_cm_info_unpk(std::span<const uint8_t> data, int version) {
-  return print_counters(CM_COUNTERS, data, version);
-}
-
-int tervik_modem_stats_uim_info_unpk(std::span<const uint8_t> data, int version) {
-  return print_counters(UIM_COUNTERS, data, version);
+void tervik_modem_stats_debug_info_unpk(std::span<const uint8_t> block) {
+  std::span<const uint8_t> rest = block;
+  const std::optional<uint64_t> version = print_counter({"version", 1}, rest);
+  if (!version) {
+    return;
+  }
+  uint8_t cnt = 1;
+  for (const debug_section& section : DEBUG_SECTIONS) {
+    printf("-------- stats %s info start --------\n", section.name);
+    const std::optional<size_t> consumed =
+        print_counters(section.counters, block.subspan(cnt), *version);
+    if (!consumed) {
+      return;
+    }
+    // Eight bits, also as the offset of the next section: it may wrap, but not pass the end.
+    cnt = static_cast<uint8_t>(cnt + *consumed);
+    printf("-------- stats %s info end, cnt(%d) --------\n", section.name, cnt);
+  }
 }
 
 // ---- support status ----

@@ -86,17 +86,9 @@ struct unpk_span {
 
 // ---- the debug counters ----
 
-// A printer's result when the received data ends within its counters. Those before were printed.
-inline constexpr int UNPK_ENDS_EARLY = -1;
-
-// Each prints the counters that `data` begins with, as many as the block's layout version has.
-// Returns the bytes that they take, 0 when data.data() is null, or UNPK_ENDS_EARLY.
-[[nodiscard]] int tervik_modem_stats_main_info_unpk(std::span<const uint8_t> data, int version);
-[[nodiscard]] int tervik_modem_stats_diag_info_unpk(std::span<const uint8_t> data, int version);
-[[nodiscard]] int tervik_modem_stats_cm_info_unpk(std::span<const uint8_t> data, int version);
-[[nodiscard]] int tervik_modem_stats_uim_info_unpk(std::span<const uint8_t> data, int version);
-// The same of the layout version that stands before the counters.
-[[nodiscard]] int tervik_modem_stats_version_unpk(std::span<const uint8_t> data);
+// Prints the debug block: the version of its layout, and of each section the counters that the
+// layout has, up to the first that was not received.
+void tervik_modem_stats_debug_info_unpk(std::span<const uint8_t> block);
 
 // Prints the state that `data` tells (data.data() may be null). When the framework lacks support,
 // asks the modem for the DIAG logs to be upgraded and prints their ids.
