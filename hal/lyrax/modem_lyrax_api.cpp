@@ -24,17 +24,7 @@ constexpr std::array<const char*, 3> WHITE_LIST = {"qcrilNrd", "kiv", "modem_api
 std::atomic<bool> g_white_list_checked{false};
 std::atomic<bool> g_white_list_failed{false};
 
-[[nodiscard]] bool admitted(const char* func) {
-  if (modem_api_check_white_list() != 0) {
-    return true;
-  }
-  tervik_log_error_as(func, "check fail, do nothing");
-  return false;
-}
-
-}  // namespace
-
-uint32_t modem_api_check_white_list() {
+bool modem_api_check_white_list() {
   if (!g_white_list_checked) {
     const char* p_name = tervik_utils_get_pid_name();
     g_white_list_failed =
@@ -47,8 +37,18 @@ uint32_t modem_api_check_white_list() {
     tervik_log_debug("check fail, p_id: %d, p_name: %s", tervik_utils_get_pid_number(),
                      tervik_utils_get_pid_name());
   }
-  return g_white_list_failed ? 0 : 1;
+  return !g_white_list_failed;
 }
+
+[[nodiscard]] bool admitted(const char* func) {
+  if (modem_api_check_white_list()) {
+    return true;
+  }
+  tervik_log_error_as(func, "check fail, do nothing");
+  return false;
+}
+
+}  // namespace
 
 // ---- clients ----
 
@@ -251,8 +251,6 @@ constexpr std::array<mapped_error, 12> QMI_ERRORS = {{{0, MODEM_API_SUCCESS},
                                                       {94, MODEM_API_NOT_SUPPORTED},
                                                       {52, MODEM_API_QMI_ERROR_52}}};
 
-}  // namespace
-
 uint32_t modem_api_map_qmi_error_to_modem_api(qmi_client_error_type transport_error,
                                               const vs_result& response) {
   constexpr uint32_t QMI_RESULT_SUCCESS = 0;
@@ -275,6 +273,8 @@ uint32_t modem_api_map_qmi_error_to_modem_api(qmi_client_error_type transport_er
   const mapped_error* const row = find_row(QMI_ERRORS, &mapped_error::qmi_error, response.error);
   return response.result == QMI_RESULT_FAILURE && row != nullptr ? row->result : MODEM_API_FAILURE;
 }
+
+}  // namespace
 
 // ---- requests ----
 

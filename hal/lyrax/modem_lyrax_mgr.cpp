@@ -29,6 +29,19 @@ void release_client() {
   modem_api_release();
 }
 
+uint32_t modem_lyrax_api_is_inited() {
+  tervik_log_debug("g_lyrax_client_id = %d", g_lyrax_client_id.load());
+  return g_lyrax_client_id >= 0 ? 1 : 0;
+}
+
+void modem_lyrax_callback_event_cb(uint32_t event_id, const void* /*data*/, uint32_t data_len) {
+  tervik_log_debug("do nothing, event_id = %d, data_len = %d", event_id, data_len);
+}
+
+void modem_lyrax_operational_status_cb(uint32_t event, uint32_t client_type) {
+  tervik_log_debug("do nothing, event_id = %d, client_type = %d", event, client_type);
+}
+
 }  // namespace
 
 uint32_t modem_lyrax_api_init_ex(vs_event_cb event_cb,
@@ -52,22 +65,9 @@ uint32_t modem_lyrax_api_init() {
   return modem_lyrax_api_init_ex(modem_lyrax_callback_event_cb, modem_lyrax_operational_status_cb);
 }
 
-uint32_t modem_lyrax_api_is_inited() {
-  tervik_log_debug("g_lyrax_client_id = %d", g_lyrax_client_id.load());
-  return g_lyrax_client_id >= 0 ? 1 : 0;
-}
-
 void modem_lyrax_api_deinit() {
   tervik_log_debug("g_lyrax_client_id = %d", g_lyrax_client_id.load());
   release_client();
-}
-
-void modem_lyrax_callback_event_cb(uint32_t event_id, const void* /*data*/, uint32_t data_len) {
-  tervik_log_debug("do nothing, event_id = %d, data_len = %d", event_id, data_len);
-}
-
-void modem_lyrax_operational_status_cb(uint32_t event, uint32_t client_type) {
-  tervik_log_debug("do nothing, event_id = %d, client_type = %d", event, client_type);
 }
 
 uint32_t modem_lyrax_set_feature_status(uint8_t status, uint8_t second_flag_present,
@@ -90,14 +90,6 @@ uint32_t modem_lyrax_stats_start() {
   return modem_lyrax_set_feature_status(1, 1, 1);
 }
 
-uint32_t modem_lyrax_get_stats_parameter(uint16_t sub, uint16_t slot, stats_para_data* data) {
-  if (modem_lyrax_api_is_inited() == 0) {
-    tervik_log_print(LOG_CLASS_ERROR, sub, "The lyrax is not inited, do nothing");
-    return MODEM_API_FAILURE;
-  }
-  return modem_api_get_stats_parameter(g_lyrax_client_id, sub, slot, data);
-}
-
 // ---- fetching ----
 
 namespace {
@@ -110,6 +102,14 @@ uint32_t g_lyrax_data_len = 0;
 uint32_t g_lyrax_data_left = 0;  // bytes not yet consumed
 int32_t g_pK_DATA_CNT = 0;       // offset of the next byte
 uint32_t g_lyrax_data_id = 0;
+
+uint32_t modem_lyrax_get_stats_parameter(uint16_t sub, uint16_t slot, stats_para_data* data) {
+  if (modem_lyrax_api_is_inited() == 0) {
+    tervik_log_print(LOG_CLASS_ERROR, sub, "The lyrax is not inited, do nothing");
+    return MODEM_API_FAILURE;
+  }
+  return modem_api_get_stats_parameter(g_lyrax_client_id, sub, slot, data);
+}
 
 // Makes a client when there is none. False when that fails.
 [[nodiscard]] bool ensure_client(const char* func, uint32_t sub) {

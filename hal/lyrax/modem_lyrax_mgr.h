@@ -117,24 +117,16 @@ static_assert(sizeof(modem_lyrax_nr5g_mac_ul_phy_ch_power_info) == 52);
 // Replaces the client. 1 when there is one afterwards, else 0.
 [[nodiscard]] uint32_t modem_lyrax_api_init_ex(vs_event_cb event_cb,
                                                modem_api_operational_status_event_cb status_cb);
+// The same with callbacks that only log.
 [[nodiscard]] uint32_t modem_lyrax_api_init();
-// 1 when there is a client.
-[[nodiscard]] uint32_t modem_lyrax_api_is_inited();
 void modem_lyrax_api_deinit();
-
-// The callbacks of modem_lyrax_api_init: they only log.
-void modem_lyrax_callback_event_cb(uint32_t event_id, const void* data, uint32_t data_len);
-void modem_lyrax_operational_status_cb(uint32_t event, uint32_t client_type);
 
 // Switches the statistics feature. 1, or 0 on a failure.
 [[nodiscard]] uint32_t modem_lyrax_set_feature_status(uint8_t status, uint8_t second_flag_present,
                                                       uint8_t second_flag);
 [[nodiscard]] uint32_t modem_lyrax_stats_start();
-// The result of modem_api_get_stats_parameter, or 1 without a client.
-[[nodiscard]] uint32_t modem_lyrax_get_stats_parameter(uint16_t sub, uint16_t slot,
-                                                       stats_para_data* data);
 // Fetches the blob of one parameter, making a client when there is none. 0, or 1 on a failure.
-// Called inside a getter.
+// Public for tests alone: the getters call it with the data mutex held.
 [[nodiscard]] uint32_t modem_lyrax_data_get(uint32_t sub, uint32_t id);
 
 // ---- getters ----
