@@ -39,6 +39,7 @@ static_assert(sizeof(modem_stats_cell_record) == 38);
 static_assert(offsetof(modem_stats_cell_record, cgi) == 12);
 static_assert(offsetof(modem_stats_cell_record, ul_earfcn) == 30);
 
+// All that a decode gives.
 struct modem_stats_cell {
   modem_stats_cell_record record;
   uint8_t mnc_num;  // shown, but not handed on
