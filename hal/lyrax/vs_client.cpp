@@ -46,6 +46,8 @@ struct vs_client_record {
 };
 
 vs_client_record vs_client_info;
+// Outside the record: a response may come after a release.
+std::atomic<vs_response_cb> g_response_cb{nullptr};
 
 void report_status(vs_operational_status status) {
   const vs_operational_status_cb status_cb = vs_client_info.operational_status_cb;
@@ -184,7 +186,8 @@ void vs_client_ind_hdlr(unsigned int msg_id, const uint8_t* decoded) {
 
 }  // namespace
 
-void vs_init() {
+void vs_init(vs_response_cb response_cb) {
+  g_response_cb = response_cb;
   vs_client_info.clear();
   vs_client_info.command_cb = vs_client_command_cb;
   vs_client_info.service_object = vs_get_service_object_internal_v01(
@@ -262,5 +265,8 @@ void vs_client_service_down_event(qmi_client_type /*handle*/, qmi_client_error_t
 void vs_client_command_cb(qmi_client_type /*handle*/, unsigned int msg_id, void* resp,
                           unsigned int resp_len, void* cb_data,
                           qmi_client_error_type transport_error) {
-  modem_api_process_response(msg_id, resp, resp_len, cb_data, transport_error);
+  const vs_response_cb response_cb = g_response_cb;
+  if (response_cb != nullptr) {
+    response_cb(msg_id, resp, resp_len, cb_data, transport_error);
+  }
 }
