@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "tervik_kiv_lyrax_counters.h"
 #include "tervik_utils_cmn.h"
 
 static_assert(std::endian::native == std::endian::little);
@@ -363,87 +364,8 @@ void tervik_test_modem_stats_parsing_process_do(std::span<const uint8_t> record)
 
 namespace {
 
-struct counter {
-  const char* name = nullptr;
-  uint8_t size = 0;
-  uint8_t from_version = 0;  // of the layout
-};
-
-constexpr std::array<counter, 10> MAIN_COUNTERS = {{
-    {"g_modem_stats_feature_enable_status", 1},
-    {"g_unpk_version_not_support_num", 8},
-    {"g_modem_stats_cmd_ok_count", 8},
-    {"g_modem_stats_cmd_fail_count", 8},
-    {"lyrax_system_heapi_mem_max_num", 8, 2},
-    {"lyrax_system_heapi_mem_cur_num", 8, 2},
-    {"modem_statsi_cmd_q_count", 4, 2},
-    {"modem_statsi_cmd_free_q_count", 4, 2},
-    {"g_lyrax_log_mask", 4, 4},
-    {"g_lyrax_log_stats_mask", 4, 4},
-}};
-
-constexpr std::array<counter, 22> DIAG_COUNTERS = {{
-    {"init_state", 1},
-    {"listener_event_num", 4},
-    {"listener_event_state", 1},
-    {"listener_event_call_num", 4},
-    {"listener_event_parse_num", 4},
-    {"listener_log_num", 4},
-    {"listener_log_state", 1},
-    {"listener_log_call_num", 8},
-    {"listener_log_parse_num", 8},
-    {"poll_update_call_num", 4},
-    {"poll_update_parse_num", 4},
-    {"listener_event_callback_num", 8, 1},
-    {"listener_log_callback_num", 8, 1},
-    {"lte_cell_id_invalid_num", 4, 1},
-    {"nr5g_cell_id_invalid_num", 4, 1},
-    {"event_duration_ms_max", 4, 2},
-    {"log_duration_ms_max", 4, 2},
-    {"do_duration_ms_max", 4, 2},
-    {"debug_call_num", 4, 2},
-    {"debug_parse_num", 4, 2},
-    {"cust_event_call_num", 4, 3},
-    {"cust_event_parse_num", 4, 3},
-}};
-
-constexpr std::array<counter, 16> CM_COUNTERS = {{
-    {"init_state", 1},
-    {"listener_state", 1},
-    {"listener_call_event_call_num", 4},
-    {"listener_call_event_parse_num", 4},
-    {"listener_subs_event_call_num", 4},
-    {"listener_subs_event_parse_num", 4},
-    {"listener_ss_event_call_num", 4},
-    {"listener_ss_event_parse_num", 4},
-    {"listener_stats_event_call_num", 4},
-    {"listener_stats_event_parse_num", 4},
-    {"poll_update_rf_call_num", 4},
-    {"poll_update_rf_parse_num", 4},
-    {"poll_update_lte_call_num", 4},
-    {"poll_update_lte_parse_num", 4},
-    {"poll_update_nr5g_call_num", 4},
-    {"poll_update_nr5g_parse_num", 4},
-}};
-
-constexpr std::array<counter, 4> UIM_COUNTERS = {{
-    {"init_state", 1},
-    {"listener_state", 1},
-    {"listener_event_call_num", 4},
-    {"listener_event_parse_num", 4},
-}};
-
-struct debug_section {
-  const char* name;
-  std::span<const counter> counters;
-};
-
-constexpr std::array<debug_section, 4> DEBUG_SECTIONS = {
-    {{"main", MAIN_COUNTERS}, {"diag", DIAG_COUNTERS}, {"cm", CM_COUNTERS}, {"uim", UIM_COUNTERS}}};
-
-// Prints the counter that `data` begins with, and takes it off. Nothing when the data ends within
-// it.
-std::optional<uint64_t> print_counter(const counter& row, std::span<const uint8_t>& data) {
+// Prints the counter that `data` begins with, and takes it off; nothing when the data ends early.
+std::optional<uint64_t> print_counter(const debug_counter& row, std::span<const uint8_t>& data) {
   if (data.size() < row.size) {
     printf("UNPK, the data ends before %s: %zu of %d bytes received\n", row.name, data.size(),
            row.size);
@@ -458,14 +380,14 @@ std::optional<uint64_t> print_counter(const counter& row, std::span<const uint8_
 
 // Prints the counters that a section of layout `version` has. The bytes that they take, 0 for no
 // data, or nothing when the data ends early: those before were printed.
-std::optional<size_t> print_counters(std::span<const counter> counters,
+std::optional<size_t> print_counters(std::span<const debug_counter> counters,
                                      std::span<const uint8_t> data, uint64_t version) {
   if (data.data() == nullptr) {
     printf("ptr is null\n");
     return 0;
   }
   std::span<const uint8_t> rest = data;
-  for (const counter& row : counters) {
+  for (const debug_counter& row : counters) {
     if (row.from_version > version) {
       break;
     }
@@ -502,7 +424,7 @@ void tervik_modem_stats_debug_info_unpk(std::span<const uint8_t> block) {
 
 namespace {
 
-constexpr std::array<counter, 5> SUPPORT_COUNTERS = {{
+constexpr std::array<debug_counter, 5> SUPPORT_COUNTERS = {{
     {"version", 1},
     {"modem_stats_feature_enable_status", 1},
     {"version_not_support_num", 8},

@@ -231,8 +231,7 @@ struct blob_reader {
 enum class log_id : uint8_t { no, yes };
 
 // Every getter: its own name, id and record in, its result out. `read_fields` takes the fields in
-// the order of the blob, whose widths are those of the record's members; false when the blob ends
-// early.
+// the order of the blob, with the widths of the record's members; false when the blob ends early.
 template <log_id with_id = log_id::no, typename Record, typename ReadFields>
 [[nodiscard]] uint32_t run_getter(const char* func, uint32_t sub, uint32_t id, Record* record,
                                   ReadFields read_fields) {
@@ -426,12 +425,10 @@ int32_t modem_tx_power_get_for_dds_sub() {
 int32_t modem_tx_power_get_for_max_sub() {
   const int32_t tx_power0 = modem_tx_power_get_by_sub(0);
   const int32_t tx_power1 = modem_tx_power_get_by_sub(1);
-  int32_t tx_power = std::max(tx_power0, tx_power1);
-  if (tx_power0 == MODEM_TX_POWER_UNAVAILABLE) {
-    tx_power = tx_power1;
-  } else if (tx_power1 == MODEM_TX_POWER_UNAVAILABLE) {
-    tx_power = tx_power0;
-  }
+  const int32_t tx_power = tx_power0 == MODEM_TX_POWER_UNAVAILABLE ? tx_power1
+                           : tx_power1 == MODEM_TX_POWER_UNAVAILABLE
+                               ? tx_power0
+                               : std::max(tx_power0, tx_power1);
   tervik_log_debug("function exit, tx_power0 = %d, tx_power1 = %d, tx_power = %d", tx_power0,
                    tx_power1, tx_power);
   return tx_power;
