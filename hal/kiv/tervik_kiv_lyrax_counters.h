@@ -76,11 +76,3 @@ inline constexpr std::array<debug_counter, 4> UIM_COUNTERS = {{
     {"listener_event_call_num", 4},
     {"listener_event_parse_num", 4},
 }};
-
-struct debug_section {
-  const char* name;
-  std::span<const debug_counter> counters;
-};
-
-inline constexpr std::array<debug_section, 4> DEBUG_SECTIONS = {
-    {{"main", MAIN_COUNTERS}, {"diag", DIAG_COUNTERS}, {"cm", CM_COUNTERS}, {"uim", UIM_COUNTERS}}};

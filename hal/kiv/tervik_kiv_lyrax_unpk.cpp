@@ -398,6 +398,38 @@ std::optional<size_t> print_counters(std::span<const debug_counter> counters,
   return data.size() - rest.size();
 }
 
+// The sections of the debug block.
+
+using section_data = std::span<const uint8_t>;
+
+std::optional<size_t> tervik_modem_stats_main_info_unpk(section_data data, uint64_t version) {
+  return print_counters(MAIN_COUNTERS, data, version);
+}
+
+std::optional<size_t> tervik_modem_stats_diag_info_unpk(section_data data, uint64_t version) {
+  return print_counters(DIAG_COUNTERS, data, version);
+}
+
+std::optional<size_t> tervik_modem_stats_cm_info_unpk(section_data data, uint64_t version) {
+  return print_counters(CM_COUNTERS, data, version);
+}
+
+std::optional<size_t> tervik_modem_stats_uim_info_unpk(section_data data, uint64_t version) {
+  return print_counters(UIM_COUNTERS, data, version);
+}
+
+struct debug_section {
+  const char* name;
+  std::optional<size_t> (*print)(section_data data, uint64_t version);
+};
+
+constexpr std::array<debug_section, 4> DEBUG_SECTIONS = {{
+    {"main", tervik_modem_stats_main_info_unpk},
+    {"diag", tervik_modem_stats_diag_info_unpk},
+    {"cm", tervik_modem_stats_cm_info_unpk},
+    {"uim", tervik_modem_stats_uim_info_unpk},
+}};
+
 }  // namespace
 
 void tervik_modem_stats_debug_info_unpk(std::span<const uint8_t> block) {
@@ -409,8 +441,7 @@ void tervik_modem_stats_debug_info_unpk(std::span<const uint8_t> block) {
   uint8_t cnt = 1;
   for (const debug_section& section : DEBUG_SECTIONS) {
     printf("-------- stats %s info start --------\n", section.name);
-    const std::optional<size_t> consumed =
-        print_counters(section.counters, block.subspan(cnt), *version);
+    const std::optional<size_t> consumed = section.print(block.subspan(cnt), *version);
     if (!consumed) {
       return;
     }
