@@ -58,15 +58,15 @@ void report_status(vs_operational_status status) {
 
 // ---- connecting ----
 
-qmi_client_error_type connect_with_retries(const char* func) {
+qmi_client_error_type connect_with_retries(const char* func, uint32_t port) {
   qmi_client_error_type err = QMI_NO_ERR;
   for (int n = 0;; ++n) {
     if (n > 0) {
       sleep(1);
     }
-    tervik_log_debug_as(func, "Trying qmi_client_init_instance() try # %d port[%d]", n, ANY_PORT);
+    tervik_log_debug_as(func, "Trying qmi_client_init_instance() try # %d port[%d]", n, port);
     qmi_client_type handle = nullptr;
-    err = qmi_client_init_instance(vs_client_info.service_object, ANY_PORT, vs_client_unsol_ind_cb,
+    err = qmi_client_init_instance(vs_client_info.service_object, port, vs_client_unsol_ind_cb,
                                    nullptr, &vs_client_info.os_params, INIT_TIMEOUT_MS, &handle);
     vs_client_info.client_handle = handle;
     if (err == QMI_NO_ERR || n == LAST_ATTEMPT) {
@@ -75,9 +75,15 @@ qmi_client_error_type connect_with_retries(const char* func) {
   }
 }
 
+// Any instance of the service will do.
+uint32_t vs_client_get_master_port() {
+  return ANY_PORT;
+}
+
 uint32_t vs_client_init_client_handles() {
-  tervik_log_debug("using port %d", ANY_PORT);
-  const qmi_client_error_type err = connect_with_retries(__func__);
+  const uint32_t port = vs_client_get_master_port();
+  tervik_log_debug("using port %d", port);
+  const qmi_client_error_type err = connect_with_retries(__func__, port);
   tervik_log_debug("qmi_client_init_instance returned (%d)", err);
   if (err != QMI_NO_ERR) {
     tervik_log_error("qmi_client_init_instance returned failure(%d)", err);
