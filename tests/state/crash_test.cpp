@@ -35,7 +35,6 @@ void PrintTo(const Operation& operation, std::ostream* out) {
 
 const std::string kFiller = "# " + std::string(20000, 'f') + '\n';
 const std::string kConfigId(20, '\xC0');
-const std::string kTxFile = "efs/0/oem/debug/ant_tx_config";
 
 const Operation kNvWrite{
     "NvWrite", "4 2 0 7 65", {{"nv/0/7", "old"}, {"nv/1/7", "o"}}, {{"nv/0/7", "A"}}};
@@ -43,17 +42,11 @@ const Operation kOperations[] = {
     kNvWrite,
     {"NvDelete", "4 3 1 7", {{"nv/1/7", "old"}, {"nv/1/8", "o"}}, {{"nv/1/7", {}}}},
     {"NvDeleteOfFactoryItem", "4 3 0 550", {{"nv/0/8", "o"}}, {{"nv/0/550", ""}}},
-    {"PropertyFresh", "10 30 2", {}, {{"properties", "persist.radio.all_pdc_no_rsp_count=2\n"}}},
     {"PropertyExisting",
      "11 3 1",
      {{"properties", "persist.vendor.radio.print_stats=2\na=1\n" + kFiller}, {"nv/0/1", "n"}},
      {{"properties", "persist.vendor.radio.print_stats=1\na=1\n" + kFiller}}},
     {"EfsWrite", "4 5 1 /a/b/c 65", {{"efs/0/a", "o"}}, {{"efs/1/a/b/c", "A"}}},
-    {"EfsDelete", "4 6 0 /x", {{"efs/0/x", "old"}}, {{"efs/0/x", {}}}},
-    {"Tx",
-     "3 3 1 4 3",
-     {{kTxFile, kFiller}},
-     {{kTxFile, {{"\1\0\0\0\4\0\0\0\3\0\0\0\0\0\0\0", 16}}}}},
     {"SarState", "5 7 3", {{"sar/dsi", {"\7\0\0\0", 4}}}, {{"sar/dsi", {{"\3\0\0\0", 4}}}}},
     {"SimTypeAndEid",
      "5 10 1 0",
