@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstring>
 #include <future>
-#include <map>
 #include <mutex>
 
 #include "tervik_mbn_utils.h"
@@ -132,12 +131,6 @@ class PdcTest : public ExtensionClientTest {
   Strings events_;
 };
 
-std::string id_text(const std::string& first, const std::string& others) {
-  std::string text = first;
-  for (int word = 1; word < 31; ++word) text += others;
-  return text;
-}
-
 TEST_F(PdcTest, RequestsNameTheSubscriptionByConfigType) {
   for (const uint32_t type : {0u, 1u, 2u}) {
     answer = [](uint16_t id) {
@@ -152,7 +145,8 @@ TEST_F(PdcTest, RequestsNameTheSubscriptionByConfigType) {
     EXPECT_EQ(pdc_activate_config_ex(type, 1, 1, 3), 0);
     EXPECT_EQ(pdc_activate_config_ex2(type, 1), 0);
     const std::string t = std::to_string(type);
-    const std::string id = id_text(" 124 16843009", " 16843009");
+    std::string id = " 124";
+    for (int word = 0; word < 31; ++word) id += " 16843009";
     EXPECT_EQ(asked(), (Strings{"2: " + t + (type <= 1 ? " 1 1" : " 0 0"), "11: " + t + " 1 1",
                                 "3: " + t + id + (type == 1 ? " 1 1" : " 0 0"),
                                 "7: " + t + " 1 1" + (type == 1 ? " 1 1 1 3" : " 0 0 0 0"),
@@ -228,52 +222,6 @@ TEST_F(PdcTest, AReconnectionForgetsAClaim) {
   indicate(0x2B);
   EXPECT_EQ(first.get(), Timed(-1, 2s));
   EXPECT_EQ(second.get(), Timed(0, 3s));
-  first = std::async(std::launch::async, [] { return timed(deactivate); });
-  sleep(1);
-  qmi_pdc_init_pdc_info_ex();
-  EXPECT_EQ(first.get(), Timed(-1, 2s)) << "and no watchdog is left";
-}
-
-TEST_F(PdcTest, AWatchdogEndsTheWaitOfEveryKind) {
-  std::unique_lock lock(g_pdc_info_ex.mutex);
-  for (pdc_req_waiter& waiter : g_pdc_info_ex.waiters) waiter.is_waiting = 1;
-  g_pdc_info_ex.waiters[6].is_done = 1;  // with a result that counts
-  lock.unlock();
-  const LogCapture log;
-  qmi_pdc_request_timer_timeout_proc({.sival_int = 77});
-  for (const char* name : {"pdc_list", "pdc_load", "pdc_info", "pdc_deact", "pdc_del", "get_sel",
-                           "act_config", "set_feature", "default_info"}) {
-    EXPECT_EQ(log.count(std::string(name) + " is waiting, will stop it."), 1u) << name;
-  }
-  EXPECT_EQ(log.count("not find this timer_id(77)"), 1u);
-  lock.lock();
-  for (pdc_req_waiter& waiter : g_pdc_info_ex.waiters) {
-    EXPECT_EQ(waiter.result, &waiter == &g_pdc_info_ex.waiters[6] ? 0 : -1);
-    EXPECT_EQ(waiter.is_done, 1u);
-  }
-  lock.unlock();
-  qmi_pdc_init_pdc_info_ex();
-}
-
-TEST_F(PdcTest, KindsThatAreNotRequestedAreIgnored) {
-  std::map<uint16_t, std::string> rows{
-      {0x24,
-       "pdc_list_configs_flag, g_pdc_info_ex.is_pdc_list_handling is not running, do nothing"},
-      {0x29, "failed to get message c_struct len"},
-      {0x2C, "ignore this indication, no pdc_validate_config_req"}};
-  uint16_t next = 0x22;
-  for (const char* kind : {"GET_SELECTED_CONFIG", "SET_SELECTED_CONFIG", "", "DELETE_CONFIG",
-                           "LOAD_CONFIG", "ACTIVATE_CONFIG", "GET_CONFIG_INFO", "",
-                           "GET_DEFAULT_CONFIG_INFO", "DEACTIVATE_CONFIG", "", "", "SET_FEATURE"}) {
-    rows.emplace(next++, std::string("Do nothing, No QMI_PDC_") + kind + "_REQ_V01");
-  }
-  rows.erase(0x2D);
-  for (const auto& [id, line] : rows) {
-    const LogCapture log;
-    indicate(id);
-    sleep(1);
-    EXPECT_EQ(log.messages().back(), line);
-  }
 }
 
 TEST_F(PdcTest, AnIdIsTakenFromOneIndicationAsAWhole) {

@@ -46,7 +46,6 @@ const Operation kOperations[] = {
      {{"properties", "persist.vendor.radio.print_stats=2\na=1\n" + kFiller}, {"nv/0/1", "n"}},
      {{"properties", "persist.vendor.radio.print_stats=1\na=1\n" + kFiller}}},
     {"EfsWrite", "4 5 1 /a/b/c 65", {{"efs/0/a", "o"}}, {{"efs/1/a/b/c", "A"}}},
-    {"EfsDelete", "4 6 0 /x", {{"efs/0/x", "old"}}, {{"efs/0/x", {}}}},
     {"PdcIds",
      "10 1 1",
      {{"pdc/1/active", "o"}},
