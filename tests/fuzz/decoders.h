@@ -56,7 +56,7 @@ struct Decoder {
   Inlet inlet = Inlet::kFunction;
   std::vector<MessageKey> messages{};    // that it answers or, for indications, comes before
   std::vector<std::string> commands{};   // of the tool, that take the bytes in
-  std::vector<CountField> fields{};      // besides those of TLVs
+  std::vector<CountField> fields{};      // of its records
   void (*function)(ByteView) = nullptr;  // called with the bytes after the commands
   std::vector<Bytes> samples{};          // seeds that no healthy run brings
   std::vector<std::string> prepare{};    // commands before the healthy run

@@ -10,7 +10,6 @@
 #include <ostream>
 #include <sstream>
 
-#include "platform/qmi/qmi_idl_codec.h"
 #include "tests/fuzz/stage.h"
 #include "tests/support/log_capture.h"
 
@@ -72,36 +71,8 @@ void expect_cuts_hold(Stage& stage, const Decoder& row, ByteView whole, size_t s
   }
 }
 
-bool has_field_rows(const MessageKey& key, Inlet inlet) {
-  const auto type = inlet == Inlet::kIndication ? QMI_IDL_INDICATION : QMI_IDL_RESPONSE;
-  const auto id = static_cast<uint16_t>(key.msg_id);
-  const qmi_idl_message* const message = platform::find_message(object_of(key.service), type, id);
-  return message != nullptr && !message->fields.empty();
-}
-
-// The lengths in a message of TLVs, and the counts that some values begin with.
-std::vector<CountField> tlv_fields(const Decoder& row, ByteView message) {
-  constexpr size_t kHeaderSize = 3;
-  const bool tlvs = !row.messages.empty() && has_field_rows(row.messages[0], row.inlet);
-  if (!tlvs || row.inlet == Inlet::kPayload || row.inlet == Inlet::kStatsBlob) return {};
-  size_t at = row.inlet == Inlet::kIndication ? 2 : 0;
-  std::vector<CountField> fields;
-  while (at + kHeaderSize <= message.size()) {
-    const size_t length = message[at + 1] | static_cast<size_t>(message[at + 2]) << 8;
-    if (length > message.size() - at - kHeaderSize) return {};
-    fields.push_back({at + 1, 2, length});
-    for (const size_t width : {size_t{1}, size_t{2}, size_t{4}}) {
-      if (width <= length) fields.push_back({at + kHeaderSize, width, message[at + kHeaderSize]});
-    }
-    at += kHeaderSize + length;
-  }
-  return at == message.size() ? fields : std::vector<CountField>{};
-}
-
 void expect_limits_hold(Stage& stage, const Decoder& row, const Bytes& seed) {
-  std::vector<CountField> fields = tlv_fields(row, seed);
-  fields.insert(fields.end(), row.fields.begin(), row.fields.end());
-  for (const CountField& field : fields) {
+  for (const CountField& field : row.fields) {
     if (field.offset + field.width > seed.size()) continue;
     for (const uint64_t value : {uint64_t{0}, uint64_t{1}, field.max, field.max + 1, UINT64_MAX}) {
       Bytes changed(seed);

@@ -224,26 +224,6 @@ TEST_F(PdcTest, AReconnectionForgetsAClaim) {
   EXPECT_EQ(second.get(), Timed(0, 3s));
 }
 
-TEST_F(PdcTest, AnIdIsTakenFromOneIndicationAsAWhole) {
-  for (uint64_t seed = 1; seed <= 20; ++seed) {
-    SCOPED_TRACE(seed);
-    const Shuffle shuffle(seed);
-    auto strays = std::async(std::launch::async, [] {
-      for (int i = 0; i < 40; ++i) {
-        platform::send_indication(service_id(), 0x22, words(selection(0, 124, 0, 2)));
-      }
-    });
-    for (int round = 0; round < 10; ++round) {
-      pdc_config_pdc_info config{};
-      EXPECT_EQ(pdc_get_current_config_ex(&config, 1, 0), 0);
-      const auto ids = std::count(config.config_id, std::end(config.config_id), 1) * 100 +
-                       std::count(config.config_id, std::end(config.config_id), 2);
-      EXPECT_EQ(ids, config.config_id_len == 4 ? 400 : 124);
-    }
-    strays.get();
-  }
-}
-
 // Whatever comes first, every wait ends at once, and nothing is left for the next one.
 TEST_F(PdcTest, WatchdogIndicationAndReconnectionRaceForTwoWaits) {
   for (uint64_t seed = 1; seed <= 60; ++seed) {

@@ -189,12 +189,23 @@ Thread& choose_next() {
   }
 }
 
+// Waiting and waking leave errno as it was: the code under test may show it.
+class KeptErrno {
+ public:
+  ~KeptErrno() { errno = kept_; }
+
+ private:
+  const int kept_ = errno;
+};
+
 void hand_over_to(Thread& next) {
+  const KeptErrno kept;
   __atomic_store_n(&next.turn, 1, __ATOMIC_RELEASE);
   real_syscall(SYS_futex, &next.turn, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
 void await_turn(Thread& self) {
+  const KeptErrno kept;
   while (__atomic_load_n(&self.turn, __ATOMIC_ACQUIRE) == 0) {
     real_syscall(SYS_futex, &self.turn, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
   }
