@@ -5,10 +5,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <memory>
 #include <mutex>
-#include <new>
 
+#include "tervik_qmi_client.h"
 #include "tervik_utils_cmn.h"
 #include "tervik_utils_timer.h"
 
@@ -24,26 +23,12 @@ constexpr unsigned int SERVICE_INFO_MAX = 8;
 constexpr int PAYLOAD_MAX = static_cast<int>(TERVIK_EXTEND_PAYLOAD_SIZE);
 
 constexpr unsigned int IND_DATA_MSG_ID = 0x0003;
-constexpr unsigned int IND_OTHER_MSG_ID = 0x000D;
-constexpr std::array<unsigned int, 6> IND_SHARED_MSG_IDS = {0x0005, 0x0006, 0x0007,
-                                                            0x0008, 0x0009, 0x000B};
 constexpr uint32_t IND_SUB_ID_COUNT = 8;
-
-using ind_data_handler = void (*)(uint32_t sub_id, const uint8_t* payload, uint32_t payload_len);
-using ind_struct_handler = void (*)(unsigned int msg_id, const void* c_struct, uint32_t size);
-
-// Who takes which indication. Nobody does in this tool: a slot is for a module that needs one.
-// The framework's thread reads the slots while a rebuild clears them.
-struct indication_handlers {
-  std::array<std::atomic<ind_data_handler>, IND_SUB_ID_COUNT> by_sub_id;
-  std::atomic<ind_struct_handler> shared;
-  std::atomic<ind_struct_handler> other;
-};
 
 std::mutex tervik_extend_qmi_client_crit_sect;
 std::atomic<bool> g_tervik_qmi_lock_init{false};
 
-// Under tervik_extend_qmi_client_crit_sect, but for the handlers.
+// Under tervik_extend_qmi_client_crit_sect.
 bool g_inited = false;
 qmi_idl_service_object_type g_service_object = nullptr;
 qmi_client_type g_client_handle = nullptr;
@@ -51,7 +36,6 @@ qmi_client_type g_notifier = nullptr;
 qmi_client_os_params g_os_params;
 tervik_extend_data_msg g_request;
 tervik_extend_data_msg g_response;
-indication_handlers g_ind_handlers;
 
 // A handle as the log shows it.
 int shown_handle(qmi_client_type handle) {
@@ -102,6 +86,13 @@ void wait_for_watchdog() {
   std::unique_lock lock(g_watchdog_run.mutex);
   g_watchdog_run.changed.wait_for(lock, WATCHDOG_END_TIMEOUT,
                                   [] { return !g_watchdog_run.running; });
+}
+
+// Asked for anew by the framework's thread, which does not share the sender's state.
+qmi_idl_service_object_type extend_service() {
+  return tervik_extend_get_service_object_internal_v01(TERVIK_EXTEND_IDL_MAJOR_VERSION,
+                                                       TERVIK_EXTEND_IDL_MINOR_VERSION,
+                                                       TERVIK_EXTEND_IDL_LIBRARY_VERSION);
 }
 
 void clear_connection() {
@@ -206,54 +197,6 @@ int exchange_locked(const char* func, uint32_t id, const uint8_t* req, int req_l
   return result;
 }
 
-// ---- indications ----
-
-// The decoded form of an indication; null when it does not decode.
-std::unique_ptr<uint8_t[]> decode_indication(qmi_client_type client, unsigned int msg_id,
-                                             const void* buffer, unsigned int buffer_len,
-                                             uint32_t* c_struct_len) {
-  // Asked for anew: the framework's thread does not share the sender's state.
-  const qmi_idl_service_object_type service = tervik_extend_get_service_object_internal_v01(
-      TERVIK_EXTEND_IDL_MAJOR_VERSION, TERVIK_EXTEND_IDL_MINOR_VERSION,
-      TERVIK_EXTEND_IDL_LIBRARY_VERSION);
-  if (qmi_idl_get_message_c_struct_len(service, QMI_IDL_INDICATION, static_cast<uint16_t>(msg_id),
-                                       c_struct_len) != 0) {
-    return nullptr;
-  }
-  std::unique_ptr<uint8_t[]> c_struct(new (std::nothrow) uint8_t[*c_struct_len]());
-  if (c_struct == nullptr ||
-      qmi_client_message_decode(client, QMI_IDL_INDICATION, msg_id, buffer, buffer_len,
-                                c_struct.get(), *c_struct_len) != QMI_NO_ERR) {
-    return nullptr;
-  }
-  return c_struct;
-}
-
-void handle_data_indication(const char* func, unsigned int msg_id, unsigned int buffer_len,
-                            const tervik_extend_data_msg& ind) {
-  const int sub_id = static_cast<int>(ind.id);
-  const bool traced = g_extend_qmi_trace != 0;
-  if (traced) {
-    tervik_log_debug_as(func, "msg_id: 0x%x, buf_len: %d, ind.ind: %d", msg_id,
-                        static_cast<int>(buffer_len), sub_id);
-  }
-  if (ind.id >= IND_SUB_ID_COUNT) {
-    if (traced) {
-      tervik_log_debug_as(func, "Indicaion: %d greater than maximum known indication.", sub_id);
-    }
-    return;
-  }
-  const ind_data_handler handler = g_ind_handlers.by_sub_id[ind.id];
-  if (handler == nullptr) {
-    if (traced) {
-      tervik_log_debug_as(func, "No function defined to handle indication: %d", sub_id);
-    }
-    return;
-  }
-  const uint32_t carried = std::min(ind.len, static_cast<uint32_t>(TERVIK_EXTEND_PAYLOAD_SIZE));
-  handler(ind.id, ind.payload, ind.payload_valid != 0 ? carried : 0);
-}
-
 }  // namespace
 
 std::atomic<int> g_extend_qmi_trace{1};
@@ -278,9 +221,7 @@ void tervik_extend_qmi_init_do() {
   g_request = {};
   g_response = {};
   clear_connection();
-  g_service_object = tervik_extend_get_service_object_internal_v01(
-      TERVIK_EXTEND_IDL_MAJOR_VERSION, TERVIK_EXTEND_IDL_MINOR_VERSION,
-      TERVIK_EXTEND_IDL_LIBRARY_VERSION);
+  g_service_object = extend_service();
   if (g_service_object == nullptr) {
     tervik_log_error("QMI get service obj failed. Check .c and .h");
   }
@@ -294,11 +235,6 @@ void tervik_extend_qmi_deinit_do() {
     return;
   }
   tervik_log_debug("start, inited = %d", g_inited ? 1 : 0);
-  for (auto& handler : g_ind_handlers.by_sub_id) {
-    handler = nullptr;
-  }
-  g_ind_handlers.shared = nullptr;
-  g_ind_handlers.other = nullptr;
   qmi_client_error_type err = qmi_client_release(g_client_handle);
   tervik_log_debug("qmi_client_release client_handle, err = %d", err);
   err = qmi_client_release(g_notifier);
@@ -361,28 +297,28 @@ void tervik_qmi_timer_cb(union sigval value) {
   g_watchdog_run.set(false);
 }
 
+// Nobody in this tool handles an indication: what is decoded is told and dropped.
 void tervik_extend_qmi_ind_cb(qmi_client_type client, unsigned int msg_id, void* buffer,
                               unsigned int buffer_len, void* /*user_data*/) {
-  const bool shared = std::find(IND_SHARED_MSG_IDS.begin(), IND_SHARED_MSG_IDS.end(), msg_id) !=
-                      IND_SHARED_MSG_IDS.end();
-  if (!shared && msg_id != IND_DATA_MSG_ID && msg_id != IND_OTHER_MSG_ID) {
+  const tervik_qmi_indication indication =
+      tervik_qmi_decode_indication(extend_service(), client, msg_id, buffer, buffer_len);
+  if (indication.len == 0) {
     return;
   }
-  uint32_t c_struct_len = 0;
-  const std::unique_ptr<uint8_t[]> c_struct =
-      decode_indication(client, msg_id, buffer, buffer_len, &c_struct_len);
-  if (c_struct == nullptr) {
+  if (!indication.decoded()) {
     tervik_log_debug("indication 0x%x does not decode, buf_len: %u", msg_id, buffer_len);
     return;
   }
-  if (msg_id == IND_DATA_MSG_ID) {
-    tervik_extend_data_msg ind = {};
-    memcpy(&ind, c_struct.get(), sizeof(ind));
-    handle_data_indication(__func__, msg_id, buffer_len, ind);
+  if (msg_id != IND_DATA_MSG_ID || g_extend_qmi_trace == 0) {
     return;
   }
-  const ind_struct_handler handler = shared ? g_ind_handlers.shared : g_ind_handlers.other;
-  if (handler != nullptr) {
-    handler(msg_id, c_struct.get(), c_struct_len);
+  const auto data = tervik_qmi_record<tervik_extend_data_msg>(indication.c_struct.get());
+  const int sub_id = static_cast<int>(data.id);
+  tervik_log_debug("msg_id: 0x%x, buf_len: %d, ind.ind: %d", msg_id, static_cast<int>(buffer_len),
+                   sub_id);
+  if (data.id >= IND_SUB_ID_COUNT) {
+    tervik_log_debug("Indicaion: %d greater than maximum known indication.", sub_id);
+  } else {
+    tervik_log_debug("No function defined to handle indication: %d", sub_id);
   }
 }
