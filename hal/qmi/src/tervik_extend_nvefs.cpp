@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <initializer_list>
 #include <mutex>
 
 #include "tervik_extend_api.h"
@@ -19,78 +20,53 @@ constexpr uint32_t NV_ID_OF_ANY_SUB = 550;
 // Held over whole operations; taken before the client's own lock.
 std::mutex g_nvefs_mutex;
 
-// ---- argument checks, in the order of their codes; each logs its reason ----
+// ---- argument checks ----
 
-[[nodiscard]] int check_sub(const char* func, uint32_t sub) {
-  if (tervik_check_sub_id(sub)) {
-    return 0;
-  }
-  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "sub invalid");
-  return TERVIK_NVEFS_ERR_SUB;
+struct argument_check {
+  bool failed;
+  const char* text;
+  int code;
+};
+
+constexpr argument_check wrong_sub(uint32_t sub) {
+  return {!tervik_check_sub_id(sub), "sub invalid", TERVIK_NVEFS_ERR_SUB};
 }
 
-// One item can be read from a third subscription too.
-[[nodiscard]] int check_nv_read_sub(const char* func, uint32_t sub, uint32_t nv_id) {
-  if (sub == 2 && nv_id == NV_ID_OF_ANY_SUB) {
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "sub cust case for tt");
-    return 0;
-  }
-  return check_sub(func, sub);
+constexpr argument_check wrong_nv_id(uint32_t nv_id) {
+  static_assert(TERVIK_NV_ID_MAX == 7232);
+  return {nv_id > TERVIK_NV_ID_MAX, "nv_id is out range(7232)", TERVIK_NVEFS_ERR_NV_ID};
 }
 
-[[nodiscard]] int check_path(const char* func, uint32_t sub, const char* path, uint32_t path_len,
-                             uint32_t max_len) {
-  if (path == nullptr) {
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "efs_path is null");
-    return TERVIK_NVEFS_ERR_PATH;
-  }
-  if (path_len == 0 || path_len > max_len) {
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "len invalid");
-    return TERVIK_NVEFS_ERR_PATH_LEN;
+constexpr argument_check no_path(const char* path) {
+  return {path == nullptr, "efs_path is null", TERVIK_NVEFS_ERR_PATH};
+}
+
+constexpr argument_check wrong_path_len(uint32_t len, uint32_t max_len) {
+  return {len == 0 || len > max_len, "len invalid", TERVIK_NVEFS_ERR_PATH_LEN};
+}
+
+constexpr argument_check no_buf(const uint8_t* buf) {
+  return {buf == nullptr, "buf is null", TERVIK_NVEFS_ERR_BUF};
+}
+
+constexpr argument_check no_buf_len(const uint32_t* buf_len) {
+  return {buf_len == nullptr, "p_buf_len is null", TERVIK_NVEFS_ERR_BUF_LEN};
+}
+
+constexpr argument_check wrong_buf_len(uint32_t len, uint32_t max_len) {
+  return {len == 0 || len > max_len, "buf_len is invalid", TERVIK_NVEFS_ERR_BUF_LEN};
+}
+
+// The code of the first argument that is wrong, with its reason in the log; 0 when none is.
+[[nodiscard]] int check(const char* func, uint32_t sub,
+                        std::initializer_list<argument_check> arguments) {
+  for (const argument_check& argument : arguments) {
+    if (argument.failed) {
+      tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "%s", argument.text);
+      return argument.code;
+    }
   }
   return 0;
-}
-
-[[nodiscard]] int check_read_buffer(const char* func, uint32_t sub, const uint8_t* buf,
-                                    const uint32_t* buf_len) {
-  if (buf == nullptr) {
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "buf is null");
-    return TERVIK_NVEFS_ERR_BUF;
-  }
-  if (buf_len == nullptr) {
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "p_buf_len is null");
-    return TERVIK_NVEFS_ERR_BUF_LEN;
-  }
-  return 0;
-}
-
-[[nodiscard]] int check_write_buffer(const char* func, uint32_t sub, const uint8_t* buf,
-                                     uint32_t len, uint32_t max_len) {
-  if (buf == nullptr) {
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "buf is null");
-    return TERVIK_NVEFS_ERR_BUF;
-  }
-  if (len == 0 || len > max_len) {
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "buf_len is invalid");
-    return TERVIK_NVEFS_ERR_BUF_LEN;
-  }
-  return 0;
-}
-
-[[nodiscard]] int check_nv_id(const char* func, uint32_t sub, uint32_t nv_id) {
-  if (nv_id <= TERVIK_NV_ID_MAX) {
-    return 0;
-  }
-  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "nv_id is out range(%d)", TERVIK_NV_ID_MAX);
-  return TERVIK_NVEFS_ERR_NV_ID;
-}
-
-// The first failure of checks that were made in order.
-template <typename... Checks>
-[[nodiscard]] int first_failure(Checks... checks) {
-  int result = 0;
-  static_cast<void>((... || ((result = checks()) != 0)));
-  return result;
 }
 
 // ---- requests and answers ----
@@ -145,86 +121,85 @@ nvefs_answer exchange(const char* func, uint32_t sub, const nvefs_request& reque
   return answer;
 }
 
-// The outcome of an answer whose two results end the operation when they are not 0.
-[[nodiscard]] int check_answer(const char* func, uint32_t sub, const nvefs_answer& answer) {
-  const int rsp_result = answer.response.result;
-  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d", answer.result,
-                      rsp_result);
+// Tells of an answer's failure, of the send or of the modem, and returns it; 0 when there is none.
+[[nodiscard]] int failure_of(const char* func, uint32_t sub, const nvefs_answer& answer,
+                             const char* consequence = "", bool positive_is_good = false) {
   if (answer.result != 0) {
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "tervik_extend_qmi_send_sync fail");
+    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "tervik_extend_qmi_send_sync fail%s",
+                        consequence);
     return answer.result;
   }
-  if (rsp_result != 0) {
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "qmi response fail");
+  const int rsp_result = answer.response.result;
+  if (rsp_result == 0 || (rsp_result > 0 && positive_is_good)) {
+    return 0;
   }
+  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "qmi response fail");
   return rsp_result;
+}
+
+// Sends one request whose two results end the operation when they are not 0.
+[[nodiscard]] int exchange_checked(const char* func, uint32_t sub, const nvefs_request& request,
+                                   nvefs_answer& answer, const char* consequence = "") {
+  answer = exchange(func, sub, request);
+  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d", answer.result,
+                      answer.response.result);
+  return failure_of(func, sub, answer, consequence);
+}
+
+[[nodiscard]] int exchange_checked(const char* func, uint32_t sub, const nvefs_request& request) {
+  nvefs_answer answer;
+  return exchange_checked(func, sub, request, answer);
 }
 
 // ---- EFS read ----
 
-// The caller's buffer of an EFS read and how far it is filled.
-struct efs_sink {
-  uint8_t* buf;
-  uint32_t capacity;
-  uint32_t received;
-  uint32_t* buf_len;
-};
-
-// Takes what fits of a chunk that does not leave room in the buffer.
-void fill_up(const char* func, uint32_t sub, efs_sink& sink, const uint8_t* chunk) {
-  *sink.buf_len = sink.capacity;
-  if (sink.capacity > sink.received) {
-    memcpy(sink.buf + sink.received, chunk, sink.capacity - sink.received);
+// Ends a read whose chunk does not leave room in the buffer: takes what fits, and returns the
+// file's length. A length that would pass for success or for another failure is refused.
+[[nodiscard]] int fill_up(const char* func, uint32_t sub, const nvefs_response& response,
+                          uint8_t* buf, uint32_t received, uint32_t capacity) {
+  if (capacity > received) {
+    memcpy(buf + received, response.data, capacity - received);
     tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "abort, buf_len <= data_len_recv");
   } else {
     tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "errro, abort, buf_len <= req.data_len_cur");
   }
-}
-
-// The file's length as the result of a read that did not fit. A length that would pass for success
-// or for another failure is refused.
-[[nodiscard]] int length_as_result(const char* func, uint32_t sub, uint32_t file_len) {
-  if (file_len == 0 || file_len > INT32_MAX) {
+  if (response.data_len_all == 0 || response.data_len_all > INT32_MAX) {
     tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "data_len_all is invalid");
     return TERVIK_NVEFS_ERR_BUF_LEN;
   }
-  return static_cast<int>(file_len);
+  return static_cast<int>(response.data_len_all);
 }
 
-[[nodiscard]] int read_chunks(const char* func, uint32_t sub, nvefs_request& request,
-                              efs_sink& sink) {
+[[nodiscard]] int read_chunks(const char* func, uint32_t sub, nvefs_request& request, uint8_t* buf,
+                              uint32_t* buf_len) {
+  const uint32_t capacity = *buf_len;
+  uint32_t received = 0;
   for (int read_count = 0;; ++read_count) {
-    request.data_len_cur = sink.received;
-    const nvefs_answer answer = exchange(func, sub, request);
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d", answer.result,
-                        answer.response.result);
-    if (answer.result != 0) {
-      tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "tervik_extend_qmi_send_sync fail, ABORT");
-      return answer.result;
+    request.data_len_cur = received;
+    nvefs_answer answer;
+    const int failure = exchange_checked(func, sub, request, answer, ", ABORT");
+    if (failure != 0) {
+      return failure;
     }
-    if (answer.response.result != 0) {
-      tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "qmi response fail");
-      return answer.response.result;
-    }
-    const uint32_t file_len = answer.response.data_len_all;
+    const nvefs_response& response = answer.response;
     tervik_log_print_as(
         func, LOG_CLASS_DEBUG, sub,
         "data_len_all = %d, data_len_send = %d, data_len_recv = %d, read_count = %d, "
         "data_len_cur = %d",
-        file_len, answer.response.data_len_send, sink.received, read_count, request.data_len_cur);
-    const uint32_t chunk_len = carried_length(answer, answer.response.data_len_send);
+        response.data_len_all, response.data_len_send, received, read_count, request.data_len_cur);
+    const uint32_t chunk_len = carried_length(answer, response.data_len_send);
     if (chunk_len == 0) {
       tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "abort, data_len_send <= 0");
       return TERVIK_NVEFS_ERR_BUF_LEN;
     }
-    if (sink.capacity <= sink.received + chunk_len) {
-      fill_up(func, sub, sink, answer.response.data);
-      return length_as_result(func, sub, file_len);
+    if (capacity <= received + chunk_len) {
+      *buf_len = capacity;
+      return fill_up(func, sub, response, buf, received, capacity);
     }
-    memcpy(sink.buf + sink.received, answer.response.data, chunk_len);
-    sink.received += chunk_len;
-    *sink.buf_len = sink.received;
-    if (sink.received >= file_len || sink.received > EFS_RECEIVED_MAX ||
+    memcpy(buf + received, response.data, chunk_len);
+    received += chunk_len;
+    *buf_len = received;
+    if (received >= response.data_len_all || received > EFS_RECEIVED_MAX ||
         read_count + 1 == EFS_CHUNK_COUNT_MAX) {
       return 0;
     }
@@ -248,13 +223,9 @@ void fill_up(const char* func, uint32_t sub, efs_sink& sink, const uint8_t* chun
     const nvefs_answer answer = exchange(func, sub, request);
     tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d, ins_id = %d",
                         answer.result, answer.response.result, answer.response.ins_id);
-    if (answer.result != 0) {
-      tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "tervik_extend_qmi_send_sync fail");
-      return answer.result;
-    }
-    if (answer.response.result < 0) {
-      tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "qmi response fail");
-      return answer.response.result;
+    const int failure = failure_of(func, sub, answer, "", true);
+    if (failure != 0) {
+      return failure;
     }
     request.id = answer.response.ins_id;
     sent += request.data_len_send;
@@ -270,39 +241,32 @@ void fill_up(const char* func, uint32_t sub, efs_sink& sink, const uint8_t* chun
 }  // namespace
 
 int tervik_qmi_result_map(int result) {
-  int mapped = result;
-  switch (result) {
-    case TERVIK_EXTEND_INVALID_PARAM:
-      mapped = TERVIK_NVEFS_ERR_INVALID_PARAM;
-      break;
-    case TERVIK_EXTEND_NO_CLIENT:
-      mapped = TERVIK_NVEFS_ERR_NO_CLIENT;
-      break;
-    case TERVIK_EXTEND_SEND_FAILED:
-      mapped = TERVIK_NVEFS_ERR_SEND;
-      break;
-    default:
-      break;
-  }
+  constexpr int OFFSET = TERVIK_NVEFS_ERR_INVALID_PARAM - TERVIK_EXTEND_INVALID_PARAM;
+  const bool of_client = result >= TERVIK_EXTEND_SEND_FAILED && result < TERVIK_EXTEND_SUCCESS;
+  const int mapped = of_client ? result + OFFSET : result;
   tervik_log_debug("tervik_qmi_result_map, old_result %d, new_result %d", result, mapped);
   return mapped;
 }
 
 int tervik_nv_read(uint32_t sub, uint32_t nv_id, uint8_t* buf, uint32_t* buf_len) {
-  const char* const func = __func__;
   const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
   const std::lock_guard lock(g_nvefs_mutex);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_nv_read, sub_id %d, nv_id: %d", sub, nv_id);
-  int result = first_failure([&] { return check_nv_read_sub(func, sub, nv_id); },
-                             [&] { return check_read_buffer(func, sub, buf, buf_len); },
-                             [&] { return check_nv_id(func, sub, nv_id); });
+  // One item can be read from a third subscription too.
+  const bool of_any_sub = sub == 2 && nv_id == NV_ID_OF_ANY_SUB;
+  if (of_any_sub) {
+    tervik_log_print(LOG_CLASS_DEBUG, sub, "sub cust case for tt");
+  }
+  int result = check(
+      __func__, sub,
+      {wrong_sub(of_any_sub ? 0 : sub), no_buf(buf), no_buf_len(buf_len), wrong_nv_id(nv_id)});
   if (result != 0) {
     return result;
   }
   nvefs_request request = make_request(NVEFS_NV_READ, sub);
   request.id = static_cast<uint16_t>(nv_id);
-  const nvefs_answer answer = exchange(func, sub, request);
-  result = check_answer(func, sub, answer);
+  nvefs_answer answer;
+  result = exchange_checked(__func__, sub, request, answer);
   if (result != 0) {
     return result;
   }
@@ -318,15 +282,13 @@ int tervik_nv_read(uint32_t sub, uint32_t nv_id, uint8_t* buf, uint32_t* buf_len
 }
 
 int tervik_nv_write_ex(uint32_t sub, uint32_t nv_id, const uint8_t* data, uint32_t len) {
-  const char* const func = __func__;
   const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
   const std::lock_guard lock(g_nvefs_mutex);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_nv_write, sub_id %d, nv_id: %d, buf_len: %d", sub,
                    nv_id, len);
-  const int result =
-      first_failure([&] { return check_sub(func, sub); },
-                    [&] { return check_write_buffer(func, sub, data, len, TERVIK_NV_DATA_MAX); },
-                    [&] { return check_nv_id(func, sub, nv_id); });
+  const int result = check(
+      __func__, sub,
+      {wrong_sub(sub), no_buf(data), wrong_buf_len(len, TERVIK_NV_DATA_MAX), wrong_nv_id(nv_id)});
   if (result != 0) {
     return result;
   }
@@ -334,74 +296,68 @@ int tervik_nv_write_ex(uint32_t sub, uint32_t nv_id, const uint8_t* data, uint32
   request.id = static_cast<uint16_t>(nv_id);
   request.data_len_all = len;
   memcpy(request.data, data, len);
-  return check_answer(func, sub, exchange(func, sub, request));
+  return exchange_checked(__func__, sub, request);
 }
 
 int tervik_nv_delete(uint32_t sub, uint32_t nv_id) {
-  const char* const func = __func__;
   const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
   const std::lock_guard lock(g_nvefs_mutex);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_nv_delete, sub_id %d, nv_id: %d", sub, nv_id);
-  const int result = first_failure([&] { return check_sub(func, sub); },
-                                   [&] { return check_nv_id(func, sub, nv_id); });
+  const int result = check(__func__, sub, {wrong_sub(sub), wrong_nv_id(nv_id)});
   if (result != 0) {
     return result;
   }
   nvefs_request request = make_request(NVEFS_NV_DELETE, sub);
   request.id = static_cast<uint16_t>(nv_id);
-  return check_answer(func, sub, exchange(func, sub, request));
+  return exchange_checked(__func__, sub, request);
 }
 
 int tervik_efs_read(uint32_t sub, const char* path, uint32_t path_len, uint8_t* buf,
                     uint32_t* buf_len) {
-  const char* const func = __func__;
   const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
   const std::lock_guard lock(g_nvefs_mutex);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_efs_read, sub_id %d, path_len: %d", sub, path_len);
   const int result =
-      first_failure([&] { return check_sub(func, sub); },
-                    [&] { return check_path(func, sub, path, path_len, TERVIK_EFS_PATH_MAX); },
-                    [&] { return check_read_buffer(func, sub, buf, buf_len); });
+      check(__func__, sub,
+            {wrong_sub(sub), no_path(path), wrong_path_len(path_len, TERVIK_EFS_PATH_MAX),
+             no_buf(buf), no_buf_len(buf_len)});
   if (result != 0) {
     return result;
   }
-  nvefs_request request = make_efs_request(func, NVEFS_EFS_READ, sub, path, path_len);
-  efs_sink sink = {.buf = buf, .capacity = *buf_len, .received = 0, .buf_len = buf_len};
-  return read_chunks(func, sub, request, sink);
+  nvefs_request request = make_efs_request(__func__, NVEFS_EFS_READ, sub, path, path_len);
+  return read_chunks(__func__, sub, request, buf, buf_len);
 }
 
 int tervik_efs_write(uint32_t sub, const char* path, uint32_t path_len, const uint8_t* data,
                      uint32_t len) {
-  const char* const func = __func__;
   const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
   const std::lock_guard lock(g_nvefs_mutex);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_efs_write, sub_id %d, path_len: %d, buf_len: %d",
                    sub, path_len, len);
   const int result =
-      first_failure([&] { return check_sub(func, sub); },
-                    [&] { return check_path(func, sub, path, path_len, TERVIK_EFS_PATH_MAX - 1); },
-                    [&] { return check_write_buffer(func, sub, data, len, TERVIK_EFS_DATA_MAX); });
+      check(__func__, sub,
+            {wrong_sub(sub), no_path(path), wrong_path_len(path_len, TERVIK_EFS_PATH_MAX - 1),
+             no_buf(data), wrong_buf_len(len, TERVIK_EFS_DATA_MAX)});
   if (result != 0) {
     return result;
   }
-  nvefs_request request = make_efs_request(func, NVEFS_EFS_WRITE, sub, path, path_len);
-  return write_chunks(func, sub, request, data, len);
+  nvefs_request request = make_efs_request(__func__, NVEFS_EFS_WRITE, sub, path, path_len);
+  return write_chunks(__func__, sub, request, data, len);
 }
 
 int tervik_efs_delete(uint32_t sub, const char* path, uint32_t path_len) {
-  const char* const func = __func__;
   const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
   const std::lock_guard lock(g_nvefs_mutex);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_efs_delete, sub_id %d, path_len: %d", sub,
                    path_len);
   const int result =
-      first_failure([&] { return check_sub(func, sub); },
-                    [&] { return check_path(func, sub, path, path_len, TERVIK_EFS_PATH_MAX - 1); });
+      check(__func__, sub,
+            {wrong_sub(sub), no_path(path), wrong_path_len(path_len, TERVIK_EFS_PATH_MAX - 1)});
   if (result != 0) {
     return result;
   }
-  const nvefs_request request = make_efs_request(func, NVEFS_EFS_DELETE, sub, path, path_len);
-  return check_answer(func, sub, exchange(func, sub, request));
+  const nvefs_request request = make_efs_request(__func__, NVEFS_EFS_DELETE, sub, path, path_len);
+  return exchange_checked(__func__, sub, request);
 }
 
 int tervik_extend_nv_read_item(uint32_t nv_id, uint32_t sub, uint8_t* buf, uint32_t* buf_len) {
