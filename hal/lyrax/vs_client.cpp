@@ -73,11 +73,6 @@ uint32_t vs_client_init_client_handles() {
 
 // ---- indications as events ----
 
-template <typename Event>
-void send_event(vs_event_cb event_cb, vs_event_id event_id, const Event& event) {
-  event_cb(event_id, &event, sizeof(event));
-}
-
 // Converts at most `max_count` entries; returns how many.
 uint32_t convert_entries(const vs_stats_entry* from, uint32_t count, size_t max_count,
                          vs_event_entry* to) {
@@ -98,7 +93,7 @@ void send_feature_status(vs_event_cb event_cb, const uint8_t* decoded) {
   event.value = indication.value;
   event.first_flag = indication.first_flag != 0 ? 1 : 0;
   event.second_flag = indication.second_flag != 0 ? 1 : 0;
-  send_event(event_cb, VS_EVENT_FEATURE_STATUS, event);
+  event_cb(VS_EVENT_FEATURE_STATUS, &event, sizeof(event));
 }
 
 void send_stats_parameter(vs_event_cb event_cb, const uint8_t* decoded) {
@@ -112,7 +107,7 @@ void send_stats_parameter(vs_event_cb event_cb, const uint8_t* decoded) {
                                              VS_STATS_MORE_ENTRIES_MAX, event.more_entries);
   }
   event.last_value = indication.last_value_valid != 0 ? indication.last_value : NO_LAST_VALUE;
-  send_event(event_cb, VS_EVENT_STATS_PARAMETER, event);
+  event_cb(VS_EVENT_STATS_PARAMETER, &event, sizeof(event));
 }
 
 void send_stats_event(vs_event_cb event_cb, const uint8_t* decoded) {
@@ -123,11 +118,12 @@ void send_stats_event(vs_event_cb event_cb, const uint8_t* decoded) {
   std::copy_n(indication.bytes, event.values_len, event.values);
   event.third_value = indication.third_value;
   event.fourth_value = indication.fourth_value;
-  send_event(event_cb, VS_EVENT_STATS_EVENT, event);
+  event_cb(VS_EVENT_STATS_EVENT, &event, sizeof(event));
 }
 
 void send_state(vs_event_cb event_cb, const uint8_t* decoded) {
-  send_event(event_cb, VS_EVENT_STATE, tervik_qmi_record<vs_state_ind>(decoded));
+  const auto event = tervik_qmi_record<vs_state_ind>(decoded);
+  event_cb(VS_EVENT_STATE, &event, sizeof(event));
 }
 
 void vs_client_ind_hdlr(unsigned int msg_id, const uint8_t* decoded) {

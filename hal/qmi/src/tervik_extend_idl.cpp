@@ -7,15 +7,13 @@ static_assert(std::endian::native == std::endian::little, "wire records are litt
 
 namespace {
 
+constexpr qmi_idl_field word(uint8_t tlv, size_t offset) {
+  return {.tlv = tlv, .wire_width = 4, .memory_width = 4, .offset = offset};
+}
+
 constexpr std::array DATA_MSG_FIELDS = {
-    qmi_idl_field{.tlv = 0x01,
-                  .wire_width = 4,
-                  .memory_width = 4,
-                  .offset = offsetof(tervik_extend_data_msg, id)},
-    qmi_idl_field{.tlv = 0x02,
-                  .wire_width = 4,
-                  .memory_width = 4,
-                  .offset = offsetof(tervik_extend_data_msg, len)},
+    word(0x01, offsetof(tervik_extend_data_msg, id)),
+    word(0x02, offsetof(tervik_extend_data_msg, len)),
     qmi_idl_field{.tlv = 0x10,
                   .wire_width = 1,
                   .memory_width = 1,

@@ -58,8 +58,6 @@ struct tervik_qmi_indication {
   uint32_t len = 0;
   std::unique_ptr<uint8_t[]> c_struct;
   qmi_client_error_type err = QMI_NO_ERR;
-
-  bool decoded() const { return c_struct != nullptr && err == QMI_NO_ERR; }
 };
 
 [[nodiscard]] tervik_qmi_indication tervik_qmi_decode_indication(
