@@ -126,6 +126,16 @@ void send_state(vs_event_cb event_cb, const uint8_t* decoded) {
   event_cb(VS_EVENT_STATE, &event, sizeof(event));
 }
 
+constexpr struct {
+  uint16_t msg_id;
+  void (*send)(vs_event_cb event_cb, const uint8_t* decoded);
+} EVENTS[] = {
+    {VS_FEATURE_STATUS_IND, send_feature_status},
+    {VS_STATS_PARAMETER_IND, send_stats_parameter},
+    {VS_STATS_EVENT_IND, send_stats_event},
+    {VS_STATE_IND, send_state},
+};
+
 void vs_client_ind_hdlr(unsigned int msg_id, const uint8_t* decoded) {
   const vs_event_cb event_cb = vs_client_info.event_cb;
   if (event_cb == nullptr) {
@@ -133,23 +143,12 @@ void vs_client_ind_hdlr(unsigned int msg_id, const uint8_t* decoded) {
     return;
   }
   tervik_log_debug("Handling indication msg 0x%x", msg_id);
-  switch (msg_id) {
-    case VS_FEATURE_STATUS_IND:
-      send_feature_status(event_cb, decoded);
-      break;
-    case VS_STATS_PARAMETER_IND:
-      send_stats_parameter(event_cb, decoded);
-      break;
-    case VS_STATS_EVENT_IND:
-      send_stats_event(event_cb, decoded);
-      break;
-    case VS_STATE_IND:
-      send_state(event_cb, decoded);
-      break;
-    default:
-      tervik_log_error("Unknown indication msg %0x", msg_id);
-      break;
+  for (const auto& event : EVENTS) {
+    if (event.msg_id == msg_id) {
+      return event.send(event_cb, decoded);
+    }
   }
+  tervik_log_error("Unknown indication msg %0x", msg_id);
 }
 
 }  // namespace

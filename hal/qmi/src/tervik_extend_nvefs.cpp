@@ -1,8 +1,8 @@
 #include "tervik_extend_nvefs.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
-#include <initializer_list>
 #include <mutex>
 
 #include "tervik_extend_api.h"
@@ -20,143 +20,178 @@ constexpr uint32_t NV_ID_OF_ANY_SUB = 550;
 // Held over whole operations; taken before the client's own lock.
 std::mutex g_nvefs_mutex;
 
-// ---- argument checks ----
-
-struct argument_check {
-  bool failed;
-  const char* text;
-  int code;
+// What an operation takes besides the subscription; 0 where it takes nothing of the kind.
+struct operation_limits {
+  uint32_t path_max;  // 0: an NV item
+  uint32_t write_max;
+  bool reads;
 };
 
-constexpr argument_check wrong_sub(uint32_t sub) {
-  return {!tervik_check_sub_id(sub), "sub invalid", TERVIK_NVEFS_ERR_SUB};
-}
+// By operation, from 1.
+constexpr std::array<operation_limits, NVEFS_EFS_DELETE> LIMITS = {{
+    {.path_max = 0, .write_max = 0, .reads = true},
+    {.path_max = 0, .write_max = TERVIK_NV_DATA_MAX, .reads = false},
+    {.path_max = 0, .write_max = 0, .reads = false},
+    {.path_max = TERVIK_EFS_PATH_MAX, .write_max = 0, .reads = true},
+    {.path_max = TERVIK_EFS_PATH_MAX - 1, .write_max = TERVIK_EFS_DATA_MAX, .reads = false},
+    {.path_max = TERVIK_EFS_PATH_MAX - 1, .write_max = 0, .reads = false},
+}};
 
-constexpr argument_check wrong_nv_id(uint32_t nv_id) {
+// The caller's arguments, as far as the operation takes them.
+struct operation_arguments {
+  uint32_t nv_id = 0;
+  const char* path = nullptr;
+  uint32_t path_len = 0;
+  const uint8_t* buf = nullptr;
+  const uint32_t* read_len = nullptr;
+  uint32_t write_len = 0;
+};
+
+// One operation, in the name of the function that it belongs to: its request, and what came back.
+struct nvefs_call {
+  const char* const func;
+  const uint32_t sub;
+  nvefs_request request = {};
+  nvefs_response response = {};
+  uint32_t data_carried = 0;  // bytes of response.data that the answer really has
+
+  [[nodiscard]] int prepare(nvefs_operation operation, const operation_arguments& args);
+  [[nodiscard]] int send();
+  [[nodiscard]] int send_checked(const char* consequence = "");
+  [[nodiscard]] int failure(int result, const char* consequence = "") const;
+  [[nodiscard]] int read_chunks(uint8_t* buf, uint32_t* buf_len);
+  [[nodiscard]] int fill_up(uint8_t* buf, uint32_t received, uint32_t capacity) const;
+  [[nodiscard]] int write_chunks(const uint8_t* data, uint32_t len);
+
+  // A length that the modem claims, cut to what its answer carries.
+  uint32_t carried(uint32_t claimed) const { return std::min(claimed, data_carried); }
+};
+
+// Checks the arguments in the order of their codes and begins the request. The code of the first
+// wrong one, with its reason in the log; 0 when none is.
+int nvefs_call::prepare(nvefs_operation operation, const operation_arguments& args) {
+  const operation_limits& limits = LIMITS[operation - 1];
+  const bool efs = limits.path_max != 0;
+  // One item can be read from a third subscription too.
+  const bool any_sub = operation == NVEFS_NV_READ && sub == 2 && args.nv_id == NV_ID_OF_ANY_SUB;
+  if (any_sub) {
+    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "sub cust case for tt");
+  }
+  const auto wrong_len = [](uint32_t len, uint32_t max) { return len == 0 || len > max; };
   static_assert(TERVIK_NV_ID_MAX == 7232);
-  return {nv_id > TERVIK_NV_ID_MAX, "nv_id is out range(7232)", TERVIK_NVEFS_ERR_NV_ID};
-}
-
-constexpr argument_check no_path(const char* path) {
-  return {path == nullptr, "efs_path is null", TERVIK_NVEFS_ERR_PATH};
-}
-
-constexpr argument_check wrong_path_len(uint32_t len, uint32_t max_len) {
-  return {len == 0 || len > max_len, "len invalid", TERVIK_NVEFS_ERR_PATH_LEN};
-}
-
-constexpr argument_check no_buf(const uint8_t* buf) {
-  return {buf == nullptr, "buf is null", TERVIK_NVEFS_ERR_BUF};
-}
-
-constexpr argument_check no_buf_len(const uint32_t* buf_len) {
-  return {buf_len == nullptr, "p_buf_len is null", TERVIK_NVEFS_ERR_BUF_LEN};
-}
-
-constexpr argument_check wrong_buf_len(uint32_t len, uint32_t max_len) {
-  return {len == 0 || len > max_len, "buf_len is invalid", TERVIK_NVEFS_ERR_BUF_LEN};
-}
-
-// The code of the first argument that is wrong, with its reason in the log; 0 when none is.
-[[nodiscard]] int check(const char* func, uint32_t sub,
-                        std::initializer_list<argument_check> arguments) {
-  for (const argument_check& argument : arguments) {
-    if (argument.failed) {
-      tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "%s", argument.text);
-      return argument.code;
+  const struct {
+    bool failed;
+    const char* reason;
+    int code;
+  } checks[] = {
+      {!any_sub && !tervik_check_sub_id(sub), "sub invalid", TERVIK_NVEFS_ERR_SUB},
+      {efs && args.path == nullptr, "efs_path is null", TERVIK_NVEFS_ERR_PATH},
+      {efs && wrong_len(args.path_len, limits.path_max), "len invalid", TERVIK_NVEFS_ERR_PATH_LEN},
+      {(limits.reads || limits.write_max != 0) && args.buf == nullptr, "buf is null",
+       TERVIK_NVEFS_ERR_BUF},
+      {limits.reads && args.read_len == nullptr, "p_buf_len is null", TERVIK_NVEFS_ERR_BUF_LEN},
+      {limits.write_max != 0 && wrong_len(args.write_len, limits.write_max), "buf_len is invalid",
+       TERVIK_NVEFS_ERR_BUF_LEN},
+      {!efs && args.nv_id > TERVIK_NV_ID_MAX, "nv_id is out range(7232)", TERVIK_NVEFS_ERR_NV_ID},
+  };
+  for (const auto& check : checks) {
+    if (check.failed) {
+      tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "%s", check.reason);
+      return check.code;
     }
+  }
+  request.operation = operation;
+  request.sub = static_cast<uint8_t>(sub);
+  request.id = static_cast<uint16_t>(args.nv_id);
+  if (efs) {
+    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "path_value: %.*s",
+                        static_cast<int>(args.path_len), args.path);
+    request.path_len = static_cast<uint8_t>(args.path_len);
+    memcpy(request.path, args.path, args.path_len);
   }
   return 0;
 }
 
-// ---- requests and answers ----
-
-nvefs_request make_request(nvefs_operation operation, uint32_t sub) {
-  nvefs_request request = {};
-  request.operation = operation;
-  request.sub = static_cast<uint8_t>(sub);
-  return request;
-}
-
-nvefs_request make_efs_request(const char* func, nvefs_operation operation, uint32_t sub,
-                               const char* path, uint32_t path_len) {
-  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "path_value: %.*s", static_cast<int>(path_len),
-                      path);
-  nvefs_request request = make_request(operation, sub);
-  request.path_len = static_cast<uint8_t>(path_len);
-  memcpy(request.path, path, path_len);
-  return request;
-}
-
-// What came back for one request.
-struct nvefs_answer {
-  int result = 0;  // of the client, mapped
-  nvefs_response response = {};
-  uint32_t data_carried = 0;  // bytes of response.data that the answer really has
-};
-
-// A length that the modem claims, cut to what its answer carries.
-uint32_t carried_length(const nvefs_answer& answer, uint32_t claimed) {
-  return std::min(claimed, answer.data_carried);
-}
-
-// Sends one request. An answer too short to hold its result counts as a failed send.
-nvefs_answer exchange(const char* func, uint32_t sub, const nvefs_request& request) {
-  nvefs_answer answer;
-  int rsp_len = sizeof(answer.response);
-  answer.result = tervik_qmi_result_map(tervik_extend_qmi_send_sync(
+// Sends the request; the client's result, mapped. An answer too short to hold its result counts as
+// a failed send.
+int nvefs_call::send() {
+  response = {};
+  int rsp_len = sizeof(response);
+  const int result = tervik_qmi_result_map(tervik_extend_qmi_send_sync(
       REQUEST_ID_EFS, reinterpret_cast<const uint8_t*>(&request), sizeof(request),
-      reinterpret_cast<uint8_t*>(&answer.response), &rsp_len));
-  if (answer.result != 0) {
-    return answer;
+      reinterpret_cast<uint8_t*>(&response), &rsp_len));
+  if (result != 0) {
+    return result;
   }
   constexpr int HEADER_LEN = offsetof(nvefs_response, data);
   if (rsp_len < HEADER_LEN) {
     tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "qmi response of %d bytes is too short",
                         rsp_len);
-    answer.result = TERVIK_NVEFS_ERR_SEND;
-    return answer;
+    return TERVIK_NVEFS_ERR_SEND;
   }
-  answer.data_carried = static_cast<uint32_t>(rsp_len - HEADER_LEN);
-  return answer;
+  data_carried = static_cast<uint32_t>(rsp_len - HEADER_LEN);
+  return 0;
 }
 
-// Tells of an answer's failure, of the send or of the modem, and returns it; 0 when there is none.
-[[nodiscard]] int failure_of(const char* func, uint32_t sub, const nvefs_answer& answer,
-                             const char* consequence = "", bool positive_is_good = false) {
-  if (answer.result != 0) {
+// Sends the request and returns what failed, the send or the modem; 0 when nothing did.
+int nvefs_call::send_checked(const char* consequence) {
+  const int result = send();
+  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d", result,
+                      response.result);
+  return failure(result, consequence);
+}
+
+// The failure of a send with this result, told in the log. The modem's numbers above 0 are none
+// where an EFS file is written.
+int nvefs_call::failure(int result, const char* consequence) const {
+  if (result != 0) {
     tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "tervik_extend_qmi_send_sync fail%s",
                         consequence);
-    return answer.result;
+    return result;
   }
-  const int rsp_result = answer.response.result;
-  if (rsp_result == 0 || (rsp_result > 0 && positive_is_good)) {
+  if (response.result == 0 || (response.result > 0 && request.operation == NVEFS_EFS_WRITE)) {
     return 0;
   }
   tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "qmi response fail");
-  return rsp_result;
+  return response.result;
 }
 
-// Sends one request whose two results end the operation when they are not 0.
-[[nodiscard]] int exchange_checked(const char* func, uint32_t sub, const nvefs_request& request,
-                                   nvefs_answer& answer, const char* consequence = "") {
-  answer = exchange(func, sub, request);
-  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d", answer.result,
-                      answer.response.result);
-  return failure_of(func, sub, answer, consequence);
+int nvefs_call::read_chunks(uint8_t* buf, uint32_t* buf_len) {
+  const uint32_t capacity = *buf_len;
+  uint32_t received = 0;
+  for (int read_count = 0;; ++read_count) {
+    request.data_len_cur = received;
+    const int failed = send_checked(", ABORT");
+    if (failed != 0) {
+      return failed;
+    }
+    tervik_log_print_as(
+        func, LOG_CLASS_DEBUG, sub,
+        "data_len_all = %d, data_len_send = %d, data_len_recv = %d, read_count = %d, "
+        "data_len_cur = %d",
+        response.data_len_all, response.data_len_send, received, read_count, request.data_len_cur);
+    const uint32_t chunk_len = carried(response.data_len_send);
+    if (chunk_len == 0) {
+      tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "abort, data_len_send <= 0");
+      return TERVIK_NVEFS_ERR_BUF_LEN;
+    }
+    if (capacity <= received + chunk_len) {
+      *buf_len = capacity;
+      return fill_up(buf, received, capacity);
+    }
+    memcpy(buf + received, response.data, chunk_len);
+    received += chunk_len;
+    *buf_len = received;
+    if (received >= response.data_len_all || received > EFS_RECEIVED_MAX ||
+        read_count + 1 == EFS_CHUNK_COUNT_MAX) {
+      return 0;
+    }
+  }
 }
-
-[[nodiscard]] int exchange_checked(const char* func, uint32_t sub, const nvefs_request& request) {
-  nvefs_answer answer;
-  return exchange_checked(func, sub, request, answer);
-}
-
-// ---- EFS read ----
 
 // Ends a read whose chunk does not leave room in the buffer: takes what fits, and returns the
 // file's length. A length that would pass for success or for another failure is refused.
-[[nodiscard]] int fill_up(const char* func, uint32_t sub, const nvefs_response& response,
-                          uint8_t* buf, uint32_t received, uint32_t capacity) {
+int nvefs_call::fill_up(uint8_t* buf, uint32_t received, uint32_t capacity) const {
   if (capacity > received) {
     memcpy(buf + received, response.data, capacity - received);
     tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "abort, buf_len <= data_len_recv");
@@ -170,46 +205,7 @@ nvefs_answer exchange(const char* func, uint32_t sub, const nvefs_request& reque
   return static_cast<int>(response.data_len_all);
 }
 
-[[nodiscard]] int read_chunks(const char* func, uint32_t sub, nvefs_request& request, uint8_t* buf,
-                              uint32_t* buf_len) {
-  const uint32_t capacity = *buf_len;
-  uint32_t received = 0;
-  for (int read_count = 0;; ++read_count) {
-    request.data_len_cur = received;
-    nvefs_answer answer;
-    const int failure = exchange_checked(func, sub, request, answer, ", ABORT");
-    if (failure != 0) {
-      return failure;
-    }
-    const nvefs_response& response = answer.response;
-    tervik_log_print_as(
-        func, LOG_CLASS_DEBUG, sub,
-        "data_len_all = %d, data_len_send = %d, data_len_recv = %d, read_count = %d, "
-        "data_len_cur = %d",
-        response.data_len_all, response.data_len_send, received, read_count, request.data_len_cur);
-    const uint32_t chunk_len = carried_length(answer, response.data_len_send);
-    if (chunk_len == 0) {
-      tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "abort, data_len_send <= 0");
-      return TERVIK_NVEFS_ERR_BUF_LEN;
-    }
-    if (capacity <= received + chunk_len) {
-      *buf_len = capacity;
-      return fill_up(func, sub, response, buf, received, capacity);
-    }
-    memcpy(buf + received, response.data, chunk_len);
-    received += chunk_len;
-    *buf_len = received;
-    if (received >= response.data_len_all || received > EFS_RECEIVED_MAX ||
-        read_count + 1 == EFS_CHUNK_COUNT_MAX) {
-      return 0;
-    }
-  }
-}
-
-// ---- EFS write ----
-
-[[nodiscard]] int write_chunks(const char* func, uint32_t sub, nvefs_request& request,
-                               const uint8_t* data, uint32_t len) {
+int nvefs_call::write_chunks(const uint8_t* data, uint32_t len) {
   uint32_t sent = 0;
   request.data_len_all = len;
   request.id = EFS_FIRST_CHUNK_INS_ID;
@@ -220,14 +216,14 @@ nvefs_answer exchange(const char* func, uint32_t sub, const nvefs_request& reque
     request.data_len_cur = sent;
     memset(request.data, 0, sizeof(request.data));
     memcpy(request.data, data + sent, request.data_len_send);
-    const nvefs_answer answer = exchange(func, sub, request);
+    const int result = send();
     tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d, ins_id = %d",
-                        answer.result, answer.response.result, answer.response.ins_id);
-    const int failure = failure_of(func, sub, answer, "", true);
-    if (failure != 0) {
-      return failure;
+                        result, response.result, response.ins_id);
+    const int failed = failure(result);
+    if (failed != 0) {
+      return failed;
     }
-    request.id = answer.response.ins_id;
+    request.id = response.ins_id;
     sent += request.data_len_send;
     tervik_log_print_as(
         func, LOG_CLASS_DEBUG, sub,
@@ -252,32 +248,22 @@ int tervik_nv_read(uint32_t sub, uint32_t nv_id, uint8_t* buf, uint32_t* buf_len
   const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
   const std::lock_guard lock(g_nvefs_mutex);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_nv_read, sub_id %d, nv_id: %d", sub, nv_id);
-  // One item can be read from a third subscription too.
-  const bool of_any_sub = sub == 2 && nv_id == NV_ID_OF_ANY_SUB;
-  if (of_any_sub) {
-    tervik_log_print(LOG_CLASS_DEBUG, sub, "sub cust case for tt");
+  nvefs_call call = {.func = __func__, .sub = sub};
+  int result = call.prepare(NVEFS_NV_READ, {.nv_id = nv_id, .buf = buf, .read_len = buf_len});
+  if (result == 0) {
+    result = call.send_checked();
   }
-  int result = check(
-      __func__, sub,
-      {wrong_sub(of_any_sub ? 0 : sub), no_buf(buf), no_buf_len(buf_len), wrong_nv_id(nv_id)});
   if (result != 0) {
     return result;
   }
-  nvefs_request request = make_request(NVEFS_NV_READ, sub);
-  request.id = static_cast<uint16_t>(nv_id);
-  nvefs_answer answer;
-  result = exchange_checked(__func__, sub, request, answer);
-  if (result != 0) {
-    return result;
-  }
-  tervik_log_print(LOG_CLASS_DEBUG, sub, "rsp.data_len_all = %d", answer.response.data_len_all);
-  const uint32_t item_len = carried_length(answer, answer.response.data_len_all);
+  tervik_log_print(LOG_CLASS_DEBUG, sub, "rsp.data_len_all = %d", call.response.data_len_all);
+  const uint32_t item_len = call.carried(call.response.data_len_all);
   if (item_len == 0) {
     tervik_log_print(LOG_CLASS_DEBUG, sub, "rsp.data_len_all is invalid");
     return TERVIK_NVEFS_ERR_BUF_LEN;
   }
   *buf_len = std::min(*buf_len, item_len);
-  memcpy(buf, answer.response.data, *buf_len);
+  memcpy(buf, call.response.data, *buf_len);
   return 0;
 }
 
@@ -286,30 +272,23 @@ int tervik_nv_write_ex(uint32_t sub, uint32_t nv_id, const uint8_t* data, uint32
   const std::lock_guard lock(g_nvefs_mutex);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_nv_write, sub_id %d, nv_id: %d, buf_len: %d", sub,
                    nv_id, len);
-  const int result = check(
-      __func__, sub,
-      {wrong_sub(sub), no_buf(data), wrong_buf_len(len, TERVIK_NV_DATA_MAX), wrong_nv_id(nv_id)});
+  nvefs_call call = {.func = __func__, .sub = sub};
+  const int result = call.prepare(NVEFS_NV_WRITE, {.nv_id = nv_id, .buf = data, .write_len = len});
   if (result != 0) {
     return result;
   }
-  nvefs_request request = make_request(NVEFS_NV_WRITE, sub);
-  request.id = static_cast<uint16_t>(nv_id);
-  request.data_len_all = len;
-  memcpy(request.data, data, len);
-  return exchange_checked(__func__, sub, request);
+  call.request.data_len_all = len;
+  memcpy(call.request.data, data, len);
+  return call.send_checked();
 }
 
 int tervik_nv_delete(uint32_t sub, uint32_t nv_id) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
   const std::lock_guard lock(g_nvefs_mutex);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_nv_delete, sub_id %d, nv_id: %d", sub, nv_id);
-  const int result = check(__func__, sub, {wrong_sub(sub), wrong_nv_id(nv_id)});
-  if (result != 0) {
-    return result;
-  }
-  nvefs_request request = make_request(NVEFS_NV_DELETE, sub);
-  request.id = static_cast<uint16_t>(nv_id);
-  return exchange_checked(__func__, sub, request);
+  nvefs_call call = {.func = __func__, .sub = sub};
+  const int result = call.prepare(NVEFS_NV_DELETE, {.nv_id = nv_id});
+  return result != 0 ? result : call.send_checked();
 }
 
 int tervik_efs_read(uint32_t sub, const char* path, uint32_t path_len, uint8_t* buf,
@@ -317,15 +296,10 @@ int tervik_efs_read(uint32_t sub, const char* path, uint32_t path_len, uint8_t* 
   const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
   const std::lock_guard lock(g_nvefs_mutex);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_efs_read, sub_id %d, path_len: %d", sub, path_len);
-  const int result =
-      check(__func__, sub,
-            {wrong_sub(sub), no_path(path), wrong_path_len(path_len, TERVIK_EFS_PATH_MAX),
-             no_buf(buf), no_buf_len(buf_len)});
-  if (result != 0) {
-    return result;
-  }
-  nvefs_request request = make_efs_request(__func__, NVEFS_EFS_READ, sub, path, path_len);
-  return read_chunks(__func__, sub, request, buf, buf_len);
+  nvefs_call call = {.func = __func__, .sub = sub};
+  const int result = call.prepare(
+      NVEFS_EFS_READ, {.path = path, .path_len = path_len, .buf = buf, .read_len = buf_len});
+  return result != 0 ? result : call.read_chunks(buf, buf_len);
 }
 
 int tervik_efs_write(uint32_t sub, const char* path, uint32_t path_len, const uint8_t* data,
@@ -334,15 +308,10 @@ int tervik_efs_write(uint32_t sub, const char* path, uint32_t path_len, const ui
   const std::lock_guard lock(g_nvefs_mutex);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_efs_write, sub_id %d, path_len: %d, buf_len: %d",
                    sub, path_len, len);
-  const int result =
-      check(__func__, sub,
-            {wrong_sub(sub), no_path(path), wrong_path_len(path_len, TERVIK_EFS_PATH_MAX - 1),
-             no_buf(data), wrong_buf_len(len, TERVIK_EFS_DATA_MAX)});
-  if (result != 0) {
-    return result;
-  }
-  nvefs_request request = make_efs_request(__func__, NVEFS_EFS_WRITE, sub, path, path_len);
-  return write_chunks(__func__, sub, request, data, len);
+  nvefs_call call = {.func = __func__, .sub = sub};
+  const int result = call.prepare(
+      NVEFS_EFS_WRITE, {.path = path, .path_len = path_len, .buf = data, .write_len = len});
+  return result != 0 ? result : call.write_chunks(data, len);
 }
 
 int tervik_efs_delete(uint32_t sub, const char* path, uint32_t path_len) {
@@ -350,14 +319,9 @@ int tervik_efs_delete(uint32_t sub, const char* path, uint32_t path_len) {
   const std::lock_guard lock(g_nvefs_mutex);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_efs_delete, sub_id %d, path_len: %d", sub,
                    path_len);
-  const int result =
-      check(__func__, sub,
-            {wrong_sub(sub), no_path(path), wrong_path_len(path_len, TERVIK_EFS_PATH_MAX - 1)});
-  if (result != 0) {
-    return result;
-  }
-  const nvefs_request request = make_efs_request(__func__, NVEFS_EFS_DELETE, sub, path, path_len);
-  return exchange_checked(__func__, sub, request);
+  nvefs_call call = {.func = __func__, .sub = sub};
+  const int result = call.prepare(NVEFS_EFS_DELETE, {.path = path, .path_len = path_len});
+  return result != 0 ? result : call.send_checked();
 }
 
 int tervik_extend_nv_read_item(uint32_t nv_id, uint32_t sub, uint8_t* buf, uint32_t* buf_len) {
