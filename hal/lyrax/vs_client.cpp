@@ -37,7 +37,7 @@ struct vs_client_record {
 
 vs_client_record vs_client_info;
 
-tervik_qmi_client g_vs_client({
+constinit tervik_qmi_client g_vs_client({
     .service_object = [] { return vs_client_info.service_object.load(); },
     .open_timeout_ms = 4,
     .attempts = 10,

@@ -24,7 +24,7 @@ qmi_idl_service_object_type pdc_service() {
   return pdc_get_service_object_internal_v01(1, 18, 6);
 }
 
-tervik_qmi_client g_pdc_client({
+constinit tervik_qmi_client g_pdc_client({
     .service_object = pdc_service,
     .open_timeout_ms = 4,
     .attempts = 20,

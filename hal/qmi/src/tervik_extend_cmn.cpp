@@ -209,7 +209,7 @@ namespace {
 std::atomic<uint8_t> SSR_Detected{0};  // set on the framework's thread
 uint8_t uim_qmi_error_count = 0;
 
-tervik_qmi_client g_sar_qmi_client({
+constinit tervik_qmi_client g_sar_qmi_client({
     .service_object = [] { return sar_get_service_object_internal_v01(1, 0x0F, 6); },
     .open_timeout_ms = 4,  // of the others it is seconds
     .ind_cb = tervik_qmi_client_common_empty_unsol_ind_cb,
@@ -217,7 +217,7 @@ tervik_qmi_client g_sar_qmi_client({
     .forgotten_after_failed_send = true,
 });
 
-tervik_qmi_client uim_qmi_client({
+constinit tervik_qmi_client uim_qmi_client({
     .service_object = [] { return uim_get_service_object_internal_v01(1, 0x71, 6); },
     .open_timeout_ms = 4000,
     .after_attempt =
@@ -235,7 +235,7 @@ tervik_qmi_client uim_qmi_client({
 });
 
 // Open during a request alone.
-tervik_qmi_client g_nas_qmi_client({
+constinit tervik_qmi_client g_nas_qmi_client({
     .service_object = [] { return nas_get_service_object_internal_v01(1, 0x199, 6); },
     .open_timeout_ms = 5000,
     .ind_cb = tervik_qmi_client_unsol_ind_cb,
@@ -266,30 +266,6 @@ void tervik_qmi_client_error_cb(qmi_client_type /*client*/, qmi_client_error_typ
 
 // ---- NAS ----
 
-namespace {
-
-constexpr int NAS_FAILURE = -1;
-
-// Sends the request, on a client opened for it.
-[[nodiscard]] int send_nas_request(const char* func, int msg_id, const void* req, unsigned req_len,
-                                   void* rsp, unsigned rsp_len, unsigned time_out_ms) {
-  tervik_log_debug_as(func, "init qmi_client");
-  // A client that cannot be opened is missed next.
-  static_cast<void>(g_nas_qmi_client.open(TERVIK_LOG_PLACE_AS(func)));
-  if (g_nas_qmi_client.handle() == nullptr) {
-    tervik_log_debug_as(func, "qmi_client_ptr is NULL");
-    return NAS_FAILURE;
-  }
-  const qmi_client_error_type err =
-      g_nas_qmi_client.send(static_cast<unsigned>(msg_id), req, req_len, rsp, rsp_len, time_out_ms);
-  if (err != QMI_NO_ERR) {
-    tervik_log_debug_as(func, "qmi_client_send_msg_sync fail, qmi_client_error = %d", err);
-  }
-  return err;
-}
-
-}  // namespace
-
 int tervik_send_nas_qmi_req_msg(int msg_id, const void* req, unsigned req_len, void* rsp,
                                 unsigned rsp_len, unsigned time_out_ms) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
@@ -297,11 +273,19 @@ int tervik_send_nas_qmi_req_msg(int msg_id, const void* req, unsigned req_len, v
   tervik_log_debug(
       "tervik_send_nas_qmi_req_msg, msg_id = %d, time_out_ms = %d, qmi_client_ptr = 0x%08x", msg_id,
       time_out_ms, static_cast<unsigned>(reinterpret_cast<uintptr_t>(client.handle())));
-  int result = NAS_FAILURE;
+  int result = -1;
   if (req == nullptr || rsp == nullptr) {
     tervik_log_debug("%s", req == nullptr ? "qmi_request is NULL" : "qmi_response is NULL");
   } else {
-    result = send_nas_request(__func__, msg_id, req, req_len, rsp, rsp_len, time_out_ms);
+    tervik_log_debug("init qmi_client");
+    if (client.open(TERVIK_LOG_PLACE) != QMI_NO_ERR) {
+      tervik_log_debug("qmi_client_ptr is NULL");
+    } else {
+      result = client.send(static_cast<unsigned>(msg_id), req, req_len, rsp, rsp_len, time_out_ms);
+      if (result != QMI_NO_ERR) {
+        tervik_log_debug("qmi_client_send_msg_sync fail, qmi_client_error = %d", result);
+      }
+    }
   }
   tervik_log_debug("tervik_qmi_client_recovery, qmi_client_ptr %p", client.handle());
   if (client.handle() == nullptr) {

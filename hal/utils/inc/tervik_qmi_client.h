@@ -38,7 +38,8 @@ class tervik_qmi_client {
 
   // The open client, or null.
   [[nodiscard]] qmi_client_type handle() const { return handle_; }
-  // Opens the client, with lines that show `place`: 0, or the error of the last attempt.
+  // Opens the client, with lines that show `place`. 0, the error of the last attempt, or
+  // QMI_INTERNAL_ERR when the client is forgotten because nobody watches it.
   [[nodiscard]] qmi_client_error_type open(const tervik_log_place& place);
   // Sends one request and waits for its response, at most `timeout_ms`. The framework's error code.
   [[nodiscard]] qmi_client_error_type send(unsigned msg_id, const void* req, unsigned req_len,

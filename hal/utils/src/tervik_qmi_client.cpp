@@ -40,6 +40,7 @@ qmi_client_error_type tervik_qmi_client::open(const tervik_log_place& place) {
     }
     if (service_.forgotten_when_unwatched) {
       handle_ = nullptr;
+      return QMI_INTERNAL_ERR;
     }
   }
   return QMI_NO_ERR;
