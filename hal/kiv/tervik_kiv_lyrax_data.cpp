@@ -1,6 +1,5 @@
 #include "tervik_kiv_lyrax_data.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdlib>
 
@@ -184,9 +183,8 @@ constexpr std::array<stats_query, 17> QUERIES = {{
 }  // namespace
 
 void tervik_test_qmi_modem_stats_hdl(int opt, int sub) {
-  const auto query = std::find_if(QUERIES.begin(), QUERIES.end(),
-                                  [opt](const stats_query& row) { return row.opt == opt; });
-  if (query == QUERIES.end()) {
+  const stats_query* const query = find_row(QUERIES, &stats_query::opt, opt);
+  if (query == nullptr) {
     tervik_log_print(LOG_CLASS_ERROR, static_cast<uint32_t>(sub),
                      "tervik_test_qmi_modem_stats_hdl: Unknown opt(%d), sub(%d)", opt, sub);
     return;

@@ -1,7 +1,6 @@
 #include "tervik_kiv_lyrax_test.h"
 
 #include <array>
-#include <cstdio>
 #include <span>
 
 #include "tervik_kiv_lyrax_unpk.h"
@@ -41,46 +40,6 @@ constexpr std::array<uint8_t, 48> TEST_RECORD = {
     0x07, 0x00, 0x00, 0x00, 0xCC, 0x01, 0x02, 0x0B, 0x00, 0x02, 0x0A, 0x8A, 0x76, 0x00, 0x01, 0x00,
 };
 
-// ---- debug block ----
-
-// A part of the debug block and its printer.
-struct debug_section {
-  const char* name;
-  int (*print)(std::span<const uint8_t> data, int version);
-};
-
-// A printer of counters that every layout version has, as a row's function.
-template <int (*print)(std::span<const uint8_t> data)>
-int of_any_version(std::span<const uint8_t> data, int /*version*/) {
-  return print(data);
-}
-
-constexpr std::array<debug_section, 4> DEBUG_SECTIONS = {{
-    {"main", tervik_modem_stats_main_info_unpk},
-    {"diag", tervik_modem_stats_diag_info_unpk},
-    {"cm", of_any_version<tervik_modem_stats_cm_info_unpk>},
-    {"uim", of_any_version<tervik_modem_stats_uim_info_unpk>},
-}};
-
-// Prints the block, up to its end or to the first counter that was not received.
-void print_debug_block(std::span<const uint8_t> block) {
-  if (tervik_modem_stats_version_unpk(block) == UNPK_ENDS_EARLY) {
-    return;
-  }
-  const int version = block[0];
-  uint8_t cnt = 1;
-  for (const debug_section& section : DEBUG_SECTIONS) {
-    printf("-------- stats %s info start --------\n", section.name);
-    const int consumed = section.print(block.subspan(cnt), version);
-    if (consumed == UNPK_ENDS_EARLY) {
-      return;
-    }
-    // Eight bits, also as the offset of the next section: it may wrap, but not pass the end.
-    cnt = static_cast<uint8_t>(cnt + consumed);
-    printf("-------- stats %s info end, cnt(%d) --------\n", section.name, cnt);
-  }
-}
-
 }  // namespace
 
 void tervik_test_modem_stats_parsing_process(int print_flag) {
@@ -109,7 +68,7 @@ void tervik_test_modem_stats_get_debug_info_do(int type) {
   if (type == 0) {
     tervik_modem_stats_support_status_check(block);
   } else {
-    print_debug_block(block);
+    tervik_modem_stats_debug_info_unpk(block);
   }
 }
 

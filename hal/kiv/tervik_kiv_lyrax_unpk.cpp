@@ -6,37 +6,35 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
+#include "tervik_kiv_lyrax_counters.h"
 #include "tervik_utils_cmn.h"
 
 static_assert(std::endian::native == std::endian::little);
+
+// ---- the unpacker's steps ----
 
 modem_stats_result g_modem_stats_result;
 uint32_t g_unpk_print_flag = 0;
 
 namespace {
 
-// ---- the cursor ----
+constexpr int SPAN_BITS = 128;
+constexpr int HALF_BITS = SPAN_BITS / 2;
 
-constexpr int SPAN_HALF_BITS = 64;
-constexpr int SPAN_BITS = 2 * SPAN_HALF_BITS;
-constexpr size_t SPAN_SIZE = SPAN_BITS / 8;
-
-// Holds the record and behind it zeros, so that the span of a field at the end of the record, or of
-// the limit, is inside.
-std::array<uint8_t, UNPK_LIMIT + SPAN_SIZE> g_unpk_buffer;
-size_t g_unpk_buffer_used = 0;  // by the last record; what follows is zeros
-
-const uint8_t* g_unpk_data_ptr = nullptr;
-uint32_t g_unpk_data_id = 0;
-int32_t g_unpk_data_base = 0;      // byte of the last rebase
-int32_t g_unpk_data_base_bit = 0;  // bit that the current structure begins at
-int32_t g_unpk_data_cnt = 0;       // bytes read since the byte base
-
-// Tested before a step's trace is put together: a decode without it must not pay for it.
-bool is_traced() {
-  return g_unpk_print_flag != 0;
-}
+// The record that is being decoded, and where.
+struct {
+  // The record and behind it zeros, so that the span of a field at the end of the record, or of the
+  // limit, is inside.
+  std::array<uint8_t, UNPK_LIMIT + SPAN_BITS / 8> buffer;
+  size_t buffer_used;       // by the last record; what follows is zeros
+  const uint8_t* data_ptr;  // null: there is no record
+  uint32_t id;
+  int32_t base;      // byte of the last rebase
+  int32_t base_bit;  // bit that the current structure begins at
+  int32_t cnt;       // bytes read since the byte base
+} g_unpk;
 
 // The value's bytes as they lie in memory, without the zeros at the end.
 std::array<char, 2 + 2 * sizeof(uint64_t) + 1> memory_text(uint64_t value) {
@@ -60,72 +58,205 @@ constexpr bool is_within(int value, int first, int last) {
   return first <= value && value <= last;
 }
 
-// Brings bit `low` (2 and above, counted from 1) of the span down to bit 1.
-std::optional<uint64_t> unpk_high(const unpk_field& field, const unpk_span& span, int low) {
-  const int kept = SPAN_BITS + 1 - low;
-  if (!is_within(kept, SPAN_HALF_BITS, SPAN_BITS)) {
-    printf("UNPK_HIGH, bit_num(%d) should be in [64, 128] for %s, id(0x%x)\n", kept, field.name,
-           g_unpk_data_id);
-    return std::nullopt;
-  }
-  // A shift by the whole width is not a shift.
-  const uint64_t lower = low > SPAN_HALF_BITS ? 0 : span.tmp1 >> (low - 1);
-  const uint64_t result =
-      lower | (span.tmp2 & low_mask(low - 1)) * (uint64_t{1} << (SPAN_HALF_BITS + 1 - low));
-  if (is_traced()) {
-    printf("UNPK_HIGH, old_val: %" PRIu64 ", new_val: %" PRIu64
-           ", bit_num: %d, name: %s, id(0x%x)\n",
-           span.tmp1, result, kept, field.name, g_unpk_data_id);
-  }
-  return result;
-}
+// Each step has a traced form, which tells what it did, and an untraced one. A step that fails
+// prints the reason in both.
 
-// Keeps the `bit_num` lowest bits.
-std::optional<uint64_t> unpk_low(const unpk_field& field, uint64_t value, int bit_num) {
-  const int variable_bits = 8 * field.size;
-  if (!is_within(bit_num, 1, variable_bits)) {
-    printf("UNPK_LOW, bit_num(%d) should be in [1, %d] for %s, id(0x%x)\n", bit_num, variable_bits,
-           field.name, g_unpk_data_id);
-    return std::nullopt;
-  }
-  const uint64_t result = value & low_mask(bit_num);
-  if (is_traced()) {
-    printf("UNPK_LOW, old_val: %" PRIu64 ", new_val: %" PRIu64 ", bit_num: %d, mask_max(0x%" PRIx64
-           "), old_size(%d), name: %s, id(0x%x)\n",
-           value, result, bit_num, low_mask(variable_bits), field.size, field.name, g_unpk_data_id);
-  }
-  return result;
-}
-
-// Whether bits `low` to `high` can be cut out of a span.
-bool check_span_bits(const unpk_field& field, int low, int high) {
-  if (low == 1) {
-    if (!is_within(high, 1, SPAN_HALF_BITS)) {
-      printf("UNPK_MID, high(%d) should be in [1, %d] for %s, id(0x%x)\n", high, SPAN_HALF_BITS,
-             field.name, g_unpk_data_id);
-      return false;
-    }
-    return true;
-  }
-  if (!is_within(low, 1, SPAN_BITS)) {
-    printf("UNPK_MID, low(%d) should be in [1, 128] for %s, id(0x%x)\n", low, field.name,
-           g_unpk_data_id);
+// Reads the `size` (4 or 8) next bytes; `suffix` follows the name in what is printed.
+template <bool traced>
+bool unpk_i(const char* name, const char* suffix, int size, uint64_t& value) {
+  if (g_unpk.data_ptr == nullptr) {
+    printf("DATA_UNPK, g_unpk_data_ptr is NULL, name: %s%s, id(0x%x)\n", name, suffix, g_unpk.id);
     return false;
   }
-  if (!is_within(high, 1, SPAN_BITS)) {
-    printf("UNPK_MID, high(%d) should be in [1, 128] for %s, id(0x%x)\n", high, field.name,
-           g_unpk_data_id);
+  const int pos = g_unpk.base + g_unpk.cnt;
+  if (!is_within(pos, 0, UNPK_LIMIT - 1)) {
+    printf("DATA_UNPK, (base + cnt)(%d) is can not >= %d for %s%s, id(0x%x)\n", pos, UNPK_LIMIT,
+           name, suffix, g_unpk.id);
     return false;
   }
-  if (low > high) {
-    printf("UNPK_MID, low(%d) should <= high(%d) for %s, id(0x%x)\n", low, high, field.name,
-           g_unpk_data_id);
-    return false;
+  memcpy(&value, g_unpk.data_ptr + pos, sizeof(value));
+  value &= low_mask(8 * size);
+  g_unpk.cnt += size;
+  if constexpr (traced) {
+    printf("    UNPK_I, name: %s%s, val: %" PRIu64
+           "(%s), val_size: %d, unpk_cnt: %d, data_base: %d, base_bit: %d\n",
+           name, suffix, value, memory_text(value).data(), size, g_unpk.cnt, g_unpk.base,
+           g_unpk.base_bit);
   }
   return true;
 }
 
+// Moves the base by `bits`.
+template <bool traced>
+void unpk_base_with_bit(int bits) {
+  g_unpk.base_bit += bits;
+  g_unpk.base = g_unpk.base_bit / 8;
+  g_unpk.cnt = 0;
+  if constexpr (traced) {
+    printf(
+        "BASE_WITH_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
+        "bit(%d), id(0x%x)\n",
+        g_unpk.base_bit, g_unpk.base, g_unpk.cnt, bits, g_unpk.id);
+  }
+}
+
+// Puts the next read to the byte that holds `bit`, counted from the base.
+template <bool traced>
+bool unpk_set_bit(int bit) {
+  // Rounds down, so that a bit before the record does not count as one in its first byte.
+  const int pos = static_cast<int>((int64_t{g_unpk.base_bit} + bit) >> 3);
+  if (!is_within(pos, 0, UNPK_LIMIT - 1)) {
+    printf("UNPK_SET_BIT, pos(%d) should be[0, %d), id(0x%x)\n", pos, UNPK_LIMIT, g_unpk.id);
+    return false;
+  }
+  g_unpk.cnt = pos - g_unpk.base;
+  if constexpr (traced) {
+    printf(
+        "UNPK_SET_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
+        "bit(%d), id(0x%x)\n",
+        g_unpk.base_bit, g_unpk.base, g_unpk.cnt, bit, g_unpk.id);
+  }
+  return true;
+}
+
+// Keeps the `bit_num` lowest bits.
+template <bool traced>
+bool unpk_low(const unpk_field& field, int bit_num, uint64_t& value) {
+  const int variable_bits = 8 * field.size;
+  if (!is_within(bit_num, 1, variable_bits)) {
+    printf("UNPK_LOW, bit_num(%d) should be in [1, %d] for %s, id(0x%x)\n", bit_num, variable_bits,
+           field.name, g_unpk.id);
+    return false;
+  }
+  const uint64_t old_value = value;
+  value &= low_mask(bit_num);
+  if constexpr (traced) {
+    printf("UNPK_LOW, old_val: %" PRIu64 ", new_val: %" PRIu64 ", bit_num: %d, mask_max(0x%" PRIx64
+           "), old_size(%d), name: %s, id(0x%x)\n",
+           old_value, value, bit_num, low_mask(variable_bits), field.size, field.name, g_unpk.id);
+  }
+  return true;
+}
+
+// The bits that a span keeps from bit `low` on. What begins at the first one is taken from the
+// lower half alone.
+constexpr int kept_bits(int low) {
+  return low == 1 ? HALF_BITS : SPAN_BITS + 1 - low;
+}
+
+// Whether bits `low` to `high` can be cut out of a span.
+bool check_span_bits(const unpk_field& field, int low, int high) {
+  if (low == 1 && !is_within(high, 1, HALF_BITS)) {
+    printf("UNPK_MID, high(%d) should be in [1, %d] for %s, id(0x%x)\n", high, HALF_BITS,
+           field.name, g_unpk.id);
+  } else if (!is_within(low, 1, SPAN_BITS)) {
+    printf("UNPK_MID, low(%d) should be in [1, 128] for %s, id(0x%x)\n", low, field.name,
+           g_unpk.id);
+  } else if (!is_within(high, 1, SPAN_BITS)) {
+    printf("UNPK_MID, high(%d) should be in [1, 128] for %s, id(0x%x)\n", high, field.name,
+           g_unpk.id);
+  } else if (low > high) {
+    printf("UNPK_MID, low(%d) should <= high(%d) for %s, id(0x%x)\n", low, high, field.name,
+           g_unpk.id);
+  } else if (kept_bits(low) < HALF_BITS) {
+    printf("UNPK_HIGH, bit_num(%d) should be in [64, 128] for %s, id(0x%x)\n", kept_bits(low),
+           field.name, g_unpk.id);
+  } else {
+    return true;
+  }
+  return false;
+}
+
+// Brings bit `low` of the span down to bit 1 and keeps the bits up to `high`; both count from 1.
+template <bool traced>
+bool unpk_mid(const unpk_field& field, const unpk_span& span, int low, int high, uint64_t& value) {
+  if (!check_span_bits(field, low, high)) {
+    return false;
+  }
+  __extension__ using bits128 = unsigned __int128;
+  value = static_cast<uint64_t>((static_cast<bits128>(span.tmp2) << HALF_BITS | span.tmp1) >>
+                                (low - 1));
+  if constexpr (traced) {
+    printf("UNPK_HIGH, old_val: %" PRIu64 ", new_val: %" PRIu64
+           ", bit_num: %d, name: %s, id(0x%x)\n",
+           span.tmp1, value, kept_bits(low), field.name, g_unpk.id);
+  }
+  if (!unpk_low<traced>(field, high - low + 1, value)) {
+    return false;
+  }
+  if constexpr (traced) {
+    printf("UNPK_MID, old_val: %" PRIu64 ", new_val: %" PRIu64
+           ", low: %d, high: %d, name: %s, id(0x%x)\n",
+           span.tmp1, value, low, high, field.name, g_unpk.id);
+  }
+  return true;
+}
+
+template <bool traced>
+bool unpk_at(const unpk_field& field, int bit, uint64_t& value) {
+  if (!unpk_set_bit<traced>(bit)) {
+    return false;
+  }
+  // What is left of the bit when the next read begins at its byte, counted from 1.
+  const int low = ((g_unpk.base_bit + bit) & 7) + 1;
+  const int high = low + field.width - 1;
+  if constexpr (traced) {
+    printf(
+        "PRINT_CNT, base_bit: %d, base_byte: %d, data_cnt: %d, low: %d, high: %d, param: %d, name: "
+        "%s\n",
+        g_unpk.base_bit, g_unpk.base, g_unpk.cnt, low, high, bit, field.name);
+  }
+  unpk_span span = {};
+  if (!unpk_i<traced>(field.name, "_tmp1", sizeof(span.tmp1), span.tmp1) ||
+      !unpk_i<traced>(field.name, "_tmp2", sizeof(span.tmp2), span.tmp2) ||
+      !unpk_mid<traced>(field, span, low, high, value)) {
+    return false;
+  }
+  if constexpr (traced) {
+    printf("    UNPK_AT, name: %s, val: %" PRIu64
+           "(%s), low: %d, high: %d, bit_start: %d, bit_num: %d\n",
+           field.name, value, memory_text(value).data(), low, high, bit, field.width);
+  }
+  return true;
+}
+
+}  // namespace
+
+bool unpk_start(std::span<const uint8_t> record, uint32_t id) {
+  memset(g_modem_stats_result.value, 0, g_modem_stats_result.len);
+  g_modem_stats_result.len = 0;
+  if (record.data() != nullptr) {
+    const size_t len = std::min<size_t>(record.size(), UNPK_LIMIT);
+    memcpy(g_unpk.buffer.data(), record.data(), len);
+    if (len < g_unpk.buffer_used) {
+      memset(g_unpk.buffer.data() + len, 0, g_unpk.buffer_used - len);
+    }
+    g_unpk.buffer_used = len;
+  } else {
+    printf("UNPK_START, payload is NULL, id(0x%x)\n", id);
+  }
+  g_unpk.data_ptr = record.data() != nullptr ? g_unpk.buffer.data() : nullptr;
+  g_unpk.id = id;
+  g_unpk.base = 0;
+  g_unpk.base_bit = 0;
+  g_unpk.cnt = 0;
+  return g_unpk.data_ptr != nullptr;
+}
+
+std::optional<uint64_t> unpk_mid(const unpk_field& field, const unpk_span& span, int low,
+                                 int high) {
+  uint64_t value = 0;
+  return unpk_mid<false>(field, span, low, high, value) ? std::optional(value) : std::nullopt;
+}
+
+std::optional<uint64_t> unpk_at(const unpk_field& field, int bit) {
+  uint64_t value = 0;
+  return unpk_at<false>(field, bit, value) ? std::optional(value) : std::nullopt;
+}
+
 // ---- the cell record ----
+
+namespace {
 
 constexpr uint32_t TEST_RECORD_ID = 0x123;
 constexpr int VERSION_SIZE = 4;
@@ -133,48 +264,69 @@ constexpr int VERSION_SIZE = 4;
 // The versions of the record, and the order of the offsets in the rows below.
 constexpr std::array<uint32_t, 4> CELL_VERSIONS = {0x30000, 0x30001, 0x30002, 4};
 
-struct decoded_cell {
-  modem_stats_cell_record record;
-  uint8_t mnc_num;  // shown, but not handed on
-};
-static_assert(offsetof(decoded_cell, record) == 0);
+using cell_record = modem_stats_cell_record;
 
 struct cell_field {
   unpk_field field;
-  size_t variable;                            // its offset in decoded_cell
+  size_t variable;                            // its offset in modem_stats_cell
   std::array<int, CELL_VERSIONS.size()> bit;  // in the body, by version
 };
+static_assert(offsetof(modem_stats_cell, record) == 0);
 
 constexpr std::array<cell_field, 12> CELL_FIELDS = {{
-    {{"mcc", 2, 16}, offsetof(modem_stats_cell_record, mcc), {240, 250, 264, 176}},
-    {{"mnc_num", 1, 8}, offsetof(decoded_cell, mnc_num), {256, 266, 280, 192}},
-    {{"mnc", 2, 16}, offsetof(modem_stats_cell_record, mnc), {264, 274, 288, 200}},
-    {{"tac", 4, 32}, offsetof(modem_stats_cell_record, tac), {288, 298, 312, 224}},
-    {{"cgi", 8, 64}, offsetof(modem_stats_cell_record, cgi), {176, 186, 200, 112}},
-    {{"pci", 2, 16}, offsetof(modem_stats_cell_record, pci), {0, 10, 24, 0}},
-    {{"freq_band_ind", 2, 16},
-     offsetof(modem_stats_cell_record, freq_band_ind),
-     {320, 330, 344, 256}},
-    {{"dl_earfcn", 4, 32}, offsetof(modem_stats_cell_record, dl_earfcn), {80, 90, 104, 16}},
-    {{"dl_bw", 2, 16}, offsetof(modem_stats_cell_record, dl_bw), {144, 154, 168, 80}},
-    {{"ul_earfcn", 4, 32}, offsetof(modem_stats_cell_record, ul_earfcn), {112, 122, 136, 48}},
-    {{"ul_bw", 2, 16}, offsetof(modem_stats_cell_record, ul_bw), {160, 170, 184, 96}},
-    {{"allow_access", 1, 8}, offsetof(modem_stats_cell_record, allow_access), {280, 290, 304, 216}},
+    {{"mcc", 2, 16}, offsetof(cell_record, mcc), {240, 250, 264, 176}},
+    {{"mnc_num", 1, 8}, offsetof(modem_stats_cell, mnc_num), {256, 266, 280, 192}},
+    {{"mnc", 2, 16}, offsetof(cell_record, mnc), {264, 274, 288, 200}},
+    {{"tac", 4, 32}, offsetof(cell_record, tac), {288, 298, 312, 224}},
+    {{"cgi", 8, 64}, offsetof(cell_record, cgi), {176, 186, 200, 112}},
+    {{"pci", 2, 16}, offsetof(cell_record, pci), {0, 10, 24, 0}},
+    {{"freq_band_ind", 2, 16}, offsetof(cell_record, freq_band_ind), {320, 330, 344, 256}},
+    {{"dl_earfcn", 4, 32}, offsetof(cell_record, dl_earfcn), {80, 90, 104, 16}},
+    {{"dl_bw", 2, 16}, offsetof(cell_record, dl_bw), {144, 154, 168, 80}},
+    {{"ul_earfcn", 4, 32}, offsetof(cell_record, ul_earfcn), {112, 122, 136, 48}},
+    {{"ul_bw", 2, 16}, offsetof(cell_record, ul_bw), {160, 170, 184, 96}},
+    {{"allow_access", 1, 8}, offsetof(cell_record, allow_access), {280, 290, 304, 216}},
 }};
 
-// Decodes the body's fields by the rows' column of the record's version.
-bool unpk_cell_fields(size_t column, decoded_cell& cell) {
-  for (const cell_field& row : CELL_FIELDS) {
-    const std::optional<uint64_t> value = unpk_at(row.field, row.bit[column]);
-    if (!value) {
-      return false;
-    }
-    memcpy(reinterpret_cast<uint8_t*>(&cell) + row.variable, &*value, row.field.size);
+// Decodes one of the rows, whose number is a constant so that its untraced form is, too.
+template <bool traced, size_t row>
+bool unpk_cell_field(size_t column, modem_stats_cell& cell) {
+  constexpr const cell_field& ROW = CELL_FIELDS[row];
+  uint64_t value = 0;
+  if (!unpk_at<traced>(ROW.field, ROW.bit[column], value)) {
+    return false;
   }
+  memcpy(reinterpret_cast<uint8_t*>(&cell) + ROW.variable, &value, ROW.field.size);
   return true;
 }
 
-void print_cell(const decoded_cell& cell) {
+template <bool traced, size_t... rows>
+bool unpk_cell_fields(size_t column, modem_stats_cell& cell, std::index_sequence<rows...>) {
+  return (unpk_cell_field<traced, rows>(column, cell) && ...);
+}
+
+template <bool traced>
+bool unpk_cell(modem_stats_cell& cell) {
+  uint64_t version = 0;
+  if (!unpk_i<traced>("version", "", VERSION_SIZE, version)) {
+    return false;
+  }
+  unpk_base_with_bit<traced>(8 * VERSION_SIZE);
+  const auto* const layout = std::find(CELL_VERSIONS.begin(), CELL_VERSIONS.end(), version);
+  if (layout == CELL_VERSIONS.end()) {
+    return false;
+  }
+  cell.record.version = *layout;
+  return unpk_cell_fields<traced>(static_cast<size_t>(layout - CELL_VERSIONS.begin()), cell,
+                                  std::make_index_sequence<CELL_FIELDS.size()>());
+}
+
+// Flattened: an untraced step is a few instructions, less than its call.
+[[gnu::flatten]] bool unpk_cell_untraced(modem_stats_cell& cell) {
+  return unpk_cell<false>(cell);
+}
+
+void print_cell(const modem_stats_cell& cell) {
   const modem_stats_cell_record& record = cell.record;
   printf("version = %d, mcc = %d, mnc_num %d, mnc %d, tac %d, cgi %" PRIu64 ", pci %d\n",
          static_cast<int>(record.version), record.mcc, cell.mnc_num, record.mnc,
@@ -186,129 +338,130 @@ void print_cell(const decoded_cell& cell) {
       static_cast<int>(record.ul_earfcn), record.ul_bw, record.allow_access, record.scs);
 }
 
+void modem_stats_parse_xxxx_diag_xxxx() {
+  modem_stats_cell cell = {};
+  if (!unpk_cell(cell)) {
+    return;
+  }
+  print_cell(cell);
+  memcpy(g_modem_stats_result.value, &cell.record, sizeof(cell.record));
+  g_modem_stats_result.len = sizeof(cell.record);
+}
+
+}  // namespace
+
+bool unpk_cell(modem_stats_cell& cell) {
+  return g_unpk_print_flag != 0 ? unpk_cell<true>(cell) : unpk_cell_untraced(cell);
+}
+
+void tervik_test_modem_stats_parsing_process_do(std::span<const uint8_t> record) {
+  if (unpk_start(record, TEST_RECORD_ID)) {
+    modem_stats_parse_xxxx_diag_xxxx();
+  }
+}
+
 // ---- debug counters ----
 
-struct counter {
-  const char* name = nullptr;
-  uint8_t size = 0;
-  uint8_t from_version = 0;  // of the block's layout
+namespace {
+
+// Prints the counter that `data` begins with, and takes it off; nothing when the data ends early.
+std::optional<uint64_t> print_counter(const debug_counter& row, std::span<const uint8_t>& data) {
+  if (data.size() < row.size) {
+    printf("UNPK, the data ends before %s: %zu of %d bytes received\n", row.name, data.size(),
+           row.size);
+    return std::nullopt;
+  }
+  uint64_t value = 0;
+  memcpy(&value, data.data(), row.size);
+  printf("UNPK[size:%d], %s = %" PRIu64 "\n", row.size, row.name, value);
+  data = data.subspan(row.size);
+  return value;
+}
+
+// Prints the counters that a section of layout `version` has. The bytes that they take, 0 for no
+// data, or nothing when the data ends early: those before were printed.
+std::optional<size_t> print_counters(std::span<const debug_counter> counters,
+                                     std::span<const uint8_t> data, uint64_t version) {
+  if (data.data() == nullptr) {
+    printf("ptr is null\n");
+    return 0;
+  }
+  std::span<const uint8_t> rest = data;
+  for (const debug_counter& row : counters) {
+    if (row.from_version > version) {
+      break;
+    }
+    if (!print_counter(row, rest)) {
+      return std::nullopt;
+    }
+  }
+  return data.size() - rest.size();
+}
+
+// The sections of the debug block.
+
+using section_data = std::span<const uint8_t>;
+
+std::optional<size_t> tervik_modem_stats_main_info_unpk(section_data data, uint64_t version) {
+  return print_counters(MAIN_COUNTERS, data, version);
+}
+
+std::optional<size_t> tervik_modem_stats_diag_info_unpk(section_data data, uint64_t version) {
+  return print_counters(DIAG_COUNTERS, data, version);
+}
+
+std::optional<size_t> tervik_modem_stats_cm_info_unpk(section_data data, uint64_t version) {
+  return print_counters(CM_COUNTERS, data, version);
+}
+
+std::optional<size_t> tervik_modem_stats_uim_info_unpk(section_data data, uint64_t version) {
+  return print_counters(UIM_COUNTERS, data, version);
+}
+
+struct debug_section {
+  const char* name;
+  std::optional<size_t> (*print)(section_data data, uint64_t version);
 };
 
-constexpr std::array<counter, 1> VERSION_COUNTERS = {{{"version", 1}}};
-
-constexpr std::array<counter, 10> MAIN_COUNTERS = {{
-    {"g_modem_stats_feature_enable_status", 1},
-    {"g_unpk_version_not_support_num", 8},
-    {"g_modem_stats_cmd_ok_count", 8},
-    {"g_modem_stats_cmd_fail_count", 8},
-    {"lyrax_system_heapi_mem_max_num", 8, 2},
-    {"lyrax_system_heapi_mem_cur_num", 8, 2},
-    {"modem_statsi_cmd_q_count", 4, 2},
-    {"modem_statsi_cmd_free_q_count", 4, 2},
-    {"g_lyrax_log_mask", 4, 4},
-    {"g_lyrax_log_stats_mask", 4, 4},
+constexpr std::array<debug_section, 4> DEBUG_SECTIONS = {{
+    {"main", tervik_modem_stats_main_info_unpk},
+    {"diag", tervik_modem_stats_diag_info_unpk},
+    {"cm", tervik_modem_stats_cm_info_unpk},
+    {"uim", tervik_modem_stats_uim_info_unpk},
 }};
 
-constexpr std::array<counter, 22> DIAG_COUNTERS = {{
-    {"init_state", 1},
-    {"listener_event_num", 4},
-    {"listener_event_state", 1},
-    {"listener_event_call_num", 4},
-    {"listener_event_parse_num", 4},
-    {"listener_log_num", 4},
-    {"listener_log_state", 1},
-    {"listener_log_call_num", 8},
-    {"listener_log_parse_num", 8},
-    {"poll_update_call_num", 4},
-    {"poll_update_parse_num", 4},
-    {"listener_event_callback_num", 8, 1},
-    {"listener_log_callback_num", 8, 1},
-    {"lte_cell_id_invalid_num", 4, 1},
-    {"nr5g_cell_id_invalid_num", 4, 1},
-    {"event_duration_ms_max", 4, 2},
-    {"log_duration_ms_max", 4, 2},
-    {"do_duration_ms_max", 4, 2},
-    {"debug_call_num", 4, 2},
-    {"debug_parse_num", 4, 2},
-    {"cust_event_call_num", 4, 3},
-    {"cust_event_parse_num", 4, 3},
-}};
+}  // namespace
 
-constexpr std::array<counter, 16> CM_COUNTERS = {{
-    {"init_state", 1},
-    {"listener_state", 1},
-    {"listener_call_event_call_num", 4},
-    {"listener_call_event_parse_num", 4},
-    {"listener_subs_event_call_num", 4},
-    {"listener_subs_event_parse_num", 4},
-    {"listener_ss_event_call_num", 4},
-    {"listener_ss_event_parse_num", 4},
-    {"listener_stats_event_call_num", 4},
-    {"listener_stats_event_parse_num", 4},
-    {"poll_update_rf_call_num", 4},
-    {"poll_update_rf_parse_num", 4},
-    {"poll_update_lte_call_num", 4},
-    {"poll_update_lte_parse_num", 4},
-    {"poll_update_nr5g_call_num", 4},
-    {"poll_update_nr5g_parse_num", 4},
-}};
+void tervik_modem_stats_debug_info_unpk(std::span<const uint8_t> block) {
+  std::span<const uint8_t> rest = block;
+  const std::optional<uint64_t> version = print_counter({"version", 1}, rest);
+  if (!version) {
+    return;
+  }
+  uint8_t cnt = 1;
+  for (const debug_section& section : DEBUG_SECTIONS) {
+    printf("-------- stats %s info start --------\n", section.name);
+    const std::optional<size_t> consumed = section.print(block.subspan(cnt), *version);
+    if (!consumed) {
+      return;
+    }
+    // Eight bits, also as the offset of the next section: it may wrap, but not pass the end.
+    cnt = static_cast<uint8_t>(cnt + *consumed);
+    printf("-------- stats %s info end, cnt(%d) --------\n", section.name, cnt);
+  }
+}
 
-constexpr std::array<counter, 4> UIM_COUNTERS = {{
-    {"init_state", 1},
-    {"listener_state", 1},
-    {"listener_event_call_num", 4},
-    {"listener_event_parse_num", 4},
-}};
+// ---- support status ----
 
-constexpr std::array<counter, 5> SUPPORT_COUNTERS = {{
+namespace {
+
+constexpr std::array<debug_counter, 5> SUPPORT_COUNTERS = {{
     {"version", 1},
     {"modem_stats_feature_enable_status", 1},
     {"version_not_support_num", 8},
     {"modem_stats_cmd_ok_count", 8},
     {"modem_stats_cmd_fail_count", 8},
 }};
-
-constexpr std::array<counter, 1> LOG_NUM_COUNTERS = {{{"log_num", 2}}};
-
-// Prints the counters that a block of `version` has. The bytes that they take, 0 for no data, or
-// UNPK_ENDS_EARLY.
-int print_counters(std::span<const counter> counters, std::span<const uint8_t> data,
-                   int version = 0) {
-  if (data.data() == nullptr) {
-    printf("ptr is null\n");
-    return 0;
-  }
-  size_t consumed = 0;
-  for (const counter& row : counters) {
-    if (row.from_version > version) {
-      break;
-    }
-    const std::span<const uint8_t> rest = data.subspan(consumed);
-    if (rest.size() < row.size) {
-      printf("UNPK, the data ends before %s: %zu of %d bytes received\n", row.name, rest.size(),
-             row.size);
-      return UNPK_ENDS_EARLY;
-    }
-    uint64_t value = 0;
-    memcpy(&value, rest.data(), row.size);
-    printf("UNPK[size:%d], %s = %" PRIu64 "\n", row.size, row.name, value);
-    consumed += row.size;
-  }
-  return static_cast<int>(consumed);
-}
-
-// ---- support status ----
-
-// What the support check looks at. Little-endian.
-struct [[gnu::packed]] support_record {
-  uint8_t version;
-  uint8_t modem_stats_feature_enable_status;
-  uint64_t version_not_support_num;
-  uint64_t modem_stats_cmd_ok_count;
-  uint64_t modem_stats_cmd_fail_count;
-};
-static_assert(sizeof(support_record) == 26);
-static_assert(offsetof(support_record, version_not_support_num) == 2);
 
 void print_banner(const char* verdict) {
   constexpr const char* RULE = "===========================================";
@@ -317,18 +470,17 @@ void print_banner(const char* verdict) {
 
 // Prints the ids of the list that `data` begins with, as far as they were received.
 void print_logs_to_upgrade(std::span<const uint8_t> data) {
-  if (print_counters(LOG_NUM_COUNTERS, data) == UNPK_ENDS_EARLY) {
+  const std::optional<uint64_t> counted = print_counter({"log_num", 2}, data);
+  if (!counted) {
     return;
   }
-  uint16_t log_num = 0;
-  memcpy(&log_num, data.data(), sizeof(log_num));
+  const int log_num = static_cast<int>(*counted);
   print_banner("================= FAIL ====================");
   printf("Diag logs to be upgraded[num:%d]:\n", log_num);
-  const std::span<const uint8_t> ids = data.subspan(sizeof(log_num));
-  const int received = static_cast<int>(ids.size() / sizeof(uint16_t));
-  for (int i = 0; i < std::min<int>(log_num, received); ++i) {
+  const int received = static_cast<int>(data.size() / sizeof(uint16_t));
+  for (int i = 0; i < std::min(log_num, received); ++i) {
     uint16_t log_id = 0;
-    memcpy(&log_id, &ids[static_cast<size_t>(i) * sizeof(log_id)], sizeof(log_id));
+    memcpy(&log_id, &data[static_cast<size_t>(i) * sizeof(log_id)], sizeof(log_id));
     printf("log_id[%d]: 0x%04X\n", i, log_id);
   }
   if (received < log_num) {
@@ -356,202 +508,23 @@ void query_logs_to_upgrade(const char* func) {
 
 }  // namespace
 
-// ---- the unpacker's steps ----
-
-bool unpk_start(std::span<const uint8_t> record, uint32_t id) {
-  memset(g_modem_stats_result.value, 0, g_modem_stats_result.len);
-  g_modem_stats_result.len = 0;
-  g_unpk_data_id = id;
-  g_unpk_data_base = 0;
-  g_unpk_data_base_bit = 0;
-  g_unpk_data_cnt = 0;
-  if (record.data() == nullptr) {
-    g_unpk_data_ptr = nullptr;
-    printf("UNPK_START, payload is NULL, id(0x%x)\n", id);
-    return false;
-  }
-  const size_t len = std::min<size_t>(record.size(), UNPK_LIMIT);
-  memcpy(g_unpk_buffer.data(), record.data(), len);
-  if (len < g_unpk_buffer_used) {
-    memset(g_unpk_buffer.data() + len, 0, g_unpk_buffer_used - len);
-  }
-  g_unpk_buffer_used = len;
-  g_unpk_data_ptr = g_unpk_buffer.data();
-  return true;
-}
-
-std::optional<uint64_t> unpk_i(const char* name, const char* suffix, int size) {
-  if (g_unpk_data_ptr == nullptr) {
-    printf("DATA_UNPK, g_unpk_data_ptr is NULL, name: %s%s, id(0x%x)\n", name, suffix,
-           g_unpk_data_id);
-    return std::nullopt;
-  }
-  const int pos = g_unpk_data_base + g_unpk_data_cnt;
-  if (!is_within(pos, 0, UNPK_LIMIT - 1)) {
-    printf("DATA_UNPK, (base + cnt)(%d) is can not >= %d for %s%s, id(0x%x)\n", pos, UNPK_LIMIT,
-           name, suffix, g_unpk_data_id);
-    return std::nullopt;
-  }
-  uint64_t value = 0;
-  memcpy(&value, g_unpk_data_ptr + pos, sizeof(value));
-  value &= low_mask(8 * size);
-  g_unpk_data_cnt += size;
-  if (is_traced()) {
-    printf("    UNPK_I, name: %s%s, val: %" PRIu64
-           "(%s), val_size: %d, unpk_cnt: %d, data_base: %d, base_bit: %d\n",
-           name, suffix, value, memory_text(value).data(), size, g_unpk_data_cnt, g_unpk_data_base,
-           g_unpk_data_base_bit);
-  }
-  return value;
-}
-
-void unpk_base_with_bit(int bits) {
-  g_unpk_data_base_bit += bits;
-  g_unpk_data_base = g_unpk_data_base_bit / 8;
-  g_unpk_data_cnt = 0;
-  if (is_traced()) {
-    printf(
-        "BASE_WITH_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
-        "bit(%d), id(0x%x)\n",
-        g_unpk_data_base_bit, g_unpk_data_base, g_unpk_data_cnt, bits, g_unpk_data_id);
-  }
-}
-
-bool unpk_set_bit(int bit) {
-  // Rounds down, so that a bit before the record does not count as one in its first byte.
-  const int pos = static_cast<int>((int64_t{g_unpk_data_base_bit} + bit) >> 3);
-  if (!is_within(pos, 0, UNPK_LIMIT - 1)) {
-    printf("UNPK_SET_BIT, pos(%d) should be[0, %d), id(0x%x)\n", pos, UNPK_LIMIT, g_unpk_data_id);
-    return false;
-  }
-  g_unpk_data_cnt = pos - g_unpk_data_base;
-  if (is_traced()) {
-    printf(
-        "UNPK_SET_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
-        "bit(%d), id(0x%x)\n",
-        g_unpk_data_base_bit, g_unpk_data_base, g_unpk_data_cnt, bit, g_unpk_data_id);
-  }
-  return true;
-}
-
-std::optional<uint64_t> unpk_mid(const unpk_field& field, const unpk_span& span, int low,
-                                 int high) {
-  if (!check_span_bits(field, low, high)) {
-    return std::nullopt;
-  }
-  std::optional<uint64_t> value = span.tmp1;
-  if (low == 1) {
-    // The lower half is what is kept.
-    if (is_traced()) {
-      printf("UNPK_HIGH, old_val: %" PRIu64 ", new_val: %" PRIu64
-             ", bit_num: %d, name: %s, id(0x%x)\n",
-             span.tmp1, *value, SPAN_HALF_BITS, field.name, g_unpk_data_id);
-    }
-  } else {
-    value = unpk_high(field, span, low);
-  }
-  if (value) {
-    value = unpk_low(field, *value, high - low + 1);
-  }
-  if (value) {
-    if (is_traced()) {
-      printf("UNPK_MID, old_val: %" PRIu64 ", new_val: %" PRIu64
-             ", low: %d, high: %d, name: %s, id(0x%x)\n",
-             span.tmp1, *value, low, high, field.name, g_unpk_data_id);
-    }
-  }
-  return value;
-}
-
-// Flattened: a field's steps are a few instructions each, less than their calls.
-[[gnu::flatten]] std::optional<uint64_t> unpk_at(const unpk_field& field, int bit) {
-  if (!unpk_set_bit(bit)) {
-    return std::nullopt;
-  }
-  const int low = g_unpk_data_base_bit + bit - (g_unpk_data_base + g_unpk_data_cnt) * 8 + 1;
-  const int high = low + field.width - 1;
-  if (is_traced()) {
-    printf(
-        "PRINT_CNT, base_bit: %d, base_byte: %d, data_cnt: %d, low: %d, high: %d, param: %d, name: "
-        "%s\n",
-        g_unpk_data_base_bit, g_unpk_data_base, g_unpk_data_cnt, low, high, bit, field.name);
-  }
-  const std::optional<uint64_t> tmp1 = unpk_i(field.name, "_tmp1", sizeof(uint64_t));
-  const std::optional<uint64_t> tmp2 =
-      tmp1 ? unpk_i(field.name, "_tmp2", sizeof(uint64_t)) : std::nullopt;
-  const std::optional<uint64_t> value =
-      tmp2 ? unpk_mid(field, {*tmp1, *tmp2}, low, high) : std::nullopt;
-  if (value) {
-    if (is_traced()) {
-      printf("    UNPK_AT, name: %s, val: %" PRIu64
-             "(%s), low: %d, high: %d, bit_start: %d, bit_num: %d\n",
-             field.name, *value, memory_text(*value).data(), low, high, bit, field.width);
-    }
-  }
-  return value;
-}
-
-void modem_stats_parse_xxxx_diag_xxxx() {
-  const std::optional<uint64_t> version = unpk_i("version", "", VERSION_SIZE);
-  if (!version) {
-    return;
-  }
-  unpk_base_with_bit(8 * VERSION_SIZE);
-  const auto* const layout = std::find(CELL_VERSIONS.begin(), CELL_VERSIONS.end(), *version);
-  if (layout == CELL_VERSIONS.end()) {
-    return;
-  }
-  decoded_cell cell = {};
-  cell.record.version = *layout;
-  if (!unpk_cell_fields(static_cast<size_t>(layout - CELL_VERSIONS.begin()), cell)) {
-    return;
-  }
-  print_cell(cell);
-  memcpy(g_modem_stats_result.value, &cell.record, sizeof(cell.record));
-  g_modem_stats_result.len = sizeof(cell.record);
-}
-
-void tervik_test_modem_stats_parsing_process_do(std::span<const uint8_t> record) {
-  if (unpk_start(record, TEST_RECORD_ID)) {
-    modem_stats_parse_xxxx_diag_xxxx();
-  }
-}
-
-// ---- debug counters ----
-
-int tervik_modem_stats_version_unpk(std::span<const uint8_t> data) {
-  return print_counters(VERSION_COUNTERS, data);
-}
-
-int tervik_modem_stats_main_info_unpk(std::span<const uint8_t> data, int version) {
-  return print_counters(MAIN_COUNTERS, data, version);
-}
-
-int tervik_modem_stats_diag_info_unpk(std::span<const uint8_t> data, int version) {
-  return print_counters(DIAG_COUNTERS, data, version);
-}
-
-int tervik_modem_stats_cm_info_unpk(std::span<const uint8_t> data) {
-  return print_counters(CM_COUNTERS, data);
-}
-
-int tervik_modem_stats_uim_info_unpk(std::span<const uint8_t> data) {
-  return print_counters(UIM_COUNTERS, data);
-}
-
 void tervik_modem_stats_support_status_check(std::span<const uint8_t> data) {
   if (data.data() == nullptr) {
     printf("tervik_modem_stats_support_status_check, ptr is null\n");
     return;
   }
-  if (print_counters(SUPPORT_COUNTERS, data) == UNPK_ENDS_EARLY) {
-    return;
+  std::array<uint64_t, SUPPORT_COUNTERS.size()> values = {};
+  for (size_t i = 0; i < values.size(); ++i) {
+    const std::optional<uint64_t> value = print_counter(SUPPORT_COUNTERS[i], data);
+    if (!value) {
+      return;
+    }
+    values[i] = *value;
   }
-  support_record record = {};
-  memcpy(&record, data.data(), sizeof(record));
-  if (record.modem_stats_feature_enable_status == 0) {
+  const auto& [version, enable_status, version_not_support_num, ok_count, fail_count] = values;
+  if (enable_status == 0) {
     print_banner("================ CLOSED ===================");
-  } else if (record.version_not_support_num == 0) {
+  } else if (version_not_support_num == 0) {
     print_banner("================ SUCCES ===================");
   } else {
     query_logs_to_upgrade(__func__);

@@ -39,6 +39,12 @@ static_assert(sizeof(modem_stats_cell_record) == 38);
 static_assert(offsetof(modem_stats_cell_record, cgi) == 12);
 static_assert(offsetof(modem_stats_cell_record, ul_earfcn) == 30);
 
+// All that a decode gives.
+struct modem_stats_cell {
+  modem_stats_cell_record record;
+  uint8_t mnc_num;  // shown, but not handed on
+};
+
 // What the last decode gave: a modem_stats_cell_record and zeros; `len` is 0 when it gave nothing.
 struct modem_stats_result {
   uint32_t len;
@@ -49,10 +55,11 @@ extern modem_stats_result g_modem_stats_result;
 // Not 0: every step of a decode prints a trace line.
 extern uint32_t g_unpk_print_flag;
 
-// Decodes a record, cut to the limit; its data() is null for no record.
+// Decodes a record, cut to the limit, into g_modem_stats_result and prints it; its data() is null
+// for no record. A record of an unknown version is ignored.
 void tervik_test_modem_stats_parsing_process_do(std::span<const uint8_t> record);
 
-// ---- the unpacker's steps: each moves the cursor; a failed one prints the reason ----
+// ---- the unpacker's steps, for tests and benchmarks: a failed one prints the reason ----
 
 // A field: its name, the bytes of the variable that takes it (1, 2, 4 or 8), its bits.
 struct unpk_field {
@@ -69,34 +76,20 @@ struct unpk_span {
 
 // Puts the cursor to the start of a record of DIAG log `id`. False when there is no record.
 [[nodiscard]] bool unpk_start(std::span<const uint8_t> record, uint32_t id);
-// Reads the `size` (4 or 8) next bytes; `suffix` follows the name in what is printed.
-[[nodiscard]] std::optional<uint64_t> unpk_i(const char* name, const char* suffix, int size);
-// Moves the base by `bits`.
-void unpk_base_with_bit(int bits);
-// Puts the next read to the byte that holds `bit`, counted from the base.
-[[nodiscard]] bool unpk_set_bit(int bit);
-// Bits `low` to `high` of a span, counted from 1.
+// Bits `low` to `high` of a span, counted from 1. Untraced.
 [[nodiscard]] std::optional<uint64_t> unpk_mid(const unpk_field& field, const unpk_span& span,
                                                int low, int high);
-// Reads the field at `bit`, counted from the base.
+// Reads the field at `bit`, counted from the base. Untraced.
 [[nodiscard]] std::optional<uint64_t> unpk_at(const unpk_field& field, int bit);
-// Decodes the record that unpk_start was given into g_modem_stats_result and prints it. A record of
-// an unknown version is ignored.
-void modem_stats_parse_xxxx_diag_xxxx();
+// Decodes the cell record that unpk_start was given. False when a step failed or the version is
+// unknown.
+[[nodiscard]] bool unpk_cell(modem_stats_cell& cell);
 
 // ---- the debug counters ----
 
-// A printer's result when the received data ends within its counters. Those before were printed.
-inline constexpr int UNPK_ENDS_EARLY = -1;
-
-// Each prints the counters that `data` begins with, as many as the block's layout version has.
-// Returns the bytes that they take, 0 when data.data() is null, or UNPK_ENDS_EARLY.
-[[nodiscard]] int tervik_modem_stats_main_info_unpk(std::span<const uint8_t> data, int version);
-[[nodiscard]] int tervik_modem_stats_diag_info_unpk(std::span<const uint8_t> data, int version);
-[[nodiscard]] int tervik_modem_stats_cm_info_unpk(std::span<const uint8_t> data);
-[[nodiscard]] int tervik_modem_stats_uim_info_unpk(std::span<const uint8_t> data);
-// The same of the layout version that stands before the counters.
-[[nodiscard]] int tervik_modem_stats_version_unpk(std::span<const uint8_t> data);
+// Prints the debug block: the version of its layout, and of each section the counters that the
+// layout has, up to the first that was not received.
+void tervik_modem_stats_debug_info_unpk(std::span<const uint8_t> block);
 
 // Prints the state that `data` tells (data.data() may be null). When the framework lacks support,
 // asks the modem for the DIAG logs to be upgraded and prints their ids.

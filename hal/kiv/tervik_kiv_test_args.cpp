@@ -1,6 +1,5 @@
 #include "tervik_kiv_test_args.h"
 
-#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 
@@ -28,10 +27,9 @@ int run_command(const tervik_log_place& place, const category_command& command, 
 bool find_and_run(const tervik_log_place& place, const command_category& category, int argc,
                   char** argv) {
   const int number = atoi(argv[2]);
-  const auto command =
-      std::find_if(category.commands.begin(), category.commands.end(),
-                   [number](const category_command& row) { return row.number == number; });
-  if (command == category.commands.end()) {
+  const category_command* const command =
+      find_row(category.commands, &category_command::number, number);
+  if (command == nullptr) {
     if (category.number_name == nullptr) {
       log_error(place, "note: the second parameters is invalid, Pls refer to the following cmd:");
     } else {

@@ -1,6 +1,5 @@
 #include "tervik_kiv_test_main.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -64,10 +63,8 @@ bool run_category(int argc, char** argv) {
     tervik_log_notice_as(ENTRY_NAME, "Not support");
     return true;
   }
-  const auto row =
-      std::find_if(CATEGORIES.begin(), CATEGORIES.end(),
-                   [category](const category_row& each) { return each.category == category; });
-  if (row == CATEGORIES.end()) {
+  const category_row* const row = find_row(CATEGORIES, &category_row::category, category);
+  if (row == nullptr) {
     return false;
   }
   static_cast<void>(row->run(argc, argv));

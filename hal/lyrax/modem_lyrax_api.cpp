@@ -10,17 +10,55 @@
 #include <memory>
 #include <mutex>
 #include <new>
-#include <string_view>
+#include <optional>
+#include <span>
 
 #include "tervik_utils_cmn.h"
+
+// ---- white list ----
+
+namespace {
+
+constexpr std::array<const char*, 3> WHITE_LIST = {"qcrilNrd", "kiv", "modem_api_test"};
+
+std::atomic<bool> g_white_list_checked{false};
+std::atomic<bool> g_white_list_failed{false};
+
+bool modem_api_check_white_list() {
+  if (!g_white_list_checked) {
+    const char* p_name = tervik_utils_get_pid_name();
+    g_white_list_failed =
+        std::none_of(WHITE_LIST.begin(), WHITE_LIST.end(),
+                     [p_name](const char* known) { return tervik_str_cmp(p_name, known) == 0; });
+    g_white_list_checked = true;
+    tervik_log_debug("check %s, p_id: %d, p_name: %s", g_white_list_failed ? "fail" : "pass",
+                     tervik_utils_get_pid_number(), p_name);
+  } else if (g_white_list_failed) {
+    tervik_log_debug("check fail, p_id: %d, p_name: %s", tervik_utils_get_pid_number(),
+                     tervik_utils_get_pid_name());
+  }
+  return !g_white_list_failed;
+}
+
+[[nodiscard]] bool admitted(const char* func) {
+  if (modem_api_check_white_list()) {
+    return true;
+  }
+  tervik_log_error_as(func, "check fail, do nothing");
+  return false;
+}
+
+}  // namespace
+
+// ---- clients ----
 
 namespace {
 
 constexpr uint32_t VS_CLIENT_TYPE = 0;
 constexpr uint32_t STATUS_LOST = 4;
 constexpr size_t CLIENTS_MAX = 10;
-constexpr int VALUE_TEXT_SIZE = 29;
 
+// What is known of a client. The pid and the event callback tell whose it is; nothing reads them.
 struct modem_api_client {
   uint32_t client_type;
   uint32_t pid;
@@ -35,81 +73,48 @@ uint32_t g_init_count = 0;  // under g_module_mutex
 std::mutex g_client_table_mutex;
 // Never held over a call of the VS client, whose status callback takes it.
 std::mutex g_clients_mutex;
-// The client id is the slot. Under g_clients_mutex.
+// The client id is the slot. Every client is of VS_CLIENT_TYPE. Under g_clients_mutex.
 std::array<std::unique_ptr<modem_api_client>, CLIENTS_MAX> g_clients;
-
-// ---- white list ----
-
-constexpr std::array<const char*, 3> WHITE_LIST = {"qcrilNrd", "kiv", "modem_api_test"};
-
-std::atomic<bool> g_white_list_checked{false};
-std::atomic<bool> g_white_list_failed{false};
-
-bool is_on_white_list(const char* p_name) {
-  return std::any_of(WHITE_LIST.begin(), WHITE_LIST.end(),
-                     [p_name](const char* known) { return tervik_str_cmp(p_name, known) == 0; });
-}
-
-[[nodiscard]] bool admitted(const char* func) {
-  if (modem_api_check_white_list() != 0) {
-    return true;
-  }
-  tervik_log_error_as(func, "check fail, do nothing");
-  return false;
-}
-
-// ---- clients ----
-
-bool in_table(int32_t client_id) {
-  return client_id >= 0 && client_id < static_cast<int32_t>(CLIENTS_MAX);
-}
-
-std::unique_ptr<modem_api_client>& slot_of(int32_t client_id) {
-  return g_clients[static_cast<size_t>(client_id)];
-}
-
-bool modem_api_check_client_valid(int32_t client_id) {
-  if (!in_table(client_id)) {
-    return false;
-  }
-  const std::lock_guard lock(g_clients_mutex);
-  const modem_api_client* client = slot_of(client_id).get();
-  return client != nullptr && client->client_type == VS_CLIENT_TYPE &&
-         client->operational_status == VS_CONNECTED;
-}
 
 void forget_clients() {
   const std::lock_guard lock(g_clients_mutex);
   g_clients = {};
 }
 
-// The result with which another client of the type keeps a new one out; 0 when there is none. The
-// clients' mutex is held.
-uint32_t refused_by_other_client(const char* func) {
-  for (const auto& client : g_clients) {
-    if (client == nullptr || client->client_type != VS_CLIENT_TYPE) {
-      continue;
-    }
-    if (client->operational_status == VS_CONNECTED) {
-      tervik_log_debug_as(func, "Already another client init vs client successfully");
-      return MODEM_API_OTHER_CLIENT;
-    }
-    tervik_log_debug_as(func, "Another client init vs client with operational status %d",
-                        client->operational_status);
-    return MODEM_API_OTHER_CLIENT_NOT_READY;
+bool in_table(int32_t client_id) {
+  return client_id >= 0 && client_id < static_cast<int32_t>(CLIENTS_MAX);
+}
+
+// Nothing for an empty slot or an id outside the table.
+std::optional<uint32_t> status_of(int32_t client_id) {
+  const std::lock_guard lock(g_clients_mutex);
+  if (!in_table(client_id) || g_clients[static_cast<size_t>(client_id)] == nullptr) {
+    return std::nullopt;
   }
-  return MODEM_API_SUCCESS;
+  return g_clients[static_cast<size_t>(client_id)]->operational_status;
+}
+
+bool modem_api_check_client_valid(int32_t client_id) {
+  return status_of(client_id) == VS_CONNECTED;
 }
 
 // Puts a client into the lowest empty slot, whose number goes to `client_id`.
 uint32_t add_client(const char* func, std::unique_ptr<modem_api_client> client,
                     int32_t* client_id) {
   const std::lock_guard lock(g_clients_mutex);
-  const uint32_t refused = refused_by_other_client(func);
-  if (refused != MODEM_API_SUCCESS) {
-    return refused;
+  for (const auto& other : g_clients) {
+    if (other == nullptr) {
+      continue;
+    }
+    if (other->operational_status == VS_CONNECTED) {
+      tervik_log_debug_as(func, "Already another client init vs client successfully");
+      return MODEM_API_OTHER_CLIENT;
+    }
+    tervik_log_debug_as(func, "Another client init vs client with operational status %d",
+                        other->operational_status);
+    return MODEM_API_OTHER_CLIENT_NOT_READY;
   }
-  const auto slot = std::find(g_clients.begin(), g_clients.end(), nullptr);
+  auto* const slot = std::find(g_clients.begin(), g_clients.end(), nullptr);
   if (slot == g_clients.end()) {
     tervik_log_error_as(func, "no more client can be added");
     return MODEM_API_NO_SLOT;
@@ -119,165 +124,12 @@ uint32_t add_client(const char* func, std::unique_ptr<modem_api_client> client,
   return MODEM_API_SUCCESS;
 }
 
-bool is_taken(int32_t client_id) {
-  const std::lock_guard lock(g_clients_mutex);
-  return slot_of(client_id) != nullptr;
-}
-
 void empty_slot(int32_t client_id) {
   const std::lock_guard lock(g_clients_mutex);
-  slot_of(client_id).reset();
-}
-
-// Stores the status of a client of that type and gives out its callback. False: there is none.
-bool store_status(int32_t client_id, uint32_t client_type, uint32_t status,
-                  modem_api_operational_status_event_cb* status_cb) {
-  const std::lock_guard lock(g_clients_mutex);
-  modem_api_client* client = slot_of(client_id).get();
-  if (client == nullptr || client->client_type != client_type) {
-    return false;
-  }
-  client->operational_status = status;
-  *status_cb = client->operational_status_cb;
-  return true;
-}
-
-// ---- results ----
-
-struct mapped_error {
-  uint32_t qmi_error;
-  modem_api_result result;
-};
-
-// What the QMI errors of a failed response stand for; any other is a failure.
-constexpr std::array<mapped_error, 12> QMI_ERRORS = {{
-    {0, MODEM_API_SUCCESS},
-    {26, MODEM_API_SUCCESS},
-    {4, MODEM_API_QMI_ERROR_4},
-    {17, MODEM_API_INVALID_ARG},
-    {19, MODEM_API_INVALID_ARG},
-    {48, MODEM_API_INVALID_ARG},
-    {49, MODEM_API_INVALID_ARG},
-    {24, MODEM_API_NOT_SUPPORTED},
-    {42, MODEM_API_NOT_SUPPORTED},
-    {77, MODEM_API_NOT_SUPPORTED},
-    {94, MODEM_API_NOT_SUPPORTED},
-    {52, MODEM_API_QMI_ERROR_52},
-}};
-
-uint32_t map_response(const vs_result& response) {
-  constexpr uint32_t QMI_RESULT_SUCCESS = 0;
-  constexpr uint32_t QMI_RESULT_FAILURE = 1;
-  if (response.result == QMI_RESULT_SUCCESS) {
-    return MODEM_API_SUCCESS;
-  }
-  if (response.result != QMI_RESULT_FAILURE) {
-    return MODEM_API_FAILURE;
-  }
-  const auto row = std::find_if(
-      QMI_ERRORS.begin(), QMI_ERRORS.end(),
-      [&response](const mapped_error& each) { return each.qmi_error == response.error; });
-  return row != QMI_ERRORS.end() ? row->result : MODEM_API_FAILURE;
-}
-
-// ---- parameters ----
-
-// A value as the log shows it: its first bytes in hex.
-struct value_text {
-  explicit value_text(const vs_stats_entry& entry) {
-    // It fails for a null or tiny buffer alone.
-    static_cast<void>(
-        tervik_get_hex_str(text, sizeof(text), entry.value, static_cast<int>(entry.value_len)));
-  }
-
-  char text[VALUE_TEXT_SIZE];
-};
-
-// Fills the entries of a request from the caller's, which are cut to their buffers.
-void fill_entries(const char* func, uint32_t sub, const stats_para_data& data,
-                  vs_get_stats_parameter_req& request) {
-  request.entries_len = data.para_num;
-  for (uint32_t i = 0; i < data.para_num; ++i) {
-    vs_stats_entry& entry = request.entries[i];
-    entry.id = data.para[i].id;
-    entry.value_len = std::min(data.para[i].value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
-    memcpy(entry.value, data.para[i].value, sizeof(entry.value));
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub,
-                        "req: ids[%d] = %d, value_len = %d, type = %d, value: %s", i, entry.id,
-                        entry.value_len, entry.second_half_word, value_text(entry).text);
-  }
-}
-
-void take_entries(const char* func, uint32_t sub, const vs_get_stats_parameter_resp& response,
-                  stats_para_data& data) {
-  data.para_num = std::min(response.entries_len, static_cast<uint32_t>(VS_STATS_ENTRIES_MAX));
-  for (uint32_t i = 0; i < data.para_num; ++i) {
-    const vs_stats_entry& entry = response.entries[i];
-    vs_stats_entry& taken = data.para[i];
-    taken.sub = entry.sub;
-    taken.second_half_word = entry.second_half_word;
-    taken.id = entry.id;
-    taken.value_len = std::min(entry.value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
-    memcpy(taken.value, entry.value, taken.value_len);
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "rsp: ids[%d] = %d, value_len = %d, value: %s",
-                        i, taken.id, taken.value_len, value_text(taken).text);
-  }
-}
-
-// ---- asynchronous responses ----
-
-struct malloc_deleter {
-  void operator()(void* memory) const { free(memory); }
-};
-
-// A copy of the bytes behind the head of a response to message 0, for its callback to free; null
-// without memory or when the response claims more than it has.
-uint8_t* copy_async_data(const void* resp, unsigned int resp_len, uint32_t* data_len) {
-  modem_api_async_response head = {};
-  if (resp_len < sizeof(head)) {
-    return nullptr;
-  }
-  memcpy(&head, resp, sizeof(head));
-  if (head.data_len > resp_len - sizeof(head)) {
-    return nullptr;
-  }
-  auto* copy = static_cast<uint8_t*>(malloc(head.data_len + size_t{1}));
-  if (copy != nullptr) {
-    memcpy(copy, static_cast<const uint8_t*>(resp) + sizeof(head), head.data_len);
-    *data_len = head.data_len;
-  }
-  return copy;
-}
-
-uint32_t async_outcome(unsigned int msg_id, const void* resp, unsigned int resp_len,
-                       qmi_client_error_type transport_error) {
-  if (resp == nullptr || resp_len == 0) {
-    return MODEM_API_NO_MEMORY;
-  }
-  vs_result outcome = {};
-  memcpy(&outcome, resp, std::min<size_t>(resp_len, sizeof(outcome)));
-  const uint32_t result = modem_api_map_qmi_error_to_modem_api(transport_error, outcome);
-  if (result != MODEM_API_SUCCESS) {
-    return result;
-  }
-  return msg_id == 0 ? MODEM_API_SUCCESS : MODEM_API_UNEXPECTED_MSG;
+  g_clients[static_cast<size_t>(client_id)].reset();
 }
 
 }  // namespace
-
-uint32_t modem_api_check_white_list() {
-  if (!g_white_list_checked) {
-    const char* p_name = tervik_utils_get_pid_name();
-    g_white_list_failed = !is_on_white_list(p_name);
-    g_white_list_checked = true;
-    tervik_log_debug("check %s, p_id: %d, p_name: %s", g_white_list_failed ? "fail" : "pass",
-                     tervik_utils_get_pid_number(), p_name);
-  } else if (g_white_list_failed) {
-    tervik_log_debug("check fail, p_id: %d, p_name: %s", tervik_utils_get_pid_number(),
-                     tervik_utils_get_pid_name());
-  }
-  return g_white_list_failed ? 0 : 1;
-}
 
 uint32_t modem_api_init() {
   if (!admitted(__func__)) {
@@ -290,7 +142,7 @@ uint32_t modem_api_init() {
       forget_clients();
     }
   }
-  vs_init();
+  vs_init(modem_api_process_response);
   return MODEM_API_SUCCESS;
 }
 
@@ -309,7 +161,12 @@ uint32_t modem_api_init_client(uint32_t client_type, vs_event_cb event_cb,
   if (!admitted(__func__)) {
     return MODEM_API_NOT_ALLOWED;
   }
-  std::unique_ptr<modem_api_client> client(new (std::nothrow) modem_api_client{});
+  std::unique_ptr<modem_api_client> client(
+      new (std::nothrow) modem_api_client{.client_type = client_type,
+                                          .pid = static_cast<uint32_t>(getpid()),
+                                          .operational_status = VS_RELEASED,
+                                          .event_cb = event_cb,
+                                          .operational_status_cb = status_cb});
   if (client == nullptr) {
     tervik_log_error("could not allocate memory");
     return MODEM_API_NO_MEMORY;
@@ -318,9 +175,6 @@ uint32_t modem_api_init_client(uint32_t client_type, vs_event_cb event_cb,
     tervik_log_error("modem api client type %d not supported", client_type);
     return MODEM_API_NOT_SUPPORTED;
   }
-  client->pid = static_cast<uint32_t>(getpid());
-  client->event_cb = event_cb;
-  client->operational_status_cb = status_cb;
   int32_t new_id = 0;
   const uint32_t result = add_client(__func__, std::move(client), &new_id);
   if (result != MODEM_API_SUCCESS) {
@@ -337,19 +191,22 @@ uint32_t modem_api_init_client(uint32_t client_type, vs_event_cb event_cb,
 }
 
 void modem_api_operational_status_cb(uint32_t client_type, uint32_t status) {
-  for (int32_t id = 0; id < static_cast<int32_t>(CLIENTS_MAX); ++id) {
+  for (size_t id = 0; id < CLIENTS_MAX; ++id) {
     modem_api_operational_status_event_cb status_cb = nullptr;
-    if (!store_status(id, client_type, status, &status_cb)) {
-      continue;
+    {
+      const std::lock_guard lock(g_clients_mutex);
+      modem_api_client* const client = g_clients[id].get();
+      if (client == nullptr || client->client_type != client_type) {
+        continue;
+      }
+      client->operational_status = status;
+      status_cb = client->operational_status_cb;
     }
-    tervik_log_debug("client type %d, client id %d, operational_status %d", client_type, id,
-                     status);
-    if (status_cb == nullptr) {
-      continue;
-    }
-    if (status == VS_CONNECTED) {
+    tervik_log_debug("client type %d, client id %d, operational_status %d", client_type,
+                     static_cast<int>(id), status);
+    if (status_cb != nullptr && status == VS_CONNECTED) {
       status_cb(MODEM_API_EVENT_CONNECTED, client_type);
-    } else if (status == STATUS_LOST) {
+    } else if (status_cb != nullptr && status == STATUS_LOST) {
       status_cb(MODEM_API_EVENT_LOST, client_type);
     }
   }
@@ -362,18 +219,42 @@ uint32_t modem_api_free_client(int32_t client_id) {
     return MODEM_API_INVALID_CLIENT;
   }
   const std::lock_guard lock(g_client_table_mutex);
-  if (!is_taken(client_id)) {
+  if (!status_of(client_id)) {
     tervik_log_error("client already freed");
     return MODEM_API_SUCCESS;
   }
-  // The one type that is let in.
   vs_client_release();
   empty_slot(client_id);
   return MODEM_API_SUCCESS;
 }
 
+// ---- results ----
+
+namespace {
+
+struct mapped_error {
+  uint32_t qmi_error;
+  modem_api_result result;
+};
+
+// What the QMI errors of a failed response stand for; any other is a failure.
+constexpr std::array<mapped_error, 12> QMI_ERRORS = {{{0, MODEM_API_SUCCESS},
+                                                      {26, MODEM_API_SUCCESS},
+                                                      {4, MODEM_API_QMI_ERROR_4},
+                                                      {17, MODEM_API_INVALID_ARG},
+                                                      {19, MODEM_API_INVALID_ARG},
+                                                      {48, MODEM_API_INVALID_ARG},
+                                                      {49, MODEM_API_INVALID_ARG},
+                                                      {24, MODEM_API_NOT_SUPPORTED},
+                                                      {42, MODEM_API_NOT_SUPPORTED},
+                                                      {77, MODEM_API_NOT_SUPPORTED},
+                                                      {94, MODEM_API_NOT_SUPPORTED},
+                                                      {52, MODEM_API_QMI_ERROR_52}}};
+
 uint32_t modem_api_map_qmi_error_to_modem_api(qmi_client_error_type transport_error,
                                               const vs_result& response) {
+  constexpr uint32_t QMI_RESULT_SUCCESS = 0;
+  constexpr uint32_t QMI_RESULT_FAILURE = 1;
   switch (transport_error) {
     case -5:
     case -1:
@@ -382,11 +263,20 @@ uint32_t modem_api_map_qmi_error_to_modem_api(qmi_client_error_type transport_er
       return MODEM_API_TIMEOUT;
     case 0:
     case -2:
-      return map_response(response);
+      break;
     default:
       return MODEM_API_FAILURE;
   }
+  if (response.result == QMI_RESULT_SUCCESS) {
+    return MODEM_API_SUCCESS;
+  }
+  const mapped_error* const row = find_row(QMI_ERRORS, &mapped_error::qmi_error, response.error);
+  return response.result == QMI_RESULT_FAILURE && row != nullptr ? row->result : MODEM_API_FAILURE;
 }
+
+}  // namespace
+
+// ---- requests ----
 
 uint32_t modem_api_set_lyrax_feature_status(int32_t client_id, uint32_t feature, uint8_t status,
                                             uint8_t second_flag_present, uint8_t second_flag) {
@@ -406,6 +296,50 @@ uint32_t modem_api_set_lyrax_feature_status(int32_t client_id, uint32_t feature,
   tervik_log_debug("result %d, qmi_error %d", result, qmi_error);
   return result;
 }
+
+namespace {
+
+// A value as the log shows it: its first bytes in hex.
+std::array<char, 29> value_text(const vs_stats_entry& entry) {
+  std::array<char, 29> text = {};
+  // It fails for a null or tiny buffer alone.
+  static_cast<void>(
+      tervik_get_hex_str(text.data(), text.size(), entry.value, static_cast<int>(entry.value_len)));
+  return text;
+}
+
+// Fills the entries of a request from the caller's, which are cut to their buffers.
+void fill_entries(const char* func, uint32_t sub, const stats_para_data& data,
+                  vs_get_stats_parameter_req& request) {
+  request.entries_len = data.para_num;
+  for (uint32_t i = 0; i < data.para_num; ++i) {
+    vs_stats_entry& entry = request.entries[i];
+    entry.id = data.para[i].id;
+    entry.value_len = std::min(data.para[i].value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
+    memcpy(entry.value, data.para[i].value, sizeof(entry.value));
+    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub,
+                        "req: ids[%d] = %d, value_len = %d, type = %d, value: %s", i, entry.id,
+                        entry.value_len, entry.second_half_word, value_text(entry).data());
+  }
+}
+
+void take_entries(const char* func, uint32_t sub, const vs_get_stats_parameter_resp& response,
+                  stats_para_data& data) {
+  data.para_num = std::min(response.entries_len, static_cast<uint32_t>(VS_STATS_ENTRIES_MAX));
+  for (uint32_t i = 0; i < data.para_num; ++i) {
+    const vs_stats_entry& entry = response.entries[i];
+    vs_stats_entry& taken = data.para[i];
+    taken.sub = entry.sub;
+    taken.second_half_word = entry.second_half_word;
+    taken.id = entry.id;
+    taken.value_len = std::min(entry.value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
+    memcpy(taken.value, entry.value, taken.value_len);
+    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "rsp: ids[%d] = %d, value_len = %d, value: %s",
+                        i, taken.id, taken.value_len, value_text(taken).data());
+  }
+}
+
+}  // namespace
 
 uint32_t modem_api_get_stats_parameter(int32_t client_id, uint16_t sub, uint16_t slot,
                                        stats_para_data* data) {
@@ -441,6 +375,43 @@ uint32_t modem_api_get_stats_parameter(int32_t client_id, uint16_t sub, uint16_t
   return MODEM_API_SUCCESS;
 }
 
+// ---- asynchronous responses ----
+
+namespace {
+
+struct malloc_deleter {
+  void operator()(void* memory) const { free(memory); }
+};
+
+// The outcome of a response. On success `*data` is a copy of the bytes behind its head, for the
+// callback to free.
+uint32_t take_async_response(unsigned int msg_id, std::span<const uint8_t> resp,
+                             qmi_client_error_type transport_error, uint8_t** data,
+                             uint32_t* data_len) {
+  if (resp.empty()) {
+    return MODEM_API_NO_MEMORY;
+  }
+  modem_api_async_response head = {};
+  memcpy(&head, resp.data(), std::min(resp.size(), sizeof(head)));
+  const uint32_t result = modem_api_map_qmi_error_to_modem_api(transport_error, head.resp);
+  if (result != MODEM_API_SUCCESS) {
+    return result;
+  }
+  if (msg_id != 0) {
+    return MODEM_API_UNEXPECTED_MSG;
+  }
+  const bool is_whole = resp.size() >= sizeof(head) && head.data_len <= resp.size() - sizeof(head);
+  *data = is_whole ? static_cast<uint8_t*>(malloc(head.data_len + size_t{1})) : nullptr;
+  if (*data == nullptr) {
+    return MODEM_API_NO_MEMORY;
+  }
+  memcpy(*data, resp.data() + sizeof(head), head.data_len);
+  *data_len = head.data_len;
+  return MODEM_API_SUCCESS;
+}
+
+}  // namespace
+
 void modem_api_process_response(unsigned int msg_id, void* resp, unsigned int resp_len,
                                 void* cb_data, qmi_client_error_type transport_error) {
   const std::unique_ptr<void, malloc_deleter> owned_resp(resp);
@@ -453,12 +424,10 @@ void modem_api_process_response(unsigned int msg_id, void* resp, unsigned int re
   if (request.callback == nullptr) {
     return;
   }
-  uint32_t result = async_outcome(msg_id, resp, resp_len, transport_error);
-  uint32_t data_len = 0;
+  const size_t received = resp != nullptr ? resp_len : 0;
   uint8_t* data = nullptr;
-  if (result == MODEM_API_SUCCESS) {
-    data = copy_async_data(resp, resp_len, &data_len);
-    result = data != nullptr ? MODEM_API_SUCCESS : MODEM_API_NO_MEMORY;
-  }
+  uint32_t data_len = 0;
+  const uint32_t result = take_async_response(msg_id, {static_cast<const uint8_t*>(resp), received},
+                                              transport_error, &data, &data_len);
   request.callback(data, data_len, request.user_data, result);
 }

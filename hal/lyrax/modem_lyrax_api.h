@@ -37,8 +37,6 @@ inline constexpr uint32_t MODEM_API_EVENT_CONNECTED = 0x10002;
 inline constexpr uint32_t MODEM_API_EVENT_LOST = 0x10001;
 using modem_api_operational_status_event_cb = void (*)(uint32_t event, uint32_t client_type);
 
-// 1 when this process may use the manager, else 0.
-[[nodiscard]] uint32_t modem_api_check_white_list();
 // 0, or MODEM_API_NOT_ALLOWED.
 [[nodiscard]] uint32_t modem_api_init();
 // Forgets the table; callers free their clients first. Always 0.
@@ -52,10 +50,6 @@ uint32_t modem_api_release();
 [[nodiscard]] uint32_t modem_api_free_client(int32_t client_id);
 // Notes the connection's status in every client of the type and tells them.
 void modem_api_operational_status_cb(uint32_t client_type, uint32_t status);
-
-// The result that a transport error and a response stand for.
-[[nodiscard]] uint32_t modem_api_map_qmi_error_to_modem_api(qmi_client_error_type transport_error,
-                                                            const vs_result& response);
 
 // Switches a statistics feature.
 [[nodiscard]] uint32_t modem_api_set_lyrax_feature_status(int32_t client_id, uint32_t feature,
@@ -79,3 +73,7 @@ struct modem_api_async_response {
   uint32_t data_len;
 };
 static_assert(sizeof(modem_api_async_response) == 12);
+
+// Takes a response to an asynchronous request, and frees it and `cb_data`. Framework thread.
+void modem_api_process_response(unsigned int msg_id, void* resp, unsigned int resp_len,
+                                void* cb_data, qmi_client_error_type transport_error);

@@ -117,52 +117,44 @@ static_assert(sizeof(modem_lyrax_nr5g_mac_ul_phy_ch_power_info) == 52);
 // Replaces the client. 1 when there is one afterwards, else 0.
 [[nodiscard]] uint32_t modem_lyrax_api_init_ex(vs_event_cb event_cb,
                                                modem_api_operational_status_event_cb status_cb);
+// The same with callbacks that only log.
 [[nodiscard]] uint32_t modem_lyrax_api_init();
-// 1 when there is a client.
-[[nodiscard]] uint32_t modem_lyrax_api_is_inited();
 void modem_lyrax_api_deinit();
-
-// The callbacks of modem_lyrax_api_init: they only log.
-void modem_lyrax_callback_event_cb(uint32_t event_id, const void* data, uint32_t data_len);
-void modem_lyrax_operational_status_cb(uint32_t event, uint32_t client_type);
 
 // Switches the statistics feature. 1, or 0 on a failure.
 [[nodiscard]] uint32_t modem_lyrax_set_feature_status(uint8_t status, uint8_t second_flag_present,
                                                       uint8_t second_flag);
 [[nodiscard]] uint32_t modem_lyrax_stats_start();
-// The result of modem_api_get_stats_parameter, or 1 without a client.
-[[nodiscard]] uint32_t modem_lyrax_get_stats_parameter(uint16_t sub, uint16_t slot,
-                                                       stats_para_data* data);
 // Fetches the blob of one parameter, making a client when there is none. 0, or 1 on a failure.
-// Called inside a getter.
+// Public for tests alone: the getters call it with the data mutex held.
 [[nodiscard]] uint32_t modem_lyrax_data_get(uint32_t sub, uint32_t id);
 
 // ---- getters ----
 
+// Of the carrier that parameter `id` tells of.
 [[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get(uint32_t sub, uint32_t id,
                                                          modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_pcc(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_scc1(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_scc2(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_scc3(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_scc4(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_scc5(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_lte_srv_meas_info_get_for_scc6(
-    uint32_t sub, modem_lyrax_lte_srv_meas_info* record);
 [[nodiscard]] uint32_t modem_lyrax_nr5g_srv_meas_info_get(uint32_t sub, uint32_t id,
                                                           modem_lyrax_nr5g_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_nr5g_srv_meas_info_get_for_pcc(
-    uint32_t sub, modem_lyrax_nr5g_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_nr5g_srv_meas_info_get_for_scc1(
-    uint32_t sub, modem_lyrax_nr5g_srv_meas_info* record);
-[[nodiscard]] uint32_t modem_lyrax_nr5g_srv_meas_info_get_for_scc2(
-    uint32_t sub, modem_lyrax_nr5g_srv_meas_info* record);
+template <uint32_t id>
+uint32_t modem_lyrax_lte_carrier(uint32_t sub, modem_lyrax_lte_srv_meas_info* record) {
+  return modem_lyrax_lte_srv_meas_info_get(sub, id, record);
+}
+template <uint32_t id>
+uint32_t modem_lyrax_nr5g_carrier(uint32_t sub, modem_lyrax_nr5g_srv_meas_info* record) {
+  return modem_lyrax_nr5g_srv_meas_info_get(sub, id, record);
+}
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_pcc = modem_lyrax_lte_carrier<0x52>;
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_scc1 = modem_lyrax_lte_carrier<0x67>;
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_scc2 = modem_lyrax_lte_carrier<0x68>;
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_scc3 = modem_lyrax_lte_carrier<0x69>;
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_scc4 = modem_lyrax_lte_carrier<0x6A>;
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_scc5 = modem_lyrax_lte_carrier<0x6B>;
+inline constexpr auto& modem_lyrax_lte_srv_meas_info_get_for_scc6 = modem_lyrax_lte_carrier<0x6C>;
+inline constexpr auto& modem_lyrax_nr5g_srv_meas_info_get_for_pcc = modem_lyrax_nr5g_carrier<0x87>;
+inline constexpr auto& modem_lyrax_nr5g_srv_meas_info_get_for_scc1 = modem_lyrax_nr5g_carrier<0x06>;
+inline constexpr auto& modem_lyrax_nr5g_srv_meas_info_get_for_scc2 = modem_lyrax_nr5g_carrier<0x07>;
+
 [[nodiscard]] uint32_t modem_lyrax_nr5g_ll1_fw_rx_control_agc_get(
     uint32_t sub, modem_lyrax_nr5g_ll1_fw_rx_control_agc* record);
 [[nodiscard]] uint32_t modem_lyrax_nr5g_ll1_fw_serving_ftl_get(

@@ -12,10 +12,6 @@ constexpr uint32_t CLIENT_TYPE = 0;
 constexpr unsigned SEND_TIMEOUT_MS = 30000;
 constexpr uint32_t NO_LAST_VALUE = 0xFFFFFFFF;
 
-using vs_command_cb = void (*)(qmi_client_type handle, unsigned int msg_id, void* resp,
-                               unsigned int resp_len, void* cb_data,
-                               qmi_client_error_type transport_error);
-
 // Getters on several threads and the framework's thread read it while the client is released.
 struct vs_client_record {
   std::atomic<qmi_idl_service_object_type> service_object{nullptr};
@@ -23,7 +19,7 @@ struct vs_client_record {
   std::atomic<vs_operational_status_cb> operational_status_cb{nullptr};
   // Belong to the record and are read by nobody: no request is asynchronous, and a client that is
   // not connected shows by its handle.
-  std::atomic<vs_command_cb> command_cb{nullptr};
+  std::atomic<decltype(&vs_client_command_cb)> command_cb{nullptr};
   std::atomic<uint32_t> inited{0};
 
   void clear() {
@@ -36,6 +32,13 @@ struct vs_client_record {
 };
 
 vs_client_record vs_client_info;
+// Outside the record: a response may come after a release.
+std::atomic<vs_response_cb> g_response_cb{nullptr};
+
+// Any instance of the service will do.
+uint32_t vs_client_get_master_port() {
+  return QMI_CLIENT_INSTANCE_ANY;
+}
 
 constinit tervik_qmi_client g_vs_client({
     .service_object = [] { return vs_client_info.service_object.load(); },
@@ -46,7 +49,7 @@ constinit tervik_qmi_client g_vs_client({
         [](int attempt) {
           tervik_log_debug_as("vs_client_init_client_handles",
                               "Trying qmi_client_init_instance() try # %d port[%d]", attempt,
-                              QMI_CLIENT_INSTANCE_ANY);
+                              vs_client_get_master_port());
         },
     .ind_cb = vs_client_unsol_ind_cb,
     .error_cb = vs_client_service_down_event,
@@ -60,7 +63,7 @@ void report_status(vs_operational_status status) {
 }
 
 uint32_t vs_client_init_client_handles() {
-  tervik_log_debug("using port %d", QMI_CLIENT_INSTANCE_ANY);
+  tervik_log_debug("using port %d", vs_client_get_master_port());
   const qmi_client_error_type err = g_vs_client.open(TERVIK_LOG_PLACE);
   tervik_log_debug("qmi_client_init_instance returned (%d)", err);
   if (err != QMI_NO_ERR) {
@@ -126,10 +129,12 @@ void send_state(vs_event_cb event_cb, const uint8_t* decoded) {
   event_cb(VS_EVENT_STATE, &event, sizeof(event));
 }
 
-constexpr struct {
+struct vs_indication_row {
   uint16_t msg_id;
   void (*send)(vs_event_cb event_cb, const uint8_t* decoded);
-} EVENTS[] = {
+};
+
+constexpr vs_indication_row INDICATIONS[] = {
     {VS_FEATURE_STATUS_IND, send_feature_status},
     {VS_STATS_PARAMETER_IND, send_stats_parameter},
     {VS_STATS_EVENT_IND, send_stats_event},
@@ -143,17 +148,18 @@ void vs_client_ind_hdlr(unsigned int msg_id, const uint8_t* decoded) {
     return;
   }
   tervik_log_debug("Handling indication msg 0x%x", msg_id);
-  for (const auto& event : EVENTS) {
-    if (event.msg_id == msg_id) {
-      return event.send(event_cb, decoded);
-    }
+  const vs_indication_row* const row = find_row(INDICATIONS, &vs_indication_row::msg_id, msg_id);
+  if (row == nullptr) {
+    tervik_log_error("Unknown indication msg %0x", msg_id);
+    return;
   }
-  tervik_log_error("Unknown indication msg %0x", msg_id);
+  row->send(event_cb, decoded);
 }
 
 }  // namespace
 
-void vs_init() {
+void vs_init(vs_response_cb response_cb) {
+  g_response_cb = response_cb;
   vs_client_info.clear();
   vs_client_info.command_cb = vs_client_command_cb;
   vs_client_info.service_object = vs_get_service_object_internal_v01(
@@ -215,5 +221,8 @@ void vs_client_service_down_event(qmi_client_type /*handle*/, qmi_client_error_t
 void vs_client_command_cb(qmi_client_type /*handle*/, unsigned int msg_id, void* resp,
                           unsigned int resp_len, void* cb_data,
                           qmi_client_error_type transport_error) {
-  modem_api_process_response(msg_id, resp, resp_len, cb_data, transport_error);
+  const vs_response_cb response_cb = g_response_cb;
+  if (response_cb != nullptr) {
+    response_cb(msg_id, resp, resp_len, cb_data, transport_error);
+  }
 }

@@ -67,8 +67,13 @@ using vs_event_cb = void (*)(uint32_t event_id, const void* data, uint32_t data_
 // `client_type` is always 0. The thread that connects or releases.
 using vs_operational_status_cb = void (*)(uint32_t client_type, uint32_t status);
 
-// Zeroes the client's record and takes the service object.
-void vs_init();
+// Takes the responses to asynchronous requests. Framework thread.
+using vs_response_cb = void (*)(unsigned int msg_id, void* resp, unsigned int resp_len,
+                                void* cb_data, qmi_client_error_type transport_error);
+
+// Zeroes the client's record and takes the service object and the receiver of asynchronous
+// responses, who stays when the client is released.
+void vs_init(vs_response_cb response_cb);
 // Stores the event callback and connects: at most 10 attempts, 1 s apart. 1 connected, 0 failed.
 [[nodiscard]] uint32_t vs_client_init(vs_event_cb event_cb);
 // Releases the connection and zeroes the record, the service object included. Always 1.
@@ -85,11 +90,7 @@ void vs_client_unsol_ind_cb(qmi_client_type handle, unsigned int msg_id, void* i
                             unsigned int ind_len, void* cb_data);
 void vs_client_service_down_event(qmi_client_type handle, qmi_client_error_type error,
                                   void* cb_data);
-// The response path of asynchronous requests: passes on to the client manager.
+// The response path of asynchronous requests: passes on to what vs_init was given.
 void vs_client_command_cb(qmi_client_type handle, unsigned int msg_id, void* resp,
                           unsigned int resp_len, void* cb_data,
                           qmi_client_error_type transport_error);
-
-// Takes asynchronous responses; the client manager defines it.
-void modem_api_process_response(unsigned int msg_id, void* resp, unsigned int resp_len,
-                                void* cb_data, qmi_client_error_type transport_error);

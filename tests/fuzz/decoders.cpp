@@ -58,37 +58,6 @@ std::vector<Bytes> indications_of(uint32_t service) {
   return samples;
 }
 
-std::vector<const qmi_idl_message*> all_messages(uint32_t service) {
-  const qmi_idl_service_object& object = object_of(service);
-  std::vector<const qmi_idl_message*> all;
-  for (const auto table : {object.requests, object.responses, object.indications}) {
-    for (const qmi_idl_message& message : table) all.push_back(&message);
-  }
-  return all;
-}
-
-std::vector<Bytes> messages_of(uint32_t service) {
-  std::vector<Bytes> samples;
-  for (const qmi_idl_message* message : all_messages(service)) {
-    samples.push_back(sample_of(*message, {static_cast<uint8_t>(samples.size())}));
-  }
-  return samples;
-}
-
-// Decodes the bytes behind the first one, which picks the message. What decodes must encode, and
-// decode to the same again.
-template <uint32_t service>
-void check_codec(ByteView bytes) {
-  if (bytes.empty()) return;
-  static const std::vector<const qmi_idl_message*> all = all_messages(service);
-  const qmi_idl_message& message = *all[bytes[0] % all.size()];
-  Bytes first(message.c_struct_len);
-  if (!platform::decode_message(message, bytes.subspan(1), first)) return;
-  const auto encoded = platform::encode_message(message, first);
-  Bytes second(message.c_struct_len);
-  if (!encoded || !platform::decode_message(message, *encoded, second) || first != second) abort();
-}
-
 // ---- consumers that no single command reaches ----
 
 void read_nv_item(ByteView) {
@@ -181,10 +150,6 @@ Decoder row(const char* name, Inlet inlet, std::vector<MessageKey> keys,
 
 std::vector<Decoder> make_decoders() {
   return {
-      // The message descriptions of the tool's own services.
-      row("extension_idl", kFunction, {}, {}, {}, check_codec<kExtension>, messages_of(kExtension)),
-      row("vs_idl", kFunction, {}, {}, {}, check_codec<kVs>, messages_of(kVs)),
-
       // The extension service.
       row("extension_response", kResponse, extension({nv_efs(1), common_request(20)}),
           {"4 1 0 550", "7 1 1"}),

@@ -82,10 +82,9 @@ bool has_field_rows(const MessageKey& key, Inlet inlet) {
 // The lengths in a message of TLVs, and the counts that some values begin with.
 std::vector<CountField> tlv_fields(const Decoder& row, ByteView message) {
   constexpr size_t kHeaderSize = 3;
-  const bool tlvs = row.messages.empty() ? row.name.ends_with("_idl")
-                                         : has_field_rows(row.messages[0], row.inlet);
+  const bool tlvs = !row.messages.empty() && has_field_rows(row.messages[0], row.inlet);
   if (!tlvs || row.inlet == Inlet::kPayload || row.inlet == Inlet::kStatsBlob) return {};
-  size_t at = row.inlet == Inlet::kIndication ? 2 : row.inlet == Inlet::kFunction ? 1 : 0;
+  size_t at = row.inlet == Inlet::kIndication ? 2 : 0;
   std::vector<CountField> fields;
   while (at + kHeaderSize <= message.size()) {
     const size_t length = message[at + 1] | static_cast<size_t>(message[at + 2]) << 8;

@@ -1,5 +1,4 @@
-// What the simulated modem makes of a modem.conf that is wrong, of paths that lead out, and of
-// files that change while they are read.
+// What the simulated modem makes of a modem.conf that is wrong, and of paths that lead out.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -83,20 +82,6 @@ TEST_F(ModemTest, NoPathLeadsOutOfTheFolder) {
     EXPECT_EQ(platform::efs_state_file(0, path, file), result) << path;
     EXPECT_EQ(result == 0 ? file : "efs/0/a/b", "efs/0/a/b");
   }
-}
-
-TEST_F(ModemTest, AFileThatIsReplacedIsReadOnAsItWas) {
-  platform::EfsReadTransfer reader;
-  const auto read = [&reader](uint32_t offset) {
-    const auto chunk = reader.read_chunk("a", offset);
-    return chunk ? std::string(chunk->bytes.begin(), chunk->bytes.end()) : "none";
-  };
-  write_state_file_text("a", std::string(1000, 'o'));
-  EXPECT_EQ(read(0), std::string(414, 'o'));
-  write_state_file_text("a", std::string(500, 'n'));
-  EXPECT_EQ(read(828), std::string(172, 'o'));
-  EXPECT_EQ(read(UINT32_MAX), "");
-  EXPECT_EQ(read(0), std::string(414, 'n'));
 }
 
 }  // namespace

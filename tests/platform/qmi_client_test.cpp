@@ -91,25 +91,6 @@ std::future<void> later(int delay_ms, Run run) {
 
 using QmiClientTest = StateDirectoryTest;
 
-TEST_F(QmiClientTest, NoReplyOfAServiceIsASuccessUnlessItSaysSo) {
-  publish_service(kServiceId, [](auto...) { return ServiceReply::transport_error(0); });
-  qmi_client_type client = open();
-  EXPECT_EQ(send(client, 2), QMI_INTERNAL_ERR);
-  uint32_t number = 2;  // which stands in a structure of four bytes
-  for (const auto& [request, response] : {std::pair{3u, 4u}, {5u, 4u}, {4u, 3u}, {4u, 5u}}) {
-    EXPECT_EQ(qmi_client_send_msg_sync(client, kMessage, &number, request, &number, response, 1),
-              QMI_CLIENT_PARAM_ERR);
-  }
-  release(client);
-  publish_service(kServiceId, [](auto...) {
-    sleep_for(5s);  // longer than the sender waits
-    return ServiceReply::silence();
-  });
-  client = open();
-  EXPECT_EQ(time_of([&] { EXPECT_EQ(send(client, 2), QMI_TIMEOUT_ERR); }), 5s);
-  release(client);
-}
-
 TEST_F(QmiClientTest, LossOfServiceOrClientEndsAWaitingRequestAtOnce) {
   const std::function<void(qmi_client_type)> losses[] = {
       [](auto) { withdraw_service(kServiceId); },

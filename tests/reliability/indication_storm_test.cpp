@@ -57,7 +57,7 @@ const struct Client {
      [] { EXPECT_NE(tervik_extend_qmi_client_open(), nullptr); },
      [](uint16_t) { return tervik_nvefs_sync(); }, tervik_extend_qmi_init_force, -3, nullptr},
     {"Vs", vs_get_service_object_internal_v01(1, 2, 6), make_vs_service,
-     [] { EXPECT_EQ((vs_init(), vs_client_init([](auto...) {})), 1u); }, request_vs,
+     [] { EXPECT_EQ((vs_init(nullptr), vs_client_init([](auto...) {})), 1u); }, request_vs,
      [] { vs_client_release(); }, -3, "vs_client_ind_hdlr"},
     {"Pdc", pdc_get_service_object_internal_v01(1, 18, 6), nullptr,
      [] { EXPECT_EQ(tervik_mbn_init(1), 0); }, request_pdc, pdc_clean_ex, -1,

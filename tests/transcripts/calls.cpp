@@ -195,6 +195,7 @@ void call_configurations() {
   tervik_mbn_deactivate_config(0, 2);
   show({tervik_refresh_mbn(1, 2), tervik_reactivate_mbn(1, 2), tervik_mbn_init(1),
         tervik_mbn_init(1)});
+  for (pdc_req_waiter& waiter : g_pdc_info_ex.waiters) waiter.is_waiting = 1;
   qmi_pdc_request_timer_timeout_proc({.sival_int = 77});
 }
 
@@ -216,7 +217,7 @@ constexpr Scenario kCalls[] = {
     calls("network: null buffers, callbacks", call_network),
     calls("DIAG: arguments that are refused, responses that nobody waits for", call_diag),
     calls("statistics: clients and arguments that are refused", call_statistics),
-    calls("configurations: numbers that are refused, a watchdog that nobody knows",
+    calls("configurations: numbers that are refused, a watchdog that nobody knows ends all waits",
           call_configurations),
 };
 

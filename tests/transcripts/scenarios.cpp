@@ -223,7 +223,6 @@ constexpr Scenario kAt[] = {
      at_channel_echoes},
     {"an option", "8 -n", "", "", "", at_channel_echoes},
     {"as many backslashes as there may be", R"(8 {\*100})", "", "", "", at_channel_echoes},
-    {"no bytes", "8 ~", "", "", "", at_channel_echoes},
     {"a long answer with a NUL", "8 AT", "", "", "", at_channel_answers_at_length},
     {"a device that waits for a carrier", "8 AT", "", "", "", at_channel_is_a_pipe},
     {"a channel that is slow", "8 AT", "", "", "", at_channel_is_full_at_first},

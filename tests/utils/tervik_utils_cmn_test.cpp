@@ -34,26 +34,6 @@ class UtilsCmn : public StateDirectoryTest {
   }
 };
 
-TEST_F(UtilsCmn, AnyPropertyTextIsAMask) {
-  // Both properties, the shell mask that is set before them (0: none), and the masks.
-  const std::tuple<const char*, const char*, uint32_t, uint32_t, uint32_t> rows[] = {
-      {"8", "128x", 0, 0x8, 0x80},
-      {"-1", "296", 0x1A0, 0xFFFF, 0x120},
-      {"", "131072", 0x20000, 0xFFFF, 0x20000},
-  };
-  for (const auto& [logcat_property, shell_property, before, logcat, shell] : rows) {
-    write_state_file_text("properties",
-                          std::string("persist.vendor.radio.adb_log_tk=") + logcat_property +
-                              "\npersist.vendor.radio.adb_log_shell=" + shell_property + "\n");
-    run_in_child([&, set = before, expected = std::pair(logcat, shell)] {
-      if (set != 0) tervik_hal_set_shell_print_mask(set);
-      tervik_log_error("masks are loaded");
-      EXPECT_EQ(std::pair(g_tervik_logcat_print_mask.load(), g_tervik_shell_print_mask.load()),
-                expected);
-    });
-  }
-}
-
 TEST_F(UtilsCmn, ArgumentsAreEvaluatedForAnOpenMaskAlone) {
   const std::string out = run_in_child([] {
     int evaluated = 0;

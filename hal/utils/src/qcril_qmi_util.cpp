@@ -1,16 +1,15 @@
 #include "qcril_qmi_util.h"
 
-#include <algorithm>
 #include <array>
 
 #include "ril_logger.h"
+#include "tervik_utils_cmn.h"
 
 namespace {
 
 constexpr int RIL_SUCCESS = 0;
 constexpr int RIL_INTERNAL_ERROR = 39;
 constexpr int RIL_UNMAPPED_ERROR = 40;
-constexpr int MAPPED_ERRORS = 98;
 
 struct mapped_error {
   int qmi_error;
@@ -24,14 +23,10 @@ constexpr std::array<mapped_error, 28> ERRORS = {{
     {51, 42}, {52, 46}, {53, 60}, {58, 57}, {60, 54}, {70, 54}, {71, 6},
     {73, 58}, {74, 61}, {83, 39}, {90, 46}, {91, 14}, {95, 62}, {97, 65},
 }};
-static_assert(std::all_of(ERRORS.begin(), ERRORS.end(),
-                          [](const mapped_error& row) { return row.qmi_error < MAPPED_ERRORS; }));
 
 int map_error(int qmi_error) {
-  const auto row =
-      std::find_if(ERRORS.begin(), ERRORS.end(),
-                   [qmi_error](const mapped_error& each) { return each.qmi_error == qmi_error; });
-  return row != ERRORS.end() ? row->ril_result : RIL_UNMAPPED_ERROR;
+  const mapped_error* const row = find_row(ERRORS, &mapped_error::qmi_error, qmi_error);
+  return row != nullptr ? row->ril_result : RIL_UNMAPPED_ERROR;
 }
 
 }  // namespace

@@ -167,6 +167,17 @@ const char* tervik_get_device_state_prop_name(uint32_t type);
 // the text plus 4 reaches `out_max`. Returns 1, or 0 for a null pointer or an `out_max` below 5.
 [[nodiscard]] int tervik_get_hex_str(char* out, int out_max, const uint8_t* data, int data_len);
 
+// The first row of an array, vector or span whose `member` equals `key`, or null.
+template <typename Table, typename Member, typename Key>
+constexpr auto find_row(Table& table, Member member, const Key& key) -> decltype(&table[0]) {
+  for (auto& row : table) {
+    if (row.*member == key) {
+      return &row;
+    }
+  }
+  return nullptr;
+}
+
 // Compares two strings and logs the outcome. Returns 0 when equal, -101 or -102 when the first or
 // second is null, -103 when the lengths differ, 104 when a character differs.
 [[nodiscard]] int tervik_str_cmp(const char* str1, const char* str2);
