@@ -256,8 +256,8 @@ std::string masked(const std::string& text, const std::string& folder) {
     std::regex pattern;
     const char* mask;
   } masks[] = {
-      // An emulator of another processor shows its own name as the thread's.
-      {"util: ", std::regex(R"((util: \[)qemu-[a-z0-9]+)"), "$1kiv"},
+      // The RIL logger shows line numbers, and an emulator of another processor its own name.
+      {"util: ", std::regex(R"((util: \[)[^\]]*(\] \w+:)\d+)"), "$1kiv$2<line>"},
       {"p_id: ", std::regex(R"((p_id: )\d+)"), "$1<pid>"},
       {"/proc/", std::regex(R"((/proc/)\d+)"), "$1<pid>"},
       {"proc_pid_buf", std::regex("(proc_pid_buf(:| =) ).*/"), "$1<folder>/"},
