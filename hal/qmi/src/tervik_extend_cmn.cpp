@@ -441,8 +441,8 @@ template <typename Request, typename Response>
 
 // What differs between the operations that share the frame below.
 struct uim_operation {
-  const char* func;
-  unsigned int msg_id;
+  const char* func = nullptr;
+  unsigned int msg_id = 0;
   bool recovers_after_ssr = true;
   bool logs_client = true;
 };

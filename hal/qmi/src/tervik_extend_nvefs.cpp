@@ -49,8 +49,8 @@ struct operation_arguments {
 
 // One operation, in the name of the function that it belongs to: its request, and what came back.
 struct nvefs_call {
-  const char* const func;
-  const uint32_t sub;
+  const char* const func = nullptr;
+  const uint32_t sub = 0;
   nvefs_request request = {};
   nvefs_response response = {};
   uint32_t data_carried = 0;  // bytes of response.data that the answer really has
@@ -72,6 +72,7 @@ struct nvefs_call {
 int nvefs_call::prepare(nvefs_operation operation, const operation_arguments& args) {
   const operation_limits& limits = LIMITS[operation - 1];
   const bool efs = limits.path_max != 0;
+  const bool writes = limits.write_max != 0;
   // One item can be read from a third subscription too.
   const bool any_sub = operation == NVEFS_NV_READ && sub == 2 && args.nv_id == NV_ID_OF_ANY_SUB;
   if (any_sub) {
@@ -80,19 +81,18 @@ int nvefs_call::prepare(nvefs_operation operation, const operation_arguments& ar
   const auto wrong_len = [](uint32_t len, uint32_t max) { return len == 0 || len > max; };
   static_assert(TERVIK_NV_ID_MAX == 7232);
   const struct {
-    bool failed;
     const char* reason;
     int code;
+    bool failed;
   } checks[] = {
-      {!any_sub && !tervik_check_sub_id(sub), "sub invalid", TERVIK_NVEFS_ERR_SUB},
-      {efs && args.path == nullptr, "efs_path is null", TERVIK_NVEFS_ERR_PATH},
-      {efs && wrong_len(args.path_len, limits.path_max), "len invalid", TERVIK_NVEFS_ERR_PATH_LEN},
-      {(limits.reads || limits.write_max != 0) && args.buf == nullptr, "buf is null",
-       TERVIK_NVEFS_ERR_BUF},
-      {limits.reads && args.read_len == nullptr, "p_buf_len is null", TERVIK_NVEFS_ERR_BUF_LEN},
-      {limits.write_max != 0 && wrong_len(args.write_len, limits.write_max), "buf_len is invalid",
-       TERVIK_NVEFS_ERR_BUF_LEN},
-      {!efs && args.nv_id > TERVIK_NV_ID_MAX, "nv_id is out range(7232)", TERVIK_NVEFS_ERR_NV_ID},
+      {"sub invalid", TERVIK_NVEFS_ERR_SUB, !any_sub && !tervik_check_sub_id(sub)},
+      {"efs_path is null", TERVIK_NVEFS_ERR_PATH, efs && args.path == nullptr},
+      {"len invalid", TERVIK_NVEFS_ERR_PATH_LEN, efs && wrong_len(args.path_len, limits.path_max)},
+      {"buf is null", TERVIK_NVEFS_ERR_BUF, (limits.reads || writes) && args.buf == nullptr},
+      {"p_buf_len is null", TERVIK_NVEFS_ERR_BUF_LEN, limits.reads && args.read_len == nullptr},
+      {"buf_len is invalid", TERVIK_NVEFS_ERR_BUF_LEN,
+       writes && wrong_len(args.write_len, limits.write_max)},
+      {"nv_id is out range(7232)", TERVIK_NVEFS_ERR_NV_ID, !efs && args.nv_id > TERVIK_NV_ID_MAX},
   };
   for (const auto& check : checks) {
     if (check.failed) {
