@@ -120,7 +120,7 @@ inline constexpr size_t UIM_EID_SIZE = 16;
 // The longest answer that tervik_uim_send_apdu stores, with its length byte.
 inline constexpr size_t UIM_APDU_OUTPUT_SIZE = 256;
 
-// Creates the client.
+// The client's ends; outside of this room only tests call them. Creates the client.
 [[nodiscard]] bool init_uim_qmi_client();
 // Releases the client if there is one.
 void uim_qmi_client_recovery();

@@ -59,10 +59,10 @@ constexpr std::array INDICATIONS = {
 };
 
 constexpr qmi_idl_service_object SERVICE_OBJECT = {
-    .library_version = TERVIK_EXTEND_IDL_LIBRARY_VERSION,
-    .idl_version = TERVIK_EXTEND_IDL_MAJOR_VERSION,
+    .library_version = 6,
+    .idl_version = 1,
     .service_id = TERVIK_EXTEND_SERVICE_ID,
-    .idl_minor_version = TERVIK_EXTEND_IDL_MINOR_VERSION,
+    .idl_minor_version = 1,
     .max_message_len = LONGEST_MESSAGE,
     .requests = REQUESTS,
     .responses = RESPONSES,
@@ -73,8 +73,8 @@ constexpr qmi_idl_service_object SERVICE_OBJECT = {
 
 qmi_idl_service_object_type tervik_extend_get_service_object_internal_v01(
     uint32_t idl_major_version, uint32_t idl_minor_version, uint32_t library_version) {
-  const bool known = idl_major_version == TERVIK_EXTEND_IDL_MAJOR_VERSION &&
-                     idl_minor_version == TERVIK_EXTEND_IDL_MINOR_VERSION &&
-                     library_version == TERVIK_EXTEND_IDL_LIBRARY_VERSION;
+  const bool known = idl_major_version == SERVICE_OBJECT.idl_version &&
+                     idl_minor_version == SERVICE_OBJECT.idl_minor_version &&
+                     library_version == SERVICE_OBJECT.library_version;
   return known ? &SERVICE_OBJECT : nullptr;
 }
