@@ -12,6 +12,7 @@
 #include "qmi_client.h"
 #include "tervik_utils_cmn.h"
 
+// The row of a service.
 struct tervik_qmi_service {
   // The description of the service, in its version; null fails every attempt to open.
   qmi_idl_service_object_type (*service_object)() = nullptr;
@@ -61,6 +62,7 @@ struct tervik_qmi_indication {
   qmi_client_error_type err = QMI_NO_ERR;
 };
 
+// Decodes what an indication callback was given. Framework thread.
 [[nodiscard]] tervik_qmi_indication tervik_qmi_decode_indication(
     qmi_idl_service_object_type service, qmi_client_type client, unsigned int msg_id,
     const void* buffer, unsigned int buffer_len);
