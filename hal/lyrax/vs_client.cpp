@@ -1,46 +1,32 @@
 #include "vs_client.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
-#include <cstring>
-#include <memory>
-#include <new>
 
+#include "tervik_qmi_client.h"
 #include "tervik_utils_cmn.h"
 
 namespace {
 
 constexpr uint32_t CLIENT_TYPE = 0;
-constexpr uint32_t ANY_PORT = 65535;
-constexpr int LAST_ATTEMPT = 9;
-constexpr uint32_t INIT_TIMEOUT_MS = 4;
 constexpr unsigned SEND_TIMEOUT_MS = 30000;
 constexpr uint32_t NO_LAST_VALUE = 0xFFFFFFFF;
 
-using vs_command_cb = void (*)(qmi_client_type handle, unsigned int msg_id, void* resp,
-                               unsigned int resp_len, void* cb_data,
-                               qmi_client_error_type transport_error);
-
-// Getters on several threads and the framework's thread read it while the client is released; the
-// framework alone writes the os parameters.
+// Getters on several threads and the framework's thread read it while the client is released.
 struct vs_client_record {
   std::atomic<qmi_idl_service_object_type> service_object{nullptr};
-  std::atomic<qmi_client_type> client_handle{nullptr};
-  qmi_client_os_params os_params;
-  std::atomic<vs_command_cb> command_cb{nullptr};
   std::atomic<vs_event_cb> event_cb{nullptr};
   std::atomic<vs_operational_status_cb> operational_status_cb{nullptr};
+  // Belong to the record and are read by nobody: no request is asynchronous, and a client that is
+  // not connected shows by its handle.
+  std::atomic<decltype(&vs_client_command_cb)> command_cb{nullptr};
   std::atomic<uint32_t> inited{0};
 
   void clear() {
     service_object = nullptr;
-    client_handle = nullptr;
-    os_params = {};
-    command_cb = nullptr;
     event_cb = nullptr;
     operational_status_cb = nullptr;
+    command_cb = nullptr;
     inited = 0;
   }
 };
@@ -49,6 +35,26 @@ vs_client_record vs_client_info;
 // Outside the record: a response may come after a release.
 std::atomic<vs_response_cb> g_response_cb{nullptr};
 
+// Any instance of the service will do.
+uint32_t vs_client_get_master_port() {
+  return QMI_CLIENT_INSTANCE_ANY;
+}
+
+constinit tervik_qmi_client g_vs_client({
+    .service_object = [] { return vs_client_info.service_object.load(); },
+    .open_timeout_ms = 4,
+    .attempts = 10,
+    .pause_s = 1,
+    .before_attempt =
+        [](int attempt) {
+          tervik_log_debug_as("vs_client_init_client_handles",
+                              "Trying qmi_client_init_instance() try # %d port[%d]", attempt,
+                              vs_client_get_master_port());
+        },
+    .ind_cb = vs_client_unsol_ind_cb,
+    .error_cb = vs_client_service_down_event,
+});
+
 void report_status(vs_operational_status status) {
   const vs_operational_status_cb status_cb = vs_client_info.operational_status_cb;
   if (status_cb != nullptr) {
@@ -56,61 +62,19 @@ void report_status(vs_operational_status status) {
   }
 }
 
-// ---- connecting ----
-
-qmi_client_error_type connect_with_retries(const char* func, uint32_t port) {
-  qmi_client_error_type err = QMI_NO_ERR;
-  for (int n = 0;; ++n) {
-    if (n > 0) {
-      sleep(1);
-    }
-    tervik_log_debug_as(func, "Trying qmi_client_init_instance() try # %d port[%d]", n, port);
-    qmi_client_type handle = nullptr;
-    err = qmi_client_init_instance(vs_client_info.service_object, port, vs_client_unsol_ind_cb,
-                                   nullptr, &vs_client_info.os_params, INIT_TIMEOUT_MS, &handle);
-    vs_client_info.client_handle = handle;
-    if (err == QMI_NO_ERR || n == LAST_ATTEMPT) {
-      return err;
-    }
-  }
-}
-
-// Any instance of the service will do.
-uint32_t vs_client_get_master_port() {
-  return ANY_PORT;
-}
-
 uint32_t vs_client_init_client_handles() {
-  const uint32_t port = vs_client_get_master_port();
-  tervik_log_debug("using port %d", port);
-  const qmi_client_error_type err = connect_with_retries(__func__, port);
+  tervik_log_debug("using port %d", vs_client_get_master_port());
+  const qmi_client_error_type err = g_vs_client.open(TERVIK_LOG_PLACE);
   tervik_log_debug("qmi_client_init_instance returned (%d)", err);
   if (err != QMI_NO_ERR) {
     tervik_log_error("qmi_client_init_instance returned failure(%d)", err);
-    vs_client_info.client_handle = nullptr;
     return 0;
   }
-  // Without the callback a loss of the service shows in the next send all the same.
-  static_cast<void>(qmi_client_register_error_cb(vs_client_info.client_handle,
-                                                 vs_client_service_down_event, nullptr));
   vs_client_info.inited = 1;
   return 1;
 }
 
 // ---- indications as events ----
-
-// The structure that an indication was decoded into, copied out of its bytes.
-template <typename Indication>
-Indication indication_of(const uint8_t* decoded) {
-  Indication indication = {};
-  memcpy(&indication, decoded, sizeof(indication));
-  return indication;
-}
-
-template <typename Event>
-void send_event(vs_event_cb event_cb, vs_event_id event_id, const Event& event) {
-  event_cb(event_id, &event, sizeof(event));
-}
 
 // Converts at most `max_count` entries; returns how many.
 uint32_t convert_entries(const vs_stats_entry* from, uint32_t count, size_t max_count,
@@ -127,16 +91,16 @@ uint32_t convert_entries(const vs_stats_entry* from, uint32_t count, size_t max_
 }
 
 void send_feature_status(vs_event_cb event_cb, const uint8_t* decoded) {
-  const auto indication = indication_of<vs_feature_status_ind>(decoded);
+  const auto indication = tervik_qmi_record<vs_feature_status_ind>(decoded);
   vs_event_feature_status event = {};
   event.value = indication.value;
   event.first_flag = indication.first_flag != 0 ? 1 : 0;
   event.second_flag = indication.second_flag != 0 ? 1 : 0;
-  send_event(event_cb, VS_EVENT_FEATURE_STATUS, event);
+  event_cb(VS_EVENT_FEATURE_STATUS, &event, sizeof(event));
 }
 
 void send_stats_parameter(vs_event_cb event_cb, const uint8_t* decoded) {
-  const auto indication = indication_of<vs_stats_parameter_ind>(decoded);
+  const auto indication = tervik_qmi_record<vs_stats_parameter_ind>(decoded);
   vs_event_stats_parameter event = {};
   event.value = indication.value;
   event.entries_len = convert_entries(indication.entries, indication.entries_len,
@@ -146,23 +110,36 @@ void send_stats_parameter(vs_event_cb event_cb, const uint8_t* decoded) {
                                              VS_STATS_MORE_ENTRIES_MAX, event.more_entries);
   }
   event.last_value = indication.last_value_valid != 0 ? indication.last_value : NO_LAST_VALUE;
-  send_event(event_cb, VS_EVENT_STATS_PARAMETER, event);
+  event_cb(VS_EVENT_STATS_PARAMETER, &event, sizeof(event));
 }
 
 void send_stats_event(vs_event_cb event_cb, const uint8_t* decoded) {
-  const auto indication = indication_of<vs_stats_event_ind>(decoded);
+  const auto indication = tervik_qmi_record<vs_stats_event_ind>(decoded);
   vs_event_stats_event event = {};
   event.value = indication.value;
   event.values_len = std::min(indication.bytes_len, static_cast<uint32_t>(VS_EVENT_BYTES_MAX));
   std::copy_n(indication.bytes, event.values_len, event.values);
   event.third_value = indication.third_value;
   event.fourth_value = indication.fourth_value;
-  send_event(event_cb, VS_EVENT_STATS_EVENT, event);
+  event_cb(VS_EVENT_STATS_EVENT, &event, sizeof(event));
 }
 
 void send_state(vs_event_cb event_cb, const uint8_t* decoded) {
-  send_event(event_cb, VS_EVENT_STATE, indication_of<vs_state_ind>(decoded));
+  const auto event = tervik_qmi_record<vs_state_ind>(decoded);
+  event_cb(VS_EVENT_STATE, &event, sizeof(event));
 }
+
+struct vs_indication_row {
+  uint16_t msg_id;
+  void (*send)(vs_event_cb event_cb, const uint8_t* decoded);
+};
+
+constexpr vs_indication_row INDICATIONS[] = {
+    {VS_FEATURE_STATUS_IND, send_feature_status},
+    {VS_STATS_PARAMETER_IND, send_stats_parameter},
+    {VS_STATS_EVENT_IND, send_stats_event},
+    {VS_STATE_IND, send_state},
+};
 
 void vs_client_ind_hdlr(unsigned int msg_id, const uint8_t* decoded) {
   const vs_event_cb event_cb = vs_client_info.event_cb;
@@ -171,23 +148,12 @@ void vs_client_ind_hdlr(unsigned int msg_id, const uint8_t* decoded) {
     return;
   }
   tervik_log_debug("Handling indication msg 0x%x", msg_id);
-  switch (msg_id) {
-    case VS_FEATURE_STATUS_IND:
-      send_feature_status(event_cb, decoded);
-      break;
-    case VS_STATS_PARAMETER_IND:
-      send_stats_parameter(event_cb, decoded);
-      break;
-    case VS_STATS_EVENT_IND:
-      send_stats_event(event_cb, decoded);
-      break;
-    case VS_STATE_IND:
-      send_state(event_cb, decoded);
-      break;
-    default:
-      tervik_log_error("Unknown indication msg %0x", msg_id);
-      break;
+  const vs_indication_row* const row = find_row(INDICATIONS, &vs_indication_row::msg_id, msg_id);
+  if (row == nullptr) {
+    tervik_log_error("Unknown indication msg %0x", msg_id);
+    return;
   }
+  row->send(event_cb, decoded);
 }
 
 }  // namespace
@@ -213,11 +179,8 @@ uint32_t vs_client_init(vs_event_cb event_cb) {
 uint32_t vs_client_release() {
   report_status(VS_RELEASED);
   vs_client_info.inited = 0;
-  auto* const handle = vs_client_info.client_handle.load();
-  if (handle != nullptr) {
-    // An unknown handle is gone already.
-    static_cast<void>(qmi_client_release(handle));
-  }
+  // An unknown handle is gone already.
+  static_cast<void>(g_vs_client.release());
   vs_client_info.clear();
   return 1;
 }
@@ -228,8 +191,7 @@ void vs_client_set_operational_status_callback(vs_operational_status_cb cb) {
 
 qmi_client_error_type vs_client_send_msg_sync(uint16_t msg_id, const void* req, uint32_t req_len,
                                               void* resp, uint32_t resp_len) {
-  return qmi_client_send_msg_sync(vs_client_info.client_handle, msg_id, req, req_len, resp,
-                                  resp_len, SEND_TIMEOUT_MS);
+  return g_vs_client.send(msg_id, req, req_len, resp, resp_len, SEND_TIMEOUT_MS);
 }
 
 void vs_client_unsol_ind_cb(qmi_client_type handle, unsigned int msg_id, void* ind_buf,
@@ -238,29 +200,17 @@ void vs_client_unsol_ind_cb(qmi_client_type handle, unsigned int msg_id, void* i
     tervik_log_error("vs_client_info.event_cb is null, do nothing");
     return;
   }
-  uint32_t decoded_payload_len = 0;
-  // An unknown indication has no length, which is looked at next.
-  static_cast<void>(
-      qmi_idl_get_message_c_struct_len(vs_client_info.service_object, QMI_IDL_INDICATION,
-                                       static_cast<uint16_t>(msg_id), &decoded_payload_len));
-  if (decoded_payload_len == 0) {
-    tervik_log_error("decoded_payload_len(%d) can not <= 0", decoded_payload_len);
-    return;
-  }
-  const std::unique_ptr<uint8_t[]> decoded_payload(new (std::nothrow)
-                                                       uint8_t[decoded_payload_len]());
-  if (decoded_payload == nullptr) {
+  const tervik_qmi_indication indication =
+      tervik_qmi_decode_indication(vs_client_info.service_object, handle, msg_id, ind_buf, ind_len);
+  if (indication.len == 0) {
+    tervik_log_error("decoded_payload_len(%d) can not <= 0", indication.len);
+  } else if (indication.c_struct == nullptr) {
     tervik_log_error("decoded_payload is NULL");
-    return;
+  } else if (indication.err != QMI_NO_ERR) {
+    tervik_log_error("Indication decode failed for msg 0x%x with error %d", msg_id, indication.err);
+  } else {
+    vs_client_ind_hdlr(msg_id, indication.c_struct.get());
   }
-  const qmi_client_error_type err =
-      qmi_client_message_decode(handle, QMI_IDL_INDICATION, msg_id, ind_buf, ind_len,
-                                decoded_payload.get(), decoded_payload_len);
-  if (err != QMI_NO_ERR) {
-    tervik_log_error("Indication decode failed for msg 0x%x with error %d", msg_id, err);
-    return;
-  }
-  vs_client_ind_hdlr(msg_id, decoded_payload.get());
 }
 
 void vs_client_service_down_event(qmi_client_type /*handle*/, qmi_client_error_type error,

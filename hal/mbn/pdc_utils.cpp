@@ -1,16 +1,12 @@
 #include "pdc_utils.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <atomic>
 #include <cstring>
-#include <memory>
 #include <mutex>
-#include <new>
 
 #include "qcril_malloc.h"
 #include "qcril_qmi_util.h"
+#include "tervik_qmi_client.h"
 #include "tervik_utils_cmn.h"
 #include "tervik_utils_cust.h"
 #include "tervik_utils_timer.h"
@@ -19,24 +15,32 @@ pdc_info_s_type& g_pdc_info_ex = *new pdc_info_s_type;
 
 namespace {
 
-constexpr uint32_t PDC_IDL_MAJOR_VERSION = 1;
-constexpr uint32_t PDC_IDL_MINOR_VERSION = 18;
-constexpr uint32_t PDC_IDL_LIBRARY_VERSION = 6;
-constexpr int CONNECT_ATTEMPTS = 20;
-constexpr unsigned CONNECT_PAUSE_S = 5;
-constexpr uint32_t CONNECT_TIMEOUT_MS = 4;
 constexpr unsigned SEND_TIMEOUT_MS = 10000;
 constexpr unsigned long WATCHDOG_TIMEOUT_S = 5;
 
 using pdc_lock = std::unique_lock<qtimutex::QtiSharedMutex>;
 
-// The connection. The framework's thread reads the service object, the rest is the command's.
-struct pdc_client {
-  std::atomic<qmi_idl_service_object_type> service_object{nullptr};
-  qmi_client_type handle = nullptr;
-  qmi_client_os_params os_params;
-};
-pdc_client g_pdc_client;
+qmi_idl_service_object_type pdc_service() {
+  return pdc_get_service_object_internal_v01(1, 18, 6);
+}
+
+constinit tervik_qmi_client g_pdc_client({
+    .service_object = pdc_service,
+    .open_timeout_ms = 4,
+    .attempts = 20,
+    .pause_s = 5,
+    .after_attempt =
+        [](int attempt, qmi_client_error_type err) {
+          constexpr const char* func = "pdc_init_ex";
+          if (err == QMI_NO_ERR) {
+            tervik_log_debug_as(func, "qmi_client_init succeeds for PDC");
+            return;
+          }
+          tervik_log_error_as(func, "qmi_client_init returned failure (%d) for PDC, retry times %d",
+                              err, attempt + 1);
+        },
+    .ind_cb = qmi_pdc_unsol_ind_cb_ex,
+});
 
 // The waiters' names, by request type from 1.
 constexpr std::array<const char*, PDC_REQ_TYPE_COUNT> WAITER_NAMES = {
@@ -144,9 +148,8 @@ struct send_outcome {
 template <typename Request>
 send_outcome send_request(uint16_t msg_id, const Request& request) {
   send_outcome outcome;
-  outcome.transport =
-      qmi_client_send_msg_sync(g_pdc_client.handle, msg_id, &request, sizeof(request),
-                               &outcome.response, sizeof(outcome.response), SEND_TIMEOUT_MS);
+  outcome.transport = g_pdc_client.send(msg_id, &request, sizeof(request), &outcome.response,
+                                        sizeof(outcome.response), SEND_TIMEOUT_MS);
   return outcome;
 }
 
@@ -376,32 +379,15 @@ void qmi_pdc_init_pdc_info_ex() {
 
 int pdc_init_ex() {
   qmi_pdc_init_pdc_info_ex();
-  g_pdc_client.service_object = pdc_get_service_object_internal_v01(
-      PDC_IDL_MAJOR_VERSION, PDC_IDL_MINOR_VERSION, PDC_IDL_LIBRARY_VERSION);
-  for (int attempt = 1; attempt <= CONNECT_ATTEMPTS; ++attempt) {
-    if (attempt > 1) {
-      sleep(CONNECT_PAUSE_S);
-    }
-    const qmi_client_error_type err = qmi_client_init_instance(
-        g_pdc_client.service_object, QMI_CLIENT_INSTANCE_ANY, qmi_pdc_unsol_ind_cb_ex, nullptr,
-        &g_pdc_client.os_params, CONNECT_TIMEOUT_MS, &g_pdc_client.handle);
-    if (err == QMI_NO_ERR) {
-      tervik_log_debug("qmi_client_init succeeds for PDC");
-      return PDC_SUCCESS;
-    }
-    tervik_log_error("qmi_client_init returned failure (%d) for PDC, retry times %d", err, attempt);
-  }
-  g_pdc_client.handle = nullptr;
-  return PDC_FAILURE;
+  return g_pdc_client.open(TERVIK_LOG_PLACE) == QMI_NO_ERR ? PDC_SUCCESS : PDC_FAILURE;
 }
 
 void pdc_clean_ex() {
-  if (g_pdc_client.handle != nullptr) {
+  if (g_pdc_client.handle() != nullptr) {
     tervik_log_debug("Release client connection to PDC");
     // An unknown handle is gone already.
-    static_cast<void>(qmi_client_release(g_pdc_client.handle));
+    static_cast<void>(g_pdc_client.release());
   }
-  g_pdc_client.handle = nullptr;
 }
 
 // ---- watchdogs ----
@@ -601,19 +587,17 @@ void qmi_pdc_unsol_ind_cb_ex(qmi_client_type user_handle, unsigned int msg_id, v
     tervik_log_error("tervik_mbn_debug_all_pdc_no_rsp_count_check fail");
     return;
   }
-  uint32_t len = 0;
-  if (qmi_idl_get_message_c_struct_len(g_pdc_client.service_object, QMI_IDL_INDICATION,
-                                       static_cast<uint16_t>(msg_id), &len) != 0) {
+  const tervik_qmi_indication indication =
+      tervik_qmi_decode_indication(pdc_service(), user_handle, msg_id, ind_buf, ind_buf_len);
+  if (indication.len == 0) {
     tervik_log_error("failed to get message c_struct len");
     return;
   }
-  const std::unique_ptr<uint8_t[]> payload(new (std::nothrow) uint8_t[len]());
-  if (payload == nullptr) {
+  if (indication.c_struct == nullptr) {
     tervik_log_debug("failed to allocate memory for payload");
     return;
   }
-  if (qmi_client_message_decode(user_handle, QMI_IDL_INDICATION, msg_id, ind_buf, ind_buf_len,
-                                payload.get(), len) != QMI_NO_ERR) {
+  if (indication.err != QMI_NO_ERR) {
     tervik_log_debug("failed to decode qmi message, msg_id: 0x%02x", msg_id);
     return;
   }
@@ -621,7 +605,7 @@ void qmi_pdc_unsol_ind_cb_ex(qmi_client_type user_handle, unsigned int msg_id, v
       std::find_if(INDICATIONS.begin(), INDICATIONS.end(),
                    [msg_id](const pdc_indication& each) { return each.msg_id == msg_id; });
   if (row != INDICATIONS.end()) {
-    handle_indication(*row, payload.get(), len);
+    handle_indication(*row, indication.c_struct.get(), indication.len);
   }
 }
 

@@ -14,11 +14,7 @@ inline constexpr uint16_t QMI_NAS_PERFORM_INCREMENTAL_NETWORK_SCAN_REQ_MSG_V01 =
 // What a scan looks for; the numbers are the service's, 0 its default.
 enum nas_scan_scope_enum_v01 : int32_t {};
 
-// Standard outcome of a response: both 0 on success.
-struct nas_result_v01 {
-  int32_t result;
-  int32_t error;
-};
+using nas_result_v01 = qmi_result;
 
 struct nas_perform_network_scan_req_msg_v01 {
   uint8_t optional_fields[272];

@@ -40,12 +40,7 @@ enum pdc_activation_type_enum_v01 : uint32_t {
 // Longest configuration id in bytes.
 inline constexpr size_t PDC_CONFIG_ID_SIZE_MAX_V01 = 124;
 
-// Standard outcome of a response: both 0 on success.
-struct pdc_result_v01 {
-  int32_t result;
-  int32_t error;
-};
-static_assert(sizeof(pdc_result_v01) == 8);
+using pdc_result_v01 = qmi_result;
 
 struct pdc_config_info_v01 {
   uint32_t config_type;  // pdc_config_type_enum_v01

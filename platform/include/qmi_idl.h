@@ -7,6 +7,13 @@
 #include <cstdint>
 #include <span>
 
+// The standard outcome in a response: both 0 on success, else 1 and the error's number.
+struct qmi_result {
+  int32_t result;
+  int32_t error;
+};
+static_assert(sizeof(qmi_result) == 8);
+
 // Which of a service's three message tables a message id belongs to.
 enum qmi_idl_message_type : uint8_t {
   QMI_IDL_REQUEST = 0,

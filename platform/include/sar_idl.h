@@ -11,11 +11,7 @@
 inline constexpr uint16_t QMI_SAR_RF_SET_STATE_REQ_V01 = 1;
 inline constexpr uint16_t QMI_SAR_RF_GET_STATE_REQ_V01 = 2;
 
-// Standard outcome of a response: both 0 on success.
-struct sar_result_v01 {
-  int32_t result;
-  int32_t error;
-};
+using sar_result_v01 = qmi_result;
 
 struct sar_rf_set_state_req_msg_v01 {
   uint32_t sar_rf_state;

@@ -15,11 +15,7 @@ inline constexpr uint16_t QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01 = 0x42;
 inline constexpr uint16_t QMI_UIM_GET_EID_REQ_V01 = 0x65;
 inline constexpr uint16_t QMI_UIM_SET_SIM_TYPE_REQ_V01 = 0x7A;
 
-// Standard outcome of a response: both 0 on success.
-struct uim_result_v01 {
-  int32_t result;
-  int32_t error;
-};
+using uim_result_v01 = qmi_result;
 
 struct uim_set_sim_type_req_msg_v01 {
   uint32_t sim_type_len;

@@ -116,16 +116,11 @@ static_assert(offsetof(tervik_common_req_response, data) == 8);
 // client, allocation or modem failure; -2 for bad input; else the error of the send. Slots are 1
 // and 2.
 
-// Card states, as the service reports them; anything else is unknown.
-inline constexpr uint8_t UIM_CARD_ABSENT = 0;
-inline constexpr uint8_t UIM_CARD_PRESENT = 1;
-inline constexpr uint8_t UIM_CARD_ERROR = 2;
-
 inline constexpr size_t UIM_EID_SIZE = 16;
 // The longest answer that tervik_uim_send_apdu stores, with its length byte.
 inline constexpr size_t UIM_APDU_OUTPUT_SIZE = 256;
 
-// Creates the client.
+// The client's ends; outside of this room only tests call them. Creates the client.
 [[nodiscard]] bool init_uim_qmi_client();
 // Releases the client if there is one.
 void uim_qmi_client_recovery();
@@ -136,7 +131,7 @@ void error_cb(qmi_client_type client, int error, void* data);
 [[nodiscard]] int tervik_setSimType(const uint32_t* data);
 // Reads the eUICC identifier of `*slot` into 16 bytes, which stay as they are when there is none.
 [[nodiscard]] int tervik_uim_request_eid(const uint8_t* slot, uint8_t* eid_out);
-// Writes the states of the two cards, one byte each; 3 is unknown.
+// Writes the states of the two cards, one byte each: 0 absent, 1 present, 2 error, else unknown.
 [[nodiscard]] int tervik_uim_get_card_status(uint16_t* states_out);
 // Opens a logical channel to the ISD-R. `in`: slot, file-control-information option.
 [[nodiscard]] int tervik_uim_open_channel(const uint8_t* in, uint8_t* channel_id_out);

@@ -9,9 +9,6 @@
 #include "qmi_idl.h"
 
 inline constexpr uint32_t TERVIK_EXTEND_SERVICE_ID = 0xFFE4;
-inline constexpr uint32_t TERVIK_EXTEND_IDL_MAJOR_VERSION = 1;
-inline constexpr uint32_t TERVIK_EXTEND_IDL_MINOR_VERSION = 1;
-inline constexpr uint32_t TERVIK_EXTEND_IDL_LIBRARY_VERSION = 6;
 
 // The request that carries every sub-request of kiv, and its response.
 inline constexpr uint16_t TERVIK_EXTEND_DATA_MSG_ID = 0x0002;

@@ -5,10 +5,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <memory>
 #include <mutex>
-#include <new>
 
+#include "tervik_qmi_client.h"
 #include "tervik_utils_cmn.h"
 #include "tervik_utils_timer.h"
 
@@ -24,42 +23,23 @@ constexpr unsigned int SERVICE_INFO_MAX = 8;
 constexpr int PAYLOAD_MAX = static_cast<int>(TERVIK_EXTEND_PAYLOAD_SIZE);
 
 constexpr unsigned int IND_DATA_MSG_ID = 0x0003;
-constexpr unsigned int IND_OTHER_MSG_ID = 0x000D;
-constexpr std::array<unsigned int, 6> IND_SHARED_MSG_IDS = {0x0005, 0x0006, 0x0007,
-                                                            0x0008, 0x0009, 0x000B};
 constexpr uint32_t IND_SUB_ID_COUNT = 8;
 
-using ind_data_handler = void (*)(uint32_t sub_id, const uint8_t* payload, uint32_t payload_len);
-using ind_struct_handler = void (*)(unsigned int msg_id, const void* c_struct, uint32_t size);
-
-// Who takes which indication. Nobody does in this tool: a slot is for a module that needs one.
-// The framework's thread reads the slots while a rebuild clears them.
-struct indication_handlers {
-  std::array<std::atomic<ind_data_handler>, IND_SUB_ID_COUNT> by_sub_id;
-  std::atomic<ind_struct_handler> shared;
-  std::atomic<ind_struct_handler> other;
-};
-
-std::mutex tervik_extend_qmi_client_crit_sect;
 std::atomic<bool> g_tervik_qmi_lock_init{false};
+std::mutex tervik_extend_qmi_client_crit_sect;
 
-// Under tervik_extend_qmi_client_crit_sect, but for the handlers.
-bool g_inited = false;
-qmi_idl_service_object_type g_service_object = nullptr;
-qmi_client_type g_client_handle = nullptr;
-qmi_client_type g_notifier = nullptr;
-qmi_client_os_params g_os_params;
-tervik_extend_data_msg g_request;
-tervik_extend_data_msg g_response;
-indication_handlers g_ind_handlers;
+// Under tervik_extend_qmi_client_crit_sect.
+struct extend_connection {
+  bool inited = false;
+  qmi_client_type client = nullptr;
+  qmi_client_type notifier = nullptr;
+  qmi_client_os_params os_params;
+};
+extend_connection g_connection;
 
-// A handle as the log shows it.
-int shown_handle(qmi_client_type handle) {
-  return static_cast<int>(reinterpret_cast<intptr_t>(handle));
+qmi_idl_service_object_type extend_service() {
+  return tervik_extend_get_service_object_internal_v01(1, 1, 6);
 }
-
-// The mutex as the log shows it: it is ready from the start, without a number of its own.
-constexpr int CRIT_SECT_SHOWN = 0;
 
 // The client lock, with its lines in the log.
 class client_lock {
@@ -104,12 +84,6 @@ void wait_for_watchdog() {
                                   [] { return !g_watchdog_run.running; });
 }
 
-void clear_connection() {
-  g_client_handle = nullptr;
-  g_notifier = nullptr;
-  g_os_params = {};
-}
-
 // ---- opening the client ----
 
 // Waits about a second for the service to appear; returns the number of its instances.
@@ -117,13 +91,13 @@ unsigned int wait_for_service(const char* func) {
   unsigned int num_services = 0;
   for (int attempt = 0; attempt < SERVICE_LIST_ATTEMPTS; ++attempt) {
     const qmi_client_error_type err =
-        qmi_client_get_service_list(g_service_object, nullptr, nullptr, &num_services);
+        qmi_client_get_service_list(extend_service(), nullptr, nullptr, &num_services);
     tervik_log_debug_as(func, "qmi_client_get_service_list() returned %d num_services = %d", err,
                         num_services);
     if (err == QMI_NO_ERR) {
       break;
     }
-    qmi_cci_os_signal_wait(&g_os_params, SERVICE_LIST_WAIT_MS);
+    qmi_cci_os_signal_wait(&g_connection.os_params, SERVICE_LIST_WAIT_MS);
   }
   return num_services;
 }
@@ -145,34 +119,27 @@ unsigned int wait_for_service(const char* func) {
   return TERVIK_EXTEND_SUCCESS;
 }
 
-void fill_request(uint32_t id, const uint8_t* req, int req_len) {
-  g_request = {};
-  g_response = {};
-  g_request.id = id;
-  g_request.len = static_cast<uint32_t>(req_len);
-  g_request.payload_valid = 1;
-  memcpy(g_request.payload, req, g_request.len);
-}
-
-qmi_client_error_type send_watched() {
+[[nodiscard]] qmi_client_error_type send_watched(const tervik_extend_data_msg& request,
+                                                 tervik_extend_data_msg& response) {
   // Without a watchdog the send still ends by its own time-out.
   static_cast<void>(tervik_timer_start(WATCHDOG_TIMER_ID, tervik_qmi_timer_cb, WATCHDOG_TIMEOUT_S));
   const qmi_client_error_type err =
-      qmi_client_send_msg_sync(g_client_handle, TERVIK_EXTEND_DATA_MSG_ID, &g_request,
-                               sizeof(g_request), &g_response, sizeof(g_response), SEND_TIMEOUT_MS);
+      qmi_client_send_msg_sync(g_connection.client, TERVIK_EXTEND_DATA_MSG_ID, &request,
+                               sizeof(request), &response, sizeof(response), SEND_TIMEOUT_MS);
   tervik_timer_stop(WATCHDOG_TIMER_ID);
   return err;
 }
 
-[[nodiscard]] int take_response(const char* func, uint8_t* rsp, int* rsp_len) {
-  if (g_response.id != 0) {
+[[nodiscard]] int take_response(const char* func, const tervik_extend_data_msg& response,
+                                uint8_t* rsp, int* rsp_len) {
+  if (response.id != 0) {
     tervik_log_error_as(func, "%d QMI service framework error. Check client",
-                        static_cast<int>(g_response.id));
+                        static_cast<int>(response.id));
     return TERVIK_EXTEND_SEND_FAILED;
   }
-  const uint32_t stored = std::min(static_cast<uint32_t>(*rsp_len), g_response.len);
-  *rsp_len = g_response.payload_valid != 0 ? static_cast<int>(stored) : 0;
-  memcpy(rsp, g_response.payload, static_cast<size_t>(*rsp_len));
+  const uint32_t stored = std::min(static_cast<uint32_t>(*rsp_len), response.len);
+  *rsp_len = response.payload_valid != 0 ? static_cast<int>(stored) : 0;
+  memcpy(rsp, response.payload, static_cast<size_t>(*rsp_len));
   if (g_extend_qmi_trace != 0) {
     tervik_log_debug_as(func, "resp_len:%d", *rsp_len);
   }
@@ -180,78 +147,32 @@ qmi_client_error_type send_watched() {
 }
 
 // One request under the client lock, from the check of its arguments to its result.
-int exchange_locked(const char* func, uint32_t id, const uint8_t* req, int req_len, uint8_t* rsp,
-                    int* rsp_len) {
+[[nodiscard]] int exchange_locked(const char* func, uint32_t id, const uint8_t* req, int req_len,
+                                  uint8_t* rsp, int* rsp_len) {
   const client_lock lock(func);
   tervik_extend_qmi_init_do();
   int result = check_arguments(func, req, req_len, rsp, rsp_len);
-  if (result == TERVIK_EXTEND_SUCCESS && g_client_handle == nullptr &&
+  if (result == TERVIK_EXTEND_SUCCESS && g_connection.client == nullptr &&
       tervik_extend_qmi_client_open() == nullptr) {
     result = TERVIK_EXTEND_NO_CLIENT;
   }
   if (result == TERVIK_EXTEND_SUCCESS) {
-    fill_request(id, req, req_len);
-    const qmi_client_error_type err = send_watched();
+    tervik_extend_data_msg request = {id, static_cast<uint32_t>(req_len), 1, {}};
+    memcpy(request.payload, req, request.len);
+    tervik_extend_data_msg response = {};
+    const qmi_client_error_type err = send_watched(request, response);
     if (err != QMI_NO_ERR) {
       tervik_log_error_as(func, "send msg sync failed: %d, id: %d", err, id);
       tervik_extend_qmi_deinit_do();
       tervik_extend_qmi_init_do();
       return TERVIK_EXTEND_SEND_FAILED;
     }
-    result = take_response(func, rsp, rsp_len);
+    result = take_response(func, response, rsp, rsp_len);
   }
   if (g_extend_qmi_trace != 0) {
     tervik_log_debug_as(func, "result: %d, id: %d", result, id);
   }
   return result;
-}
-
-// ---- indications ----
-
-// The decoded form of an indication; null when it does not decode.
-std::unique_ptr<uint8_t[]> decode_indication(qmi_client_type client, unsigned int msg_id,
-                                             const void* buffer, unsigned int buffer_len,
-                                             uint32_t* c_struct_len) {
-  // Asked for anew: the framework's thread does not share the sender's state.
-  const qmi_idl_service_object_type service = tervik_extend_get_service_object_internal_v01(
-      TERVIK_EXTEND_IDL_MAJOR_VERSION, TERVIK_EXTEND_IDL_MINOR_VERSION,
-      TERVIK_EXTEND_IDL_LIBRARY_VERSION);
-  if (qmi_idl_get_message_c_struct_len(service, QMI_IDL_INDICATION, static_cast<uint16_t>(msg_id),
-                                       c_struct_len) != 0) {
-    return nullptr;
-  }
-  std::unique_ptr<uint8_t[]> c_struct(new (std::nothrow) uint8_t[*c_struct_len]());
-  if (c_struct == nullptr ||
-      qmi_client_message_decode(client, QMI_IDL_INDICATION, msg_id, buffer, buffer_len,
-                                c_struct.get(), *c_struct_len) != QMI_NO_ERR) {
-    return nullptr;
-  }
-  return c_struct;
-}
-
-void handle_data_indication(const char* func, unsigned int msg_id, unsigned int buffer_len,
-                            const tervik_extend_data_msg& ind) {
-  const int sub_id = static_cast<int>(ind.id);
-  const bool traced = g_extend_qmi_trace != 0;
-  if (traced) {
-    tervik_log_debug_as(func, "msg_id: 0x%x, buf_len: %d, ind.ind: %d", msg_id,
-                        static_cast<int>(buffer_len), sub_id);
-  }
-  if (ind.id >= IND_SUB_ID_COUNT) {
-    if (traced) {
-      tervik_log_debug_as(func, "Indicaion: %d greater than maximum known indication.", sub_id);
-    }
-    return;
-  }
-  const ind_data_handler handler = g_ind_handlers.by_sub_id[ind.id];
-  if (handler == nullptr) {
-    if (traced) {
-      tervik_log_debug_as(func, "No function defined to handle indication: %d", sub_id);
-    }
-    return;
-  }
-  const uint32_t carried = std::min(ind.len, static_cast<uint32_t>(TERVIK_EXTEND_PAYLOAD_SIZE));
-  handler(ind.id, ind.payload, ind.payload_valid != 0 ? carried : 0);
 }
 
 }  // namespace
@@ -263,49 +184,38 @@ void tervik_qmi_lock_init() {
     tervik_log_debug("done, do nothing");
     return;
   }
-  tervik_log_debug("start, tervik_extend_qmi_client_crit_sect = %d, g_tervik_qmi_lock_init = %d",
-                   CRIT_SECT_SHOWN, 0);
+  // The mutex is ready from the start and has no number of its own to show.
+  tervik_log_debug("start, tervik_extend_qmi_client_crit_sect = %d, g_tervik_qmi_lock_init = %d", 0,
+                   0);
   g_tervik_qmi_lock_init = true;
-  tervik_log_debug("end, tervik_extend_qmi_client_crit_sect = %d", CRIT_SECT_SHOWN);
+  tervik_log_debug("end, tervik_extend_qmi_client_crit_sect = %d", 0);
 }
 
 void tervik_extend_qmi_init_do() {
-  if (g_inited) {
+  if (g_connection.inited) {
     tervik_log_debug("done, do nothing");
     return;
   }
-  tervik_log_debug("start, inited = %d", g_inited ? 1 : 0);
-  g_request = {};
-  g_response = {};
-  clear_connection();
-  g_service_object = tervik_extend_get_service_object_internal_v01(
-      TERVIK_EXTEND_IDL_MAJOR_VERSION, TERVIK_EXTEND_IDL_MINOR_VERSION,
-      TERVIK_EXTEND_IDL_LIBRARY_VERSION);
-  if (g_service_object == nullptr) {
+  tervik_log_debug("start, inited = %d", g_connection.inited);
+  if (extend_service() == nullptr) {
     tervik_log_error("QMI get service obj failed. Check .c and .h");
   }
-  g_inited = true;
-  tervik_log_debug("end, inited = %d", g_inited ? 1 : 0);
+  g_connection.inited = true;
+  tervik_log_debug("end, inited = %d", g_connection.inited);
 }
 
 void tervik_extend_qmi_deinit_do() {
-  if (!g_inited) {
+  if (!g_connection.inited) {
     tervik_log_debug("no init, do nothing");
     return;
   }
-  tervik_log_debug("start, inited = %d", g_inited ? 1 : 0);
-  for (auto& handler : g_ind_handlers.by_sub_id) {
-    handler = nullptr;
-  }
-  g_ind_handlers.shared = nullptr;
-  g_ind_handlers.other = nullptr;
-  qmi_client_error_type err = qmi_client_release(g_client_handle);
+  tervik_log_debug("start, inited = %d", g_connection.inited);
+  qmi_client_error_type err = qmi_client_release(g_connection.client);
   tervik_log_debug("qmi_client_release client_handle, err = %d", err);
-  err = qmi_client_release(g_notifier);
+  err = qmi_client_release(g_connection.notifier);
   tervik_log_debug("qmi_client_release notifier, err = %d", err);
-  clear_connection();
-  g_inited = false;
-  tervik_log_debug("end, inited = %d", g_inited ? 1 : 0);
+  g_connection = {};
+  tervik_log_debug("end, inited = %d", g_connection.inited);
 }
 
 void tervik_extend_qmi_init_force() {
@@ -316,33 +226,38 @@ void tervik_extend_qmi_init_force() {
 
 qmi_client_type tervik_extend_qmi_client_open() {
   tervik_extend_qmi_init_do();
-  if (g_client_handle != nullptr) {
-    return g_client_handle;
+  auto& [inited, client, notifier, os_params] = g_connection;
+  if (client != nullptr) {
+    return client;
   }
+  const qmi_idl_service_object_type service = extend_service();
   // A notifier only shortens the wait below; without one it polls.
-  static_cast<void>(qmi_client_notifier_init(g_service_object, &g_os_params, &g_notifier));
+  static_cast<void>(qmi_client_notifier_init(service, &os_params, &notifier));
   unsigned int num_services = wait_for_service(__func__);
   std::array<qmi_service_info, SERVICE_INFO_MAX> service_info = {};
   unsigned int num_entries = std::min(num_services, SERVICE_INFO_MAX);
-  qmi_client_error_type err = qmi_client_get_service_list(g_service_object, service_info.data(),
-                                                          &num_entries, &num_services);
+  qmi_client_error_type err =
+      qmi_client_get_service_list(service, service_info.data(), &num_entries, &num_services);
   tervik_log_debug("qmi_client_get_service_list, err = %d, num_entries = %d, num_services = %d",
                    err, num_entries, num_services);
   qmi_client_type handle = nullptr;
-  err = qmi_client_init(&service_info[0], g_service_object, tervik_extend_qmi_ind_cb, nullptr,
-                        nullptr, &handle);
-  g_client_handle = err == QMI_NO_ERR ? handle : nullptr;
-  tervik_log_debug("qmi_client_init, err = %d, handle = %d, client_handle = %d", err,
-                   shown_handle(handle), shown_handle(g_client_handle));
-  if (err != QMI_NO_ERR) {
+  err = qmi_client_init(&service_info[0], service, tervik_extend_qmi_ind_cb, nullptr, nullptr,
+                        &handle);
+  client = err == QMI_NO_ERR ? handle : nullptr;
+  const auto shown = [](qmi_client_type each) {
+    return static_cast<int>(reinterpret_cast<intptr_t>(each));
+  };
+  tervik_log_debug("qmi_client_init, err = %d, handle = %d, client_handle = %d", err, shown(handle),
+                   shown(client));
+  if (err == QMI_NO_ERR) {
+    tervik_log_debug("QMI client inited");
+  } else {
     tervik_log_error("%d QMI client init failed", err);
     // The next attempt registers a notifier of its own.
-    static_cast<void>(qmi_client_release(g_notifier));
-    g_notifier = nullptr;
-    return nullptr;
+    static_cast<void>(qmi_client_release(notifier));
+    notifier = nullptr;
   }
-  tervik_log_debug("QMI client inited");
-  return g_client_handle;
+  return client;
 }
 
 int tervik_extend_qmi_send_sync(uint32_t id, const uint8_t* req, int req_len, uint8_t* rsp,
@@ -361,28 +276,28 @@ void tervik_qmi_timer_cb(union sigval value) {
   g_watchdog_run.set(false);
 }
 
+// Nobody in this tool handles an indication: what is decoded is told and dropped.
 void tervik_extend_qmi_ind_cb(qmi_client_type client, unsigned int msg_id, void* buffer,
                               unsigned int buffer_len, void* /*user_data*/) {
-  const bool shared = std::find(IND_SHARED_MSG_IDS.begin(), IND_SHARED_MSG_IDS.end(), msg_id) !=
-                      IND_SHARED_MSG_IDS.end();
-  if (!shared && msg_id != IND_DATA_MSG_ID && msg_id != IND_OTHER_MSG_ID) {
+  const tervik_qmi_indication indication =
+      tervik_qmi_decode_indication(extend_service(), client, msg_id, buffer, buffer_len);
+  if (indication.len == 0) {
     return;
   }
-  uint32_t c_struct_len = 0;
-  const std::unique_ptr<uint8_t[]> c_struct =
-      decode_indication(client, msg_id, buffer, buffer_len, &c_struct_len);
-  if (c_struct == nullptr) {
+  if (indication.c_struct == nullptr || indication.err != QMI_NO_ERR) {
     tervik_log_debug("indication 0x%x does not decode, buf_len: %u", msg_id, buffer_len);
     return;
   }
-  if (msg_id == IND_DATA_MSG_ID) {
-    tervik_extend_data_msg ind = {};
-    memcpy(&ind, c_struct.get(), sizeof(ind));
-    handle_data_indication(__func__, msg_id, buffer_len, ind);
+  if (msg_id != IND_DATA_MSG_ID || g_extend_qmi_trace == 0) {
     return;
   }
-  const ind_struct_handler handler = shared ? g_ind_handlers.shared : g_ind_handlers.other;
-  if (handler != nullptr) {
-    handler(msg_id, c_struct.get(), c_struct_len);
+  const auto data = tervik_qmi_record<tervik_extend_data_msg>(indication.c_struct.get());
+  const int sub_id = static_cast<int>(data.id);
+  tervik_log_debug("msg_id: 0x%x, buf_len: %d, ind.ind: %d", msg_id, static_cast<int>(buffer_len),
+                   sub_id);
+  if (data.id >= IND_SUB_ID_COUNT) {
+    tervik_log_debug("Indicaion: %d greater than maximum known indication.", sub_id);
+  } else {
+    tervik_log_debug("No function defined to handle indication: %d", sub_id);
   }
 }

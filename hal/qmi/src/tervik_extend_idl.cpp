@@ -7,15 +7,13 @@ static_assert(std::endian::native == std::endian::little, "wire records are litt
 
 namespace {
 
+constexpr qmi_idl_field word(uint8_t tlv, size_t offset) {
+  return {.tlv = tlv, .wire_width = 4, .memory_width = 4, .offset = offset};
+}
+
 constexpr std::array DATA_MSG_FIELDS = {
-    qmi_idl_field{.tlv = 0x01,
-                  .wire_width = 4,
-                  .memory_width = 4,
-                  .offset = offsetof(tervik_extend_data_msg, id)},
-    qmi_idl_field{.tlv = 0x02,
-                  .wire_width = 4,
-                  .memory_width = 4,
-                  .offset = offsetof(tervik_extend_data_msg, len)},
+    word(0x01, offsetof(tervik_extend_data_msg, id)),
+    word(0x02, offsetof(tervik_extend_data_msg, len)),
     qmi_idl_field{.tlv = 0x10,
                   .wire_width = 1,
                   .memory_width = 1,
@@ -61,10 +59,10 @@ constexpr std::array INDICATIONS = {
 };
 
 constexpr qmi_idl_service_object SERVICE_OBJECT = {
-    .library_version = TERVIK_EXTEND_IDL_LIBRARY_VERSION,
-    .idl_version = TERVIK_EXTEND_IDL_MAJOR_VERSION,
+    .library_version = 6,
+    .idl_version = 1,
     .service_id = TERVIK_EXTEND_SERVICE_ID,
-    .idl_minor_version = TERVIK_EXTEND_IDL_MINOR_VERSION,
+    .idl_minor_version = 1,
     .max_message_len = LONGEST_MESSAGE,
     .requests = REQUESTS,
     .responses = RESPONSES,
@@ -75,8 +73,8 @@ constexpr qmi_idl_service_object SERVICE_OBJECT = {
 
 qmi_idl_service_object_type tervik_extend_get_service_object_internal_v01(
     uint32_t idl_major_version, uint32_t idl_minor_version, uint32_t library_version) {
-  const bool known = idl_major_version == TERVIK_EXTEND_IDL_MAJOR_VERSION &&
-                     idl_minor_version == TERVIK_EXTEND_IDL_MINOR_VERSION &&
-                     library_version == TERVIK_EXTEND_IDL_LIBRARY_VERSION;
+  const bool known = idl_major_version == SERVICE_OBJECT.idl_version &&
+                     idl_minor_version == SERVICE_OBJECT.idl_minor_version &&
+                     library_version == SERVICE_OBJECT.library_version;
   return known ? &SERVICE_OBJECT : nullptr;
 }

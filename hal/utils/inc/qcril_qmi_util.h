@@ -1,13 +1,9 @@
 // Converts the outcome of a QMI request to the RIL's result codes. Any thread.
 #pragma once
 
-#include <cstdint>
+#include "qmi_idl.h"
 
-// The standard outcome in a QMI response: result 0 success, 1 failure with the error's number.
-struct qcril_qmi_response {
-  int32_t result;
-  int32_t error;
-};
+using qcril_qmi_response = qmi_result;
 
 // 0 for a success (QMI error 26 counts as one), else a RIL result. `response` may be null.
 [[nodiscard]] int qcril_qmi_util_convert_qmi_response_codes_to_ril_result(

@@ -23,6 +23,7 @@ constexpr std::array<mapped_error, 28> ERRORS = {{
     {51, 42}, {52, 46}, {53, 60}, {58, 57}, {60, 54}, {70, 54}, {71, 6},
     {73, 58}, {74, 61}, {83, 39}, {90, 46}, {91, 14}, {95, 62}, {97, 65},
 }};
+
 int map_error(int qmi_error) {
   const mapped_error* const row = find_row(ERRORS, &mapped_error::qmi_error, qmi_error);
   return row != nullptr ? row->ril_result : RIL_UNMAPPED_ERROR;

@@ -14,9 +14,6 @@ constexpr const char* TYPE_BAK_PROPERTY = "persist.vendor.ssr.type_bak";
 constexpr const char* TYPE_BAK_FLAG_PROPERTY = "persist.vendor.ssr.type_bak_flag";
 constexpr const char* TYPE_BAK_FLAG_SET = "yes";
 
-constexpr const char* LEVEL_SSR = "ALL_ENABLE";
-constexpr const char* LEVEL_DUMP = "ALL_DISABLE";
-
 // Shown in the log; the restart of this tool is always started through the property.
 constexpr int g_ssr_start_flag = 0;
 
@@ -45,21 +42,35 @@ struct ssr_type_row {
   const char* already_set;
 };
 
-// By SSR type.
-constexpr std::array<ssr_type_row, 3> SETTABLE_TYPES = {{
+// By SSR type; the last cannot be set.
+constexpr std::array<ssr_type_row, 4> SSR_TYPES = {{
     {"MODEM_RESTART_LEVEL_ID_DEF", nullptr, "PROP - ssr type is def, do nothing"},
-    {"MODEM_RESTART_LEVEL_ID_SSR", LEVEL_SSR, "ssr type is enable, do nothing"},
-    {"MODEM_RESTART_LEVEL_ID_DUMP", LEVEL_DUMP, "ssr type is disable, do nothing"},
+    {"MODEM_RESTART_LEVEL_ID_SSR", "ALL_ENABLE", "ssr type is enable, do nothing"},
+    {"MODEM_RESTART_LEVEL_ID_DUMP", "ALL_DISABLE", "ssr type is disable, do nothing"},
+    {"MODEM_RESTART_LEVEL_ID_INVALID", nullptr, nullptr},
 }};
+
+// The type that a level stands for.
+int type_of(const property_text& level, const property_text& backup, bool backed_up) {
+  if (!backed_up || level.equals(backup.text)) {
+    return MODEM_RESTART_LEVEL_ID_DEF;
+  }
+  for (const int type : {MODEM_RESTART_LEVEL_ID_SSR, MODEM_RESTART_LEVEL_ID_DUMP}) {
+    if (level.equals(SSR_TYPES[static_cast<size_t>(type)].level)) {
+      return type;
+    }
+  }
+  return level.empty() ? MODEM_RESTART_LEVEL_ID_DUMP : MODEM_RESTART_LEVEL_ID_INVALID;
+}
 
 // Copies the level that `type` stands for into `target`; false when there is nothing to do.
 bool choose_target(const char* func, uint32_t type, const property_text& level, bool backed_up,
                    char (&target)[TERVIK_TEXT_SIZE]) {
-  if (type >= SETTABLE_TYPES.size()) {
+  if (type >= MODEM_RESTART_LEVEL_ID_INVALID) {
     tervik_log_debug_as(func, "TERVIK_SSR_START_WITH_PROP, invalid ssr type");
     return false;
   }
-  const ssr_type_row& row = SETTABLE_TYPES[type];
+  const ssr_type_row& row = SSR_TYPES[type];
   if (row.level != nullptr) {
     snprintf(target, sizeof(target), "%s", row.level);
   } else if (backed_up) {
@@ -111,30 +122,14 @@ int tervik_get_modem_ssr_type() {
   const property_text level(RESTART_LEVEL_PROPERTY);
   tervik_log_debug("g_ssr_start_flag: %d, ssr_type_bak: %s, ssr_type_bak_flag: %s",
                    g_ssr_start_flag, backup.text, flag.text);
-  if (flag.empty()) {
+  const bool backed_up = !flag.empty();
+  if (!backed_up) {
     save_backup(level.text);
-    tervik_log_debug("PROP - MODEM_RESTART_LEVEL_ID_DEF: %s, type: %d, and save", level.text,
-                     MODEM_RESTART_LEVEL_ID_DEF);
-    return MODEM_RESTART_LEVEL_ID_DEF;
   }
-  if (level.equals(backup.text)) {
-    tervik_log_debug("PROP - MODEM_RESTART_LEVEL_ID_DEF: %s, type: %d", level.text,
-                     MODEM_RESTART_LEVEL_ID_DEF);
-    return MODEM_RESTART_LEVEL_ID_DEF;
-  }
-  if (level.equals(LEVEL_SSR)) {
-    tervik_log_debug("PROP - MODEM_RESTART_LEVEL_ID_SSR: %s, type: %d", level.text,
-                     MODEM_RESTART_LEVEL_ID_SSR);
-    return MODEM_RESTART_LEVEL_ID_SSR;
-  }
-  if (level.equals(LEVEL_DUMP) || level.empty()) {
-    tervik_log_debug("PROP - MODEM_RESTART_LEVEL_ID_DUMP: %s, type: %d", level.text,
-                     MODEM_RESTART_LEVEL_ID_DUMP);
-    return MODEM_RESTART_LEVEL_ID_DUMP;
-  }
-  tervik_log_debug("PROP - MODEM_RESTART_LEVEL_ID_INVALID: %s, type: %d", level.text,
-                   MODEM_RESTART_LEVEL_ID_INVALID);
-  return MODEM_RESTART_LEVEL_ID_INVALID;
+  const int type = type_of(level, backup, backed_up);
+  tervik_log_debug("PROP - %s: %s, type: %d%s", SSR_TYPES[static_cast<size_t>(type)].name,
+                   level.text, type, backed_up ? "" : ", and save");
+  return type;
 }
 
 int tervik_set_modem_ssr_type(uint32_t type) {
