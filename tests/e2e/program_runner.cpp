@@ -14,7 +14,7 @@
 namespace kiv::test {
 namespace {
 
-constexpr unsigned kPatienceS = 20;
+constexpr unsigned kPatienceS = 120;
 constexpr rlimit kMostOutput{size_t{16} << 20, size_t{16} << 20};
 
 // The child's side. With KIV_EMULATOR the program is one of another processor: the emulator (a

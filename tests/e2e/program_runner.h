@@ -1,4 +1,4 @@
-// Runs a program to its end and collects what it printed. A program that does not end in 20 s is
+// Runs a program to its end and collects what it printed. A program that does not end in 2 min is
 // ended by SIGALRM, one that prints more than 16 MiB by SIGXFSZ. Called by the test's thread.
 #pragma once
 

@@ -34,26 +34,6 @@ class UtilsCmn : public StateDirectoryTest {
   }
 };
 
-TEST_F(UtilsCmn, ArgumentsAreEvaluatedForAnOpenMaskAlone) {
-  const std::string out = run_in_child([] {
-    int evaluated = 0;
-    const auto say = [&evaluated](const char* text) {
-      tervik_log_print(LOG_CLASS_HELP, 0, "%s", (++evaluated, text));
-    };
-    tervik_log_error("masks are loaded");
-    tervik_hal_remove_shell_print_mask(LOG_CLASS_HELP);
-    say("one");
-    tervik_hal_set_shell_print_mask(0xFFFF);
-    say("two");
-    tervik_hal_close_print();
-    say("three");
-    EXPECT_EQ(evaluated, 2);
-    tervik_hal_set_shell_print_mask(LOG_CLASS_HELP);
-    say("four");
-  });
-  EXPECT_TRUE(out.ends_with("\ntwo\nfour\n")) << out;
-}
-
 TEST_F(UtilsCmn, StatementsOfAnyLengthArriveWhole) {
   const std::string place = "[a.cpp:12] do_it: ";
   for (const std::string& text : {std::string("100%s%n%d"), std::string(1023, 'x'),
