@@ -278,7 +278,8 @@ int tervik_send_nas_qmi_req_msg(int msg_id, const void* req, unsigned req_len, v
     tervik_log_debug("%s", req == nullptr ? "qmi_request is NULL" : "qmi_response is NULL");
   } else {
     tervik_log_debug("init qmi_client");
-    if (client.open(TERVIK_LOG_PLACE) != QMI_NO_ERR) {
+    // A client that opened without its error callback is forgotten, which is no error of the open.
+    if (client.open(TERVIK_LOG_PLACE) != QMI_NO_ERR || client.handle() == nullptr) {
       tervik_log_debug("qmi_client_ptr is NULL");
     } else {
       result = client.send(static_cast<unsigned>(msg_id), req, req_len, rsp, rsp_len, time_out_ms);
