@@ -23,9 +23,9 @@ namespace {
 
 // Every byte of a longer message would take minutes: lengths and counts stand at its beginning, and
 // between there and its end every so many bytes are enough.
-constexpr size_t kCutsAtTheBeginning = 160;
+constexpr size_t kCutsAtTheBeginning = 96;
 constexpr size_t kCutsAtTheEnd = 64;
-constexpr size_t kCutsBetween = 7;
+constexpr size_t kCutsBetween = 13;
 // Of these what is shown is compared: each at the beginning, where the lengths stand, then one in
 // so many.
 constexpr size_t kCutsCompared = 37;
