@@ -247,7 +247,7 @@ void tervik_smart_test_tervik_timer(int timeout_s) {
   for (int seconds = 1; g_tervik_timer_running != 0; ++seconds) {
     sleep(1);
     tervik_log_debug(seconds == 1 ? "%d second has passed" : "%d seconds have passed", seconds);
-    if (seconds - TIMER_TEST_MARGIN_S > timeout_s) {
+    if (seconds - TIMER_TEST_MARGIN_S >= timeout_s) {
       tervik_log_error("note: the timer did not expire, timeout_s = %d", timeout_s);
       tervik_timer_stop(timer_id);
       g_tervik_timer_running = 0;
