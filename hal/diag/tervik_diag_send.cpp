@@ -65,7 +65,7 @@ const char* processor_name(int32_t id) {
                                                             : "Unknown";
 }
 
-// A copy of `len` bytes and a spare byte, or null without memory.
+// Room for `len` bytes and a spare one, all zero; null without memory.
 std::unique_ptr<uint8_t[]> allocate_response(int len) {
   return std::unique_ptr<uint8_t[]>(new (std::nothrow) uint8_t[static_cast<size_t>(len) + 1]());
 }
@@ -685,7 +685,7 @@ void tervik_diag_init_with_result() {
     ++g_diag_init_status;
     return;
   }
-  // A wait on it is only reached when the library took the command, also after a failed open.
+  // Also when the open fails: the send goes on, and may reach its wait.
   sem_init(&g_diag_rsp_sem, 0, 0);
   if (Diag_LSM_Init(nullptr)) {
     g_diag_init_status = 1;

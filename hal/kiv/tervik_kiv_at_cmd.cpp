@@ -59,16 +59,14 @@ void open_at_channel() {
   g_at_serial_fd = std::max(fd, 0);
 }
 
-void close_at_channel(const char* func) {
-  if (g_at_serial_fd < 1) {
-    return;
+void close_at_channel() {
+  if (g_at_serial_fd >= 1) {
+    close(g_at_serial_fd);
+    g_at_serial_fd = 0;
   }
-  tervik_log_notice_as(func, "Will close channel: %s", g_at_device_path);
-  close(g_at_serial_fd);
-  g_at_serial_fd = 0;
 }
 
-// A channel that takes no bytes would hold up the shell, and with it the command.
+// A channel that takes no bytes would hold up the shell until its alarm: no shell is started then.
 bool channel_takes_bytes() {
   pollfd waiting = {.fd = g_at_serial_fd, .events = POLLOUT, .revents = 0};
   return g_at_serial_fd < 1 || poll(&waiting, 1, SEND_TIMEOUT_MS) > 0;
@@ -222,7 +220,7 @@ bool exchange(const char* func, const char* at_text) {
   if (pthread_create(&receiver, nullptr, tervik_test_at_cmd_receive, &send_done_fd) != 0) {
     tervik_log_error_as(func, "Fail to create a thread");
     close(send_done_fd);
-    close_at_channel(func);
+    close_at_channel();
     return false;
   }
   tervik_test_at_cmd_send(at_text);
@@ -232,7 +230,10 @@ bool exchange(const char* func, const char* at_text) {
   }
   pthread_join(receiver, nullptr);
   close(send_done_fd);
-  close_at_channel(func);
+  if (g_at_serial_fd >= 1) {
+    tervik_log_notice_as(func, "Will close channel: %s", g_at_device_path);
+  }
+  close_at_channel();
   g_at_receive_done = false;
   return true;
 }

@@ -158,7 +158,7 @@ bool check_reset_answer(const char* func, const uint8_t* answer) {
   return false;
 }
 
-// A failure behind the open leaves the channel open: the card is in a state to be looked at.
+// A failure behind the open leaves the channel open.
 void reset_euicc(const char* func) {
   tervik_log_debug_as(func, "Start eUICC Reset");
   const uint8_t open_input[] = {ESIM_SLOT, FILE_CONTROL_INFORMATION};

@@ -20,7 +20,8 @@ int tervik_test_cmn_do(int argc, char** argv);
 void tervik_test_cmn_show_help(int category);
 
 // The commands of category 5: 0, TERVIK_ERR_INVALID_INPUT for a wrong number of arguments, or the
-// code of the failed operation. A command that the modem itself refuses is in the log alone.
+// code of the failed operation. A command that the modem itself refuses is in the log alone. Of the
+// hot-swap test the category has checked that there is an argument.
 [[nodiscard]] int tervik_cmn_diag_cmd_send(int argc, char** argv);
 [[nodiscard]] int tervik_cmn_card_status_query(int argc, char** argv);
 [[nodiscard]] int tervik_cmn_card_status_get(int argc, char** argv);
