@@ -27,8 +27,13 @@ test_packages=(libgtest-dev libbenchmark-dev clang-format clang-tidy git groff-b
 aarch64_packages=(g++-aarch64-linux-gnu qemu-user)
 fuzz_packages=(clang libclang-rt-14-dev libgtest-dev)
 
-# Configures a preset once and builds the named targets of it (all without any). Silent when all
-# goes well; two builds of one preset wait for each other.
+# Configures a preset, once.
+configure_preset() {
+  [ -f "$project_dir/build/$1/build.ninja" ] || cmake --preset "$1" >/dev/null
+}
+
+# Configures a preset and builds the named targets of it (all without any). Silent when all goes
+# well; two builds of one preset wait for each other.
 build_preset() {
   local preset=$1 log status=0
   shift
@@ -38,8 +43,7 @@ build_preset() {
     cd "$project_dir"
     exec 9>"build/$preset/.lock"
     flock 9
-    { [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset"; } &&
-      cmake --build --preset "$preset" ${1:+--target "$@"}
+    configure_preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}
   ) >"$log" 2>&1 9>&- || status=$?
   if [ "$status" -ne 0 ]; then
     cat "$log" >&2
