@@ -42,12 +42,6 @@ constinit tervik_qmi_client g_pdc_client({
     .ind_cb = qmi_pdc_unsol_ind_cb_ex,
 });
 
-// The waiters' names, by request type from 1.
-constexpr std::array<const char*, PDC_REQ_TYPE_COUNT> WAITER_NAMES = {
-    "pdc_list", "pdc_load",   "pdc_info",   "pdc_deact",   "pdc_del",
-    "get_sel",  "sel_config", "act_config", "set_feature", "default_info",
-};
-
 bool is_req_type(int req_type) {
   return req_type >= 1 && req_type <= PDC_REQ_TYPE_COUNT;
 }
@@ -60,15 +54,13 @@ pdc_req_waiter& waiter_of(int req_type) {
 
 // Claims a kind; returns the number of the claim, or 0 when the kind is busy. Get selected says
 // where its id is to go.
-uint32_t claim(int req_type, pdc_config_pdc_info* get_sel_holder = nullptr) {
+uint32_t claim(int req_type, pdc_config_pdc_info* get_sel_holder) {
   const pdc_lock lock(g_pdc_info_ex.mutex);
   pdc_req_waiter& waiter = waiter_of(req_type);
   if (waiter.is_handling != 0) {
     return 0;
   }
-  if (req_type == PDC_REQ_GET_SEL) {
-    g_pdc_info_ex.get_sel_holder = get_sel_holder;
-  }
+  waiter.get_sel_holder = get_sel_holder;
   waiter.is_handling = 1;
   ++waiter.claim_number;
   waiter.claim_number += waiter.claim_number == 0 ? 1 : 0;
@@ -83,9 +75,7 @@ bool holds(const pdc_req_waiter& waiter, uint32_t claim_number) {
 
 // The holder of get selected goes with its claim: it lives on the requester's stack.
 void clear_claim(pdc_req_waiter& waiter) {
-  if (&waiter == &waiter_of(PDC_REQ_GET_SEL)) {
-    g_pdc_info_ex.get_sel_holder = nullptr;
-  }
+  waiter.get_sel_holder = nullptr;
   waiter.is_done = 0;
   waiter.is_handling = 0;
   waiter.is_waiting = 0;
@@ -130,8 +120,8 @@ void drop_claim(int req_type, uint32_t claim_number) {
 
 // What came back for a send.
 struct send_outcome {
-  qmi_client_error_type transport = QMI_NO_ERR;
-  pdc_result_v01 response = {};
+  qmi_client_error_type transport;
+  pdc_result_v01 response;
 
   // 0, or the number that the log shows for the failure.
   int error() const {
@@ -145,12 +135,78 @@ struct send_outcome {
   }
 };
 
-template <typename Request>
-send_outcome send_request(uint16_t msg_id, const Request& request) {
-  send_outcome outcome;
-  outcome.transport = g_pdc_client.send(msg_id, &request, sizeof(request), &outcome.response,
-                                        sizeof(outcome.response), SEND_TIMEOUT_MS);
-  return outcome;
+// One request, as `run_request` takes it.
+struct pdc_request {
+  int req_type;
+  uint16_t msg_id;
+  uint32_t sub;
+  const char* func;  // whose lines the request's are
+  const char* name;  // in "... is sent" and "... is done"; null for neither
+  uint32_t failure_class;
+  const char* failure;  // said with the error's number when the request was not accepted
+  pdc_config_pdc_info* get_sel_holder = nullptr;
+};
+
+// True when the request was not accepted, which this says. Of get selected the RIL's view counts.
+bool was_refused(const pdc_request& request, const send_outcome& outcome) {
+  if (request.req_type != PDC_REQ_GET_SEL) {
+    const int err = outcome.error();
+    if (err != 0) {
+      tervik_log_print_as(request.func, request.failure_class, request.sub, "%s, errno: %d",
+                          request.failure, err);
+    }
+    return err != 0;
+  }
+  // A service that went away has no response to convert.
+  const bool responded = outcome.transport == QMI_NO_ERR;
+  const qcril_qmi_response response = {outcome.response.result, outcome.response.error};
+  const int ril_result = qcril_qmi_util_convert_qmi_response_codes_to_ril_result(
+      outcome.transport, responded ? &response : nullptr);
+  if (!responded || ril_result != 0) {
+    tervik_log_print_as(request.func, request.failure_class, request.sub, "%s, errno: %d %d",
+                        request.failure, outcome.transport, ril_result);
+    return true;
+  }
+  return false;
+}
+
+bool say_sent(const pdc_request& request) {
+  if (request.name != nullptr) {
+    tervik_log_print_as(request.func, LOG_CLASS_DEBUG, request.sub, "%s is sent", request.name);
+  }
+  return true;
+}
+
+// Runs a request from its claim to its result. `fill` fills the message in, and gives a code other
+// than 0 when there is none to send; `accepted` says that it is sent, and whether an indication is
+// awaited.
+template <typename Message, typename Fill, typename Accepted = bool (*)(const pdc_request&)>
+[[nodiscard]] int run_request(const pdc_request& request, const Fill& fill,
+                              const Accepted& accepted = say_sent) {
+  const uint32_t claim_number = claim(request.req_type, request.get_sel_holder);
+  if (claim_number == 0) {
+    return PDC_BUSY;
+  }
+  Message message = {};
+  int result = fill(message);
+  bool waits = false;
+  if (result == PDC_SUCCESS) {
+    send_outcome outcome = {};
+    outcome.transport =
+        g_pdc_client.send(request.msg_id, &message, sizeof(message), &outcome.response,
+                          sizeof(outcome.response), SEND_TIMEOUT_MS);
+    result = was_refused(request, outcome) ? PDC_FAILURE : PDC_SUCCESS;
+    waits = result == PDC_SUCCESS && accepted(request);
+  }
+  if (!waits) {
+    drop_claim(request.req_type, claim_number);
+    return result;
+  }
+  result = wait_and_take_result(request.req_type, claim_number);
+  if (request.name != nullptr) {
+    tervik_log_print_as(request.func, LOG_CLASS_DEBUG, request.sub, "%s is done", request.name);
+  }
+  return result;
 }
 
 // ---- one indication: look whether it is wanted, evaluate it, complete its kind ----
@@ -159,14 +215,13 @@ send_outcome send_request(uint16_t msg_id, const Request& request) {
 struct pdc_indication {
   uint16_t msg_id;
   const char* handler;
-  const char* name;      // in "... is received"; null where the handler logs another line
-  int req_type;          // of the waiter; 0 for none
-  uint32_t record_size;  // of a completing indication's structure; 0 for the others
-  const char* ignored;   // said when nobody waits for it
-  // The result of a completing indication; null for the kinds that are never requested. The first
-  // form evaluates without the mutex, the second under it.
-  int (*evaluate)(const char* func, const uint8_t* decoded);
-  int (*evaluate_locked)(const char* func, const uint8_t* decoded);
+  const char* name = nullptr;  // in "... is received"; null where the handler logs another line
+  int req_type = 0;            // of the waiter; 0 for none
+  const char* ignored;         // said when nobody waits for it
+  // Of the kinds that are requested: the structure's size, and the result that it tells. The mutex
+  // is held.
+  uint32_t record_size = 0;
+  int (*evaluate)(const char* func, const uint8_t* decoded) = nullptr;
 };
 
 template <typename Indication>
@@ -196,7 +251,7 @@ int evaluate_activate(const char* func, const uint8_t* decoded) {
 }
 
 int evaluate_get_selected(const char* func, const uint8_t* decoded) {
-  pdc_config_pdc_info* holder = g_pdc_info_ex.get_sel_holder;
+  pdc_config_pdc_info* holder = waiter_of(PDC_REQ_GET_SEL).get_sel_holder;
   if (holder == nullptr) {
     tervik_log_debug_as(func, "NULL pointer for get_sel_holder");
     return PDC_FAILURE;
@@ -222,42 +277,69 @@ int evaluate_get_selected(const char* func, const uint8_t* decoded) {
   return PDC_SUCCESS;
 }
 
-constexpr std::array<pdc_indication, 11> INDICATIONS = {{
-    {QMI_PDC_GET_SELECTED_CONFIG_IND_V01, "qmi_pdc_get_selected_config_ind_hdlr_ex",
-     "QMI_PDC_GET_SELECTED_CONFIG_IND_V01", PDC_REQ_GET_SEL,
-     sizeof(pdc_get_selected_config_ind_msg_v01),
-     "Do nothing, No QMI_PDC_GET_SELECTED_CONFIG_REQ_V01", nullptr, evaluate_get_selected},
-    {QMI_PDC_SET_SELECTED_CONFIG_IND_V01, "qmi_pdc_select_config_ind_hdlr_ex",
-     "QMI_PDC_SET_SELECTED_CONFIG_IND_V01", PDC_REQ_SEL_CONFIG,
-     sizeof(pdc_set_selected_config_ind_msg_v01),
-     "Do nothing, No QMI_PDC_SET_SELECTED_CONFIG_REQ_V01",
-     evaluate_plain<pdc_set_selected_config_ind_msg_v01>, nullptr},
-    {QMI_PDC_LIST_CONFIGS_IND_V01, "qmi_pdc_list_configs_ind_hdlr_ex", nullptr, PDC_REQ_LIST, 0,
-     "pdc_list_configs_flag, g_pdc_info_ex.is_pdc_list_handling is not running, do nothing",
-     nullptr, nullptr},
-    {QMI_PDC_DELETE_CONFIG_IND_V01, "qmi_pdc_delete_config_ind_hdlr_ex",
-     "QMI_PDC_DELETE_CONFIG_IND_V01", PDC_REQ_DEL, 0,
-     "Do nothing, No QMI_PDC_DELETE_CONFIG_REQ_V01", nullptr, nullptr},
-    {QMI_PDC_LOAD_CONFIG_IND_V01, "qmi_pdc_load_config_ind_hdlr_ex", "QMI_PDC_LOAD_CONFIG_IND_V01",
-     PDC_REQ_LOAD, 0, "Do nothing, No QMI_PDC_LOAD_CONFIG_REQ_V01", nullptr, nullptr},
-    {QMI_PDC_ACTIVATE_CONFIG_IND_V01, "qmi_pdc_activate_config_ind_hdlr_ex",
-     "QMI_PDC_ACTIVATE_CONFIG_IND_V01", PDC_REQ_ACT_CONFIG, sizeof(pdc_activate_config_ind_msg_v01),
-     "Do nothing, No QMI_PDC_ACTIVATE_CONFIG_REQ_V01", evaluate_activate, nullptr},
-    {QMI_PDC_GET_CONFIG_INFO_IND_V01, "qmi_pdc_get_config_info_ind_hdlr_ex",
-     "QMI_PDC_GET_CONFIG_INFO_IND_V01", PDC_REQ_INFO, 0,
-     "Do nothing, No QMI_PDC_GET_CONFIG_INFO_REQ_V01", nullptr, nullptr},
-    {QMI_PDC_GET_DEFAULT_CONFIG_INFO_IND_V01, "tervik_mbn_get_default_config_info_ind_hdlr",
-     "QMI_PDC_GET_DEFAULT_CONFIG_INFO_IND_V01", PDC_REQ_DEFAULT_INFO, 0,
-     "Do nothing, No QMI_PDC_GET_DEFAULT_CONFIG_INFO_REQ_V01", nullptr, nullptr},
-    {QMI_PDC_DEACTIVATE_CONFIG_IND_V01, "qmi_pdc_deactivate_config_ind_hdlr_ex",
-     "QMI_PDC_DEACTIVATE_CONFIG_IND_V01", PDC_REQ_DEACT, sizeof(pdc_deactivate_config_ind_msg_v01),
-     "Do nothing, No QMI_PDC_DEACTIVATE_CONFIG_REQ_V01",
-     evaluate_plain<pdc_deactivate_config_ind_msg_v01>, nullptr},
-    {QMI_PDC_VALIDATE_CONFIG_IND_V01, "qcril_qmi_pdc_validate_config_ind_hdlr_ex", nullptr, 0, 0,
-     "ignore this indication, no pdc_validate_config_req", nullptr, nullptr},
-    {QMI_PDC_SET_FEATURE_IND_V01, "qmi_pdc_set_feature_ind_hdlr_ex", "QMI_PDC_SET_FEATURE_IND_V01",
-     PDC_REQ_SET_FEATURE, 0, "Do nothing, No QMI_PDC_SET_FEATURE_REQ_V01", nullptr, nullptr},
-}};
+constexpr pdc_indication INDICATIONS[] = {
+    {.msg_id = QMI_PDC_GET_SELECTED_CONFIG_IND_V01,
+     .handler = "qmi_pdc_get_selected_config_ind_hdlr_ex",
+     .name = "QMI_PDC_GET_SELECTED_CONFIG_IND_V01",
+     .req_type = PDC_REQ_GET_SEL,
+     .ignored = "Do nothing, No QMI_PDC_GET_SELECTED_CONFIG_REQ_V01",
+     .record_size = sizeof(pdc_get_selected_config_ind_msg_v01),
+     .evaluate = evaluate_get_selected},
+    {.msg_id = QMI_PDC_SET_SELECTED_CONFIG_IND_V01,
+     .handler = "qmi_pdc_select_config_ind_hdlr_ex",
+     .name = "QMI_PDC_SET_SELECTED_CONFIG_IND_V01",
+     .req_type = PDC_REQ_SEL_CONFIG,
+     .ignored = "Do nothing, No QMI_PDC_SET_SELECTED_CONFIG_REQ_V01",
+     .record_size = sizeof(pdc_set_selected_config_ind_msg_v01),
+     .evaluate = evaluate_plain<pdc_set_selected_config_ind_msg_v01>},
+    {.msg_id = QMI_PDC_LIST_CONFIGS_IND_V01,
+     .handler = "qmi_pdc_list_configs_ind_hdlr_ex",
+     .req_type = PDC_REQ_LIST,
+     .ignored =
+         "pdc_list_configs_flag, g_pdc_info_ex.is_pdc_list_handling is not running, do nothing"},
+    {.msg_id = QMI_PDC_DELETE_CONFIG_IND_V01,
+     .handler = "qmi_pdc_delete_config_ind_hdlr_ex",
+     .name = "QMI_PDC_DELETE_CONFIG_IND_V01",
+     .req_type = PDC_REQ_DEL,
+     .ignored = "Do nothing, No QMI_PDC_DELETE_CONFIG_REQ_V01"},
+    {.msg_id = QMI_PDC_LOAD_CONFIG_IND_V01,
+     .handler = "qmi_pdc_load_config_ind_hdlr_ex",
+     .name = "QMI_PDC_LOAD_CONFIG_IND_V01",
+     .req_type = PDC_REQ_LOAD,
+     .ignored = "Do nothing, No QMI_PDC_LOAD_CONFIG_REQ_V01"},
+    {.msg_id = QMI_PDC_ACTIVATE_CONFIG_IND_V01,
+     .handler = "qmi_pdc_activate_config_ind_hdlr_ex",
+     .name = "QMI_PDC_ACTIVATE_CONFIG_IND_V01",
+     .req_type = PDC_REQ_ACT_CONFIG,
+     .ignored = "Do nothing, No QMI_PDC_ACTIVATE_CONFIG_REQ_V01",
+     .record_size = sizeof(pdc_activate_config_ind_msg_v01),
+     .evaluate = evaluate_activate},
+    {.msg_id = QMI_PDC_GET_CONFIG_INFO_IND_V01,
+     .handler = "qmi_pdc_get_config_info_ind_hdlr_ex",
+     .name = "QMI_PDC_GET_CONFIG_INFO_IND_V01",
+     .req_type = PDC_REQ_INFO,
+     .ignored = "Do nothing, No QMI_PDC_GET_CONFIG_INFO_REQ_V01"},
+    {.msg_id = QMI_PDC_GET_DEFAULT_CONFIG_INFO_IND_V01,
+     .handler = "tervik_mbn_get_default_config_info_ind_hdlr",
+     .name = "QMI_PDC_GET_DEFAULT_CONFIG_INFO_IND_V01",
+     .req_type = PDC_REQ_DEFAULT_INFO,
+     .ignored = "Do nothing, No QMI_PDC_GET_DEFAULT_CONFIG_INFO_REQ_V01"},
+    {.msg_id = QMI_PDC_DEACTIVATE_CONFIG_IND_V01,
+     .handler = "qmi_pdc_deactivate_config_ind_hdlr_ex",
+     .name = "QMI_PDC_DEACTIVATE_CONFIG_IND_V01",
+     .req_type = PDC_REQ_DEACT,
+     .ignored = "Do nothing, No QMI_PDC_DEACTIVATE_CONFIG_REQ_V01",
+     .record_size = sizeof(pdc_deactivate_config_ind_msg_v01),
+     .evaluate = evaluate_plain<pdc_deactivate_config_ind_msg_v01>},
+    {.msg_id = QMI_PDC_VALIDATE_CONFIG_IND_V01,
+     .handler = "qcril_qmi_pdc_validate_config_ind_hdlr_ex",
+     .ignored = "ignore this indication, no pdc_validate_config_req"},
+    {.msg_id = QMI_PDC_SET_FEATURE_IND_V01,
+     .handler = "qmi_pdc_set_feature_ind_hdlr_ex",
+     .name = "QMI_PDC_SET_FEATURE_IND_V01",
+     .req_type = PDC_REQ_SET_FEATURE,
+     .ignored = "Do nothing, No QMI_PDC_SET_FEATURE_REQ_V01"},
+};
 
 // The line with which a handler begins. The mutex is held.
 void log_received(const pdc_indication& row, const uint8_t* decoded, uint32_t len) {
@@ -286,50 +368,37 @@ void complete(int req_type, int result) {
   waiter.is_done = 1;
 }
 
-// What every handler does. A claim can end while its indication is being evaluated, for example
-// when the same indication came twice. Such a claim is not completed, because another request may
-// have claimed the kind by then.
+// What every handler does. A result that is there already counts, as when an indication comes
+// twice.
 void handle_indication(const pdc_indication& row, const uint8_t* decoded, uint32_t len) {
-  const char* const func = row.handler;
-  pdc_lock lock(g_pdc_info_ex.mutex);
+  const pdc_lock lock(g_pdc_info_ex.mutex);
   log_received(row, decoded, len);
-  const bool completes = row.evaluate != nullptr || row.evaluate_locked != nullptr;
-  if (!completes || waiter_of(row.req_type).is_handling == 0) {
-    tervik_log_error_as(func, "%s", row.ignored);
+  if (row.evaluate == nullptr || waiter_of(row.req_type).is_handling == 0) {
+    tervik_log_error_as(row.handler, "%s", row.ignored);
     return;
   }
-  const uint32_t claim_number = waiter_of(row.req_type).claim_number;
-  lock.unlock();
+  if (waiter_of(row.req_type).is_done != 0) {
+    return;
+  }
   int result = PDC_FAILURE;
-  const bool readable = decoded != nullptr && len >= row.record_size;
   if (decoded == nullptr) {
-    tervik_log_error_as(func, "NULL pointer for ind_data_ptr");
-  } else if (!readable) {
-    tervik_log_error_as(func, "ind_data_len(%d) is too short", len);
-  } else if (row.evaluate != nullptr) {
-    result = row.evaluate(func, decoded);
-  }
-  lock.lock();
-  const pdc_req_waiter& waiter = waiter_of(row.req_type);
-  if (!holds(waiter, claim_number) || waiter.is_done != 0) {
-    return;
-  }
-  if (readable && row.evaluate_locked != nullptr) {
-    result = row.evaluate_locked(func, decoded);
+    tervik_log_error_as(row.handler, "NULL pointer for ind_data_ptr");
+  } else if (len < row.record_size) {
+    tervik_log_error_as(row.handler, "ind_data_len(%d) is too short", len);
+  } else {
+    result = row.evaluate(row.handler, decoded);
   }
   complete(row.req_type, result);
 }
 
 // The waiters whose wait a watchdog ends: all of them. The mutex is held.
 void release_all_waiting(const char* func) {
-  for (int req_type = 1; req_type <= PDC_REQ_TYPE_COUNT; ++req_type) {
-    pdc_req_waiter& waiter = waiter_of(req_type);
+  for (pdc_req_waiter& waiter : g_pdc_info_ex.waiters) {
     // A result that came first counts.
     if (waiter.is_waiting == 0 || waiter.is_done != 0) {
       continue;
     }
-    tervik_log_debug_as(func, "%s is waiting, will stop it.",
-                        WAITER_NAMES[static_cast<size_t>(req_type - 1)]);
+    tervik_log_debug_as(func, "%s is waiting, will stop it.", waiter.name);
     waiter.result = PDC_FAILURE;
     waiter.condition.notify_one();
     waiter.is_done = 1;
@@ -450,124 +519,107 @@ void qmi_pdc_request_timer_timeout_proc(union sigval value) {
 // ---- requests ----
 
 int pdc_deactivate_config_ex(uint32_t sub, uint32_t config_type) {
-  const uint32_t claim_number = claim(PDC_REQ_DEACT);
-  if (claim_number == 0) {
-    return PDC_BUSY;
-  }
-  pdc_deactivate_config_req_msg_v01 request = {};
-  request.config_type = config_type;
-  request.subscription_id_valid = 1;
-  request.subscription_id = sub;
-  const int err = send_request(QMI_PDC_DEACTIVATE_CONFIG_REQ_V01, request).error();
-  if (err != 0) {
-    tervik_log_print(LOG_CLASS_ERROR, sub, "qmi send mssage error for deactivate_config, errno: %d",
-                     err);
-    drop_claim(PDC_REQ_DEACT, claim_number);
-    return PDC_FAILURE;
-  }
-  tervik_log_print(LOG_CLASS_DEBUG, sub, "QMI_PDC_DEACTIVATE_CONFIG_REQ_V01 is sent");
-  const int result = wait_and_take_result(PDC_REQ_DEACT, claim_number);
-  tervik_log_print(LOG_CLASS_DEBUG, sub, "QMI_PDC_DEACTIVATE_CONFIG_REQ_V01 is done");
-  return result;
+  return run_request<pdc_deactivate_config_req_msg_v01>(
+      {.req_type = PDC_REQ_DEACT,
+       .msg_id = QMI_PDC_DEACTIVATE_CONFIG_REQ_V01,
+       .sub = sub,
+       .func = __func__,
+       .name = "QMI_PDC_DEACTIVATE_CONFIG_REQ_V01",
+       .failure_class = LOG_CLASS_ERROR,
+       .failure = "qmi send mssage error for deactivate_config"},
+      [&](auto& message) {
+        message.config_type = config_type;
+        message.subscription_id_valid = 1;
+        message.subscription_id = sub;
+        return PDC_SUCCESS;
+      });
 }
 
 int pdc_get_current_config_ex(pdc_config_pdc_info* holder, uint32_t config_type, uint32_t sub) {
-  const uint32_t claim_number = claim(PDC_REQ_GET_SEL, holder);
-  if (claim_number == 0) {
-    return PDC_BUSY;
-  }
-  pdc_get_selected_config_req_msg_v01 request = {};
-  request.config_type = config_type;
-  if (config_type <= PDC_CONFIG_TYPE_MODEM_SW_V01) {
-    request.subscription_id_valid = 1;
-    request.subscription_id = sub;
-  }
-  const send_outcome outcome = send_request(QMI_PDC_GET_SELECTED_CONFIG_REQ_V01, request);
-  const qcril_qmi_response response = {outcome.response.result, outcome.response.error};
-  const int ril_result = qcril_qmi_util_convert_qmi_response_codes_to_ril_result(
-      outcome.transport, outcome.transport == QMI_NO_ERR ? &response : nullptr);
-  // A service that went away has no response to convert.
-  if (ril_result != 0 || outcome.transport != QMI_NO_ERR) {
-    drop_claim(PDC_REQ_GET_SEL, claim_number);
-    tervik_log_print(LOG_CLASS_DEBUG, sub,
-                     "qmi send message error for get_sel_configs, errno: %d %d", outcome.transport,
-                     ril_result);
-    return PDC_FAILURE;
-  }
-  return wait_and_take_result(PDC_REQ_GET_SEL, claim_number);
+  return run_request<pdc_get_selected_config_req_msg_v01>(
+      {.req_type = PDC_REQ_GET_SEL,
+       .msg_id = QMI_PDC_GET_SELECTED_CONFIG_REQ_V01,
+       .sub = sub,
+       .func = __func__,
+       .name = nullptr,
+       .failure_class = LOG_CLASS_DEBUG,
+       .failure = "qmi send message error for get_sel_configs",
+       .get_sel_holder = holder},
+      [&](auto& message) {
+        message.config_type = config_type;
+        if (config_type <= PDC_CONFIG_TYPE_MODEM_SW_V01) {
+          message.subscription_id_valid = 1;
+          message.subscription_id = sub;
+        }
+        return PDC_SUCCESS;
+      });
 }
 
 int pdc_select_config_ex(const pdc_config_pdc_info* holder, uint32_t config_type, uint32_t sub) {
-  const uint32_t claim_number = claim(PDC_REQ_SEL_CONFIG);
-  if (claim_number == 0) {
-    return PDC_BUSY;
-  }
-  if (holder->config_id_len > PDC_CONFIG_ID_MAX) {
-    tervik_log_print(LOG_CLASS_ERROR, sub, "config_id_len(%d) is invalid, max %d",
-                     holder->config_id_len, PDC_CONFIG_ID_MAX);
-    drop_claim(PDC_REQ_SEL_CONFIG, claim_number);
-    return PDC_ID_TOO_LONG;
-  }
-  pdc_set_selected_config_req_msg_v01 request = {};
-  request.new_config_info.config_type = config_type;
-  request.new_config_info.config_id_len = holder->config_id_len;
-  memcpy(request.new_config_info.config_id, holder->config_id, holder->config_id_len);
-  if (config_type == PDC_CONFIG_TYPE_MODEM_SW_V01) {
-    request.subscription_id_valid = 1;
-    request.subscription_id = sub;
-  }
-  const int err = send_request(QMI_PDC_SET_SELECTED_CONFIG_REQ_V01, request).error();
-  if (err != 0) {
-    tervik_log_print(LOG_CLASS_DEBUG, sub,
-                     "qmi send message error for set_selected_config, errno: %d", err);
-    drop_claim(PDC_REQ_SEL_CONFIG, claim_number);
-    return PDC_FAILURE;
-  }
-  tervik_log_print(LOG_CLASS_DEBUG, sub, "QMI_PDC_SET_SELECTED_CONFIG_REQ_V01 is sent");
-  const int result = wait_and_take_result(PDC_REQ_SEL_CONFIG, claim_number);
-  tervik_log_print(LOG_CLASS_DEBUG, sub, "QMI_PDC_SET_SELECTED_CONFIG_REQ_V01 is done");
-  return result;
+  const char* const func = __func__;
+  return run_request<pdc_set_selected_config_req_msg_v01>(
+      {.req_type = PDC_REQ_SEL_CONFIG,
+       .msg_id = QMI_PDC_SET_SELECTED_CONFIG_REQ_V01,
+       .sub = sub,
+       .func = func,
+       .name = "QMI_PDC_SET_SELECTED_CONFIG_REQ_V01",
+       .failure_class = LOG_CLASS_DEBUG,
+       .failure = "qmi send message error for set_selected_config"},
+      [&](auto& message) {
+        if (holder->config_id_len > PDC_CONFIG_ID_MAX) {
+          tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "config_id_len(%d) is invalid, max %d",
+                              holder->config_id_len, PDC_CONFIG_ID_MAX);
+          return PDC_ID_TOO_LONG;
+        }
+        message.new_config_info.config_type = config_type;
+        message.new_config_info.config_id_len = holder->config_id_len;
+        memcpy(message.new_config_info.config_id, holder->config_id, holder->config_id_len);
+        if (config_type == PDC_CONFIG_TYPE_MODEM_SW_V01) {
+          message.subscription_id_valid = 1;
+          message.subscription_id = sub;
+        }
+        return PDC_SUCCESS;
+      });
 }
 
 int pdc_activate_config_ex(uint32_t config_type, uint32_t activation_type, uint32_t sub,
                            uint32_t slot) {
+  const char* const func = __func__;
   tervik_log_print(LOG_CLASS_DEBUG, sub,
                    "QMI_PDC_ACTIVATE_CONFIG_REQ_V01 begin, config_type: %d, activation_type: %d, "
                    "sub_id: %d, slot_id: %d",
                    config_type, activation_type, sub, slot);
-  const uint32_t claim_number = claim(PDC_REQ_ACT_CONFIG);
-  if (claim_number == 0) {
-    return PDC_BUSY;
-  }
-  pdc_activate_config_req_msg_v01 request = {};
-  request.config_type = config_type;
-  request.activation_type_valid = 1;
-  request.activation_type = activation_type;
-  if (config_type == PDC_CONFIG_TYPE_MODEM_SW_V01) {
-    request.subscription_id_valid = 1;
-    request.subscription_id = sub;
-    request.slot_id_valid = 1;
-    request.slot_id = slot;
-  }
-  const int err = send_request(QMI_PDC_ACTIVATE_CONFIG_REQ_V01, request).error();
-  if (err != 0) {
-    drop_claim(PDC_REQ_ACT_CONFIG, claim_number);
-    tervik_log_print(LOG_CLASS_DEBUG, sub, "qmi send message error for activate_config, errno: %d",
-                     err);
-    return PDC_FAILURE;
-  }
-  tervik_log_print(LOG_CLASS_DEBUG, sub,
-                   "QMI_PDC_ACTIVATE_CONFIG_REQ_V01 end, config_type: %d, sub_id: %d", config_type,
-                   sub);
-  if (config_type <= PDC_CONFIG_TYPE_MODEM_SW_V01) {
-    drop_claim(PDC_REQ_ACT_CONFIG, claim_number);
-    tervik_log_print(LOG_CLASS_DEBUG, sub,
-                     "There is not the response to PDC_CONFIG_TYPE_MODEM_PLATFORM_V01");
-    return PDC_SUCCESS;
-  }
-  const int result = wait_and_take_result(PDC_REQ_ACT_CONFIG, claim_number);
-  tervik_log_print(LOG_CLASS_DEBUG, sub, "QMI_PDC_ACTIVATE_CONFIG_REQ_V01 is done");
-  return result;
+  return run_request<pdc_activate_config_req_msg_v01>(
+      {.req_type = PDC_REQ_ACT_CONFIG,
+       .msg_id = QMI_PDC_ACTIVATE_CONFIG_REQ_V01,
+       .sub = sub,
+       .func = func,
+       .name = "QMI_PDC_ACTIVATE_CONFIG_REQ_V01",
+       .failure_class = LOG_CLASS_DEBUG,
+       .failure = "qmi send message error for activate_config"},
+      [&](auto& message) {
+        message.config_type = config_type;
+        message.activation_type_valid = 1;
+        message.activation_type = activation_type;
+        if (config_type == PDC_CONFIG_TYPE_MODEM_SW_V01) {
+          message.subscription_id_valid = 1;
+          message.subscription_id = sub;
+          message.slot_id_valid = 1;
+          message.slot_id = slot;
+        }
+        return PDC_SUCCESS;
+      },
+      [&](const pdc_request&) {
+        tervik_log_print_as(func, LOG_CLASS_DEBUG, sub,
+                            "QMI_PDC_ACTIVATE_CONFIG_REQ_V01 end, config_type: %d, sub_id: %d",
+                            config_type, sub);
+        const bool waits = config_type > PDC_CONFIG_TYPE_MODEM_SW_V01;
+        if (!waits) {
+          tervik_log_print_as(func, LOG_CLASS_DEBUG, sub,
+                              "There is not the response to PDC_CONFIG_TYPE_MODEM_PLATFORM_V01");
+        }
+        return waits;
+      });
 }
 
 int pdc_activate_config_ex2(uint32_t config_type, uint32_t sub) {
@@ -601,10 +653,7 @@ void qmi_pdc_unsol_ind_cb_ex(qmi_client_type user_handle, unsigned int msg_id, v
     tervik_log_debug("failed to decode qmi message, msg_id: 0x%02x", msg_id);
     return;
   }
-  const auto row =
-      std::find_if(INDICATIONS.begin(), INDICATIONS.end(),
-                   [msg_id](const pdc_indication& each) { return each.msg_id == msg_id; });
-  if (row != INDICATIONS.end()) {
+  if (const auto* row = find_row(INDICATIONS, &pdc_indication::msg_id, msg_id)) {
     handle_indication(*row, indication.c_struct.get(), indication.len);
   }
 }

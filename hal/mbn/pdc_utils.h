@@ -49,21 +49,34 @@ inline constexpr int PDC_NO_ACTIVE_CONFIG = -6;
 
 // What a requester of one kind and its indication share.
 struct pdc_req_waiter {
-  std::condition_variable_any condition;
+  const char* name;  // in the log
+  std::condition_variable_any condition{};
   uint32_t is_handling = 0;  // from the claim until the result has been taken
   uint32_t is_waiting = 0;   // while the requester sleeps
   uint32_t is_done = 0;      // a result is there
   int32_t result = 0;
-  uint32_t timer_id = 0;      // the running watchdog
-  uint32_t claim_number = 0;  // tells the claims of one kind apart
+  pdc_config_pdc_info* get_sel_holder = nullptr;  // where get selected puts the active id
+  uint32_t timer_id = 0;                          // the running watchdog
+  uint32_t claim_number = 0;                      // tells the claims of one kind apart
 };
 
 // All of it under `mutex`.
 struct pdc_info_s_type {
   qtimutex::QtiSharedMutex mutex{"g_pdc_info_ex"};
-  std::array<pdc_req_waiter, PDC_REQ_TYPE_COUNT> waiters;  // by request type, from 1
-  pdc_config_pdc_info* get_sel_holder = nullptr;           // where get selected puts the active id
-  uint32_t spare_timer_id = 0;                             // of every type outside 1 to 10
+  // By request type, from 1.
+  std::array<pdc_req_waiter, PDC_REQ_TYPE_COUNT> waiters = {{
+      {"pdc_list"},
+      {"pdc_load"},
+      {"pdc_info"},
+      {"pdc_deact"},
+      {"pdc_del"},
+      {"get_sel"},
+      {"sel_config"},
+      {"act_config"},
+      {"set_feature"},
+      {"default_info"},
+  }};
+  uint32_t spare_timer_id = 0;  // of every type outside 1 to 10
   std::condition_variable_any test_condition;
   uint32_t is_pdc_test_handling = 0;
   uint32_t is_pdc_test_waiting = 0;

@@ -97,8 +97,8 @@ class PdcTest : public ExtensionClientTest {
     pdc_clean_ex();
     {
       const std::lock_guard lock(g_pdc_info_ex.mutex);
-      EXPECT_EQ(g_pdc_info_ex.get_sel_holder, nullptr);
       for (const pdc_req_waiter& waiter : g_pdc_info_ex.waiters) {
+        EXPECT_EQ(waiter.get_sel_holder, nullptr);
         EXPECT_EQ(waiter.is_handling + waiter.is_waiting + waiter.is_done + waiter.timer_id, 0u);
       }
     }
