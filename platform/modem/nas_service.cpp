@@ -58,7 +58,7 @@ constexpr qmi_idl_service_object kServiceObject{
 }  // namespace
 
 Service make_nas_service(const ModemConf& conf) {
-  const nas_result_v01 result{.result = conf.nas_fault.code, .error = 0};
+  const nas_result_v01 result{.result = conf.fault_of(kNasServiceId).code, .error = 0};
   return [result](uint16_t msg_id, std::span<const uint8_t> request) {
     const auto row = std::find_if(kScans.begin(), kScans.end(),
                                   [msg_id](const ScanRow& scan) { return scan.msg_id == msg_id; });

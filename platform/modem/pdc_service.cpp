@@ -216,8 +216,8 @@ ServiceReply PdcService::answer_with(uint16_t msg_id, std::span<const uint8_t> b
   if (!read_struct(bytes, request)) {
     return ServiceReply::transport_error(QMI_INTERNAL_ERR);
   }
-  if (conf_.pdc_fault.kind == ServiceFault::Kind::kResult) {
-    return reply_with(pdc_result_v01{.result = 1, .error = conf_.pdc_fault.code});
+  if (conf_.fault_of(kPdcServiceId).kind == ServiceFault::Kind::kResult) {
+    return reply_with(pdc_result_v01{.result = 1, .error = conf_.fault_of(kPdcServiceId).code});
   }
   if (!is_valid(request)) {
     return reply_with(kInvalidArgument);
@@ -286,7 +286,7 @@ ConfigId PdcService::selected(uint32_t sub) const {
 }
 
 void PdcService::send_outcome(uint16_t msg_id, std::vector<uint8_t> indication) {
-  if (conf_.pdc_fault.kind == ServiceFault::Kind::kSilent) {
+  if (conf_.fault_of(kPdcServiceId).kind == ServiceFault::Kind::kSilent) {
     return;
   }
   switch (conf_.pdc_indication) {

@@ -55,7 +55,7 @@ constexpr qmi_idl_service_object kServiceObject{
 }  // namespace
 
 Service make_sar_service(const ModemConf& conf) {
-  const sar_result_v01 failure{.result = conf.sar_fault.code, .error = 0};
+  const sar_result_v01 failure{.result = conf.fault_of(kSarServiceId).code, .error = 0};
   return [failure, initial = static_cast<uint32_t>(conf.sar_dsi)](
              uint16_t msg_id, std::span<const uint8_t> request) {
     switch (msg_id) {

@@ -55,7 +55,7 @@ void set_apdu(uim_send_apdu_resp_msg_v01& response, std::span<const uint8_t> apd
 class UimService {
  public:
   explicit UimService(const ModemConf& conf)
-      : conf_(conf), failure_{.result = conf.uim_fault.code, .error = 0} {}
+      : conf_(conf), failure_{.result = conf.fault_of(kUimServiceId).code, .error = 0} {}
 
   ServiceReply handle(uint16_t msg_id, std::span<const uint8_t> request);
 

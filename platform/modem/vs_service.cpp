@@ -159,8 +159,8 @@ ServiceReply encode_body(const qmi_idl_message& description, const Body& body) {
 }
 
 Outcome configured_outcome(const ModemConf& conf) {
-  return conf.vs_fault.kind == ServiceFault::Kind::kResult
-             ? Outcome{1, static_cast<uint32_t>(conf.vs_fault.code)}
+  return conf.fault_of(kVsServiceId).kind == ServiceFault::Kind::kResult
+             ? Outcome{1, static_cast<uint32_t>(conf.fault_of(kVsServiceId).code)}
              : kDone;
 }
 
