@@ -11,12 +11,12 @@
 #include <memory>
 #include <mutex>
 #include <span>
+#include <string_view>
 #include <tuple>
 #include <type_traits>
 #include <utility>
 
 #include "platform/modem/modem_conf.h"
-#include "platform/modem/struct_message.h"
 #include "platform/qmi/qmi_idl_codec.h"
 #include "platform/qmi/service_bus.h"
 #include "qmi_client.h"
@@ -83,6 +83,11 @@ constexpr qmi_idl_service_object service_object(uint32_t service_id, uint32_t id
   }
   return object;
 }
+
+// `object`, or null when it is of another version.
+qmi_idl_service_object_type object_of_version(const qmi_idl_service_object& object,
+                                              uint32_t idl_major_version,
+                                              uint32_t idl_minor_version, uint32_t library_version);
 
 // False when the bytes are not the message that `description` describes.
 template <class Body>
@@ -159,5 +164,11 @@ Service make_service(uint32_t service_id, const ModemConf& conf) {
     return reply;
   };
 }
+
+// The number in the state file (4 bytes, little-endian), or `initial` when it holds none.
+uint32_t read_stored_number(std::string_view name, uint32_t initial);
+
+// 0 or errno.
+[[nodiscard]] int write_stored_number(std::string_view name, uint32_t number);
 
 }  // namespace kiv::platform
