@@ -188,7 +188,7 @@ void set_block(CommonResponse& answer, const std::vector<uint8_t>& block) {
 class ExtensionService {
  public:
   explicit ExtensionService(const ModemConf& conf)
-      : fault_(conf.extension_fault),
+      : fault_(conf.fault_of(kExtensionServiceId)),
         rsp_result_(conf.extension_rsp_result),
         card_states_(conf.card_states),
         stats_debug_block_(make_stats_debug_block(conf)),

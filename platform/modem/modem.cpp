@@ -1,5 +1,6 @@
 #include "platform/modem/modem.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -16,20 +17,20 @@ namespace kiv::platform {
 namespace {
 
 struct ModemService {
+  std::string_view name;  // in modem.conf; its fault is `fault.<name>`
   uint32_t service_id = 0;
-  ServiceFault ModemConf::*fault = nullptr;
   Service (*make)(const ModemConf& conf) = nullptr;
   // With the fault `silent` this service still answers requests and leaves out its indications.
   bool answers_in_silence = false;
 };
 
 constexpr std::array<ModemService, 6> kModemServices{{
-    {kExtensionServiceId, &ModemConf::extension_fault, make_extension_service},
-    {kSarServiceId, &ModemConf::sar_fault, make_sar_service},
-    {kUimServiceId, &ModemConf::uim_fault, make_uim_service},
-    {kNasServiceId, &ModemConf::nas_fault, make_nas_service},
-    {kPdcServiceId, &ModemConf::pdc_fault, make_pdc_service, true},
-    {kVsServiceId, &ModemConf::vs_fault, make_vs_service},
+    {"extension", kExtensionServiceId, make_extension_service},
+    {"sar", kSarServiceId, make_sar_service},
+    {"uim", kUimServiceId, make_uim_service},
+    {"nas", kNasServiceId, make_nas_service},
+    {"pdc", kPdcServiceId, make_pdc_service, true},
+    {"vs", kVsServiceId, make_vs_service},
 }};
 
 // What the bus shows of a service that is up: itself, or nothing but its fault.
@@ -61,7 +62,7 @@ ModemConf& current_conf() {
 
 void publish_all(const ModemConf& conf) {
   for (const ModemService& row : kModemServices) {
-    const ServiceFault& fault = conf.*row.fault;
+    const ServiceFault fault = conf.fault_of(row.service_id);
     if (fault.kind != ServiceFault::Kind::kDown) {
       publish_service(row.service_id, with_fault(fault, row, row.make(conf)));
     }
@@ -69,6 +70,12 @@ void publish_all(const ModemConf& conf) {
 }
 
 }  // namespace
+
+std::optional<uint32_t> service_id_of(std::string_view name) {
+  const auto row = std::find_if(kModemServices.begin(), kModemServices.end(),
+                                [name](const ModemService& entry) { return entry.name == name; });
+  return row != kModemServices.end() ? std::optional(row->service_id) : std::nullopt;
+}
 
 void publish_modem_services() {
   current_conf() = load_modem_conf();

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/android/state_directory.h"
+#include "platform/modem/modem.h"
 
 namespace kiv::platform {
 namespace {
@@ -108,9 +109,8 @@ bool parse_fault(std::string_view value, ServiceFault& fault) {
   return false;
 }
 
-template <ServiceFault ModemConf::*member>
-bool fault_value(std::string_view value, ModemConf& conf) {
-  return parse_fault(value, conf.*member);
+bool diag_fault_value(std::string_view value, ModemConf& conf) {
+  return parse_fault(value, conf.diag_fault);
 }
 
 template <int32_t ModemConf::*member, int32_t lowest = INT32_MIN, int32_t highest = INT32_MAX>
@@ -225,6 +225,16 @@ bool log_ids_value(std::string_view value, ModemConf& conf) {
 
 enum class ConfOutcome : uint8_t { kTaken, kUnknownKey, kBadValue };
 
+// "<service>": what that service does wrong.
+ConfOutcome fault_value(std::string_view name, std::string_view value, ModemConf& conf) {
+  const auto service_id = service_id_of(name);
+  if (!service_id) {
+    return ConfOutcome::kUnknownKey;
+  }
+  return parse_fault(value, conf.faults[*service_id]) ? ConfOutcome::kTaken
+                                                      : ConfOutcome::kBadValue;
+}
+
 // "<id>.<sub>": a measurement's raw bytes, or "none".
 ConfOutcome stats_value(std::string_view name, std::string_view value, ModemConf& conf) {
   StatsOverride parameter;
@@ -260,32 +270,26 @@ struct ConfKey {
   bool (*parse)(std::string_view value, ModemConf& conf);
 };
 
-constexpr std::array<ConfKey, 31> kConfKeys{{
-    {"fault.extension", fault_value<&ModemConf::extension_fault>},
+constexpr std::array<ConfKey, 25> kConfKeys{{
     {"extension.rsp_result", number_value<&ModemConf::extension_rsp_result>},
-    {"fault.sar", fault_value<&ModemConf::sar_fault>},
     {"sar.dsi", number_value<&ModemConf::sar_dsi>},
     {"card.0", card_value<0>},
     {"card.1", card_value<1>},
-    {"fault.uim", fault_value<&ModemConf::uim_fault>},
     {"eid", eid_value},
     {"uim.profiles", number_value<&ModemConf::uim_profiles, 0, kUimProfilesMax>},
     {"uim.reset", switch_value<&ModemConf::uim_reset_fails, kOkWords>},
     {"uim.open_channel", switch_value<&ModemConf::uim_open_channel_fails, kOkWords>},
-    {"fault.diag", fault_value<&ModemConf::diag_fault>},
+    {"fault.diag", diag_fault_value},
     {"diag.remote", number_value<&ModemConf::diag_remote_mask, 0, UINT16_MAX>},
     {"diag.delay_ms", number_value<&ModemConf::diag_delay_ms, 0, kDiagDelayMaxMs>},
     {"diag.response_size", number_value<&ModemConf::diag_response_size, 1, kDiagResponseMax>},
     {"diag.dci", switch_value<&ModemConf::diag_dci_down, kUpWords>},
-    {"fault.nas", fault_value<&ModemConf::nas_fault>},
-    {"fault.pdc", fault_value<&ModemConf::pdc_fault>},
     {"pdc.active.0", config_id_value<&ModemConf::pdc_active, 0>},
     {"pdc.active.1", config_id_value<&ModemConf::pdc_active, 1>},
     {"pdc.pending.0", config_id_value<&ModemConf::pdc_pending, 0>},
     {"pdc.pending.1", config_id_value<&ModemConf::pdc_pending, 1>},
     {"pdc.ind_error", number_value<&ModemConf::pdc_ind_error, 0>},
     {"pdc.ind", pdc_indication_value},
-    {"fault.vs", fault_value<&ModemConf::vs_fault>},
     {"rat.0", rat_value<0>},
     {"rat.1", rat_value<1>},
     {"stats.debug_version",
@@ -295,13 +299,15 @@ constexpr std::array<ConfKey, 31> kConfKeys{{
     {"stats.log_ids", log_ids_value},
 }};
 
-// Keys whose name goes on with an id; looked up when no key above is meant.
+// Keys whose name goes on with an id or with the name of a service; looked up when no key above is
+// meant.
 struct ConfKeyFamily {
   std::string_view prefix;
   ConfOutcome (*parse)(std::string_view rest_of_name, std::string_view value, ModemConf& conf);
 };
 
-constexpr std::array<ConfKeyFamily, 2> kConfKeyFamilies{{
+constexpr std::array<ConfKeyFamily, 3> kConfKeyFamilies{{
+    {"fault.", fault_value},
     {"stats.", stats_value},
     {"vs.indication.", indication_value},
 }};
@@ -356,6 +362,11 @@ void parse_line(size_t line_number, std::string_view line, ModemConf& conf) {
 }
 
 }  // namespace
+
+ServiceFault ModemConf::fault_of(uint32_t service_id) const {
+  const auto entry = faults.find(service_id);
+  return entry != faults.end() ? entry->second : ServiceFault{};
+}
 
 ModemConf parse_modem_conf(std::string_view text) {
   ModemConf conf;

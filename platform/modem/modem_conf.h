@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -65,16 +66,16 @@ enum class PdcIndication : uint8_t {
 inline constexpr size_t kPdcConfigIdMax = 125;
 
 struct ModemConf {
-  ServiceFault extension_fault;
+  // Of the QMI services that have one, by service id.
+  std::map<uint32_t, ServiceFault> faults;
+
   // Not 0: the extension service carries out no class 2 and class 4 request and answers with this
   // as the payload's own result word.
   int32_t extension_rsp_result = 0;
-  ServiceFault sar_fault;
   // The DSI until one is set.
   int32_t sar_dsi = 0;
 
   std::array<CardState, kCardSlots> card_states{CardState::kPresent, CardState::kPresent};
-  ServiceFault uim_fault;
   // None: the eUICC never reports one.
   std::optional<Eid> eid = kFactoryEid;
   // Operational profiles on the eUICC until they are deleted.
@@ -88,9 +89,6 @@ struct ModemConf {
   int32_t diag_response_size = 0;  // what every answer is filled up or cut to; 0: as it is
   bool diag_dci_down = false;
 
-  ServiceFault nas_fault;
-
-  ServiceFault pdc_fault;
   // The configuration ids of each subscription until they are set; empty for none.
   std::array<std::vector<uint8_t>, kCardSlots> pdc_active{std::vector<uint8_t>(20, 0xC0),
                                                           std::vector<uint8_t>(20, 0xC1)};
@@ -98,7 +96,6 @@ struct ModemConf {
   int32_t pdc_ind_error = 0;  // of every indication
   PdcIndication pdc_indication = PdcIndication::kNormal;
 
-  ServiceFault vs_fault;
   // Radio technology of each subscription: 9 is LTE, 12 NR.
   std::array<int32_t, kCardSlots> rats{9, 12};
   std::vector<StatsOverride> stats_overrides;  // of one parameter the last one counts
@@ -109,6 +106,9 @@ struct ModemConf {
   int32_t stats_enable = 1;
   int32_t stats_not_supported = 0;
   std::vector<uint16_t> stats_log_ids{0x1100, 0x1101};
+
+  // The fault of a QMI service.
+  ServiceFault fault_of(uint32_t service_id) const;
 };
 
 // The configuration that the text of a `modem.conf` describes.

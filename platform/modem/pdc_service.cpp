@@ -6,21 +6,20 @@
 #include <array>
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
+#include <functional>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "pdc_idl.h"
 #include "platform/android/state_directory.h"
-#include "platform/modem/struct_message.h"
-#include "qmi_client.h"
+#include "platform/modem/service_messages.h"
 
 namespace kiv::platform {
 namespace {
@@ -35,9 +34,7 @@ constexpr milliseconds kLateDelay{6000};
 // How long an early indication has for its way before the response goes back.
 constexpr milliseconds kEarlyLead{50};
 
-constexpr pdc_result_v01 kAccepted{.result = 0, .error = 0};
-constexpr pdc_result_v01 kInvalidArgument{.result = 1, .error = 48};
-constexpr uint32_t kInternalError = 3;  // of an indication
+constexpr auto kNotWritten = static_cast<uint32_t>(kInternalError.error);  // of an indication
 
 // Sends the service's indications when their time has come.
 class DelayedIndications {
@@ -110,23 +107,18 @@ void DelayedIndications::run() {
   }
 }
 
+// What the requests work on.
 class PdcService {
  public:
   explicit PdcService(ModemConf conf) : conf_(std::move(conf)) {}
 
-  ServiceReply handle(uint16_t msg_id, std::span<const uint8_t> request);
+  template <class Request, class Indication>
+  using CarryOut = void (PdcService::*)(const Request& request, Indication& indication);
 
- private:
-  struct MessageRow {
-    uint16_t id;
-    ServiceReply (PdcService::*answer)(uint16_t msg_id, std::span<const uint8_t> request);
-  };
-  static const std::array<MessageRow, 4> kMessages;
-
-  // Accepts a request of the right size and sends what `carry_out` makes of it, or refuses it.
-  template <class Request, class Indication,
-            void (PdcService::*carry_out)(const Request& request, Indication& indication)>
-  ServiceReply answer_with(uint16_t msg_id, std::span<const uint8_t> bytes);
+  // Accepts a request and sends what `carry_out` makes of it, or refuses it.
+  template <class Request, class Indication>
+  pdc_result_v01 accept(uint16_t msg_id, const Request& request,
+                        CarryOut<Request, Indication> carry_out);
 
   void get_selected(const pdc_get_selected_config_req_msg_v01& request,
                     pdc_get_selected_config_ind_msg_v01& indication);
@@ -137,13 +129,16 @@ class PdcService {
   void deactivate(const pdc_deactivate_config_req_msg_v01& request,
                   pdc_deactivate_config_ind_msg_v01& indication);
 
+  // The outcome is on its way while the next request is at work.
+  std::function<void()> afterwards;
+
+ private:
   ConfigId active(uint32_t sub) const;
   ConfigId pending(uint32_t sub) const;
   ConfigId selected(uint32_t sub) const;
-  void send_outcome(uint16_t msg_id, std::vector<uint8_t> indication);
+  void send_outcome(uint16_t msg_id, const std::vector<uint8_t>& indication);
 
   const ModemConf conf_;
-  std::mutex mutex_;  // one request at a time
   DelayedIndications indications_;
 };
 
@@ -159,7 +154,7 @@ ConfigId read_id(uint32_t sub, const char* name, const ConfigId& initial) {
 
 // 0, or the error of an indication.
 uint32_t write_id(uint32_t sub, const char* name, std::span<const uint8_t> id) {
-  return write_state_file(id_file(sub, name), id) == 0 ? 0 : kInternalError;
+  return write_state_file(id_file(sub, name), id) == 0 ? 0 : kNotWritten;
 }
 
 // An id that is too long keeps its length and loses its end.
@@ -187,50 +182,22 @@ bool is_valid(const pdc_set_selected_config_req_msg_v01& request) {
          config.config_id_len <= sizeof config.config_id && subscription_of(request) < kCardSlots;
 }
 
-const std::array<PdcService::MessageRow, 4> PdcService::kMessages{{
-    {QMI_PDC_GET_SELECTED_CONFIG_REQ_V01,
-     &PdcService::answer_with<pdc_get_selected_config_req_msg_v01,
-                              pdc_get_selected_config_ind_msg_v01, &PdcService::get_selected>},
-    {QMI_PDC_SET_SELECTED_CONFIG_REQ_V01,
-     &PdcService::answer_with<pdc_set_selected_config_req_msg_v01,
-                              pdc_set_selected_config_ind_msg_v01, &PdcService::set_selected>},
-    {QMI_PDC_ACTIVATE_CONFIG_REQ_V01,
-     &PdcService::answer_with<pdc_activate_config_req_msg_v01, pdc_activate_config_ind_msg_v01,
-                              &PdcService::activate>},
-    {QMI_PDC_DEACTIVATE_CONFIG_REQ_V01,
-     &PdcService::answer_with<pdc_deactivate_config_req_msg_v01, pdc_deactivate_config_ind_msg_v01,
-                              &PdcService::deactivate>},
-}};
-
-ServiceReply PdcService::handle(uint16_t msg_id, std::span<const uint8_t> request) {
-  const auto row = std::find_if(kMessages.begin(), kMessages.end(),
-                                [msg_id](const MessageRow& entry) { return entry.id == msg_id; });
-  return row != kMessages.end() ? (this->*row->answer)(msg_id, request)
-                                : ServiceReply::transport_error(QMI_INTERNAL_ERR);
-}
-
-template <class Request, class Indication,
-          void (PdcService::*carry_out)(const Request& request, Indication& indication)>
-ServiceReply PdcService::answer_with(uint16_t msg_id, std::span<const uint8_t> bytes) {
-  Request request{};
-  if (!read_struct(bytes, request)) {
-    return ServiceReply::transport_error(QMI_INTERNAL_ERR);
-  }
-  if (conf_.pdc_fault.kind == ServiceFault::Kind::kResult) {
-    return reply_with(pdc_result_v01{.result = 1, .error = conf_.pdc_fault.code});
-  }
+template <class Request, class Indication>
+pdc_result_v01 PdcService::accept(uint16_t msg_id, const Request& request,
+                                  CarryOut<Request, Indication> carry_out) {
   if (!is_valid(request)) {
-    return reply_with(kInvalidArgument);
+    return kInvalidArgument;
   }
   Indication indication{};
   indication.indication_error = static_cast<uint32_t>(conf_.pdc_ind_error);
   if (conf_.pdc_ind_error == 0) {
-    const std::lock_guard lock(mutex_);
     (this->*carry_out)(request, indication);
   }
   const auto* const start = reinterpret_cast<const uint8_t*>(&indication);
-  send_outcome(msg_id, {start, start + sizeof indication});
-  return reply_with(kAccepted);
+  afterwards = [this, msg_id, bytes = std::vector(start, start + sizeof indication)] {
+    send_outcome(msg_id, bytes);
+  };
+  return kDone;
 }
 
 void PdcService::get_selected(const pdc_get_selected_config_req_msg_v01& request,
@@ -285,8 +252,8 @@ ConfigId PdcService::selected(uint32_t sub) const {
   return read_id(sub, "selected", waiting.empty() ? conf_.pdc_active[sub] : waiting);
 }
 
-void PdcService::send_outcome(uint16_t msg_id, std::vector<uint8_t> indication) {
-  if (conf_.pdc_fault.kind == ServiceFault::Kind::kSilent) {
+void PdcService::send_outcome(uint16_t msg_id, const std::vector<uint8_t>& indication) {
+  if (conf_.fault_of(kPdcServiceId).kind == ServiceFault::Kind::kSilent) {
     return;
   }
   switch (conf_.pdc_indication) {
@@ -297,61 +264,56 @@ void PdcService::send_outcome(uint16_t msg_id, std::vector<uint8_t> indication) 
       std::this_thread::sleep_for(kEarlyLead);
       break;
     case PdcIndication::kLate:
-      indications_.send_in(kLateDelay, msg_id, std::move(indication));
+      indications_.send_in(kLateDelay, msg_id, indication);
       break;
     case PdcIndication::kTwice:
       indications_.send_in(kNormalDelay, msg_id, indication);
       [[fallthrough]];
     case PdcIndication::kNormal:
-      indications_.send_in(kNormalDelay, msg_id, std::move(indication));
+      indications_.send_in(kNormalDelay, msg_id, indication);
       break;
   }
 }
 
-constexpr std::array<qmi_idl_message, 4> kRequests{{
-    struct_message<pdc_get_selected_config_req_msg_v01>(QMI_PDC_GET_SELECTED_CONFIG_REQ_V01),
-    struct_message<pdc_set_selected_config_req_msg_v01>(QMI_PDC_SET_SELECTED_CONFIG_REQ_V01),
-    struct_message<pdc_activate_config_req_msg_v01>(QMI_PDC_ACTIVATE_CONFIG_REQ_V01),
-    struct_message<pdc_deactivate_config_req_msg_v01>(QMI_PDC_DEACTIVATE_CONFIG_REQ_V01),
-}};
-constexpr std::array<qmi_idl_message, 4> kResponses{{
-    struct_message<pdc_get_selected_config_resp_msg_v01>(QMI_PDC_GET_SELECTED_CONFIG_REQ_V01),
-    struct_message<pdc_set_selected_config_resp_msg_v01>(QMI_PDC_SET_SELECTED_CONFIG_REQ_V01),
-    struct_message<pdc_activate_config_resp_msg_v01>(QMI_PDC_ACTIVATE_CONFIG_REQ_V01),
-    struct_message<pdc_deactivate_config_resp_msg_v01>(QMI_PDC_DEACTIVATE_CONFIG_REQ_V01),
-}};
-constexpr std::array<qmi_idl_message, 11> kIndications{{
-    struct_message<pdc_get_selected_config_ind_msg_v01>(QMI_PDC_GET_SELECTED_CONFIG_IND_V01),
-    struct_message<pdc_set_selected_config_ind_msg_v01>(QMI_PDC_SET_SELECTED_CONFIG_IND_V01),
-    struct_message<pdc_list_configs_ind_msg_v01>(QMI_PDC_LIST_CONFIGS_IND_V01),
-    struct_message<pdc_delete_config_ind_msg_v01>(QMI_PDC_DELETE_CONFIG_IND_V01),
-    struct_message<pdc_load_config_ind_msg_v01>(QMI_PDC_LOAD_CONFIG_IND_V01),
-    struct_message<pdc_activate_config_ind_msg_v01>(QMI_PDC_ACTIVATE_CONFIG_IND_V01),
-    struct_message<pdc_get_config_info_ind_msg_v01>(QMI_PDC_GET_CONFIG_INFO_IND_V01),
-    struct_message<pdc_get_default_config_info_ind_msg_v01>(
-        QMI_PDC_GET_DEFAULT_CONFIG_INFO_IND_V01),
-    struct_message<pdc_deactivate_config_ind_msg_v01>(QMI_PDC_DEACTIVATE_CONFIG_IND_V01),
-    struct_message<pdc_validate_config_ind_msg_v01>(QMI_PDC_VALIDATE_CONFIG_IND_V01),
-    struct_message<pdc_set_feature_ind_msg_v01>(QMI_PDC_SET_FEATURE_IND_V01),
-}};
-constexpr qmi_idl_service_object kServiceObject{
-    .library_version = 6,
-    .idl_version = 1,
-    .service_id = kPdcServiceId,
-    .idl_minor_version = 18,
-    .max_message_len = sizeof(pdc_get_selected_config_ind_msg_v01),
-    .requests = kRequests,
-    .responses = kResponses,
-    .indications = kIndications,
+// A request that `carry_out` carries out; the indication of its id tells the outcome.
+template <class Response, class Request, class Indication>
+constexpr auto accepted(uint16_t id, PdcService::CarryOut<Request, Indication> carry_out) {
+  return message<Request, Response>(
+      id, [id, carry_out](PdcService& service, const Request& request, Response&) {
+        return service.accept(id, request, carry_out);
+      });
+}
+
+constexpr std::tuple kMessages{
+    accepted<pdc_get_selected_config_resp_msg_v01>(QMI_PDC_GET_SELECTED_CONFIG_REQ_V01,
+                                                   &PdcService::get_selected),
+    accepted<pdc_set_selected_config_resp_msg_v01>(QMI_PDC_SET_SELECTED_CONFIG_REQ_V01,
+                                                   &PdcService::set_selected),
+    accepted<pdc_activate_config_resp_msg_v01>(QMI_PDC_ACTIVATE_CONFIG_REQ_V01,
+                                               &PdcService::activate),
+    accepted<pdc_deactivate_config_resp_msg_v01>(QMI_PDC_DEACTIVATE_CONFIG_REQ_V01,
+                                                 &PdcService::deactivate),
 };
+constexpr std::array<qmi_idl_message, 11> kIndications{{
+    describe<pdc_get_selected_config_ind_msg_v01>(QMI_PDC_GET_SELECTED_CONFIG_IND_V01),
+    describe<pdc_set_selected_config_ind_msg_v01>(QMI_PDC_SET_SELECTED_CONFIG_IND_V01),
+    describe<pdc_list_configs_ind_msg_v01>(QMI_PDC_LIST_CONFIGS_IND_V01),
+    describe<pdc_delete_config_ind_msg_v01>(QMI_PDC_DELETE_CONFIG_IND_V01),
+    describe<pdc_load_config_ind_msg_v01>(QMI_PDC_LOAD_CONFIG_IND_V01),
+    describe<pdc_activate_config_ind_msg_v01>(QMI_PDC_ACTIVATE_CONFIG_IND_V01),
+    describe<pdc_get_config_info_ind_msg_v01>(QMI_PDC_GET_CONFIG_INFO_IND_V01),
+    describe<pdc_get_default_config_info_ind_msg_v01>(QMI_PDC_GET_DEFAULT_CONFIG_INFO_IND_V01),
+    describe<pdc_deactivate_config_ind_msg_v01>(QMI_PDC_DEACTIVATE_CONFIG_IND_V01),
+    describe<pdc_validate_config_ind_msg_v01>(QMI_PDC_VALIDATE_CONFIG_IND_V01),
+    describe<pdc_set_feature_ind_msg_v01>(QMI_PDC_SET_FEATURE_IND_V01),
+}};
+constexpr qmi_idl_service_object kServiceObject =
+    service_object<kMessages>(kPdcServiceId, 18, kIndications);
 
 }  // namespace
 
 Service make_pdc_service(const ModemConf& conf) {
-  return [service = std::make_shared<PdcService>(conf)](uint16_t msg_id,
-                                                        std::span<const uint8_t> request) {
-    return service->handle(msg_id, request);
-  };
+  return make_service<kMessages, PdcService>(kPdcServiceId, conf);
 }
 
 }  // namespace kiv::platform

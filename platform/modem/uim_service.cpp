@@ -2,14 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
-#include <memory>
-#include <mutex>
 #include <span>
+#include <tuple>
+#include <utility>
 
 #include "platform/android/state_directory.h"
-#include "platform/modem/struct_message.h"
-#include "qmi_client.h"
+#include "platform/modem/service_messages.h"
 #include "uim_idl.h"
 
 namespace kiv::platform {
@@ -20,10 +18,6 @@ constexpr const char* kProfilesFile = "uim/profiles";
 
 constexpr uint32_t kEuiccSlot = 2;
 constexpr uint8_t kChannelMax = 3;
-
-constexpr uim_result_v01 kDone{.result = 0, .error = 0};
-constexpr uim_result_v01 kInternalError{.result = 1, .error = 3};
-constexpr uim_result_v01 kInvalidArgument{.result = 1, .error = 48};
 
 // The issuer security domain root of an eUICC, GSMA SGP.22.
 constexpr std::array<uint8_t, 16> kIsdrAid{0xA0, 0x00, 0x00, 0x05, 0x59, 0x10, 0x10, 0xFF,
@@ -52,33 +46,10 @@ void set_apdu(uim_send_apdu_resp_msg_v01& response, std::span<const uint8_t> apd
   std::copy(apdu.begin(), apdu.end(), response.apdu);
 }
 
+// What the requests work on, one at a time, as a card carries them out.
 class UimService {
  public:
-  explicit UimService(const ModemConf& conf)
-      : conf_(conf), failure_{.result = conf.uim_fault.code, .error = 0} {}
-
-  ServiceReply handle(uint16_t msg_id, std::span<const uint8_t> request);
-
- private:
-  template <class Request, class Response>
-  using Answer = uim_result_v01 (UimService::*)(const Request& request, Response& response);
-  struct MessageRow {
-    uint16_t id;
-    ServiceReply (UimService::*answer)(std::span<const uint8_t> request);
-  };
-  static const std::array<MessageRow, 6> kMessages;
-
-  // The answer to a request of the right size, or the configured failure.
-  template <class Request, class Response, Answer<Request, Response> answer>
-  ServiceReply answer_with(std::span<const uint8_t> bytes) {
-    Request request{};
-    if (!read_struct(bytes, request)) {
-      return ServiceReply::transport_error(QMI_INTERNAL_ERR);
-    }
-    Response response{};
-    response.resp = failure_.result != 0 ? failure_ : (this->*answer)(request, response);
-    return reply_with(response);
-  }
+  explicit UimService(ModemConf conf) : conf_(std::move(conf)) {}
 
   uim_result_v01 set_sim_type(const uim_set_sim_type_req_msg_v01& request,
                               uim_set_sim_type_resp_msg_v01& response);
@@ -93,45 +64,13 @@ class UimService {
   uim_result_v01 send_apdu(const uim_send_apdu_req_msg_v01& request,
                            uim_send_apdu_resp_msg_v01& response);
 
+ private:
   bool is_open(uint32_t slot, uint8_t channel_valid, uint8_t channel) const;
   uim_result_v01 reset_euicc(uim_send_apdu_resp_msg_v01& response);
 
   const ModemConf conf_;
-  const uim_result_v01 failure_;  // of every answer, when its result is not 0
-  std::mutex mutex_;              // one request at a time, as a card carries them out
   std::array<bool, kChannelMax + 1> channels_{true};  // which are open; 0 is the basic one
 };
-
-const std::array<UimService::MessageRow, 6> UimService::kMessages{{
-    {QMI_UIM_SET_SIM_TYPE_REQ_V01,
-     &UimService::answer_with<uim_set_sim_type_req_msg_v01, uim_set_sim_type_resp_msg_v01,
-                              &UimService::set_sim_type>},
-    {QMI_UIM_GET_EID_REQ_V01,
-     &UimService::answer_with<uim_get_eid_req_msg_v01, uim_get_eid_resp_msg_v01,
-                              &UimService::get_eid>},
-    {QMI_UIM_GET_CARD_STATUS_REQ_V01,
-     &UimService::answer_with<uim_get_card_status_req_msg_v01, uim_get_card_status_resp_msg_v01,
-                              &UimService::get_card_status>},
-    {QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01,
-     &UimService::answer_with<uim_open_logical_channel_req_msg_v01,
-                              uim_open_logical_channel_resp_msg_v01, &UimService::open_channel>},
-    {QMI_UIM_LOGICAL_CHANNEL_REQ_V01,
-     &UimService::answer_with<uim_logical_channel_req_msg_v01, uim_logical_channel_resp_msg_v01,
-                              &UimService::close_channel>},
-    {QMI_UIM_SEND_APDU_REQ_V01,
-     &UimService::answer_with<uim_send_apdu_req_msg_v01, uim_send_apdu_resp_msg_v01,
-                              &UimService::send_apdu>},
-}};
-
-ServiceReply UimService::handle(uint16_t msg_id, std::span<const uint8_t> request) {
-  const auto row = std::find_if(kMessages.begin(), kMessages.end(),
-                                [msg_id](const MessageRow& entry) { return entry.id == msg_id; });
-  if (row == kMessages.end()) {
-    return ServiceReply::transport_error(QMI_INTERNAL_ERR);
-  }
-  const std::lock_guard lock(mutex_);
-  return (this->*row->answer)(request);
-}
 
 uim_result_v01 UimService::set_sim_type(const uim_set_sim_type_req_msg_v01& request,
                                         uim_set_sim_type_resp_msg_v01&) {
@@ -232,40 +171,26 @@ uim_result_v01 UimService::reset_euicc(uim_send_apdu_resp_msg_v01& response) {
   return kDone;
 }
 
-constexpr std::array<qmi_idl_message, 6> kRequests{{
-    struct_message<uim_set_sim_type_req_msg_v01>(QMI_UIM_SET_SIM_TYPE_REQ_V01),
-    struct_message<uim_get_eid_req_msg_v01>(QMI_UIM_GET_EID_REQ_V01),
-    struct_message<uim_get_card_status_req_msg_v01>(QMI_UIM_GET_CARD_STATUS_REQ_V01),
-    struct_message<uim_open_logical_channel_req_msg_v01>(QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01),
-    struct_message<uim_logical_channel_req_msg_v01>(QMI_UIM_LOGICAL_CHANNEL_REQ_V01),
-    struct_message<uim_send_apdu_req_msg_v01>(QMI_UIM_SEND_APDU_REQ_V01),
-}};
-constexpr std::array<qmi_idl_message, 6> kResponses{{
-    struct_message<uim_set_sim_type_resp_msg_v01>(QMI_UIM_SET_SIM_TYPE_REQ_V01),
-    struct_message<uim_get_eid_resp_msg_v01>(QMI_UIM_GET_EID_REQ_V01),
-    struct_message<uim_get_card_status_resp_msg_v01>(QMI_UIM_GET_CARD_STATUS_REQ_V01),
-    struct_message<uim_open_logical_channel_resp_msg_v01>(QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01),
-    struct_message<uim_logical_channel_resp_msg_v01>(QMI_UIM_LOGICAL_CHANNEL_REQ_V01),
-    struct_message<uim_send_apdu_resp_msg_v01>(QMI_UIM_SEND_APDU_REQ_V01),
-}};
-constexpr qmi_idl_service_object kServiceObject{
-    .library_version = 6,
-    .idl_version = 1,
-    .service_id = kUimServiceId,
-    .idl_minor_version = 0x71,
-    .max_message_len = sizeof(uim_get_card_status_resp_msg_v01),
-    .requests = kRequests,
-    .responses = kResponses,
-    .indications = {},
+constexpr std::tuple kMessages{
+    message<uim_set_sim_type_req_msg_v01, uim_set_sim_type_resp_msg_v01>(
+        QMI_UIM_SET_SIM_TYPE_REQ_V01, &UimService::set_sim_type),
+    message<uim_get_eid_req_msg_v01, uim_get_eid_resp_msg_v01>(QMI_UIM_GET_EID_REQ_V01,
+                                                               &UimService::get_eid),
+    message<uim_get_card_status_req_msg_v01, uim_get_card_status_resp_msg_v01>(
+        QMI_UIM_GET_CARD_STATUS_REQ_V01, &UimService::get_card_status),
+    message<uim_open_logical_channel_req_msg_v01, uim_open_logical_channel_resp_msg_v01>(
+        QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01, &UimService::open_channel),
+    message<uim_logical_channel_req_msg_v01, uim_logical_channel_resp_msg_v01>(
+        QMI_UIM_LOGICAL_CHANNEL_REQ_V01, &UimService::close_channel),
+    message<uim_send_apdu_req_msg_v01, uim_send_apdu_resp_msg_v01>(QMI_UIM_SEND_APDU_REQ_V01,
+                                                                   &UimService::send_apdu),
 };
+constexpr qmi_idl_service_object kServiceObject = service_object<kMessages>(kUimServiceId, 0x71);
 
 }  // namespace
 
 Service make_uim_service(const ModemConf& conf) {
-  return [service = std::make_shared<UimService>(conf)](uint16_t msg_id,
-                                                        std::span<const uint8_t> request) {
-    return service->handle(msg_id, request);
-  };
+  return make_service<kMessages, UimService>(kUimServiceId, conf);
 }
 
 }  // namespace kiv::platform

@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "platform/modem/extension_service.h"
 #include "platform/modem/modem_conf.h"
 #include "platform/modem/nv_efs_store.h"
+#include "platform/modem/uim_service.h"
 #include "tests/support/state_directory_fixture.h"
 
 namespace kiv::test {
@@ -32,9 +34,10 @@ TEST_F(ModemTest, WhatIsNotUnderstoodIsNamedAndTheRestCounts) {
             "modem.conf:5: unknown key \"\"\nmodem.conf:6: unknown key \"a?[31m?\"\n"
             "modem.conf:8: unknown key \"" +
                 std::string(60, 'k') + "\"...\nmodem.conf:9: bad value \"fault.uim = down now\"\n");
-  EXPECT_EQ(conf.extension_fault.kind, platform::ServiceFault::Kind::kSilent)
+  EXPECT_EQ(conf.fault_of(platform::kExtensionServiceId).kind,
+            platform::ServiceFault::Kind::kSilent)
       << "the last line counts";
-  EXPECT_EQ(conf.uim_fault.code, INT32_MIN);
+  EXPECT_EQ(conf.fault_of(platform::kUimServiceId).code, INT32_MIN);
   std::filesystem::create_directories(state_dir() + "/modem.conf");
   testing::internal::CaptureStderr();
   static_cast<void>(platform::load_modem_conf());

@@ -1,4 +1,6 @@
-#include "platform/modem/struct_message.h"
+#include "platform/modem/service_messages.h"
+
+#include <cstring>
 
 #include "platform/android/state_directory.h"
 
