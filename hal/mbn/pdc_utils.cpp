@@ -137,13 +137,13 @@ struct send_outcome {
 
 // One request, as `run_request` takes it.
 struct pdc_request {
-  int req_type;
-  uint16_t msg_id;
-  uint32_t sub;
-  const char* func;  // whose lines the request's are
-  const char* name;  // in "... is sent" and "... is done"; null for neither
-  uint32_t failure_class;
-  const char* failure;  // said with the error's number when the request was not accepted
+  int req_type = 0;
+  uint16_t msg_id = 0;
+  uint32_t sub = TERVIK_NO_SUB;
+  const char* func = nullptr;  // in the log
+  const char* name = nullptr;  // in "... is sent" and "... is done"; null for neither
+  uint32_t failure_class = LOG_CLASS_DEBUG;
+  const char* failure = nullptr;  // logged with the error's number when the request is refused
   pdc_config_pdc_info* get_sel_holder = nullptr;
 };
 
@@ -213,11 +213,11 @@ template <typename Message, typename Fill, typename Accepted = bool (*)(const pd
 
 // An indication of this program's table.
 struct pdc_indication {
-  uint16_t msg_id;
-  const char* handler;
-  const char* name = nullptr;  // in "... is received"; null where the handler logs another line
-  int req_type = 0;            // of the waiter; 0 for none
-  const char* ignored;         // said when nobody waits for it
+  uint32_t msg_id = 0;
+  int req_type = 0;               // of the waiter; 0 for none
+  const char* handler = nullptr;  // in the log
+  const char* name = nullptr;     // in "... is received"; null where the handler logs another line
+  const char* ignored = nullptr;  // logged when no request waits for the indication
   // Of the kinds that are requested: the structure's size, and the result that it tells. The mutex
   // is held.
   uint32_t record_size = 0;
@@ -279,55 +279,55 @@ int evaluate_get_selected(const char* func, const uint8_t* decoded) {
 
 constexpr pdc_indication INDICATIONS[] = {
     {.msg_id = QMI_PDC_GET_SELECTED_CONFIG_IND_V01,
+     .req_type = PDC_REQ_GET_SEL,
      .handler = "qmi_pdc_get_selected_config_ind_hdlr_ex",
      .name = "QMI_PDC_GET_SELECTED_CONFIG_IND_V01",
-     .req_type = PDC_REQ_GET_SEL,
      .ignored = "Do nothing, No QMI_PDC_GET_SELECTED_CONFIG_REQ_V01",
      .record_size = sizeof(pdc_get_selected_config_ind_msg_v01),
      .evaluate = evaluate_get_selected},
     {.msg_id = QMI_PDC_SET_SELECTED_CONFIG_IND_V01,
+     .req_type = PDC_REQ_SEL_CONFIG,
      .handler = "qmi_pdc_select_config_ind_hdlr_ex",
      .name = "QMI_PDC_SET_SELECTED_CONFIG_IND_V01",
-     .req_type = PDC_REQ_SEL_CONFIG,
      .ignored = "Do nothing, No QMI_PDC_SET_SELECTED_CONFIG_REQ_V01",
      .record_size = sizeof(pdc_set_selected_config_ind_msg_v01),
      .evaluate = evaluate_plain<pdc_set_selected_config_ind_msg_v01>},
     {.msg_id = QMI_PDC_LIST_CONFIGS_IND_V01,
-     .handler = "qmi_pdc_list_configs_ind_hdlr_ex",
      .req_type = PDC_REQ_LIST,
+     .handler = "qmi_pdc_list_configs_ind_hdlr_ex",
      .ignored =
          "pdc_list_configs_flag, g_pdc_info_ex.is_pdc_list_handling is not running, do nothing"},
     {.msg_id = QMI_PDC_DELETE_CONFIG_IND_V01,
+     .req_type = PDC_REQ_DEL,
      .handler = "qmi_pdc_delete_config_ind_hdlr_ex",
      .name = "QMI_PDC_DELETE_CONFIG_IND_V01",
-     .req_type = PDC_REQ_DEL,
      .ignored = "Do nothing, No QMI_PDC_DELETE_CONFIG_REQ_V01"},
     {.msg_id = QMI_PDC_LOAD_CONFIG_IND_V01,
+     .req_type = PDC_REQ_LOAD,
      .handler = "qmi_pdc_load_config_ind_hdlr_ex",
      .name = "QMI_PDC_LOAD_CONFIG_IND_V01",
-     .req_type = PDC_REQ_LOAD,
      .ignored = "Do nothing, No QMI_PDC_LOAD_CONFIG_REQ_V01"},
     {.msg_id = QMI_PDC_ACTIVATE_CONFIG_IND_V01,
+     .req_type = PDC_REQ_ACT_CONFIG,
      .handler = "qmi_pdc_activate_config_ind_hdlr_ex",
      .name = "QMI_PDC_ACTIVATE_CONFIG_IND_V01",
-     .req_type = PDC_REQ_ACT_CONFIG,
      .ignored = "Do nothing, No QMI_PDC_ACTIVATE_CONFIG_REQ_V01",
      .record_size = sizeof(pdc_activate_config_ind_msg_v01),
      .evaluate = evaluate_activate},
     {.msg_id = QMI_PDC_GET_CONFIG_INFO_IND_V01,
+     .req_type = PDC_REQ_INFO,
      .handler = "qmi_pdc_get_config_info_ind_hdlr_ex",
      .name = "QMI_PDC_GET_CONFIG_INFO_IND_V01",
-     .req_type = PDC_REQ_INFO,
      .ignored = "Do nothing, No QMI_PDC_GET_CONFIG_INFO_REQ_V01"},
     {.msg_id = QMI_PDC_GET_DEFAULT_CONFIG_INFO_IND_V01,
+     .req_type = PDC_REQ_DEFAULT_INFO,
      .handler = "tervik_mbn_get_default_config_info_ind_hdlr",
      .name = "QMI_PDC_GET_DEFAULT_CONFIG_INFO_IND_V01",
-     .req_type = PDC_REQ_DEFAULT_INFO,
      .ignored = "Do nothing, No QMI_PDC_GET_DEFAULT_CONFIG_INFO_REQ_V01"},
     {.msg_id = QMI_PDC_DEACTIVATE_CONFIG_IND_V01,
+     .req_type = PDC_REQ_DEACT,
      .handler = "qmi_pdc_deactivate_config_ind_hdlr_ex",
      .name = "QMI_PDC_DEACTIVATE_CONFIG_IND_V01",
-     .req_type = PDC_REQ_DEACT,
      .ignored = "Do nothing, No QMI_PDC_DEACTIVATE_CONFIG_REQ_V01",
      .record_size = sizeof(pdc_deactivate_config_ind_msg_v01),
      .evaluate = evaluate_plain<pdc_deactivate_config_ind_msg_v01>},
@@ -335,9 +335,9 @@ constexpr pdc_indication INDICATIONS[] = {
      .handler = "qcril_qmi_pdc_validate_config_ind_hdlr_ex",
      .ignored = "ignore this indication, no pdc_validate_config_req"},
     {.msg_id = QMI_PDC_SET_FEATURE_IND_V01,
+     .req_type = PDC_REQ_SET_FEATURE,
      .handler = "qmi_pdc_set_feature_ind_hdlr_ex",
      .name = "QMI_PDC_SET_FEATURE_IND_V01",
-     .req_type = PDC_REQ_SET_FEATURE,
      .ignored = "Do nothing, No QMI_PDC_SET_FEATURE_REQ_V01"},
 };
 
@@ -541,8 +541,6 @@ int pdc_get_current_config_ex(pdc_config_pdc_info* holder, uint32_t config_type,
        .msg_id = QMI_PDC_GET_SELECTED_CONFIG_REQ_V01,
        .sub = sub,
        .func = __func__,
-       .name = nullptr,
-       .failure_class = LOG_CLASS_DEBUG,
        .failure = "qmi send message error for get_sel_configs",
        .get_sel_holder = holder},
       [&](auto& message) {
@@ -563,7 +561,6 @@ int pdc_select_config_ex(const pdc_config_pdc_info* holder, uint32_t config_type
        .sub = sub,
        .func = func,
        .name = "QMI_PDC_SET_SELECTED_CONFIG_REQ_V01",
-       .failure_class = LOG_CLASS_DEBUG,
        .failure = "qmi send message error for set_selected_config"},
       [&](auto& message) {
         if (holder->config_id_len > PDC_CONFIG_ID_MAX) {
@@ -595,7 +592,6 @@ int pdc_activate_config_ex(uint32_t config_type, uint32_t activation_type, uint3
        .sub = sub,
        .func = func,
        .name = "QMI_PDC_ACTIVATE_CONFIG_REQ_V01",
-       .failure_class = LOG_CLASS_DEBUG,
        .failure = "qmi send message error for activate_config"},
       [&](auto& message) {
         message.config_type = config_type;
