@@ -49,11 +49,19 @@ std::mutex g_diag_send_mutex;
 // One without-result worker at a time.
 std::mutex g_diag_without_result_mutex;
 
-// True between the hand-over of a with-result command and the end of its wait: a response at any
-// other time belongs to nobody. Guarded by g_diag_dci_rsp_mutex.
-bool g_diag_rsp_expected = false;
-// True once a response has woken the send: it is no time-out any more. Guarded likewise.
-bool g_diag_rsp_answered = false;
+// The wait of a with-result send. Guarded by g_diag_dci_rsp_mutex.
+struct diag_wait {
+  // Idle but for the time from just before the hand-over of a command to the end of its wait: a
+  // response that comes in idle belongs to nobody. Answered: a response has woken the send, so that
+  // no time-out can end its wait any more.
+  enum : uint8_t { IDLE, WAITING, ANSWERED } phase = IDLE;
+  // The thread that keeps the limit. The send waits for its end, because its post must not reach a
+  // semaphore that the send has destroyed.
+  enum : uint8_t { NO_THREAD, RUNNING, ENDED } thread = NO_THREAD;
+  std::condition_variable changed;
+};
+
+diag_wait& g_diag_wait = *new diag_wait;
 
 // Processor ids whose addresses the library hands back with each response.
 int32_t data_primary = PRIMARY_PROCESSOR;
@@ -72,34 +80,17 @@ std::unique_ptr<uint8_t[]> allocate_response(int len) {
 
 // ---- wait thread ----
 
-// Lets the send end the wait thread before its tick is over, and wait for that end: its post must
-// not reach a semaphore that the send has destroyed.
-struct wait_thread_state {
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool started = false;
-  bool running = false;
-  bool send_done = false;
-};
-
-wait_thread_state& g_wait_thread = *new wait_thread_state;
-
-bool wait_thread_was_started() {
-  const std::lock_guard lock(g_wait_thread.mutex);
-  return g_wait_thread.started;
-}
-
-// Sleeps one tick, or less when the send is done.
+// Sleeps one tick, or less when the send has ended its wait.
 void sleep_tick() {
-  std::unique_lock lock(g_wait_thread.mutex);
-  g_wait_thread.changed.wait_for(lock, std::chrono::milliseconds(TICK_MS),
-                                 [] { return g_wait_thread.send_done; });
+  std::unique_lock lock(g_diag_dci_rsp_mutex);
+  g_diag_wait.changed.wait_for(lock, std::chrono::milliseconds(TICK_MS),
+                               [] { return g_diag_wait.phase == diag_wait::IDLE; });
 }
 
 // Ends the wait of a send that is still waiting at its limit.
 void stop_waiting(const char* func) {
   const std::lock_guard lock(g_diag_dci_rsp_mutex);
-  if (g_diag_rsp_answered) {
+  if (g_diag_wait.phase != diag_wait::WAITING) {
     return;
   }
   const int32_t length = g_qcril_diag_rsp_buf.length;
@@ -156,28 +147,32 @@ void wait_without_thread(const char* func) {
   }
 }
 
-enum class after_copy : uint8_t { keep_response, free_response };
+// What the bytes of a response do with those that are there. Where they are appended, a send begins
+// and ends with none.
+enum class arrival : uint8_t { REPLACE, APPEND };
+
+// True while a thread keeps the limit of the wait, or has kept it.
+bool has_wait_thread() {
+  const std::lock_guard lock(g_diag_dci_rsp_mutex);
+  return g_diag_wait.thread != diag_wait::NO_THREAD;
+}
 
 // Waits for the response or the time-out, copies what came to the caller and leaves the module
 // ready for the next send.
 unsigned wait_and_take_response(const char* func, uint8_t* reply_buf, int* p_reply_len,
-                                after_copy then) {
+                                arrival bytes) {
   tervik_diag_cmd_send_with_result_wait_create_thread();
-  if (!wait_thread_was_started()) {
+  if (!has_wait_thread()) {
     wait_without_thread(func);
   }
   while (sem_wait(&g_diag_rsp_sem) != 0 && errno == EINTR) {
   }
   g_diag_rsp_waiting = 0;
-  {
-    std::unique_lock lock(g_wait_thread.mutex);
-    g_wait_thread.send_done = true;
-    g_wait_thread.changed.notify_all();
-    g_wait_thread.changed.wait(lock, [] { return !g_wait_thread.running; });
-  }
+  std::unique_lock lock(g_diag_dci_rsp_mutex);
+  g_diag_wait.phase = diag_wait::IDLE;
+  g_diag_wait.changed.notify_all();
+  g_diag_wait.changed.wait(lock, [] { return g_diag_wait.thread != diag_wait::RUNNING; });
   g_diag_wait_cnt_limit = DEFAULT_WAIT_CNT_LIMIT;
-  const std::lock_guard lock(g_diag_dci_rsp_mutex);
-  g_diag_rsp_expected = false;
   qcril_diag_rsp_buf& response = g_qcril_diag_rsp_buf;
   const int reply_len = *p_reply_len;
   const int data_size = std::min(response.length, reply_len);
@@ -188,26 +183,25 @@ unsigned wait_and_take_response(const char* func, uint8_t* reply_buf, int* p_rep
   if (data_size >= 1) {
     memcpy(reply_buf, response.data.get(), static_cast<size_t>(data_size));
   }
-  if (then == after_copy::free_response) {
+  if (bytes == arrival::APPEND) {
     response = {};
   }
   return g_diag_rsp_timeout.exchange(0) == 1 ? DIAG_FAIL : DIAG_OK;
 }
 
 // From here on a response belongs to the send: the modem may answer a command before the call that
-// hands it over has returned. A DCI send appends pieces, so it starts with an empty response.
-void expect_response(after_copy then) {
+// hands it over has returned.
+void expect_response(arrival bytes) {
   const std::lock_guard lock(g_diag_dci_rsp_mutex);
-  g_diag_rsp_expected = true;
-  g_diag_rsp_answered = false;
-  if (then == after_copy::free_response) {
+  g_diag_wait.phase = diag_wait::WAITING;
+  if (bytes == arrival::APPEND) {
     g_qcril_diag_rsp_buf = {};
   }
 }
 
 void expect_no_response() {
   const std::lock_guard lock(g_diag_dci_rsp_mutex);
-  g_diag_rsp_expected = false;
+  g_diag_wait.phase = diag_wait::IDLE;
 }
 
 // The checks at the beginning of both with-result sends.
@@ -245,7 +239,7 @@ const char* remote_label(uint16_t remote_mask) {
 // Hands the command over and waits for its response.
 unsigned send_and_wait_by_callback(const char* func, const uint8_t* cmd, int data_len, int time_out,
                                    uint8_t* reply_buf, int* p_reply_len) {
-  expect_response(after_copy::keep_response);
+  expect_response(arrival::REPLACE);
   const int ret_send = diag_callback_send_data(PRIMARY_PROCESSOR, library_bytes(cmd), data_len);
   tervik_log_debug_as(func, "ret_send = %d, will wait callback", ret_send);
   if (ret_send != 0) {
@@ -262,7 +256,7 @@ unsigned send_and_wait_by_callback(const char* func, const uint8_t* cmd, int dat
   g_diag_rsp_waiting = 1;
   g_diag_wait_cnt_limit = used / TICK_MS;
   tervik_log_debug_as(func, "Command time = %d * 100ms", g_diag_wait_cnt_limit.load());
-  return wait_and_take_response(func, reply_buf, p_reply_len, after_copy::keep_response);
+  return wait_and_take_response(func, reply_buf, p_reply_len, arrival::REPLACE);
 }
 
 // ---- DCI mode ----
@@ -373,13 +367,13 @@ unsigned send_and_wait_by_dci(const char* func, const uint8_t* cmd, int data_len
     tervik_diag_deinit_with_result();
     return DIAG_FAIL;
   }
-  expect_response(after_copy::free_response);
+  expect_response(arrival::APPEND);
   unsigned result = DIAG_FAIL;
   if (client.send(WITH_RESULT_HANDLERS, cmd, data_len)) {
     g_diag_rsp_waiting = 1;
     g_diag_wait_cnt_limit = time_out / TICK_MS;
     tervik_log_debug_as(func, "Dci Command time = %d", g_diag_wait_cnt_limit.load());
-    result = wait_and_take_response(func, reply_buf, p_reply_len, after_copy::free_response);
+    result = wait_and_take_response(func, reply_buf, p_reply_len, arrival::APPEND);
   } else {
     expect_no_response();
   }
@@ -541,10 +535,11 @@ bool append_piece(const char* func, qcril_diag_rsp_buf& response, const uint8_t*
 
 // False, with a line in the log, for a response that no send waits for.
 bool response_is_expected(const char* func, int len) {
-  if (!g_diag_rsp_expected) {
+  const bool expected = g_diag_wait.phase != diag_wait::IDLE;
+  if (!expected) {
     tervik_log_debug_as(func, "late response is dropped, len = %d", len);
   }
-  return g_diag_rsp_expected;
+  return expected;
 }
 
 void take_dci_piece(const char* func, const uint8_t* ptr, int len, const void* context_data) {
@@ -567,7 +562,7 @@ void take_dci_piece(const char* func, const uint8_t* ptr, int len, const void* c
   tervik_log_debug_as(func, "response, cmd_code = 0x%02x, data_size = %d", ptr[0],
                       g_qcril_diag_rsp_buf.length);
   if (len != DIAG_DCI_PIECE_MAX) {
-    g_diag_rsp_answered = true;
+    g_diag_wait.phase = diag_wait::ANSWERED;
     sem_post(&g_diag_rsp_sem);
   }
 }
@@ -591,7 +586,7 @@ int take_callback_response(const char* func, const uint8_t* ptr, int len,
   g_qcril_diag_rsp_buf.data = std::move(ptr_out);
   g_qcril_diag_rsp_buf.length = len;
   tervik_log_debug_as(func, "callback, cmd_code = 0x%02x, data_size = %d", ptr[0], len);
-  g_diag_rsp_answered = true;
+  g_diag_wait.phase = diag_wait::ANSWERED;
   sem_post(&g_diag_rsp_sem);
   return 0;
 }
@@ -702,26 +697,23 @@ void tervik_diag_deinit_with_result() {
 }
 
 void tervik_diag_cmd_send_with_result_wait_create_thread() {
-  {
-    const std::lock_guard lock(g_wait_thread.mutex);
-    g_wait_thread.send_done = false;
-    g_wait_thread.running = true;
-    g_wait_thread.started = true;
-  }
+  const auto set_thread = [](auto thread) {
+    const std::lock_guard lock(g_diag_dci_rsp_mutex);
+    g_diag_wait.thread = thread;
+  };
+  set_thread(diag_wait::RUNNING);
   const int conf = create_diag_thread(tervik_diag_cmd_send_with_result_wait_thread_proc, nullptr);
   tervik_log_debug("tervik daig is created, conf = %d", conf);
   if (conf != 0) {
-    const std::lock_guard lock(g_wait_thread.mutex);
-    g_wait_thread.running = false;
-    g_wait_thread.started = false;
+    set_thread(diag_wait::NO_THREAD);
   }
 }
 
 void* tervik_diag_cmd_send_with_result_wait_thread_proc(void* /*arg*/) {
   run_wait_ticks(__func__);
-  const std::lock_guard lock(g_wait_thread.mutex);
-  g_wait_thread.running = false;
-  g_wait_thread.changed.notify_all();
+  const std::lock_guard lock(g_diag_dci_rsp_mutex);
+  g_diag_wait.thread = diag_wait::ENDED;
+  g_diag_wait.changed.notify_all();
   return nullptr;
 }
 
