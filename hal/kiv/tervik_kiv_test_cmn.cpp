@@ -38,13 +38,6 @@ constexpr int DIAG_HAND_OVER_MS = 2000;
 constexpr uint32_t DEVICE_STATE_LIMIT = 100;
 constexpr int DEVICE_STATE_UNSET = -255;
 
-// Common messages of this category.
-constexpr int TYPE_CARD_STATUS_QUERY = 39;
-constexpr int TYPE_CARD_STATUS_GET = 55;
-constexpr int TYPE_CARD_TYPE_QUERY = 56;
-constexpr int TYPE_CARD_STATUS_SET = 57;
-constexpr int TYPE_CARD_HOTSWAP_TEST = 80;
-
 constexpr argument_rule HOTSWAP_ARGUMENTS =
     at_least_words(4, {"note: need %d inputs at least, Pls refer to the following cmd:", {4}});
 constexpr argument_rule DSI_ARGUMENT = {
@@ -302,15 +295,8 @@ int tervik_cmn_cmd_send(int type, unsigned int len, const char* data) {
     memcpy(request.data, data, len);
   }
   tervik_common_response response = {};
-  int received = sizeof(response);
-  int result = tervik_extend_qmi_send_sync(
-      REQUEST_ID_COMMON, reinterpret_cast<const uint8_t*>(&request), sizeof(request),
-      reinterpret_cast<uint8_t*>(&response), &received);
-  if (result == TERVIK_EXTEND_SUCCESS && received < TERVIK_COMMON_RESULT_END) {
-    tervik_log_error("qmi response of %d bytes is too short", received);
-    response = {};
-    result = TERVIK_EXTEND_SEND_FAILED;
-  }
+  int received = 0;
+  const int result = tervik_send_class_4(__func__, &request, &response, &received);
   tervik_log_notice("result = %d, rsp.result = %d", result, response.result);
   if (result != 0) {
     tervik_log_error("tervik_extend_qmi_send_sync fail");
@@ -331,28 +317,28 @@ int tervik_cmn_card_status_cmd_ex(int type, int param_cnt, int argc, char** argv
 }
 
 int tervik_cmn_card_status_query(int argc, char** argv) {
-  return tervik_cmn_card_status_cmd(TYPE_CARD_STATUS_QUERY, 0, argc, argv);
+  return tervik_cmn_card_status_cmd(TERVIK_COMMON_CARD_STATUS_QUERY, 0, argc, argv);
 }
 
 int tervik_cmn_card_status_get(int argc, char** argv) {
-  return tervik_cmn_card_status_cmd(TYPE_CARD_STATUS_GET, 1, argc, argv);
+  return tervik_cmn_card_status_cmd(TERVIK_COMMON_CARD_STATUS_GET, 1, argc, argv);
 }
 
 int tervik_cmn_card_status_set(int argc, char** argv) {
-  return tervik_cmn_card_status_cmd(TYPE_CARD_STATUS_SET, 3, argc, argv);
+  return tervik_cmn_card_status_cmd(TERVIK_COMMON_CARD_STATUS_SET, 3, argc, argv);
 }
 
 int tervik_cmn_card_type_query(int argc, char** argv) {
-  return tervik_cmn_card_status_cmd(TYPE_CARD_TYPE_QUERY, 0, argc, argv);
+  return tervik_cmn_card_status_cmd(TERVIK_COMMON_CARD_TYPE_QUERY, 0, argc, argv);
 }
 
 int tervik_cmn_card_hotswap_test(int argc, char** argv) {
   const int32_t opt = atoi(argv[3]);
   tervik_log_notice("opt: %d", opt);
   if (opt != 0) {
-    return tervik_cmn_card_status_cmd_ex(TYPE_CARD_HOTSWAP_TEST, 4, argc, argv);
+    return tervik_cmn_card_status_cmd_ex(TERVIK_COMMON_CARD_HOTSWAP_TEST, 4, argc, argv);
   }
-  return tervik_cmn_cmd_send(TYPE_CARD_HOTSWAP_TEST, sizeof(opt),
+  return tervik_cmn_cmd_send(TERVIK_COMMON_CARD_HOTSWAP_TEST, sizeof(opt),
                              reinterpret_cast<const char*>(&opt));
 }
 

@@ -92,17 +92,12 @@ static_assert(offsetof(tx_test_request, v_ant) == 8);
 static_assert(offsetof(tx_test_request, v_sys) == 12);
 static_assert(offsetof(tx_test_request, v_band_list) == 16);
 
-constexpr uint32_t GPIO_TEST_SUB_COMMAND = 0;
-constexpr uint32_t TX_TEST_SUB_COMMAND = 1;
-
 // Sends a setting; what the modem answers is not examined.
 template <typename Request>
 [[nodiscard]] int send_setting(const char* func, const Request& request) {
-  uint8_t response[sizeof(tervik_common_response)] = {};
-  int response_len = sizeof(response);
-  const int result =
-      tervik_extend_qmi_send_sync(REQUEST_ID_COMMON, reinterpret_cast<const uint8_t*>(&request),
-                                  sizeof(request), response, &response_len);
+  static_assert(sizeof(request) == sizeof(tervik_common_request));
+  tervik_common_response response = {};
+  const int result = tervik_send_class_4(func, &request, &response, nullptr, 0);
   if (result != 0) {
     tervik_log_error_as(func, "tervik_extend_qmi_send_sync fail, REQUEST_ID_COMMON");
   }
@@ -154,7 +149,7 @@ constexpr rf_setting TX_SETTING = {"/oem/debug/ant_tx_config", 25, true};
 int tervik_gpio_test_set(int argc, char** argv) {
   const std::span<char*> typed(argv + FIRST_GPIO_ARG, static_cast<size_t>(argc - FIRST_GPIO_ARG));
   gpio_test_request request = {};
-  request.sub_command = GPIO_TEST_SUB_COMMAND;
+  request.sub_command = TERVIK_COMMON_REQ_GPIO_TEST;
   request.count = static_cast<uint32_t>(typed.size());
   for (size_t i = 0; i < std::min(typed.size(), std::size(request.values)); ++i) {
     request.values[i] = atoi(typed[i]);
@@ -182,7 +177,7 @@ int tervik_rf_tx_test_set(int argc, char** argv) {
     return ARGUMENTS.error_code;
   }
   tx_test_request request = {};
-  request.sub_command = TX_TEST_SUB_COMMAND;
+  request.sub_command = TERVIK_COMMON_REQ_TX_TEST;
   request.v_ant = static_cast<uint32_t>(atoi(argv[3]));
   request.v_sys = static_cast<uint32_t>(atoi(argv[4]));
   request.v_band_list = strtoul(argv[5], nullptr, 0);

@@ -42,10 +42,29 @@ static_assert(offsetof(tervik_common_response, data) == 16);
 // An answer must at least carry its result.
 inline constexpr int TERVIK_COMMON_RESULT_END = offsetof(tervik_common_response, type);
 
+// The types of common messages.
 inline constexpr int TERVIK_COMMON_MODEM_SSR = 31;
 inline constexpr int TERVIK_COMMON_NV_SYNC = 35;
+inline constexpr int TERVIK_COMMON_CARD_STATUS_QUERY = 39;
+inline constexpr int TERVIK_COMMON_CARD_STATUS_GET = 55;
+inline constexpr int TERVIK_COMMON_CARD_TYPE_QUERY = 56;
+inline constexpr int TERVIK_COMMON_CARD_STATUS_SET = 57;
 inline constexpr int TERVIK_COMMON_MODEM_TEST = 73;
+inline constexpr int TERVIK_COMMON_CARD_HOTSWAP_TEST = 80;
 inline constexpr int TERVIK_COMMON_MODEM_CRASH = 99;
+
+// The types of common requests, which begin with them instead of with the 2 of a message.
+inline constexpr int TERVIK_COMMON_REQ_GPIO_TEST = 0;
+inline constexpr int TERVIK_COMMON_REQ_TX_TEST = 1;
+inline constexpr int TERVIK_COMMON_REQ_STATS_DEBUG = 20;
+inline constexpr int TERVIK_COMMON_REQ_STATS_LOG_IDS = 27;
+
+// Sends the 512 bytes of `body` as a request of class 4, in the log for the function `func`. `rsp`
+// is a tervik_common_response, zeroed first; `rsp_len`, when given, returns how many of its bytes
+// were received. Returns the result of the extension client; an answer of less than `rsp_min` bytes
+// is TERVIK_EXTEND_SEND_FAILED.
+[[nodiscard]] int tervik_send_class_4(const char* func, const void* body, void* rsp, int* rsp_len,
+                                      int rsp_min = TERVIK_COMMON_RESULT_END);
 
 // Sends one common message of `len` bytes of data (at most 491). `rsp` is a tervik_common_response,
 // zeroed first; `rsp_len`, when given, returns how many of its bytes were received. Returns the
@@ -91,8 +110,6 @@ void tervik_modem_nv_sync();
 
 // The longest data of a common request, in bytes.
 inline constexpr unsigned TERVIK_COMMON_REQ_DATA_MAX = 499;
-inline constexpr int TERVIK_COMMON_REQ_STATS_DEBUG = 20;
-inline constexpr int TERVIK_COMMON_REQ_STATS_LOG_IDS = 27;
 
 // What comes back for a common request: `data` as far as it was received.
 struct tervik_common_req_response {

@@ -27,11 +27,10 @@ struct common_req_body {
 static_assert(sizeof(common_req_body) == sizeof(tervik_common_request));
 static_assert(offsetof(common_req_body, data) == 8);
 
-// Sends `body` with `len` bytes of data behind its own fields. Refuses wrong arguments, and an
-// answer too short to hold its result.
+// Sends `body` with `len` bytes of data behind its own fields, unless the arguments are wrong.
 template <typename Body>
-[[nodiscard]] int send_class_4(const char* func, Body body, unsigned max_len, unsigned len,
-                               const void* data, void* rsp, int* rsp_len) {
+[[nodiscard]] int send_with_data(const char* func, Body body, unsigned max_len, unsigned len,
+                                 const void* data, void* rsp, int* rsp_len) {
   if (rsp == nullptr || len > max_len || (len != 0 && data == nullptr)) {
     tervik_log_debug_as(func, "%s",
                         rsp == nullptr  ? "rsp is NULL"
@@ -42,12 +41,18 @@ template <typename Body>
   if (len != 0) {
     memcpy(body.data, data, len);
   }
+  return tervik_send_class_4(func, &body, rsp, rsp_len);
+}
+
+}  // namespace
+
+int tervik_send_class_4(const char* func, const void* body, void* rsp, int* rsp_len, int rsp_min) {
   memset(rsp, 0, sizeof(tervik_common_response));
   int received = sizeof(tervik_common_response);
-  int result =
-      tervik_extend_qmi_send_sync(REQUEST_ID_COMMON, reinterpret_cast<const uint8_t*>(&body),
-                                  sizeof(body), static_cast<uint8_t*>(rsp), &received);
-  if (result == TERVIK_EXTEND_SUCCESS && received < TERVIK_COMMON_RESULT_END) {
+  int result = tervik_extend_qmi_send_sync(REQUEST_ID_COMMON, static_cast<const uint8_t*>(body),
+                                           sizeof(tervik_common_request),
+                                           static_cast<uint8_t*>(rsp), &received);
+  if (result == TERVIK_EXTEND_SUCCESS && received < rsp_min) {
     tervik_log_error_as(func, "qmi response of %d bytes is too short", received);
     memset(rsp, 0, sizeof(tervik_common_response));
     result = TERVIK_EXTEND_SEND_FAILED;
@@ -57,8 +62,6 @@ template <typename Body>
   }
   return result;
 }
-
-}  // namespace
 
 int tervik_send_common_qmi_msg(int type, unsigned len, const void* data, void* rsp, int* rsp_len) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
@@ -70,14 +73,14 @@ int tervik_send_common_qmi_msg(int type, unsigned len, const void* data, void* r
   request.always_2 = 2;
   request.type = static_cast<uint32_t>(type);
   request.data_len = len;
-  return send_class_4(__func__, request, TERVIK_COMMON_DATA_MAX, len, data, rsp, rsp_len);
+  return send_with_data(__func__, request, TERVIK_COMMON_DATA_MAX, len, data, rsp, rsp_len);
 }
 
 int tervik_common_qmi_req(int type, unsigned len, const void* data, void* rsp, int* rsp_len) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
   common_req_body request = {};
   request.type = static_cast<uint32_t>(type);
-  return send_class_4(__func__, request, TERVIK_COMMON_REQ_DATA_MAX, len, data, rsp, rsp_len);
+  return send_with_data(__func__, request, TERVIK_COMMON_REQ_DATA_MAX, len, data, rsp, rsp_len);
 }
 
 // ---- restart, crash, NV synchronisation ----
