@@ -27,7 +27,6 @@ std::atomic<int> g_at_serial_fd{0};
 
 namespace {
 
-constexpr int CATEGORY = 8;
 constexpr int AT_TEXT_MAX = 100;
 constexpr size_t SHELL_LINE_SIZE = 501;
 constexpr size_t RECEIVE_MAX = 511;
@@ -37,11 +36,12 @@ constexpr int SEND_TIMEOUT_MS = 3000;
 // Set by the receiver thread when it is through.
 std::atomic<bool> g_at_receive_done{false};
 
-constexpr std::array HELP = {
-    text_line("%d: tervik at command test", {CATEGORY}),
-    text_line("   kiv %d atcmd_cxt               /* atcmd_cxt: at command context */", {CATEGORY}),
-    text_line("                                    the len of atcmd can not > %d", {AT_TEXT_MAX}),
-};
+constexpr std::array COMMANDS = {
+    category_command{.number = NO_COMMAND_NUMBER,
+                     .help = "/* atcmd_cxt: at command context */\n"
+                             "   the len of atcmd can not > 100",
+                     .takes = takes(text("atcmd_cxt", 0, AT_TEXT_MAX,
+                                         "the AT text, up to 100 bytes, cut at its first blank"))}};
 
 // Opens the AT channel for its answer, where there is one. The process must not get it as its
 // controlling terminal, and a channel that is not ready must not hold it up.
@@ -196,9 +196,10 @@ bool check_arguments(const char* func, int argc, char** argv) {
                         "note: The number of inputs should be 2, Pls refer to the following cmd:");
     return false;
   }
-  if (atoi(argv[1]) != CATEGORY) {
-    tervik_log_error_as(
-        func, "note: the first parameters should be %d, Pls refer to the following cmd:", CATEGORY);
+  if (atoi(argv[1]) != TERVIK_AT_CATEGORY.number) {
+    tervik_log_error_as(func,
+                        "note: the first parameters should be %d, Pls refer to the following cmd:",
+                        TERVIK_AT_CATEGORY.number);
     return false;
   }
   if (strlen(argv[2]) > AT_TEXT_MAX) {
@@ -240,6 +241,9 @@ bool exchange(const char* func, const char* at_text) {
 
 }  // namespace
 
+constexpr command_category TERVIK_AT_CATEGORY = {
+    .number = 8, .title = "tervik at command test", .commands = COMMANDS};
+
 void tervik_test_at_cmd_send(const char* at_cmd) {
   std::array<char, SHELL_LINE_SIZE> line = {};
   auto length = static_cast<size_t>(snprintf(line.data(), line.size(), "echo \""));
@@ -277,10 +281,10 @@ int tervik_test_at_cmd_do(int argc, char** argv) {
       return 0;
     }
   }
-  show_help(CATEGORY);
+  show_help(TERVIK_AT_CATEGORY.number);
   return 0;
 }
 
 void tervik_test_at_cmd_show_help(int category) {
-  tervik_print_help_block(TERVIK_LOG_PLACE, CATEGORY, category, HELP);
+  tervik_print_help_block(TERVIK_LOG_PLACE, TERVIK_AT_CATEGORY, category);
 }

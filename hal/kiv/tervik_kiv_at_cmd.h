@@ -9,6 +9,8 @@
 int tervik_test_at_cmd_do(int argc, char** argv);
 // Prints the help block of category 8 when `category` is 0 or 8.
 void tervik_test_at_cmd_show_help(int category);
+// The rows of its commands.
+extern const struct command_category TERVIK_AT_CATEGORY;
 
 // The AT channel's device.
 extern const char* g_at_device_path;

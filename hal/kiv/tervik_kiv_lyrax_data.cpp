@@ -8,7 +8,6 @@
 
 namespace {
 
-constexpr int CATEGORY = 9;
 // Errors, notices, help and results; no traces.
 constexpr uint32_t QUERY_PRINT_MASK = LOG_CLASS_ERROR | LOG_CLASS_NOTICE | LOG_CLASS_HELP;
 
@@ -140,47 +139,65 @@ void tervik_test_qmi_modem_stats_tx_info(uint32_t sub) {
   tervik_log_print(LOG_CLASS_HELP, sub, "TX INFO: tx_power = %d", tx_power);
 }
 
+constexpr command_argument TX_SUB = {
+    "sub", 0, INT_MAX,
+    "= 0 first, 1 second subscription, 2 default data subscription, 3 the larger of both"};
+
 struct stats_query {
   int opt = 0;
-  const char* measures = nullptr;
+  const char* help = nullptr;
   void (*run)(uint32_t sub) = nullptr;
-  // How the help calls the second argument and what it may be.
-  const char* argument = "sub";
-  const char* range = ", sub: 0 - sub0; 1 - sub1";
+  command_argument takes = SUB_ARGUMENT;
 };
 
 constexpr std::array<stats_query, 17> QUERIES = {{
-    {0, "4G PCC rssi",
+    {0, "/* 4G PCC rssi, sub: 0 - sub0; 1 - sub1 */",
      tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_pcc>},
-    {1, "4G SCC1 rssi",
+    {1, "/* 4G SCC1 rssi, sub: 0 - sub0; 1 - sub1 */",
      tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_scc1>},
-    {2, "4G SCC2 rssi",
+    {2, "/* 4G SCC2 rssi, sub: 0 - sub0; 1 - sub1 */",
      tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_scc2>},
-    {3, "4G SCC3 rssi",
+    {3, "/* 4G SCC3 rssi, sub: 0 - sub0; 1 - sub1 */",
      tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_scc3>},
-    {4, "4G SCC4 rssi",
+    {4, "/* 4G SCC4 rssi, sub: 0 - sub0; 1 - sub1 */",
      tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_scc4>},
-    {5, "4G SCC5 rssi",
+    {5, "/* 4G SCC5 rssi, sub: 0 - sub0; 1 - sub1 */",
      tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_scc5>},
-    {6, "4G SCC6 rssi",
+    {6, "/* 4G SCC6 rssi, sub: 0 - sub0; 1 - sub1 */",
      tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_scc6>},
-    {7, "5G PCC rssi", tervik_test_qmi_modem_stats_5g_rssi},
-    {8, "5G PCC snr", tervik_test_qmi_modem_stats_5g_snr},
-    {9, "5G ANT diversity", tervik_test_qmi_modem_stats_5g_ant_diversity},
-    {10, "5G PCC rsrp",
+    {7, "/* 5G PCC rssi, sub: 0 - sub0; 1 - sub1 */", tervik_test_qmi_modem_stats_5g_rssi},
+    {8, "/* 5G PCC snr, sub: 0 - sub0; 1 - sub1 */", tervik_test_qmi_modem_stats_5g_snr},
+    {9, "/* 5G ANT diversity, sub: 0 - sub0; 1 - sub1 */",
+     tervik_test_qmi_modem_stats_5g_ant_diversity},
+    {10, "/* 5G PCC rsrp, sub: 0 - sub0; 1 - sub1 */",
      tervik_test_qmi_modem_stats_5g_rsrp<modem_lyrax_nr5g_srv_meas_info_get_for_pcc>},
-    {11, "5G SCC1 rsrp",
+    {11, "/* 5G SCC1 rsrp, sub: 0 - sub0; 1 - sub1 */",
      tervik_test_qmi_modem_stats_5g_rsrp<modem_lyrax_nr5g_srv_meas_info_get_for_scc1>},
-    {12, "5G SCC2 rsrp",
+    {12, "/* 5G SCC2 rsrp, sub: 0 - sub0; 1 - sub1 */",
      tervik_test_qmi_modem_stats_5g_rsrp<modem_lyrax_nr5g_srv_meas_info_get_for_scc2>},
-    {20, "WCDMA rssi", tervik_test_qmi_modem_stats_wcdma_rssi},
-    {21, "GSM rssi", tervik_test_qmi_modem_stats_gsm_rssi},
-    {30, "Ant info", tervik_test_qmi_modem_stats_ant_info, "0", ""},
-    {31, "Tx info", tervik_test_qmi_modem_stats_tx_info, "sub",
-     ", sub: 0 - sub0 tx; sub: 1 - sub1 tx; sub: 2 - dds tx; sub: other - max tx of dual subs;"},
+    {20, "/* WCDMA rssi, sub: 0 - sub0; 1 - sub1 */", tervik_test_qmi_modem_stats_wcdma_rssi},
+    {21, "/* GSM rssi, sub: 0 - sub0; 1 - sub1 */", tervik_test_qmi_modem_stats_gsm_rssi},
+    {30, "/* Ant info */", tervik_test_qmi_modem_stats_ant_info, unused("0", 1)},
+    {31,
+     "/* Tx info, sub: 0 - sub0 tx; sub: 1 - sub1 tx; sub: 2 - dds tx; sub: other - max tx of dual "
+     "subs; */",
+     tervik_test_qmi_modem_stats_tx_info, TX_SUB},
 }};
 
+constexpr auto COMMANDS = [] {
+  std::array<category_command, QUERIES.size()> commands;
+  for (size_t i = 0; i < commands.size(); ++i) {
+    commands[i].number = QUERIES[i].opt;
+    commands[i].help = QUERIES[i].help;
+    commands[i].takes[0] = QUERIES[i].takes;
+  }
+  return commands;
+}();
+
 }  // namespace
+
+constexpr command_category TERVIK_QMI_STATS_CATEGORY = {
+    .number = 9, .title = "tervik modem stats qmi test", .commands = COMMANDS, .words_min = 4};
 
 void tervik_test_qmi_modem_stats_hdl(int opt, int sub) {
   const stats_query* const query = find_row(QUERIES, &stats_query::opt, opt);
@@ -194,7 +211,7 @@ void tervik_test_qmi_modem_stats_hdl(int opt, int sub) {
 
 void tervik_test_qmi_modem_stats_do(int argc, char** argv) {
   tervik_hal_set_shell_print_mask(QUERY_PRINT_MASK);
-  if (!tervik_check_category_args(TERVIK_LOG_PLACE, CATEGORY, argc, argv, 4)) {
+  if (!tervik_check_category_args(TERVIK_LOG_PLACE, TERVIK_QMI_STATS_CATEGORY, argc, argv)) {
     return;
   }
   const int opt = atoi(argv[2]);
@@ -208,14 +225,5 @@ void tervik_test_qmi_modem_stats_do(int argc, char** argv) {
 }
 
 void tervik_test_modem_stats_show_help(int category) {
-  if (category != 0 && category != CATEGORY) {
-    return;
-  }
-  tervik_log_help("%d: tervik modem stats qmi test", CATEGORY);
-  for (const stats_query& query : QUERIES) {
-    // All comments begin in one column.
-    const int width = query.opt < 10 ? 22 : 21;
-    tervik_log_help("   kiv %d %d %-*s/* %s%s */", CATEGORY, query.opt, width, query.argument,
-                    query.measures, query.range);
-  }
+  tervik_print_help_block(TERVIK_LOG_PLACE, TERVIK_QMI_STATS_CATEGORY, category);
 }

@@ -8,26 +8,20 @@
 
 namespace {
 
-constexpr int CATEGORY = 7;
-
-constexpr std::array HELP = {
-    text_line("%d: tervik modem stats test", {CATEGORY}),
-    text_line("   kiv %d 0 print                 /* modem stats diag-parsed test */", {CATEGORY}),
-    text_line(
-        "                                    print: 0 - print-off for temp info, 1 - print-on for temp info "),
-    text_line("   kiv %d 1 type                  /* get the debug info of modem stats */",
-              {CATEGORY}),
-    text_line("                                    type: 0 - check, 1 - debuginfo "),
-};
-
 constexpr argument_rule ONE_ARGUMENT = at_least_words(4, NOTE_TOO_FEW_PARAMETERS);
 
 constexpr std::array<category_command, 2> COMMANDS = {{
     {0, "tervik_test_modem_stats_parsing_process",
-     command_of<tervik_test_modem_stats_parsing_process>, ONE_ARGUMENT,
+     command_of<tervik_test_modem_stats_parsing_process>,
+     "/* modem stats diag-parsed test */\n"
+     "   print: 0 - print-off for temp info, 1 - print-on for temp info ",
+     takes(number("print", 0, 1, "= 0 result alone, 1 with the trace")), ONE_ARGUMENT,
      "tervik_test_modem_stats_parsing_process FAIL"},
     {1, "tervik_test_modem_stats_get_debug_info",
-     command_of<tervik_test_modem_stats_get_debug_info_do>, ONE_ARGUMENT,
+     command_of<tervik_test_modem_stats_get_debug_info_do>,
+     "/* get the debug info of modem stats */\n"
+     "   type: 0 - check, 1 - debuginfo ",
+     takes(number("type", 0, 1, "= 0 check, 1 debug information")), ONE_ARGUMENT,
      "tervik_test_modem_stats_get_debug_info FAIL"},
 }};
 
@@ -41,6 +35,9 @@ constexpr std::array<uint8_t, 48> TEST_RECORD = {
 };
 
 }  // namespace
+
+constexpr command_category TERVIK_MODEM_STATS_CATEGORY = {
+    .number = 7, .title = "tervik modem stats test", .commands = COMMANDS, .number_name = "type"};
 
 void tervik_test_modem_stats_parsing_process(int print_flag) {
   tervik_log_notice("length = %d, print_flag = %d", static_cast<int>(TEST_RECORD.size()),
@@ -73,11 +70,9 @@ void tervik_test_modem_stats_get_debug_info_do(int type) {
 }
 
 void tervik_test_modem_stats_do(int argc, char** argv) {
-  tervik_run_category(TERVIK_LOG_PLACE,
-                      {.number = CATEGORY, .commands = COMMANDS, .number_name = "type"}, argc,
-                      argv);
+  tervik_run_category(TERVIK_LOG_PLACE, TERVIK_MODEM_STATS_CATEGORY, argc, argv);
 }
 
 void tervik_test_qmi_modem_stats_show_help(int category) {
-  tervik_print_help_block(TERVIK_LOG_PLACE, CATEGORY, category, HELP);
+  tervik_print_help_block(TERVIK_LOG_PLACE, TERVIK_MODEM_STATS_CATEGORY, category);
 }

@@ -7,6 +7,8 @@
 void tervik_test_modem_stats_do(int argc, char** argv);
 // Prints the help block of category 7 when `category` is 0 or 7.
 void tervik_test_qmi_modem_stats_show_help(int category);
+// The rows of its commands.
+extern const struct command_category TERVIK_MODEM_STATS_CATEGORY;
 
 // Command 0: decodes the built-in record; `print_flag` other than 0 switches the trace on.
 void tervik_test_modem_stats_parsing_process(int print_flag);

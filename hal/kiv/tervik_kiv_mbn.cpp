@@ -8,25 +8,8 @@
 
 namespace {
 
-constexpr int CATEGORY = 10;
-
-constexpr std::array HELP = {
-    text_line("%d: tervik mbn test", {CATEGORY}),
-    text_line(
-        "   kiv %d %d sub_mask             /* mbn refresh, sub_mask: 1 - sub0; 2 - sub1; 3 - sub0&sub1 */",
-        {CATEGORY, 0}),
-    text_line(
-        "   kiv %d %d sub_mask             /* mbn reactive, sub_mask: 1 - sub0; 2 - sub1; 3 - sub0&sub1 */",
-        {CATEGORY, 1}),
-    text_line(
-        "   kiv %d %d count               /* mbn all pdc no response, count: the number of no response */",
-        {CATEGORY, 30}),
-    text_line(
-        "   kiv %d %d flag                /* mbn pdc wait and notify, flag: wait and notify case */",
-        {CATEGORY, 31}),
-    text_line(
-        "                                 /*                          flag - 1: notify -> wait */"),
-};
+constexpr command_argument SUB_MASK =
+    number("sub_mask", 1, 3, "= 1 first, 2 second, 3 both subscriptions");
 
 // What the operations return is in the log, which is all that the operator is told.
 
@@ -43,21 +26,31 @@ void drop_responses(int count) {
 }
 
 constexpr std::array<category_command, 4> COMMANDS = {{
-    {0, "tervik_refresh_sw_mbn", command_of<refresh>},
-    {1, "tervik_reactivate_sw_mbn", command_of<reactivate>},
-    {30, "tervik_set_property_value_to_int", command_of<drop_responses>},
-    {31, "tervik_pdc_test_wait_notify", command_of<tervik_pdc_test_wait_notify>},
+    {0, "tervik_refresh_sw_mbn", command_of<refresh>,
+     "/* mbn refresh, sub_mask: 1 - sub0; 2 - sub1; 3 - sub0&sub1 */", takes(SUB_MASK)},
+    {1, "tervik_reactivate_sw_mbn", command_of<reactivate>,
+     "/* mbn reactive, sub_mask: 1 - sub0; 2 - sub1; 3 - sub0&sub1 */", takes(SUB_MASK)},
+    {30, "tervik_set_property_value_to_int", command_of<drop_responses>,
+     "/* mbn all pdc no response, count: the number of no response */",
+     takes(number("count", INT_MIN, INT_MAX, "0 for none, 1 and above for all"))},
+    {31, "tervik_pdc_test_wait_notify", command_of<tervik_pdc_test_wait_notify>,
+     "/* mbn pdc wait and notify, flag: wait and notify case */\n"
+     "/*                          flag - 1: notify -> wait */",
+     takes(number("flag", 1, 1, "= 1 notify before the wait"))},
 }};
 
 }  // namespace
 
+constexpr command_category TERVIK_MBN_CATEGORY = {.number = 10,
+                                                  .title = "tervik mbn test",
+                                                  .commands = COMMANDS,
+                                                  .words_min = 4,
+                                                  .number_name = "mbn_i"};
+
 void tervik_test_mbn_do(int argc, char** argv) {
-  tervik_run_category(
-      TERVIK_LOG_PLACE,
-      {.number = CATEGORY, .commands = COMMANDS, .words_min = 4, .number_name = "mbn_i"}, argc,
-      argv);
+  tervik_run_category(TERVIK_LOG_PLACE, TERVIK_MBN_CATEGORY, argc, argv);
 }
 
 void tervik_test_mbn_show_help(int category) {
-  tervik_print_help_block(TERVIK_LOG_PLACE, CATEGORY, category, HELP);
+  tervik_print_help_block(TERVIK_LOG_PLACE, TERVIK_MBN_CATEGORY, category);
 }

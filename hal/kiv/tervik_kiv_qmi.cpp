@@ -9,18 +9,10 @@
 
 namespace {
 
-constexpr int CATEGORY = 12;
 constexpr unsigned SCAN_TIMEOUT_MS = 10000;
 constexpr nas_scan_scope_enum_v01 DEFAULT_SCAN_SCOPE{};
 
-constexpr std::array HELP = {
-    text_line("%d: qmi option cmd", {CATEGORY}),
-    text_line("   kiv %d %d arlist               /* nas_perform_network_scan_req_msg_v01 */",
-              {CATEGORY, 0}),
-    text_line(
-        "   kiv %d %d arlist               /* nas_perform_incremental_network_scan_req_msg_v01 */",
-        {CATEGORY, 1}),
-};
+constexpr command_argument ARLIST = unused("arlist", 0, INT_MAX);
 
 // A scan of the default scope as a row's function.
 template <int (*scan)(nas_scan_scope_enum_v01 scan_scope)>
@@ -30,9 +22,11 @@ int default_scan() {
 
 constexpr std::array<category_command, 2> COMMANDS = {{
     {0, "tervik_send_nas_perform_network_scan_req_msg_v01",
-     command_of<default_scan<tervik_send_nas_perform_network_scan_req_msg_v01>>},
+     command_of<default_scan<tervik_send_nas_perform_network_scan_req_msg_v01>>,
+     "/* nas_perform_network_scan_req_msg_v01 */", takes(ARLIST)},
     {1, "tervik_send_nas_perform_incremental_network_scan_req_msg_v01",
-     command_of<default_scan<tervik_send_nas_perform_incremental_network_scan_req_msg_v01>>},
+     command_of<default_scan<tervik_send_nas_perform_incremental_network_scan_req_msg_v01>>,
+     "/* nas_perform_incremental_network_scan_req_msg_v01 */", takes(ARLIST)},
 }};
 
 // Sends a scan request with no optional field present; its results are not looked at. The notice
@@ -52,6 +46,9 @@ template <typename Request, typename Response>
 
 }  // namespace
 
+constexpr command_category TERVIK_QMI_CATEGORY = {
+    .number = 12, .title = "qmi option cmd", .commands = COMMANDS};
+
 int tervik_send_nas_perform_network_scan_req_msg_v01(nas_scan_scope_enum_v01 scan_scope) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
   return send_scan<nas_perform_network_scan_req_msg_v01, nas_perform_network_scan_resp_msg_v01>(
@@ -67,10 +64,10 @@ int tervik_send_nas_perform_incremental_network_scan_req_msg_v01(
 }
 
 int tervik_test_qmi_do(int argc, char** argv) {
-  tervik_run_category(TERVIK_LOG_PLACE, {CATEGORY, COMMANDS}, argc, argv);
+  tervik_run_category(TERVIK_LOG_PLACE, TERVIK_QMI_CATEGORY, argc, argv);
   return 0;
 }
 
 void tervik_test_qmi_show_help(int category) {
-  tervik_print_help_block(TERVIK_LOG_PLACE, CATEGORY, category, HELP);
+  tervik_print_help_block(TERVIK_LOG_PLACE, TERVIK_QMI_CATEGORY, category);
 }

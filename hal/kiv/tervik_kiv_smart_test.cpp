@@ -20,8 +20,6 @@ std::atomic<uint8_t> g_tervik_timer_running{0};
 
 namespace {
 
-constexpr int CATEGORY = 11;
-
 // Each is one restart type of its own.
 constexpr int SSR_FLAG = static_cast<int>(0x80000010);
 constexpr int CRASH_FLAG = static_cast<int>(0x80000011);
@@ -33,30 +31,7 @@ constexpr unsigned MODEM_TEST_DATA_LIMIT = 501;
 // How much later than asked for a timer may expire.
 constexpr int TIMER_TEST_MARGIN_S = 10;
 
-constexpr std::array HELP = {
-    text_line("%d: smart test", {CATEGORY}),
-    text_line("   kiv %d %d                      /* trigger SSR of modem */", {CATEGORY, 0}),
-    text_line("   kiv %d %d                     /* trigger Crash of modem */", {CATEGORY, 10}),
-    text_line("   kiv %d %d                      /* trigger Full Dump */", {CATEGORY, 1}),
-    text_line("   kiv %d %d                      /* trigger NV SYNC */", {CATEGORY, 2}),
-    text_line(
-        "   kiv %d %d opt                  /* ap lyrax print(need reboot), opt: 0 - off; 1 - on */",
-        {CATEGORY, 3}),
-    text_line("   kiv %d %d opt                  /* bp lyrax print, opt: 0 - off; 1 - on */",
-              {CATEGORY, 4}),
-    text_line("   kiv %d %d opt                  /* bp qmi print, opt: 0 - off; 1 - on */",
-              {CATEGORY, 5}),
-    text_line("   kiv %d %d opt                  /* bp rf print, opt: 0 - off; 1 - on */",
-              {CATEGORY, 6}),
-    text_line("   kiv %d %d                      /* share memory test */", {CATEGORY, 7}),
-    text_line(
-        "   kiv %d %d timeout_s            /* tervik timer test, timeout_s - the expired time(s) */",
-        {CATEGORY, 8}),
-    text_line("   kiv %d %d timeout_s            /* dead cycle test */", {CATEGORY, 9}),
-    text_line(
-        "   kiv %d %d type                /* modem test, type: test type(123456789 - do_modem_test) */",
-        {CATEGORY, 11}),
-};
+constexpr command_argument SWITCH = number("opt", 0, 1, "= 0 off, 1 on");
 
 // The handler itself notes what is wrong with the arguments of a command.
 constexpr const char* HANDLER = "tervik_smart_test_do";
@@ -66,18 +41,27 @@ constexpr argument_rule A_SWITCH = {
     .words_min = 4, .note = NOTE_TOO_FEW_PARAMETERS, .takes_switch = true};
 
 constexpr std::array<category_command, 12> COMMANDS = {{
-    {0, HANDLER, command_of<tervik_smart_test_modem_ssr>},
-    {1, HANDLER, command_of<tervik_smart_test_full_dump>},
-    {2, HANDLER, command_of<tervik_smart_test_nv_sync>},
-    {3, HANDLER, command_of<tervik_smart_test_ap_lyrax_switch>, A_SWITCH},
-    {4, HANDLER, command_of<tervik_smart_test_bp_lyrax_print_switch>, A_SWITCH},
-    {5, HANDLER, command_of<tervik_smart_test_bp_qmi_print_switch>, A_SWITCH},
-    {6, HANDLER, command_of<tervik_smart_test_bp_rf_print_switch>, A_SWITCH},
-    {7, HANDLER, command_of<tervik_smart_test_share_memory>},
-    {8, HANDLER, command_of<tervik_smart_test_tervik_timer>, A_NUMBER},
-    {9, HANDLER, command_of<tervik_smart_test_dead_cycle_test>},
-    {10, HANDLER, command_of<tervik_smart_test_modem_crash>},
-    {11, HANDLER, command_of<tervik_qmi_send_modem_test_request>, A_NUMBER},
+    {0, HANDLER, command_of<tervik_smart_test_modem_ssr>, "/* trigger SSR of modem */"},
+    {10, HANDLER, command_of<tervik_smart_test_modem_crash>, "/* trigger Crash of modem */"},
+    {1, HANDLER, command_of<tervik_smart_test_full_dump>, "/* trigger Full Dump */"},
+    {2, HANDLER, command_of<tervik_smart_test_nv_sync>, "/* trigger NV SYNC */"},
+    {3, HANDLER, command_of<tervik_smart_test_ap_lyrax_switch>,
+     "/* ap lyrax print(need reboot), opt: 0 - off; 1 - on */", takes(SWITCH), A_SWITCH},
+    {4, HANDLER, command_of<tervik_smart_test_bp_lyrax_print_switch>,
+     "/* bp lyrax print, opt: 0 - off; 1 - on */", takes(SWITCH), A_SWITCH},
+    {5, HANDLER, command_of<tervik_smart_test_bp_qmi_print_switch>,
+     "/* bp qmi print, opt: 0 - off; 1 - on */", takes(SWITCH), A_SWITCH},
+    {6, HANDLER, command_of<tervik_smart_test_bp_rf_print_switch>,
+     "/* bp rf print, opt: 0 - off; 1 - on */", takes(SWITCH), A_SWITCH},
+    {7, HANDLER, command_of<tervik_smart_test_share_memory>, "/* share memory test */"},
+    {8, HANDLER, command_of<tervik_smart_test_tervik_timer>,
+     "/* tervik timer test, timeout_s - the expired time(s) */",
+     takes(number("timeout_s", 0, INT_MAX, "s")), A_NUMBER},
+    {9, HANDLER, command_of<tervik_smart_test_dead_cycle_test>, "/* dead cycle test */",
+     takes(unused("timeout_s", 0))},
+    {11, HANDLER, command_of<tervik_qmi_send_modem_test_request>,
+     "/* modem test, type: test type(123456789 - do_modem_test) */",
+     takes(number("type", INT_MIN, INT_MAX, "a number that the modem knows")), A_NUMBER},
 }};
 
 // ---- print switches of the modem ----
@@ -172,6 +156,12 @@ void log_modem_test_answer(const char* func, const tervik_common_response& rsp, 
 }
 
 }  // namespace
+
+constexpr command_category TERVIK_SMART_CATEGORY = {.number = 11,
+                                                    .title = "smart test",
+                                                    .commands = COMMANDS,
+                                                    .number_name = "par_i",
+                                                    .tells_error_codes = false};
 
 void tervik_smart_test_modem_ssr() {
   tervik_log_notice("Will trigger SSR of modem");
@@ -292,14 +282,9 @@ void tervik_qmi_send_modem_test_request(int type) {
 }
 
 void tervik_smart_test_do(int argc, char** argv) {
-  tervik_run_category(TERVIK_LOG_PLACE,
-                      {.number = CATEGORY,
-                       .commands = COMMANDS,
-                       .number_name = "par_i",
-                       .tells_error_codes = false},
-                      argc, argv);
+  tervik_run_category(TERVIK_LOG_PLACE, TERVIK_SMART_CATEGORY, argc, argv);
 }
 
 void tervik_smart_test_show_help(int category) {
-  tervik_print_help_block(TERVIK_LOG_PLACE, CATEGORY, category, HELP);
+  tervik_print_help_block(TERVIK_LOG_PLACE, TERVIK_SMART_CATEGORY, category);
 }

@@ -12,6 +12,8 @@
 void tervik_smart_test_do(int argc, char** argv);
 // Prints the help block of category 11 when `category` is 0 or 11.
 void tervik_smart_test_show_help(int category);
+// The rows of its commands.
+extern const struct command_category TERVIK_SMART_CATEGORY;
 
 // The file that the modem shares with the application processor.
 extern const char* g_share_memory_file_path;

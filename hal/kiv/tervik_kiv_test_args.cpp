@@ -1,7 +1,9 @@
 #include "tervik_kiv_test_args.h"
 
-#include <charconv>
+#include <algorithm>
 #include <cstdlib>
+#include <string>
+#include <string_view>
 
 namespace {
 
@@ -48,14 +50,26 @@ bool find_and_run(const tervik_log_place& place, const command_category& categor
   return result == 0;
 }
 
+// Prints each line of `text` from the column on, the first one behind `usage`.
+void print_in_column(const tervik_log_place& place, int column, std::string_view usage,
+                     std::string_view text) {
+  for (bool is_last = false; !is_last; usage = "") {
+    const size_t end = std::min(text.find('\n'), text.size());
+    const std::string_view line = text.substr(0, end);
+    tervik_log_write(place, LOG_CLASS_HELP, TERVIK_NO_SUB, "%-*.*s%.*s", line.empty() ? 0 : column,
+                     static_cast<int>(usage.size()), usage.data(), static_cast<int>(line.size()),
+                     line.data());
+    is_last = end == text.size();
+    text.remove_prefix(is_last ? end : end + 1);
+  }
+}
+
 }  // namespace
 
 bool tervik_check_arguments(const tervik_log_place& place, uint32_t sub, const argument_rule& rule,
                             int argc, char** argv) {
   if (argc < rule.words_min || argc > rule.words_max) {
-    char note[TERVIK_TEXT_SIZE];
-    rule.note.render(note);
-    tervik_log_write(place, rule.note_class, sub, "%s", note);
+    tervik_log_write(place, rule.note_class, sub, "%s", rule.note);
     return false;
   }
   const int value = rule.takes_switch ? atoi(argv[3]) : 0;
@@ -66,24 +80,24 @@ bool tervik_check_arguments(const tervik_log_place& place, uint32_t sub, const a
   return true;
 }
 
-bool tervik_check_category_args(const tervik_log_place& place, int category, int argc, char** argv,
-                                int words_min) {
-  if (argc < words_min) {
+bool tervik_check_category_args(const tervik_log_place& place, const command_category& category,
+                                int argc, char** argv) {
+  if (argc < category.words_min) {
     log_error(place, NOTE_TOO_FEW_PARAMETERS);
-  } else if (atoi(argv[1]) != category) {
-    tervik_log_write(
-        place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
-        "note: the first parameters should be %d, Pls refer to the following cmd:", category);
+  } else if (atoi(argv[1]) != category.number) {
+    tervik_log_write(place, LOG_CLASS_ERROR, TERVIK_NO_SUB,
+                     "note: the first parameters should be %d, Pls refer to the following cmd:",
+                     category.number);
   } else {
     return true;
   }
-  show_help(category);
+  show_help(category.number);
   return false;
 }
 
 void tervik_run_category(const tervik_log_place& place, const command_category& category, int argc,
                          char** argv) {
-  if (tervik_check_category_args(place, category.number, argc, argv, category.words_min) &&
+  if (tervik_check_category_args(place, category, argc, argv) &&
       !find_and_run(place, category, argc, argv)) {
     show_help(category.number);
   }
@@ -97,30 +111,23 @@ void tervik_print_byte_lines(const tervik_log_place& place, uint32_t log_class, 
   tervik_log_write(place, log_class, sub, "%s", "");
 }
 
-void text_line::render(std::span<char> out) const {
-  char* to = out.data();
-  char* const end = to + out.size() - 1;
-  const int* number = numbers_;
-  for (const char* from = text_; *from != '\0' && to != end; ++from) {
-    if (*from != '%') {
-      *to++ = *from;
-      continue;
-    }
-    ++from;
-    const std::to_chars_result written = std::to_chars(to, end, *number++);
-    to = written.ptr;
-  }
-  *to = '\0';
-}
-
-void tervik_print_help_block(const tervik_log_place& place, int category, int wanted,
-                             std::span<const text_line> lines) {
-  if (wanted != 0 && wanted != category) {
+void tervik_print_help_block(const tervik_log_place& place, const command_category& category,
+                             int wanted) {
+  if (wanted != 0 && wanted != category.number) {
     return;
   }
-  for (const text_line& line : lines) {
-    char text[TERVIK_TEXT_SIZE];
-    line.render(text);
-    tervik_log_write(place, LOG_CLASS_HELP, TERVIK_NO_SUB, "%s", text);
+  tervik_log_write(place, LOG_CLASS_HELP, TERVIK_NO_SUB, "%d: %s", category.number, category.title);
+  for (const category_command& command : category.commands) {
+    std::string usage = "   kiv " + std::to_string(category.number);
+    if (command.number != NO_COMMAND_NUMBER) {
+      usage += ' ' + std::to_string(command.number);
+    }
+    for (const command_argument& argument : command.takes) {
+      if (argument.name != nullptr) {
+        usage += ' ';
+        usage += argument.name;
+      }
+    }
+    print_in_column(place, category.help_column, usage, command.help);
   }
 }

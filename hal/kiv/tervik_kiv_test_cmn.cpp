@@ -29,7 +29,6 @@ int hex_digit_value(char c) {
   return c >= '0' && c <= '9' ? c - '0' : 0;
 }
 
-constexpr int CMN_CATEGORY = 5;
 constexpr size_t CARD_PARAMS_MAX = 100;
 constexpr size_t DIAG_RESPONSE_SIZE = TERVIK_DIAG_RESPONSE_MAX;
 constexpr int FIRST_DIAG_BYTE_ARG = 6;
@@ -38,76 +37,77 @@ constexpr int DIAG_HAND_OVER_MS = 2000;
 constexpr uint32_t DEVICE_STATE_LIMIT = 100;
 constexpr int DEVICE_STATE_UNSET = -255;
 
-constexpr argument_rule HOTSWAP_ARGUMENTS =
-    at_least_words(4, {"note: need %d inputs at least, Pls refer to the following cmd:", {4}});
-constexpr argument_rule DSI_ARGUMENT = {
+constexpr command_argument SLOT = number("sub", 0, 1, "= 0 first, 1 second slot");
+
+constexpr command_argument HOTSWAP_COUNTS =
+    number("option_list", 0, INT_MAX,
+           "seconds_after_push seconds_after_pull count_push_and_pull, wanted with opt 1", 0, 3);
+
+constexpr argument_rule HOTSWAP_RULE =
+    at_least_words(4, "note: need 4 inputs at least, Pls refer to the following cmd:");
+constexpr argument_rule DSI_RULE = {
     .words_min = 4, .note = NOTE_TOO_FEW_PARAMETERS, .note_class = LOG_CLASS_HELP};
 
 constexpr std::array<category_command, 10> CMN_COMMANDS = {{
-    {0, "tervik_cmn_diag_cmd_send", tervik_cmn_diag_cmd_send},
-    announced({1, "tervik_cmn_card_status_query", tervik_cmn_card_status_query}),
-    announced({2, "tervik_cmn_card_status_get", tervik_cmn_card_status_get}),
-    announced({3, "tervik_cmn_card_status_set", tervik_cmn_card_status_set}),
-    announced({4, "tervik_cmn_card_type_query", tervik_cmn_card_type_query}),
-    {5, "tervik_cmn_test_get_sar_dsi", command_of<tervik_cmn_test_get_sar_dsi>},
-    announced({6, "tervik_cmn_card_hotswap_test", tervik_cmn_card_hotswap_test, HOTSWAP_ARGUMENTS}),
-    {7, "tervik_cmn_test_set_sar_dsi", command_of<tervik_cmn_test_set_sar_dsi>, DSI_ARGUMENT},
-    {8, "tervik_cmn_test_get_device_state", command_of<tervik_cmn_test_get_device_state>},
-    {10, "tervik_cmn_esim_test", tervik_cmn_esim_test},
+    {0, "tervik_cmn_diag_cmd_send", tervik_cmn_diag_cmd_send,
+     "\n"
+     "/* diag cmd */\n"
+     "   mode: 0 - callback, 1 - dci; \n"
+     "   type: 0 - with result, 1 - without result; \n"
+     "   time_out: unit:ms */\n"
+     "   cmd_cnt: diag cmd bytes */",
+     takes(number("mode", 0, 1, "= 0 callback, 1 DCI"),
+           number("type", 0, 1, "= 0 with result, 1 without result"),
+           number("time_out", 0, INT_MAX, "ms"),
+           bytes("cmd_cnt", argument_kind::HEX_OR_DECIMAL, TERVIK_DIAG_COMMAND_MAX))},
+    announced({1, "tervik_cmn_card_status_query", tervik_cmn_card_status_query,
+               "/* card status query: 0 - absent, 1 - present"}),
+    announced({2, "tervik_cmn_card_status_get", tervik_cmn_card_status_get,
+               "/* card status get, sub: 0 or 1; ret: 0 - absent, 1 - present */", takes(SLOT)}),
+    announced({3, "tervik_cmn_card_status_set", tervik_cmn_card_status_set,
+               "/* card status set, sub: 0 or 1; mode: 0 - general, 1 - sim; set_val: 0 - low, 1 - "
+               "high */",
+               takes(SLOT, number("mode", 0, 1, "= 0 general, 1 SIM"),
+                     number("set_val", 0, 1, "= 0 low, 1 high"))}),
+    announced({4, "tervik_cmn_card_type_query", tervik_cmn_card_type_query,
+               "/* card type query: 0 - err, 1 - single sim, 2 - mult sim */"}),
+    {5, "tervik_cmn_test_get_sar_dsi", command_of<tervik_cmn_test_get_sar_dsi>,
+     "/* get sar dsi */"},
+    {7, "tervik_cmn_test_set_sar_dsi", command_of<tervik_cmn_test_set_sar_dsi>,
+     "/* set sar dsi, dsi - the value to be set */",
+     takes(number("dsi", 0, 20, "1 to 20, any other number counts as 0")), DSI_RULE},
+    {8, "tervik_cmn_test_get_device_state", command_of<tervik_cmn_test_get_device_state>,
+     "/* get device state */"},
+    announced({6, "tervik_cmn_card_hotswap_test", tervik_cmn_card_hotswap_test,
+               "/* card slot hotswap test */\n"
+               "   opt: 0 - stop hotswap test, 1 - start hotswap test \n"
+               "   option_list(when opt is 1 for blew inputs): \n"
+               "     seconds_after_push : the seconds of waiting after push the card slot \n"
+               "     seconds_after_pull : the seconds of waiting after pull the card slot \n"
+               "     count_push_and_pull: the count of push and pull the card slot ",
+               takes(number("opt", 0, 1, "= 0 stop, 1 start"), HOTSWAP_COUNTS), HOTSWAP_RULE}),
+    {10, "tervik_cmn_esim_test", tervik_cmn_esim_test,
+     "/* set esim state */\n"
+     "   esim_on  : 1 - switch to eSIM,2 - switch to PSIM2 \n"
+     "   debug_on : 0 - disable log print,1 - enable log print ",
+     takes(number("esim_on", 1, 5,
+                  "= 1 switch to the eSIM, 2 switch to the physical SIM, 3 read the EID, 4 card "
+                  "states, 5 reset the eUICC"),
+           number("debug_on", 0, 1, "= 0 result line alone, 1 with log"))},
 }};
 
-constexpr std::array CMN_HELP = {
-    text_line("%d: cmn option cmd: ", {CMN_CATEGORY}),
-    text_line("   kiv %d %d mode type time_out cmd_cnt", {CMN_CATEGORY, 0}),
-    text_line("                                 /* diag cmd */"),
-    text_line("                                    mode: 0 - callback, 1 - dci; "),
-    text_line("                                    type: 0 - with result, 1 - without result; "),
-    text_line("                                    time_out: unit:ms */"),
-    text_line("                                    cmd_cnt: diag cmd bytes */"),
-    text_line("   kiv %d %d                       /* card status query: 0 - absent, 1 - present",
-              {CMN_CATEGORY, 1}),
-    text_line(
-        "   kiv %d %d sub                   /* card status get, sub: 0 or 1; ret: 0 - absent, 1 - present */",
-        {CMN_CATEGORY, 2}),
-    text_line(
-        "   kiv %d %d sub mode set_val      /* card status set, sub: 0 or 1; mode: 0 - general, 1 - sim; set_val: 0 - low, 1 - high */",
-        {CMN_CATEGORY, 3}),
-    text_line(
-        "   kiv %d %d                       /* card type query: 0 - err, 1 - single sim, 2 - mult sim */",
-        {CMN_CATEGORY, 4}),
-    text_line("   kiv %d %d                       /* get sar dsi */", {CMN_CATEGORY, 5}),
-    text_line("   kiv %d %d dsi                   /* set sar dsi, dsi - the value to be set */",
-              {CMN_CATEGORY, 7}),
-    text_line("   kiv %d %d                       /* get device state */", {CMN_CATEGORY, 8}),
-    text_line("   kiv %d %d opt option_list       /* card slot hotswap test */", {CMN_CATEGORY, 6}),
-    text_line(
-        "                                    opt: 0 - stop hotswap test, 1 - start hotswap test "),
-    text_line("                                    option_list(when opt is 1 for blew inputs): "),
-    text_line(
-        "                                      seconds_after_push : the seconds of waiting after push the card slot "),
-    text_line(
-        "                                      seconds_after_pull : the seconds of waiting after pull the card slot "),
-    text_line(
-        "                                      count_push_and_pull: the count of push and pull the card slot "),
-    text_line("   kiv %d %d esim_on debug_on     /* set esim state */", {CMN_CATEGORY, 10}),
-    text_line(
-        "                                    esim_on  : 1 - switch to eSIM,2 - switch to PSIM2 "),
-    text_line(
-        "                                    debug_on : 0 - disable log print,1 - enable log print "),
-};
-
-constexpr int QMI_SEND_CATEGORY = 6;
 constexpr int QMI_ID_MIN = 0;
 constexpr int QMI_ID_LIMIT = 7;
 constexpr size_t QMI_DATA_MAX = 500;
 constexpr int FIRST_QMI_DATA_ARG = 3;
 
-constexpr std::array QMI_SEND_HELP = {
-    text_line("%d: tervik qmi send_data", {QMI_SEND_CATEGORY}),
-    text_line("   kiv %d qmi_id qmi_data         /* qmi_id: Any binary data you will send */",
-              {QMI_SEND_CATEGORY}),
-    text_line("                                    qmi_data: Any binary data you will send "),
-};
+constexpr std::array QMI_SEND_COMMANDS = {category_command{
+    .number = NO_COMMAND_NUMBER,
+    .help = "/* qmi_id: Any binary data you will send */\n"
+            "   qmi_data: Any binary data you will send ",
+    .takes = takes(number("qmi_id", QMI_ID_MIN, QMI_ID_LIMIT - 1,
+                          "= 0, 1 NV item, 2 NV and EFS, 3, 4 common, 5, 6"),
+                   bytes("qmi_data", argument_kind::HEX_OR_DECIMAL, QMI_DATA_MAX))}};
 
 // ---- DIAG command ----
 
@@ -216,6 +216,11 @@ void print_common_answer(const tervik_common_response& response, int received) {
 }
 
 }  // namespace
+
+constexpr command_category TERVIK_CMN_CATEGORY = {
+    .number = 5, .title = "cmn option cmd: ", .commands = CMN_COMMANDS};
+constexpr command_category TERVIK_QMI_SEND_CATEGORY = {
+    .number = 6, .title = "tervik qmi send_data", .commands = QMI_SEND_COMMANDS, .words_min = 4};
 
 int tervik_string_to_int(const char* text) {
   if (text == nullptr) {
@@ -373,23 +378,23 @@ void tervik_cmn_test_get_device_state() {
 }
 
 int tervik_test_cmn_do(int argc, char** argv) {
-  tervik_run_category(TERVIK_LOG_PLACE, {CMN_CATEGORY, CMN_COMMANDS}, argc, argv);
+  tervik_run_category(TERVIK_LOG_PLACE, TERVIK_CMN_CATEGORY, argc, argv);
   return 0;
 }
 
 void tervik_test_cmn_show_help(int category) {
-  tervik_print_help_block(TERVIK_LOG_PLACE, CMN_CATEGORY, category, CMN_HELP);
+  tervik_print_help_block(TERVIK_LOG_PLACE, TERVIK_CMN_CATEGORY, category);
 }
 
 int tervik_test_qmi_send_data_do(int argc, char** argv) {
-  if (!tervik_check_category_args(TERVIK_LOG_PLACE, QMI_SEND_CATEGORY, argc, argv, 4)) {
+  if (!tervik_check_category_args(TERVIK_LOG_PLACE, TERVIK_QMI_SEND_CATEGORY, argc, argv)) {
     return 0;
   }
   const int qmi_id = atoi(argv[2]);
   if (qmi_id < QMI_ID_MIN || qmi_id >= QMI_ID_LIMIT) {
     tervik_log_error("note: the second parameters(qmi_id) should be >= %d && < %d", QMI_ID_MIN,
                      QMI_ID_LIMIT);
-    show_help(QMI_SEND_CATEGORY);
+    show_help(TERVIK_QMI_SEND_CATEGORY.number);
     return 0;
   }
   std::array<uint8_t, QMI_DATA_MAX> request = {};
@@ -407,7 +412,7 @@ int tervik_test_qmi_send_data_do(int argc, char** argv) {
   tervik_log_notice("qmi_id = %d, result = %d", qmi_id, result);
   if (result != 0) {
     tervik_log_error("tervik_extend_qmi_send_sync fail");
-    show_help(QMI_SEND_CATEGORY);
+    show_help(TERVIK_QMI_SEND_CATEGORY.number);
     return 0;
   }
   tervik_log_notice("tk_qmi rsp data(qmi_id: %d, len: %d[max: %zu]):", qmi_id, response_len,
@@ -418,5 +423,5 @@ int tervik_test_qmi_send_data_do(int argc, char** argv) {
 }
 
 void tervik_test_qmi_send_data_show_help(int category) {
-  tervik_print_help_block(TERVIK_LOG_PLACE, QMI_SEND_CATEGORY, category, QMI_SEND_HELP);
+  tervik_print_help_block(TERVIK_LOG_PLACE, TERVIK_QMI_SEND_CATEGORY, category);
 }

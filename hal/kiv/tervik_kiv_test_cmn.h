@@ -18,6 +18,8 @@ void tervik_byte_to_hex(const uint8_t* in, int len, char* out);
 int tervik_test_cmn_do(int argc, char** argv);
 // Prints the help block of category 5 when `category` is 0 or 5.
 void tervik_test_cmn_show_help(int category);
+// The rows of its commands.
+extern const struct command_category TERVIK_CMN_CATEGORY;
 
 // The commands of category 5: 0, TERVIK_ERR_INVALID_INPUT for a wrong number of arguments, or the
 // code of the failed operation. A command that the modem itself refuses is in the log alone. Of the
@@ -43,3 +45,5 @@ void tervik_cmn_test_get_device_state();
 int tervik_test_qmi_send_data_do(int argc, char** argv);
 // Prints the help block of category 6 when `category` is 0 or 6.
 void tervik_test_qmi_send_data_show_help(int category);
+// The rows of its commands.
+extern const struct command_category TERVIK_QMI_SEND_CATEGORY;

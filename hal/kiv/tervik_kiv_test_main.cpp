@@ -1,6 +1,7 @@
 #include "tervik_kiv_test_main.h"
 
 #include <array>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 
@@ -17,61 +18,80 @@
 
 namespace {
 
-// Categories 1 and 2 have a place in the help or in the numbering, but no handler.
-constexpr int CATEGORY_NV = 1;
+// Has a place in the numbering alone.
 constexpr int CATEGORY_UNUSED = 2;
 
 // The log names the program's entry, whose work this file does.
 constexpr const char* ENTRY_NAME = "main";
 
+constexpr std::array<category_command, 6> NV_COMMANDS = {{
+    {.number = 1, .help = "/* nv test */"},
+    {.number = 2, .help = "/* nv backup(no privacy nvs) */", .takes = takes(number("0", 0, 0, ""))},
+    {.number = 2,
+     .help = "/* nv backup(have privacy nvs) */",
+     .takes = takes(number("1", 1, 1, ""))},
+    {.number = 3,
+     .help = "/* nv restore(no goldencopy done after restore) */",
+     .takes = takes(number("0", 0, 0, ""))},
+    {.number = 3,
+     .help = "/* nv restore(do goldencopy done after restore) */",
+     .takes = takes(number("1", 1, 1, ""))},
+    {.number = 4,
+     .help = "/* nv delete */",
+     .takes = takes(number("nvid", 0, INT_MAX, "number of an item"))},
+}};
+
+constexpr command_category NV_CATEGORY = {
+    .number = 1, .title = "nv option cmd", .commands = NV_COMMANDS, .help_column = 17};
+
 struct category_row {
-  int category;
+  const command_category* category;
   int (*run)(int argc, char** argv);  // its result tells nothing: what went wrong was printed
   void (*print_help)(int category);
 };
 
 // The names of the two statistics categories cross over: see their headers.
 constexpr std::array<category_row, 10> CATEGORIES = {{
-    {3, command_of<tervik_test_rf_do>, tervik_test_rf_show_help},
-    {4, command_of<tervik_test_nvefs_do>, tervik_test_nvefs_show_help},
-    {5, command_of<tervik_test_cmn_do>, tervik_test_cmn_show_help},
-    {6, command_of<tervik_test_qmi_send_data_do>, tervik_test_qmi_send_data_show_help},
-    {7, command_of<tervik_test_modem_stats_do>, tervik_test_qmi_modem_stats_show_help},
-    {8, command_of<tervik_test_at_cmd_do>, tervik_test_at_cmd_show_help},
-    {9, command_of<tervik_test_qmi_modem_stats_do>, tervik_test_modem_stats_show_help},
-    {10, command_of<tervik_test_mbn_do>, tervik_test_mbn_show_help},
-    {11, command_of<tervik_smart_test_do>, tervik_smart_test_show_help},
-    {12, command_of<tervik_test_qmi_do>, tervik_test_qmi_show_help},
+    {&TERVIK_RF_CATEGORY, command_of<tervik_test_rf_do>, tervik_test_rf_show_help},
+    {&TERVIK_NVEFS_CATEGORY, command_of<tervik_test_nvefs_do>, tervik_test_nvefs_show_help},
+    {&TERVIK_CMN_CATEGORY, command_of<tervik_test_cmn_do>, tervik_test_cmn_show_help},
+    {&TERVIK_QMI_SEND_CATEGORY, command_of<tervik_test_qmi_send_data_do>,
+     tervik_test_qmi_send_data_show_help},
+    {&TERVIK_MODEM_STATS_CATEGORY, command_of<tervik_test_modem_stats_do>,
+     tervik_test_qmi_modem_stats_show_help},
+    {&TERVIK_AT_CATEGORY, command_of<tervik_test_at_cmd_do>, tervik_test_at_cmd_show_help},
+    {&TERVIK_QMI_STATS_CATEGORY, command_of<tervik_test_qmi_modem_stats_do>,
+     tervik_test_modem_stats_show_help},
+    {&TERVIK_MBN_CATEGORY, command_of<tervik_test_mbn_do>, tervik_test_mbn_show_help},
+    {&TERVIK_SMART_CATEGORY, command_of<tervik_smart_test_do>, tervik_smart_test_show_help},
+    {&TERVIK_QMI_CATEGORY, command_of<tervik_test_qmi_do>, tervik_test_qmi_show_help},
 }};
-
-constexpr std::array NV_HELP = {
-    text_line("%d: nv option cmd", {CATEGORY_NV}),
-    text_line("   kiv %d 1       /* nv test */", {CATEGORY_NV}),
-    text_line("   kiv %d 2 0     /* nv backup(no privacy nvs) */", {CATEGORY_NV}),
-    text_line("   kiv %d 2 1     /* nv backup(have privacy nvs) */", {CATEGORY_NV}),
-    text_line("   kiv %d 3 0     /* nv restore(no goldencopy done after restore) */",
-              {CATEGORY_NV}),
-    text_line("   kiv %d 3 1     /* nv restore(do goldencopy done after restore) */",
-              {CATEGORY_NV}),
-    text_line("   kiv %d 4 nvid  /* nv delete */", {CATEGORY_NV}),
-};
 
 // Runs the category that the arguments name. False when there is none.
 bool run_category(int argc, char** argv) {
   const int category = atoi(argv[1]);
-  if (category == CATEGORY_NV || category == CATEGORY_UNUSED) {
+  if (category == NV_CATEGORY.number || category == CATEGORY_UNUSED) {
     tervik_log_notice_as(ENTRY_NAME, "Not support");
     return true;
   }
-  const category_row* const row = find_row(CATEGORIES, &category_row::category, category);
-  if (row == nullptr) {
-    return false;
+  for (const category_row& row : CATEGORIES) {
+    if (row.category->number == category) {
+      static_cast<void>(row.run(argc, argv));
+      return true;
+    }
   }
-  static_cast<void>(row->run(argc, argv));
-  return true;
+  return false;
 }
 
 }  // namespace
+
+std::vector<const command_category*> tervik_kiv_categories() {
+  std::vector<const command_category*> categories = {&NV_CATEGORY};
+  for (const category_row& row : CATEGORIES) {
+    categories.push_back(row.category);
+  }
+  return categories;
+}
 
 int tervik_kiv_test_main(int argc, char** argv) {
   // A log followed through a pipe is live, and a stopped run has lost nothing.
@@ -87,7 +107,7 @@ void show_help(int category) {
   tervik_log_help(
       "=========== blew: kivora(kiv) cmd help "
       "=======================================================");
-  tervik_print_help_block(TERVIK_LOG_PLACE, CATEGORY_NV, category, NV_HELP);
+  tervik_print_help_block(TERVIK_LOG_PLACE, NV_CATEGORY, category);
   for (const category_row& row : CATEGORIES) {
     row.print_help(category);
   }

@@ -11,32 +11,34 @@
 
 namespace {
 
-constexpr int CATEGORY = 4;
 constexpr size_t DATA_MAX = 365;
 constexpr int FIRST_DATA_ARG = 5;
 
-constexpr argument_rule ONE_ITEM = exactly_words(5);
+constexpr command_argument NV_ID = number("nv_id", 0, TERVIK_NV_ID_MAX);
+constexpr command_argument NV_DATA = bytes("nv_data", argument_kind::DECIMAL, DATA_MAX);
+constexpr command_argument PATH_TO_READ = text("efs_path", 1, TERVIK_EFS_PATH_MAX);
+constexpr command_argument PATH_TO_CHANGE = text("efs_path", 1, TERVIK_EFS_PATH_MAX - 1);
+constexpr command_argument EFS_DATA = bytes("efs_data", argument_kind::DECIMAL, DATA_MAX);
+
+constexpr argument_rule ONE_ITEM = {
+    .words_min = 5, .words_max = 5, .note = "note: need 5 inputs, Pls refer to the following cmd:"};
 constexpr argument_rule ITEM_AND_DATA =
     at_least_words(FIRST_DATA_ARG + 1, "note: Too few inputs, Pls refer to the following cmd:");
 
 constexpr std::array<category_command, 6> COMMANDS = {{
-    {1, "tervik_nvefs_test_nv_read", tervik_nvefs_test_nv_read, ONE_ITEM},
-    {2, "tervik_nvefs_test_nv_write", tervik_nvefs_test_nv_write, ITEM_AND_DATA},
-    {3, "tervik_nvefs_test_nv_delete", tervik_nvefs_test_nv_delete, ONE_ITEM},
-    {4, "tervik_nvefs_test_efs_read", tervik_nvefs_test_efs_read, ONE_ITEM},
-    {5, "tervik_nvefs_test_efs_write", tervik_nvefs_test_efs_write, ITEM_AND_DATA},
-    {6, "tervik_nvefs_test_efs_delete", tervik_nvefs_test_efs_delete, ONE_ITEM},
+    {1, "tervik_nvefs_test_nv_read", tervik_nvefs_test_nv_read, "/* nv read */",
+     takes(SUB_ARGUMENT, NV_ID), ONE_ITEM},
+    {2, "tervik_nvefs_test_nv_write", tervik_nvefs_test_nv_write, "/* nv write */",
+     takes(SUB_ARGUMENT, NV_ID, NV_DATA), ITEM_AND_DATA},
+    {3, "tervik_nvefs_test_nv_delete", tervik_nvefs_test_nv_delete, "/* nv delete */",
+     takes(SUB_ARGUMENT, NV_ID), ONE_ITEM},
+    {4, "tervik_nvefs_test_efs_read", tervik_nvefs_test_efs_read, "/* efs read */",
+     takes(SUB_ARGUMENT, PATH_TO_READ), ONE_ITEM},
+    {5, "tervik_nvefs_test_efs_write", tervik_nvefs_test_efs_write, "/* efs write */",
+     takes(SUB_ARGUMENT, PATH_TO_CHANGE, EFS_DATA), ITEM_AND_DATA},
+    {6, "tervik_nvefs_test_efs_delete", tervik_nvefs_test_efs_delete, "/* efs delete */",
+     takes(SUB_ARGUMENT, PATH_TO_CHANGE), ONE_ITEM},
 }};
-
-constexpr std::array HELP = {
-    text_line("%d: nvefs option cmd: ", {CATEGORY}),
-    text_line("   kiv %d %d sub nv_id             /* nv read */", {CATEGORY, 1}),
-    text_line("   kiv %d %d sub nv_id nv_data     /* nv write */", {CATEGORY, 2}),
-    text_line("   kiv %d %d sub nv_id             /* nv delete */", {CATEGORY, 3}),
-    text_line("   kiv %d %d sub efs_path          /* efs read */", {CATEGORY, 4}),
-    text_line("   kiv %d %d sub efs_path efs_data /* efs write */", {CATEGORY, 5}),
-    text_line("   kiv %d %d sub efs_path          /* efs delete */", {CATEGORY, 6}),
-};
 
 // ---- arguments ----
 
@@ -94,6 +96,9 @@ typed_data data_of(int argc, char** argv) {
 
 }  // namespace
 
+constexpr command_category TERVIK_NVEFS_CATEGORY = {
+    .number = 4, .title = "nvefs option cmd: ", .commands = COMMANDS};
+
 int tervik_nvefs_test_nv_read(int /*argc*/, char** argv) {
   std::array<uint8_t, DATA_MAX> data = {};
   uint32_t len = data.size();
@@ -132,10 +137,10 @@ int tervik_nvefs_test_efs_delete(int /*argc*/, char** argv) {
 }
 
 int tervik_test_nvefs_do(int argc, char** argv) {
-  tervik_run_category(TERVIK_LOG_PLACE, {CATEGORY, COMMANDS}, argc, argv);
+  tervik_run_category(TERVIK_LOG_PLACE, TERVIK_NVEFS_CATEGORY, argc, argv);
   return 0;
 }
 
 void tervik_test_nvefs_show_help(int category) {
-  tervik_print_help_block(TERVIK_LOG_PLACE, CATEGORY, category, HELP);
+  tervik_print_help_block(TERVIK_LOG_PLACE, TERVIK_NVEFS_CATEGORY, category);
 }

@@ -6,6 +6,8 @@
 int tervik_test_nvefs_do(int argc, char** argv);
 // Prints the category's help block when `category` is 0 or 4.
 void tervik_test_nvefs_show_help(int category);
+// The rows of its commands.
+extern const struct command_category TERVIK_NVEFS_CATEGORY;
 
 // The commands: 0, TERVIK_ERR_INVALID_INPUT for a wrong number of arguments, or the result of the
 // NV/EFS operation.

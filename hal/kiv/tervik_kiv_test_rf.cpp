@@ -12,56 +12,58 @@
 
 namespace {
 
-constexpr int CATEGORY = 3;
+constexpr size_t GPIO_VALUES_MAX = 50;
 // The subscription whose files hold the settings.
 constexpr uint32_t SETTING_SUB = 0;
 
-constexpr std::array HELP = {
-    text_line("%d: rf option cmd", {CATEGORY}),
-    text_line("   kiv %d %d ...   /* gpio value setting(pls input enough gpio value by notice)*/",
-              {CATEGORY, 0}),
-    text_line("                    (need to reboot duing first setting) "),
-    text_line("   kiv %d %d       /* get gpio test state */", {CATEGORY, 1}),
-    text_line("   kiv %d %d       /* Close gpio test(need to reboot) */", {CATEGORY, 2}),
-    text_line("   kiv %d %d v_ant v_sys v_band_list", {CATEGORY, 3}),
-    text_line("                 /* fix tx to upper(lower) antenna for given band list */"),
-    text_line("                    (need to reboot) "),
-    text_line("                    v_ant: 0 - lower antenna, 1 - upper antenna "),
-    text_line("                    v_sys: 0 - gsm, 1 - wcdma, 2 - cdma, 3 - tds, 4 - lte "),
-    text_line(
-        "                    v_band_list: bit0~bi43 - (gsm: 850,900,1800,1900; wcdma: b1,b2,b4,b5,b8; "),
-    text_line(
-        "                                            cdma: bc0, tds: b34,b39; lte: b1...b44 "),
-    text_line(
-        "                    v_band_list: bit44~bi63 - (only for lte: b28b,b40b,b41b,b41c,b39b,b252,"),
-    text_line(
-        "                                            b255,b253,b254,b66,b46,b250,b47,b48,b71,b71b,b38k ...  "),
-    text_line("   kiv %d %d       /* get tx test state */", {CATEGORY, 4}),
-    text_line("   kiv %d %d       /* Close tx test(need to reboot) */", {CATEGORY, 5}),
-};
+constexpr command_argument GPIO_VALUES =
+    number("...", INT_MIN, INT_MAX, "up to 50 numbers, one for each GPIO", 0, GPIO_VALUES_MAX);
+constexpr command_argument TX_BANDS = {
+    "v_band_list", 0, UINT64_MAX, "64-bit mask, decimal, hexadecimal behind 0x or octal behind 0",
+    argument_kind::C_NUMBER};
 
 // A command that takes no argument of its own.
 consteval category_command bare_command(int number, const char* name,
-                                        int (*run)(int argc, char** argv)) {
+                                        int (*run)(int argc, char** argv), const char* note,
+                                        const char* help) {
   return {.number = number,
           .name = name,
           .run = run,
-          .arguments =
-              {.words_min = 3,
-               .words_max = 3,
-               .note = {"note: Cmd error, should be: kiv %d %d , Pls refer to the following cmd:",
-                        {CATEGORY, number}}},
+          .help = help,
+          .arguments = {.words_min = 3, .words_max = 3, .note = note},
           .is_announced = true,
           .sub = SETTING_SUB};
 }
 
 constexpr std::array<category_command, 6> COMMANDS = {{
-    announced({0, "tervik_gpio_test_set", tervik_gpio_test_set}),
-    bare_command(1, "tervik_gpio_test_get", command_of<tervik_gpio_test_get>),
-    bare_command(2, "tervik_gpio_test_closed", command_of<tervik_gpio_test_closed>),
-    {3, "tervik_rf_tx_test_set", tervik_rf_tx_test_set},
-    bare_command(4, "tervik_rf_tx_test_get", command_of<tervik_rf_tx_test_get>),
-    bare_command(5, "tervik_rf_tx_test_closed", command_of<tervik_rf_tx_test_closed>),
+    announced({0, "tervik_gpio_test_set", tervik_gpio_test_set,
+               "/* gpio value setting(pls input enough gpio value by notice)*/\n"
+               "   (need to reboot duing first setting) ",
+               takes(GPIO_VALUES)}),
+    bare_command(1, "tervik_gpio_test_get", command_of<tervik_gpio_test_get>,
+                 "note: Cmd error, should be: kiv 3 1 , Pls refer to the following cmd:",
+                 "/* get gpio test state */"),
+    bare_command(2, "tervik_gpio_test_closed", command_of<tervik_gpio_test_closed>,
+                 "note: Cmd error, should be: kiv 3 2 , Pls refer to the following cmd:",
+                 "/* Close gpio test(need to reboot) */"),
+    {3, "tervik_rf_tx_test_set", tervik_rf_tx_test_set,
+     "\n"
+     "/* fix tx to upper(lower) antenna for given band list */\n"
+     "   (need to reboot) \n"
+     "   v_ant: 0 - lower antenna, 1 - upper antenna \n"
+     "   v_sys: 0 - gsm, 1 - wcdma, 2 - cdma, 3 - tds, 4 - lte \n"
+     "   v_band_list: bit0~bi43 - (gsm: 850,900,1800,1900; wcdma: b1,b2,b4,b5,b8; \n"
+     "                           cdma: bc0, tds: b34,b39; lte: b1...b44 \n"
+     "   v_band_list: bit44~bi63 - (only for lte: b28b,b40b,b41b,b41c,b39b,b252,\n"
+     "                           b255,b253,b254,b66,b46,b250,b47,b48,b71,b71b,b38k ...  ",
+     takes(number("v_ant", 0, 1, "= 0 lower antenna, 1 upper antenna"),
+           number("v_sys", 0, 4, "= 0 GSM, 1 WCDMA, 2 CDMA, 3 TD-SCDMA, 4 LTE"), TX_BANDS)},
+    bare_command(4, "tervik_rf_tx_test_get", command_of<tervik_rf_tx_test_get>,
+                 "note: Cmd error, should be: kiv 3 4 , Pls refer to the following cmd:",
+                 "/* get tx test state */"),
+    bare_command(5, "tervik_rf_tx_test_closed", command_of<tervik_rf_tx_test_closed>,
+                 "note: Cmd error, should be: kiv 3 5 , Pls refer to the following cmd:",
+                 "/* Close tx test(need to reboot) */"),
 }};
 
 // ---- settings as the modem takes them: bodies of class 4 requests ----
@@ -72,7 +74,7 @@ struct gpio_test_request {
   uint32_t sub_command;  // 0
   uint32_t unused_4;
   uint32_t count;  // of the values typed, also when not all of them fit
-  int32_t values[50];
+  int32_t values[GPIO_VALUES_MAX];
   uint8_t unused_212[300];
 };
 static_assert(sizeof(gpio_test_request) == 512);
@@ -146,6 +148,9 @@ constexpr rf_setting TX_SETTING = {"/oem/debug/ant_tx_config", 25, true};
 
 }  // namespace
 
+constexpr command_category TERVIK_RF_CATEGORY = {
+    .number = 3, .title = "rf option cmd", .commands = COMMANDS, .help_column = 17};
+
 int tervik_gpio_test_set(int argc, char** argv) {
   const std::span<char*> typed(argv + FIRST_GPIO_ARG, static_cast<size_t>(argc - FIRST_GPIO_ARG));
   gpio_test_request request = {};
@@ -172,7 +177,7 @@ int tervik_rf_tx_test_set(int argc, char** argv) {
   constexpr argument_rule ARGUMENTS = {
       .words_min = 6,
       .words_max = 6,
-      .note = {"note: need %d inputs, Pls refer to the following cmd:", {5}}};
+      .note = "note: need 5 inputs, Pls refer to the following cmd:"};
   if (!tervik_check_arguments(TERVIK_LOG_PLACE, TERVIK_NO_SUB, ARGUMENTS, argc, argv)) {
     return ARGUMENTS.error_code;
   }
@@ -196,10 +201,10 @@ int tervik_rf_tx_test_closed() {
 }
 
 int tervik_test_rf_do(int argc, char** argv) {
-  tervik_run_category(TERVIK_LOG_PLACE, {CATEGORY, COMMANDS}, argc, argv);
+  tervik_run_category(TERVIK_LOG_PLACE, TERVIK_RF_CATEGORY, argc, argv);
   return 0;
 }
 
 void tervik_test_rf_show_help(int category) {
-  tervik_print_help_block(TERVIK_LOG_PLACE, CATEGORY, category, HELP);
+  tervik_print_help_block(TERVIK_LOG_PLACE, TERVIK_RF_CATEGORY, category);
 }

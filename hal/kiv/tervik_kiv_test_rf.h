@@ -7,6 +7,8 @@
 int tervik_test_rf_do(int argc, char** argv);
 // Prints the help block of category 3 when `category` is 0 or 3.
 void tervik_test_rf_show_help(int category);
+// The rows of its commands.
+extern const struct command_category TERVIK_RF_CATEGORY;
 
 // The commands: 0, TERVIK_ERR_INVALID_INPUT for a wrong number of arguments, or the result of the
 // request or EFS operation.
