@@ -352,7 +352,7 @@ TEST_F(StatsManager, WhatWasNotAskedForIsRefused) {
                                              {1, one(0, 0x64, 8)},
                                              {1, one(1, 0x64, 0)}};
   for (const auto& [count, entries] : lists) {
-    answer = [&] { return listed(count, entries); };
+    answer = [&count = count, &entries = entries] { return listed(count, entries); };
     EXPECT_EQ(modem_lyrax_data_get(1, 0x64), 1u) << count;
     ++fetches;
   }

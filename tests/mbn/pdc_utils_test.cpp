@@ -167,7 +167,7 @@ TEST_F(PdcTest, AFailedRequestLeavesItsKindFree) {
   for (const auto& kind : kKinds) {
     SCOPED_TRACE(kind.id);
     for (const auto& [reply, result] : failures) {
-      answer = [&reply](auto) { return reply; };
+      answer = [&reply = reply](auto) { return reply; };
       EXPECT_EQ(timed(kind.request), result);
       answer = [](uint16_t id) { return indicate(id, 7), accept(id); };
       EXPECT_EQ(timed(kind.request), Timed(-1, 0s));
@@ -190,7 +190,7 @@ TEST_F(PdcTest, GetSelectedTakesNoIdThatIsNotCarried) {
               {selection(0, 4), 68, {-1, 5s}},          {selection(0, 4), 1, {-1, 5s}}};
   for (auto [message, size, result, len] : rows) {
     message.resize(size);
-    answer = [&message](uint16_t id) {
+    answer = [&message = message](uint16_t id) {
       platform::send_indication(service_id(), id, words(message));
       return accept(id);
     };
