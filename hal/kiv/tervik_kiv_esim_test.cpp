@@ -53,10 +53,6 @@ constexpr const char* RESET_NOTHING_TO_DELETE = "08bf34038001019000";
 // Set once the EID is known to be in EFS.
 uint8_t IS_EID_SAVE = 0;
 
-void print_failed() {
-  puts("value=FAILED");
-}
-
 struct eid_text {
   explicit eid_text(const uint8_t* eid) { tervik_byte_to_hex(eid, UIM_EID_SIZE, text); }
 
@@ -77,67 +73,67 @@ bool read_eid(const char* func, int attempts, uint8_t* eid) {
   return false;
 }
 
-void switch_to_esim(const char* func) {
+// ---- the cases: false when one failed and has printed no result ----
+
+bool switch_to_esim(const char* func) {
   if (!tervik_esim_sku_match()) {
-    print_failed();
-    return;
+    return false;
   }
   tervik_log_debug_as(func, "switch to eSIM");
   tervik_log_debug_as(func, "card counts = %d", ESIM_TYPES[0]);
   const int res = tervik_setSimType(ESIM_TYPES.data());
   tervik_log_debug_as(func, "switch to esim res = %d", res);
   if (res != 0) {
-    print_failed();
-    return;
+    return false;
   }
   uint8_t eid[UIM_EID_SIZE] = {};
   if (!read_eid(func, EID_ATTEMPTS_AFTER_SWITCH, eid)) {
     tervik_log_debug_as(func, "get eid timeout");
-    print_failed();
-    return;
+    return false;
   }
   const eid_text text(eid);
   if (!is_eid_valid(text.text)) {
     printf("value=FAILED - %s\n", text.text);
-    return;
+    return true;
   }
   save_eid_to_efs(eid);
   printf("eID=%s\n", text.text);
+  return true;
 }
 
-void switch_to_physical_sim(const char* func) {
+bool switch_to_physical_sim(const char* func) {
   tervik_log_debug_as(func, "switch to SIM2");
   const int res = tervik_setSimType(PHYSICAL_SIM_TYPES.data());
   tervik_log_debug_as(func, "switch to uim2 res = %d", res);
   if (res != 0) {
-    print_failed();
-    return;
+    return false;
   }
   tervik_log_debug_as(func, "SIM2 Power Up successfully");
   puts("value=SUCCEED");
+  return true;
 }
 
-void show_eid(const char* func) {
+bool show_eid(const char* func) {
   tervik_log_debug_as(func, "tervik get eid");
   uint8_t eid[UIM_EID_SIZE] = {};
   if (!read_eid(func, EID_ATTEMPTS, eid)) {
-    print_failed();
-    return;
+    return false;
   }
   printf("eID=%s\n", eid_text(eid).text);
+  return true;
 }
 
-void show_card_states(const char* func) {
+bool show_card_states(const char* func) {
   tervik_log_debug_as(func, "try get simcard status");
   uint16_t states = 0;
   if (tervik_uim_get_card_status(&states) != 0) {
-    print_failed();
-    return;
+    return false;
   }
   uint8_t bytes[sizeof(states)];
   memcpy(bytes, &states, sizeof(states));
   tervik_log_debug_as(func, "card_status, [%d, %d]", bytes[0], bytes[1]);
   map_sim_state(bytes);
+  return true;
 }
 
 // Looks at the answer of a reset, which begins with its length: true when it tells of one of the
@@ -159,15 +155,14 @@ bool check_reset_answer(const char* func, const uint8_t* answer) {
 }
 
 // A failure behind the open leaves the channel open.
-void reset_euicc(const char* func) {
+bool reset_euicc(const char* func) {
   tervik_log_debug_as(func, "Start eUICC Reset");
   const uint8_t open_input[] = {ESIM_SLOT, FILE_CONTROL_INFORMATION};
   uint8_t channel_id = CHANNEL_NOT_OPEN;
   int res = tervik_uim_open_channel(open_input, &channel_id);
   tervik_log_debug_as(func, "tervik_uim_open_channel res = %d, channel_id = %d", res, channel_id);
   if (res != 0) {
-    print_failed();
-    return;
+    return false;
   }
   auto command = RESET_COMMAND;
   command[RESET_CHANNEL_OFFSET] = channel_id;
@@ -175,17 +170,17 @@ void reset_euicc(const char* func) {
   res = tervik_uim_send_apdu(command.data(), answer);
   tervik_log_debug_as(func, "tervik_uim_send_apdu res = %d", res);
   if (res != 0 || !check_reset_answer(func, answer)) {
-    print_failed();
-    return;
+    return false;
   }
   const uint8_t close_input[] = {ESIM_SLOT, channel_id};
   res = tervik_uim_close_channel(close_input);
   tervik_log_debug_as(func, "tervik_uim_close_channel res = %d", res);
   puts("value=SUCCEED");
+  return true;
 }
 
 // By esim_on, from 1.
-constexpr std::array<void (*)(const char* func), 5> CASES = {
+constexpr std::array<bool (*)(const char* func), 5> CASES = {
     switch_to_esim, switch_to_physical_sim, show_eid, show_card_states, reset_euicc};
 
 }  // namespace
@@ -264,11 +259,12 @@ int tervik_cmn_esim_test(int argc, char** argv) {
     g_extend_qmi_trace = 0;
     tervik_hal_close_print();
   }
-  if (esim_on >= 1 && esim_on <= static_cast<int>(CASES.size())) {
-    CASES[static_cast<size_t>(esim_on - 1)](__func__);
-  } else {
+  const bool is_known = esim_on >= 1 && esim_on <= static_cast<int>(CASES.size());
+  if (!is_known) {
     tervik_log_debug("invalid input skip");
-    print_failed();
+  }
+  if (!is_known || !CASES[static_cast<size_t>(esim_on - 1)](__func__)) {
+    puts("value=FAILED");
   }
   return 0;
 }

@@ -11,11 +11,6 @@ namespace {
 // Errors, notices, help and results; no traces.
 constexpr uint32_t QUERY_PRINT_MASK = LOG_CLASS_ERROR | LOG_CLASS_NOTICE | LOG_CLASS_HELP;
 
-// A float as the lines print it.
-double shown(float value) {
-  return static_cast<double>(value);
-}
-
 // Fetches one record of the subscription; a failure is logged in the query's name.
 template <typename Record>
 bool fetch(const char* func, uint32_t (*get)(uint32_t sub, Record* record), uint32_t sub,
@@ -38,11 +33,9 @@ void tervik_test_qmi_modem_stats_4g_rssi(uint32_t sub) {
   tervik_log_print(
       LOG_CLASS_HELP, sub,
       "ASDIV DATA: earfcn: %d, pci: %d, rx_valid: %d, rsrp_rx0: %.2f, rsrq_rx0: %.2f, rssi_rx0: %.2f, snr_rx0: %.2f, rsrp_rx1: %.2f, rsrq_rx1: %.2f, rssi_rx1: %.2f, snr_rx1: %.2f, rsrp_rx2: %.2f, rsrq_rx2: %.2f, rssi_rx2: %.2f, snr_rx2: %.2f, rsrp_rx3: %.2f, rsrq_rx3: %.2f, rssi_rx3: %.2f, snr_rx3: %.2f",
-      lte.earfcn, lte.pci, lte.rx_valid, shown(lte.rsrp[0]), shown(lte.rsrq[0]), shown(lte.rssi[0]),
-      shown(lte.snr[0]), shown(lte.rsrp[1]), shown(lte.rsrq[1]), shown(lte.rssi[1]),
-      shown(lte.snr[1]), shown(lte.rsrp[2]), shown(lte.rsrq[2]), shown(lte.rssi[2]),
-      shown(lte.snr[2]), shown(lte.rsrp[3]), shown(lte.rsrq[3]), shown(lte.rssi[3]),
-      shown(lte.snr[3]));
+      lte.earfcn, lte.pci, lte.rx_valid, lte.rsrp[0], lte.rsrq[0], lte.rssi[0], lte.snr[0],
+      lte.rsrp[1], lte.rsrq[1], lte.rssi[1], lte.snr[1], lte.rsrp[2], lte.rsrq[2], lte.rssi[2],
+      lte.snr[2], lte.rsrp[3], lte.rsrq[3], lte.rssi[3], lte.snr[3]);
 }
 
 void tervik_test_qmi_modem_stats_5g_rssi(uint32_t sub) {
@@ -53,7 +46,7 @@ void tervik_test_qmi_modem_stats_5g_rssi(uint32_t sub) {
   }
   tervik_log_print(LOG_CLASS_HELP, sub,
                    "ASDIV DATA: rssi_rx0: %.2f, rssi_rx1: %.2f, rssi_rx2: %.2f, rssi_rx3: %.2f",
-                   shown(agc.rssi[0]), shown(agc.rssi[1]), shown(agc.rssi[2]), shown(agc.rssi[3]));
+                   agc.rssi[0], agc.rssi[1], agc.rssi[2], agc.rssi[3]);
 }
 
 void tervik_test_qmi_modem_stats_5g_snr(uint32_t sub) {
@@ -64,7 +57,7 @@ void tervik_test_qmi_modem_stats_5g_snr(uint32_t sub) {
   }
   tervik_log_print(LOG_CLASS_HELP, sub,
                    "ASDIV DATA: snr_rx0: %.2f, snr_rx1: %.2f, snr_rx2: %.2f, snr_rx3: %.2f",
-                   shown(ftl.snr[0]), shown(ftl.snr[1]), shown(ftl.snr[2]), shown(ftl.snr[3]));
+                   ftl.snr[0], ftl.snr[1], ftl.snr[2], ftl.snr[3]);
 }
 
 void tervik_test_qmi_modem_stats_5g_ant_diversity(uint32_t sub) {
@@ -90,7 +83,7 @@ void tervik_test_qmi_modem_stats_5g_rsrp(uint32_t sub) {
   tervik_log_print(
       LOG_CLASS_HELP, sub,
       "ASDIV DATA: rsrp_rx0: %.2f, rsrp_rx1: %.2f, rsrp_rx2: %.2f, rsrp_rx3: %.2f, rsrq: %.2f",
-      shown(nr.rsrp[0]), shown(nr.rsrp[1]), shown(nr.rsrp[2]), shown(nr.rsrp[3]), shown(nr.rsrq));
+      nr.rsrp[0], nr.rsrp[1], nr.rsrp[2], nr.rsrp[3], nr.rsrq);
 }
 
 void tervik_test_qmi_modem_stats_wcdma_rssi(uint32_t sub) {
@@ -100,7 +93,7 @@ void tervik_test_qmi_modem_stats_wcdma_rssi(uint32_t sub) {
     return;
   }
   tervik_log_print(LOG_CLASS_HELP, sub, "ASDIV DATA: rx_agc_0: %.2f, rx_agc_1: %.2f",
-                   shown(wcdma.rx_agc_0), shown(wcdma.rx_agc_1));
+                   wcdma.rx_agc_0, wcdma.rx_agc_1);
 }
 
 void tervik_test_qmi_modem_stats_gsm_rssi(uint32_t sub) {
@@ -109,8 +102,8 @@ void tervik_test_qmi_modem_stats_gsm_rssi(uint32_t sub) {
              "modem_lyrax_gsm_l1_rx_diversity_metrics_get failed")) {
     return;
   }
-  tervik_log_print(LOG_CLASS_HELP, sub, "ASDIV DATA: rx_prx: %.2f, rx_drx: %.2f", shown(gsm.rx_prx),
-                   shown(gsm.rx_drx));
+  tervik_log_print(LOG_CLASS_HELP, sub, "ASDIV DATA: rx_prx: %.2f, rx_drx: %.2f", gsm.rx_prx,
+                   gsm.rx_drx);
 }
 
 // Of the handset: whatever subscription was asked for, the record is that of the first.
