@@ -1,5 +1,6 @@
 #include "tests/transcripts/transcript.h"
 
+#include <regex.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -197,16 +197,15 @@ void observe(const tervik_log_place& place, uint32_t log_class, uint32_t sub, co
 Strings arguments_of(const std::string& line) {
   Strings arguments{"kiv"};
   for (std::string word : split(line, " ")) {
-    std::smatch match;
-    static const std::regex repeated_text(R"(\{(.*)\*(\d+)\})");
-    static const std::regex repeated_word(R"((.+)\*(\d+))");
-    const auto times = [&match] { return std::stoul(match[2]); };
-    if (std::regex_search(word, match, repeated_text)) {
-      std::string text;
-      for (size_t i = 0; i < times(); ++i) text += match[1];
-      arguments.push_back(match.prefix().str() + text + match.suffix().str());
-    } else if (std::regex_match(word, match, repeated_word)) {
-      arguments.insert(arguments.end(), times(), match[1]);
+    const size_t star = word.rfind('*');
+    const bool repeats = star != std::string::npos && isdigit(word[star + 1]) != 0;
+    const size_t times = repeats ? std::stoul(word.substr(star + 1)) : 0;
+    if (const size_t open = word.find('{'); repeats && open != std::string::npos) {
+      std::string text = word.substr(0, open);
+      for (size_t i = 0; i < times; ++i) text += word.substr(open + 1, star - open - 1);
+      arguments.push_back(text + word.substr(word.find('}', star) + 1));
+    } else if (repeats) {
+      arguments.insert(arguments.end(), times, word.substr(0, star));
     } else {
       std::replace(word.begin(), word.end(), '~', ' ');
       arguments.push_back(word);
@@ -248,32 +247,53 @@ Strings arguments_of(const std::string& line) {
   _exit(status);
 }
 
+// The text with each match of the pattern replaced; "$1" and "$2" in the mask stand for its groups.
+// With POSIX's expressions, because <regex> takes seconds to compile.
+std::string replaced(const std::string& text, const std::string& pattern, const std::string& mask) {
+  regex_t compiled;
+  if (regcomp(&compiled, pattern.c_str(), REG_EXTENDED) != 0) throw std::invalid_argument(pattern);
+  std::string result;
+  const char* from = text.c_str();
+  regmatch_t groups[3];
+  while (regexec(&compiled, from, 3, groups, 0) == 0) {
+    result.append(from, static_cast<size_t>(groups[0].rm_so));
+    for (size_t i = 0; i < mask.size(); ++i) {
+      if (mask[i] != '$') {
+        result += mask[i];
+        continue;
+      }
+      const regmatch_t& group = groups[mask[++i] - '0'];
+      result.append(from + group.rm_so, from + group.rm_eo);
+    }
+    from += groups[0].rm_eo;
+  }
+  regfree(&compiled);
+  return result + from;
+}
+
 // The text without what differs from run to run. A pattern, which is slow, is tried only on lines
 // that have its fixed beginning.
 std::string masked(const std::string& text, const std::string& folder) {
   const struct {
     std::string beginning;
-    std::regex pattern;
+    std::string pattern;
     const char* mask;
   } masks[] = {
       // The RIL logger shows line numbers, and an emulator of another processor its own name.
-      {"util: ", std::regex(R"((util: \[)[^\]]*(\] \w+:)\d+)"), "$1kiv$2<line>"},
-      {"p_id: ", std::regex(R"((p_id: )\d+)"), "$1<pid>"},
-      {"/proc/", std::regex(R"((/proc/)\d+)"), "$1<pid>"},
-      {"proc_pid_buf", std::regex("(proc_pid_buf(:| =) ).*/"), "$1<folder>/"},
-      {folder, std::regex(folder), "<folder>"},
-      {"/dev/pts/", std::regex(R"(/dev/pts/\d+)"), "<channel>"},
-      {"open, fd: ", std::regex(R"((open, fd: )\d+)"), "$1<number>"},
-      {"ptr", std::regex(R"((ptr_lyrax_data = 0x|data_ptr: 0x|ind_data_ptr = 0x)[0-9a-f]+)"),
-       "$1<address>"},
-      {"ind_buf = ", std::regex(R"((ind_buf = 0x)[0-9a-f]+)"), "$1<address>"},
+      {"util: ", R"((util: \[)[^]]*(\] \w+:)[0-9]+)", "$1kiv$2<line>"},
+      {"p_id: ", "(p_id: )[0-9]+", "$1<pid>"},
+      {"/proc/", "(/proc/)[0-9]+", "$1<pid>"},
+      {"proc_pid_buf", "(proc_pid_buf(:| =) ).*/", "$1<folder>/"},
+      {folder, folder, "<folder>"},
+      {"/dev/pts/", "/dev/pts/[0-9]+", "<channel>"},
+      {"open, fd: ", "(open, fd: )[0-9]+", "$1<number>"},
+      {"ptr", "(ptr_lyrax_data = 0x|data_ptr: 0x|ind_data_ptr = 0x)[0-9a-f]+", "$1<address>"},
+      {"ind_buf = ", "(ind_buf = 0x)[0-9a-f]+", "$1<address>"},
   };
   std::string all;
   for (std::string line : split(text, "\n")) {
     for (const auto& [beginning, pattern, mask] : masks) {
-      if (line.find(beginning) != std::string::npos) {
-        line = std::regex_replace(line, pattern, mask);
-      }
+      if (line.find(beginning) != std::string::npos) line = replaced(line, pattern, mask);
     }
     all += line + "\n";
   }
