@@ -291,7 +291,7 @@ void tervik_diag_cmd_send_with_result_wait_create_thread() {
 void* tervik_diag_cmd_send_with_result_wait_thread_proc(void* /*arg*/) {
   int cnt_of_100ms = 0;
   do {
-    static_cast<void>(sleep_tick());  // the send itself says below when it is done
+    static_cast<void>(sleep_tick());  // g_diag_rsp_waiting tells when the send is done
     ++cnt_of_100ms;
     tervik_log_debug("tervik_diag_cmd_send_with_result_wait_thread_proc, cnt_of_100ms = %d",
                      cnt_of_100ms);
@@ -310,7 +310,8 @@ namespace {
 constexpr int DEFAULT_TIME_OUT_MS = 3000;
 constexpr int TIME_OUT_MAX_MS = 60000;
 
-// Processor ids whose addresses the library hands back with each response.
+// Processor ids whose addresses the library hands back with each response; of the remote ones, one
+// for each bit of the remote mask.
 int32_t data_primary = PRIMARY_PROCESSOR;
 std::array<int32_t, 16> data_remote = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
 
@@ -696,6 +697,7 @@ void send_by_dci(const char* func, const worker_command& command) {
 
 using worker_send = void (*)(const char* func, const worker_command& command);
 
+// Sends the block's command over an open of the library of its own.
 void send_block(const char* func, const uint8_t* block, worker_send send) {
   const std::lock_guard lock(g_diag_without_result_mutex);
   if (block == nullptr) {
@@ -713,7 +715,7 @@ void send_block(const char* func, const uint8_t* block, worker_send send) {
   Diag_LSM_DeInit();
 }
 
-// What both workers do around their sends. Returns null.
+// A worker's whole run, which owns its block. Returns null.
 void* run_worker(const char* func, void* block, worker_send send) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE_AS(func));
   command_block owned(static_cast<uint8_t*>(block));

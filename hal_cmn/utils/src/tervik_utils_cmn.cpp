@@ -133,8 +133,6 @@ void copy_text(char (&to)[TERVIK_TEXT_SIZE], const char* from) {
 
 // ---- process identity ----
 
-constexpr uint32_t RIL_PROCESS_INSTANCE_ID = TERVIK_NO_SUB;
-
 pid_info g_pid_info;
 std::atomic<bool> g_pid_info_loaded{false};
 std::atomic<bool> g_pid_name_loaded{false};
@@ -333,7 +331,7 @@ void tervik_utils_syslog_dbg(const char* format, ...) {
 // ---- process identity ----
 
 uint32_t tervik_get_ril_process_instance_id() {
-  return RIL_PROCESS_INSTANCE_ID;
+  return TERVIK_NO_SUB;
 }
 
 const char* tervik_get_current_pid_name() {

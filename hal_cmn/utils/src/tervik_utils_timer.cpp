@@ -19,8 +19,6 @@ enum timer_result : int {
   TIMER_SYSTEM_FAILURE = 30,
 };
 
-constexpr uint32_t FIRST_TIMER_ID = 501;
-
 struct timer_record {
   uint32_t timer_id;
   tervik_timer_callback callback;
@@ -49,7 +47,7 @@ timer_mutex g_tervik_timer_id_mutex;
 timer_mutex g_tervik_timer_callback_list_mutex;
 std::once_flag g_timer_mutexes_once;
 
-uint32_t g_last_timer_id = FIRST_TIMER_ID - 1;  // under g_tervik_timer_id_mutex
+uint32_t g_last_timer_id = 500;  // under g_tervik_timer_id_mutex
 // Under g_tervik_timer_callback_list_mutex. Never destroyed, as the mutexes.
 record_link& g_tervik_timer_callback_list = *new record_link;
 
