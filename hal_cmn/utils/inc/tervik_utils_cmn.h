@@ -23,8 +23,6 @@ inline constexpr uint32_t TERVIK_NO_SUB = 255;
 
 // Properties and process names pass through buffers of this size, terminating NUL included.
 inline constexpr size_t TERVIK_TEXT_SIZE = 256;
-// Longest property value that can be written, in characters.
-inline constexpr size_t TERVIK_PROPERTY_VALUE_LEN_MAX = 92;
 
 // Where a log statement stands in the source, and the function that it speaks for.
 struct tervik_log_place {
@@ -143,7 +141,7 @@ void tervik_modem_check_odm_white_list();
 // -2, -3 for a null name, value, default.
 int tervik_get_property_value(const char* name, char* value, const char* default_value);
 // Writes a property. Returns the result of property_set (0 success), -1 or -2 for a null name or
-// value, -3 for a value of more than TERVIK_PROPERTY_VALUE_LEN_MAX characters.
+// value, -3 for a value of more than 92 characters.
 [[nodiscard]] int tervik_set_property_value(const char* name, const char* value);
 // With the property trace on, logs the property's value as it reads back.
 void tervik_print_property_value(const char* name);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -24,25 +25,19 @@ namespace {
 // The mask of one sink and the names under which its bookkeeping lines speak of it.
 struct print_sink {
   std::atomic<uint32_t>& mask;
-  std::atomic<bool> loaded;
   const char* property;
   const char* sink_name;
   const char* mask_name;
   const char* merge_name;
+  std::atomic<bool> loaded{false};
 };
 
-constinit print_sink g_logcat_sink{
-    g_tervik_logcat_print_mask,        false,
-    "persist.vendor.radio.adb_log_tk", "logcat",
-    "g_tervik_logcat_print_mask",      "tervik_hal_set_logcat_print_mask"};
-constinit print_sink g_shell_sink{g_tervik_shell_print_mask,
-                                  false,
-                                  "persist.vendor.radio.adb_log_shell",
-                                  "shell",
-                                  "g_tervik_shell_print_mask",
+constinit print_sink g_logcat_sink{g_tervik_logcat_print_mask, "persist.vendor.radio.adb_log_tk",
+                                   "logcat", "g_tervik_logcat_print_mask",
+                                   "tervik_hal_set_logcat_print_mask"};
+constinit print_sink g_shell_sink{g_tervik_shell_print_mask, "persist.vendor.radio.adb_log_shell",
+                                  "shell", "g_tervik_shell_print_mask",
                                   "g_tervik_shell_print_mask"};
-
-constexpr const char* DEFAULT_PRINT_MASK = "65535";
 
 std::atomic<tervik_log_observer> g_log_observer{nullptr};
 
@@ -57,7 +52,7 @@ void update_log_gate() {
 void merge_mask_with_property(print_sink& sink) {
   sink.loaded = true;
   char value[TERVIK_TEXT_SIZE] = {};
-  property_get(sink.property, value, DEFAULT_PRINT_MASK);
+  property_get(sink.property, value, "65535");
   const auto merge_mask = static_cast<uint32_t>(atoi(value));
   tervik_utils_syslog_dbg("merge, old %s 0x%x, merge_mask 0x%x", sink.merge_name, sink.mask.load(),
                           merge_mask);
@@ -131,16 +126,12 @@ void write_to_system_log(const tervik_log_place& place, uint32_t log_class, uint
 
 // ---- text ----
 
-// Copies `from` into a buffer of `size` bytes, cut to fit and terminated.
-void copy_text(char* to, size_t size, const char* from) {
-  const size_t length = strnlen(from, size - 1);
-  memcpy(to, from, length);
-  to[length] = '\0';
+// Copies `from`, cut to fit and terminated.
+void copy_text(char (&to)[TERVIK_TEXT_SIZE], const char* from) {
+  snprintf(to, sizeof(to), "%s", from);
 }
 
 // ---- process identity ----
-
-constexpr uint32_t RIL_PROCESS_INSTANCE_ID = TERVIK_NO_SUB;
 
 pid_info g_pid_info;
 std::atomic<bool> g_pid_info_loaded{false};
@@ -153,12 +144,6 @@ using file_guard = std::unique_ptr<FILE, file_closer>;
 
 // argv[0] of the process, read by one fgets as far as its terminating NUL.
 constexpr int CMDLINE_READ_COUNT = 254;
-
-// The part of `path` behind its last '/', or null when it has none.
-const char* behind_last_slash(const char* path) {
-  const char* slash = strrchr(path, '/');
-  return slash != nullptr ? slash + 1 : nullptr;
-}
 
 void format_cmdline_path(char (&path)[TERVIK_TEXT_SIZE]) {
   snprintf(path, sizeof(path), "/proc/%d/cmdline", getpid());
@@ -180,13 +165,13 @@ void tervik_get_name_by_pid(pid_info* p_pid_info) {
     return;
   }
   tervik_log_debug("proc_pid_buf: %s", proc_pid_buf);
-  const char* str_pid_name = behind_last_slash(proc_pid_buf);
-  if (str_pid_name == nullptr) {
+  const char* slash = strrchr(proc_pid_buf, '/');
+  if (slash == nullptr) {
     tervik_log_debug("proc_pid_buf should be name");
-    str_pid_name = proc_pid_buf;
   }
+  const char* str_pid_name = slash != nullptr ? slash + 1 : proc_pid_buf;
   tervik_log_debug("str_pid_name: %s", str_pid_name);
-  copy_text(p_pid_info->p_name, sizeof(p_pid_info->p_name), str_pid_name);
+  copy_text(p_pid_info->p_name, str_pid_name);
   tervik_log_debug("p_pid_info->p_name: %s", p_pid_info->p_name);
   tervik_log_debug("close fp");
 }
@@ -346,7 +331,7 @@ void tervik_utils_syslog_dbg(const char* format, ...) {
 // ---- process identity ----
 
 uint32_t tervik_get_ril_process_instance_id() {
-  return RIL_PROCESS_INSTANCE_ID;
+  return TERVIK_NO_SUB;
 }
 
 const char* tervik_get_current_pid_name() {
@@ -367,13 +352,13 @@ const char* tervik_get_current_pid_name() {
     return g_pid_info.p_name;
   }
   tervik_log_debug("tervik_get_current_pid_name, proc_pid_buf = %s", proc_pid_buf);
-  const char* str_pid_name = behind_last_slash(proc_pid_buf);
-  if (str_pid_name == nullptr) {
+  const char* slash = strrchr(proc_pid_buf, '/');
+  if (slash == nullptr) {
     tervik_log_error("tervik_get_current_pid_name, proc_pid_buf should be name");
-    str_pid_name = proc_pid_buf;
   }
+  const char* str_pid_name = slash != nullptr ? slash + 1 : proc_pid_buf;
   tervik_log_debug("tervik_get_current_pid_name, str_pid_name: %s", str_pid_name);
-  copy_text(g_pid_info.p_name, sizeof(g_pid_info.p_name), str_pid_name);
+  copy_text(g_pid_info.p_name, str_pid_name);
   tervik_log_debug("tervik_get_current_pid_name, g_pid_info.p_name = %s", g_pid_info.p_name);
   return g_pid_info.p_name;
 }
@@ -425,10 +410,8 @@ int tervik_get_property_value(const char* name, char* value, const char* default
     return -3;
   }
   char name_buf[TERVIK_TEXT_SIZE];
-  copy_text(name_buf, sizeof(name_buf), name);
-  char value_buf[TERVIK_TEXT_SIZE] = {};
-  const int ret = property_get(name_buf, value_buf, default_value);
-  copy_text(value, TERVIK_TEXT_SIZE, value_buf);
+  copy_text(name_buf, name);
+  const int ret = property_get(name_buf, value, default_value);
   if (property_trace_on()) {
     tervik_log_debug("%s: %s, ret = %d", name_buf, value, ret);
   }
@@ -445,13 +428,13 @@ int tervik_set_property_value(const char* name, const char* value) {
     return -2;
   }
   const size_t length = strlen(value);
-  if (length > TERVIK_PROPERTY_VALUE_LEN_MAX) {
+  if (length >= PROPERTY_VALUE_MAX) {
     tervik_log_error("property_value len(%u) is out of range(%d)", static_cast<unsigned>(length),
-                     static_cast<int>(TERVIK_PROPERTY_VALUE_LEN_MAX));
+                     PROPERTY_VALUE_MAX - 1);
     return -3;
   }
   char name_buf[TERVIK_TEXT_SIZE];
-  copy_text(name_buf, sizeof(name_buf), name);
+  copy_text(name_buf, name);
   const int ret = property_set(name_buf, value);
   if (property_trace_on()) {
     tervik_log_debug("%s: %s, ret = %d", name_buf, value, ret);
@@ -469,7 +452,7 @@ void tervik_print_property_value(const char* name) {
     return;
   }
   char name_buf[TERVIK_TEXT_SIZE];
-  copy_text(name_buf, sizeof(name_buf), name);
+  copy_text(name_buf, name);
   char value[TERVIK_TEXT_SIZE] = {};
   const int ret = property_get(name_buf, value, "null_val");
   tervik_log_debug("%s: %s, ret = %d", name_buf, value, ret);
@@ -531,9 +514,8 @@ const char* tervik_get_device_state_prop_name(uint32_t type) {
     return nullptr;
   }
   const int length = snprintf(name, sizeof(name), "debug.device.%s", DEVICE_STATE_NAMES[type]);
-  std::transform(name, name + length, name, [](char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  });
+  std::transform(name, name + length, name,
+                 [](unsigned char c) { return static_cast<char>(tolower(c)); });
   return name;
 }
 
@@ -558,7 +540,6 @@ int tervik_get_hex_str(char* out, int out_max, const uint8_t* data, int data_len
   for (int i = 0; i < data_len && length + GROUP_SIZE < out_max; ++i) {
     length += snprintf(out + length, GROUP_SIZE, " %02X", data[i]);
   }
-  out[out_max - 1] = '\0';
   return 1;
 }
 
@@ -577,10 +558,8 @@ int tervik_str_cmp(const char* str1, const char* str2) {
     tervik_log_debug("len1(%d) != len2(%d), str1: %s, str2: %s", len1, len2, str1, str2);
     return -103;
   }
-  const auto length = static_cast<ptrdiff_t>(len1);
-  const ptrdiff_t differing = std::mismatch(str1, str1 + length, str2).first - str1;
-  if (differing != length) {
-    const int k = static_cast<int>(differing);
+  const int k = static_cast<int>(std::mismatch(str1, str1 + len1, str2).first - str1);
+  if (k != len1) {
     tervik_log_debug("str1[%d]('%c') != str2[%d]('%c'), str1(%d): %s, str2(%d): %s", k, str1[k], k,
                      str2[k], len1, str1, len2, str2);
     return 104;

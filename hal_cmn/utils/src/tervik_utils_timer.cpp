@@ -19,14 +19,12 @@ enum timer_result : int {
   TIMER_SYSTEM_FAILURE = 30,
 };
 
-constexpr uint32_t FIRST_TIMER_ID = 501;
-
 struct timer_record {
   uint32_t timer_id;
-  timer_t sys_timerid;
-  uint64_t timeout_s;
   tervik_timer_callback callback;
-  std::unique_ptr<timer_record> next;
+  unsigned long timeout_s;
+  timer_t sys_timerid{};
+  std::unique_ptr<timer_record> next{};
 };
 using record_link = std::unique_ptr<timer_record>;
 
@@ -49,7 +47,7 @@ timer_mutex g_tervik_timer_id_mutex;
 timer_mutex g_tervik_timer_callback_list_mutex;
 std::once_flag g_timer_mutexes_once;
 
-uint32_t g_last_timer_id = FIRST_TIMER_ID - 1;  // under g_tervik_timer_id_mutex
+uint32_t g_last_timer_id = 500;  // under g_tervik_timer_id_mutex
 // Under g_tervik_timer_callback_list_mutex. Never destroyed, as the mutexes.
 record_link& g_tervik_timer_callback_list = *new record_link;
 
@@ -58,15 +56,6 @@ void init_mutexes_once(const char* func) {
     g_tervik_timer_id_mutex.init(func, "g_tervik_timer_id_mutex");
     g_tervik_timer_callback_list_mutex.init(func, "g_tervik_timer_callback_list_mutex");
   });
-}
-
-record_link make_record(uint32_t timer_id, tervik_timer_callback callback,
-                        unsigned long timeout_s) {
-  return record_link(new (std::nothrow) timer_record{.timer_id = timer_id,
-                                                     .sys_timerid = {},
-                                                     .timeout_s = timeout_s,
-                                                     .callback = callback,
-                                                     .next = {}});
 }
 
 // The link that owns the first such record, or the null link at the end. The list mutex is held.
@@ -88,60 +77,16 @@ unsigned shown_handle(timer_t sys_timerid) {
   return static_cast<unsigned>(reinterpret_cast<uintptr_t>(sys_timerid));
 }
 
-// Which of a system timer's calls failed.
-enum class failed_call : uint8_t { none, create, settime };
-
-// Creates and arms a system timer. One that cannot be armed is not deleted.
-failed_call create_and_arm(tervik_timer_callback callback, unsigned long timeout_s,
-                           uint32_t timer_id, timer_t* out) {
-  sigevent event = {};
-  event.sigev_notify = SIGEV_THREAD;
-  event.sigev_value.sival_int = static_cast<int>(timer_id);
-  event.sigev_notify_function = callback;
-  if (timer_create(CLOCK_REALTIME, &event, out) != 0) {
-    return failed_call::create;
-  }
-  itimerspec expiry = {};
-  expiry.it_value.tv_sec = static_cast<time_t>(timeout_s);
-  // An all-zero expiry would disarm the timer.
-  expiry.it_value.tv_nsec = timeout_s == 0 ? 1 : 0;
-  return timer_settime(*out, 0, &expiry, nullptr) == 0 ? failed_call::none : failed_call::settime;
-}
-
-// Logs a failure in the name of tervik_sys_timer_create, whose result it returns.
-int log_failed_call(failed_call failed, unsigned long timeout_s, uint32_t timer_id,
-                    timer_t sys_timerid) {
-  constexpr const char* FUNC = "tervik_sys_timer_create";
-  if (failed == failed_call::none) {
-    return TIMER_SUCCESS;
-  }
-  if (failed == failed_call::create) {
-    tervik_log_error_as(FUNC, "fail to timer_create, timer_id = %u, timeout_s = %lu", timer_id,
-                        timeout_s);
-  } else {
-    tervik_log_error_as(FUNC, "fail to timer_settime, sys_timerid = 0x%x, timeout_s = %lu",
-                        shown_handle(sys_timerid), timeout_s);
-  }
-  return TIMER_SYSTEM_FAILURE;
-}
-
 // Arms the record's system timer and enters the record in the registry. The list mutex is held
-// over both, so that the callback of a timer that fires at once finds the record to stop; a
-// failure is logged without it.
+// over both, so that the callback of a timer that fires at once finds the record to stop.
 int arm_and_register(record_link record) {
-  const uint32_t timer_id = record->timer_id;
-  const auto timeout_s = static_cast<unsigned long>(record->timeout_s);
-  timer_t sys_timerid = {};
-  failed_call failed = failed_call::none;
-  {
-    const std::lock_guard list_lock(g_tervik_timer_callback_list_mutex);
-    failed = create_and_arm(record->callback, timeout_s, timer_id, &sys_timerid);
-    if (failed == failed_call::none) {
-      record->sys_timerid = sys_timerid;
-      find_link([](const timer_record&) { return false; }) = std::move(record);
-    }
+  const std::lock_guard list_lock(g_tervik_timer_callback_list_mutex);
+  const int result = tervik_sys_timer_create(record->callback, record->timeout_s, record->timer_id,
+                                             &record->sys_timerid);
+  if (result == TIMER_SUCCESS) {
+    find_link([](const timer_record&) { return false; }) = std::move(record);
   }
-  return log_failed_call(failed, timeout_s, timer_id, sys_timerid);
+  return result;
 }
 
 int tervik_sys_timer_clear(timer_t sys_timerid) {
@@ -160,27 +105,27 @@ void log_outcome(const char* func, int ret, unsigned long timeout_s, uint32_t ti
   tervik_log_debug_as(func, "ret = %d, timeout_s = %lu, timer_id = %d", ret, timeout_s, timer_id);
 }
 
-// Starts a timer under the next identifier, stored in `*timer_id`. The id mutex is held.
+// Starts a timer under the next identifier, stored in `*timer_id`.
 int start_numbered(const char* func, tervik_timer_callback callback, unsigned long timeout_s,
                    uint32_t* timer_id) {
+  const std::lock_guard id_lock(g_tervik_timer_id_mutex);
   if (callback == nullptr) {
     tervik_log_error_as(func, "callback is NULL, timeout_s = %lu", timeout_s);
     return TIMER_NO_CALLBACK;
   }
-  record_link record = make_record(0, callback, timeout_s);
+  record_link record(new (std::nothrow) timer_record{0, callback, timeout_s});
   if (record == nullptr) {
     tervik_log_error_as(func, "Failed to allocate memory for tcbinfo, timeout_s = %lu", timeout_s);
     return TIMER_NO_MEMORY;
   }
   record->timer_id = ++g_last_timer_id;
-  const uint32_t new_id = record->timer_id;
   const int result = arm_and_register(std::move(record));
-  if (result != TIMER_SUCCESS) {
+  if (result == TIMER_SUCCESS) {
+    *timer_id = g_last_timer_id;
+  } else {
     tervik_log_error_as(func, "tervik_sys_timer_create failed");
-    return result;
   }
-  *timer_id = new_id;
-  return TIMER_SUCCESS;
+  return result;
 }
 
 bool is_active(uint32_t timer_id) {
@@ -202,7 +147,7 @@ int start_under_id(const char* func, uint32_t timer_id, tervik_timer_callback ca
                         timer_id);
     return TIMER_ACTIVE;
   }
-  record_link record = make_record(timer_id, callback, timeout_s);
+  record_link record(new (std::nothrow) timer_record{timer_id, callback, timeout_s});
   if (record == nullptr) {
     tervik_log_error_as(func,
                         "Failed to allocate memory for tcbinfo, timer_id = %d, timeout_s = %lu",
@@ -221,22 +166,33 @@ int start_under_id(const char* func, uint32_t timer_id, tervik_timer_callback ca
 
 int tervik_sys_timer_create(tervik_timer_callback callback, unsigned long timeout_s,
                             uint32_t timer_id, timer_t* out) {
+  sigevent event = {};
+  event.sigev_notify = SIGEV_THREAD;
+  event.sigev_value.sival_int = static_cast<int>(timer_id);
+  event.sigev_notify_function = callback;
   timer_t sys_timerid = {};
-  const failed_call failed = create_and_arm(callback, timeout_s, timer_id, &sys_timerid);
-  if (failed == failed_call::none) {
-    *out = sys_timerid;
+  if (timer_create(CLOCK_REALTIME, &event, &sys_timerid) != 0) {
+    tervik_log_error("fail to timer_create, timer_id = %u, timeout_s = %lu", timer_id, timeout_s);
+    return TIMER_SYSTEM_FAILURE;
   }
-  return log_failed_call(failed, timeout_s, timer_id, sys_timerid);
+  itimerspec expiry = {};
+  expiry.it_value.tv_sec = static_cast<time_t>(timeout_s);
+  // An all-zero expiry would disarm the timer.
+  expiry.it_value.tv_nsec = timeout_s == 0 ? 1 : 0;
+  // One that cannot be armed is not deleted.
+  if (timer_settime(sys_timerid, 0, &expiry, nullptr) != 0) {
+    tervik_log_error("fail to timer_settime, sys_timerid = 0x%x, timeout_s = %lu",
+                     shown_handle(sys_timerid), timeout_s);
+    return TIMER_SYSTEM_FAILURE;
+  }
+  *out = sys_timerid;
+  return TIMER_SUCCESS;
 }
 
 uint32_t tervik_timer_start(tervik_timer_callback callback, unsigned long timeout_s) {
   init_mutexes_once(__func__);
   uint32_t timer_id = 0;
-  int result = TIMER_SUCCESS;
-  {
-    const std::lock_guard id_lock(g_tervik_timer_id_mutex);
-    result = start_numbered(__func__, callback, timeout_s, &timer_id);
-  }
+  const int result = start_numbered(__func__, callback, timeout_s, &timer_id);
   log_outcome(__func__, result, timeout_s, timer_id);
   return timer_id;
 }
