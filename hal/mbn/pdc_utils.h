@@ -57,7 +57,7 @@ struct pdc_req_waiter {
   int32_t result = 0;
   pdc_config_pdc_info* get_sel_holder = nullptr;  // where get selected puts the active id
   uint32_t timer_id = 0;                          // the running watchdog
-  uint32_t claim_number = 0;                      // tells the claims of one kind apart
+  uint64_t claim_number = 0;                      // tells the claims of one kind apart
 };
 
 // All of it under `mutex`.
