@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdio>
 
 #include "tervik_utils_cmn.h"
 
@@ -55,36 +54,11 @@ int type_of(const property_text& level, const property_text& backup, bool backed
   if (!backed_up || level.equals(backup.text)) {
     return MODEM_RESTART_LEVEL_ID_DEF;
   }
-  for (const int type : {MODEM_RESTART_LEVEL_ID_SSR, MODEM_RESTART_LEVEL_ID_DUMP}) {
-    if (level.equals(SSR_TYPES[static_cast<size_t>(type)].level)) {
-      return type;
-    }
+  if (level.equals(SSR_TYPES[MODEM_RESTART_LEVEL_ID_SSR].level)) {
+    return MODEM_RESTART_LEVEL_ID_SSR;
   }
-  return level.empty() ? MODEM_RESTART_LEVEL_ID_DUMP : MODEM_RESTART_LEVEL_ID_INVALID;
-}
-
-// Copies the level that `type` stands for into `target`; false when there is nothing to do.
-bool choose_target(const char* func, uint32_t type, const property_text& level, bool backed_up,
-                   char (&target)[TERVIK_TEXT_SIZE]) {
-  if (type >= MODEM_RESTART_LEVEL_ID_INVALID) {
-    tervik_log_debug_as(func, "TERVIK_SSR_START_WITH_PROP, invalid ssr type");
-    return false;
-  }
-  const ssr_type_row& row = SSR_TYPES[type];
-  if (row.level != nullptr) {
-    snprintf(target, sizeof(target), "%s", row.level);
-  } else if (backed_up) {
-    tervik_get_property_value(TYPE_BAK_PROPERTY, target, "");
-  } else {
-    tervik_log_debug_as(func, "PROP - NO ssr type def, do nothing");
-    return false;
-  }
-  if (level.equals(target)) {
-    tervik_log_debug_as(func, "%s", row.already_set);
-    return false;
-  }
-  tervik_log_debug_as(func, "PROP - %s: %s", row.name, target);
-  return true;
+  const bool dump = level.equals(SSR_TYPES[MODEM_RESTART_LEVEL_ID_DUMP].level) || level.empty();
+  return dump ? MODEM_RESTART_LEVEL_ID_DUMP : MODEM_RESTART_LEVEL_ID_INVALID;
 }
 
 // A wait whose length comes from the caller or from a property, and its lines in the log.
@@ -137,10 +111,26 @@ int tervik_set_modem_ssr_type(uint32_t type) {
   tervik_log_debug("g_ssr_start_flag: %d, type: %d, ssr_type_bak_flag: %s", g_ssr_start_flag, type,
                    flag.text);
   const property_text level(RESTART_LEVEL_PROPERTY);
-  char target[TERVIK_TEXT_SIZE] = {};
-  if (!choose_target(__func__, type, level, !flag.empty(), target)) {
+  if (type >= MODEM_RESTART_LEVEL_ID_INVALID) {
+    tervik_log_debug("TERVIK_SSR_START_WITH_PROP, invalid ssr type");
     return 0;
   }
+  const ssr_type_row& row = SSR_TYPES[type];
+  const char* target = row.level;
+  char backup[TERVIK_TEXT_SIZE];
+  if (target == nullptr) {
+    if (flag.empty()) {
+      tervik_log_debug("PROP - NO ssr type def, do nothing");
+      return 0;
+    }
+    tervik_get_property_value(TYPE_BAK_PROPERTY, backup, "");
+    target = backup;
+  }
+  if (level.equals(target)) {
+    tervik_log_debug("%s", row.already_set);
+    return 0;
+  }
+  tervik_log_debug("PROP - %s: %s", row.name, target);
   write_property(RESTART_LEVEL_PROPERTY, target);
   if (flag.empty()) {
     save_backup(target);
