@@ -76,14 +76,6 @@ struct watchdog_run {
 
 watchdog_run& g_watchdog_run = *new watchdog_run;
 
-// Waits until a callback that runs has rebuilt the client: the run may end with the request, and
-// its last lines shall be the same every time.
-void wait_for_watchdog() {
-  std::unique_lock lock(g_watchdog_run.mutex);
-  g_watchdog_run.changed.wait_for(lock, WATCHDOG_END_TIMEOUT,
-                                  [] { return !g_watchdog_run.running; });
-}
-
 // ---- opening the client ----
 
 // Waits about a second for the service to appear; returns the number of its instances.
@@ -263,7 +255,11 @@ qmi_client_type tervik_extend_qmi_client_open() {
 int tervik_extend_qmi_send_sync(uint32_t id, const uint8_t* req, int req_len, uint8_t* rsp,
                                 int* rsp_len) {
   const int result = exchange_locked(__func__, id, req, req_len, rsp, rsp_len);
-  wait_for_watchdog();
+  // The run may end with the request: a watchdog that runs rebuilds the client first, so that the
+  // last lines are the same every time.
+  std::unique_lock lock(g_watchdog_run.mutex);
+  g_watchdog_run.changed.wait_for(lock, WATCHDOG_END_TIMEOUT,
+                                  [] { return !g_watchdog_run.running; });
   return result;
 }
 

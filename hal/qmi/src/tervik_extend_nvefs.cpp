@@ -49,16 +49,20 @@ struct operation_arguments {
 
 // One operation, in the name of the function that it belongs to: its request, and what came back.
 struct nvefs_call {
-  const char* const func = nullptr;
-  const uint32_t sub = 0;
+  nvefs_call(const tervik_log_place& place, uint32_t sub_id)
+      : func(place.func), sub(sub_id), trace(place, sub_id), lock(g_nvefs_mutex) {}
+
+  const char* const func;
+  const uint32_t sub;
+  const tervik_function_trace trace;
+  const std::lock_guard<std::mutex> lock;
   nvefs_request request = {};
   nvefs_response response = {};
   uint32_t data_carried = 0;  // bytes of response.data that the answer really has
 
   [[nodiscard]] int prepare(nvefs_operation operation, const operation_arguments& args);
   [[nodiscard]] int send();
-  [[nodiscard]] int send_checked(const char* consequence = "");
-  [[nodiscard]] int failure(int result, const char* consequence = "") const;
+  [[nodiscard]] int send_checked();
   [[nodiscard]] int read_chunks(uint8_t* buf, uint32_t* buf_len);
   [[nodiscard]] int fill_up(uint8_t* buf, uint32_t received, uint32_t capacity) const;
   [[nodiscard]] int write_chunks(const uint8_t* data, uint32_t len);
@@ -133,23 +137,24 @@ int nvefs_call::send() {
   return 0;
 }
 
-// Sends the request and returns what failed, the send or the modem; 0 when nothing did.
-int nvefs_call::send_checked(const char* consequence) {
+// Sends the request and returns what failed, the send or the modem; 0 when nothing did. The modem's
+// numbers above 0 are no failure where an EFS file is written.
+int nvefs_call::send_checked() {
+  const bool writes_file = request.operation == NVEFS_EFS_WRITE;
   const int result = send();
-  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d", result,
-                      response.result);
-  return failure(result, consequence);
-}
-
-// The failure of a send with this result, told in the log. The modem's numbers above 0 are none
-// where an EFS file is written.
-int nvefs_call::failure(int result, const char* consequence) const {
+  if (writes_file) {
+    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d, ins_id = %d",
+                        result, response.result, response.ins_id);
+  } else {
+    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d", result,
+                        response.result);
+  }
   if (result != 0) {
     tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "tervik_extend_qmi_send_sync fail%s",
-                        consequence);
+                        request.operation == NVEFS_EFS_READ ? ", ABORT" : "");
     return result;
   }
-  if (response.result == 0 || (response.result > 0 && request.operation == NVEFS_EFS_WRITE)) {
+  if (response.result == 0 || (response.result > 0 && writes_file)) {
     return 0;
   }
   tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "qmi response fail");
@@ -161,7 +166,7 @@ int nvefs_call::read_chunks(uint8_t* buf, uint32_t* buf_len) {
   uint32_t received = 0;
   for (int read_count = 0;; ++read_count) {
     request.data_len_cur = received;
-    const int failed = send_checked(", ABORT");
+    const int failed = send_checked();
     if (failed != 0) {
       return failed;
     }
@@ -216,10 +221,7 @@ int nvefs_call::write_chunks(const uint8_t* data, uint32_t len) {
     request.data_len_cur = sent;
     memset(request.data, 0, sizeof(request.data));
     memcpy(request.data, data + sent, request.data_len_send);
-    const int result = send();
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d, ins_id = %d",
-                        result, response.result, response.ins_id);
-    const int failed = failure(result);
+    const int failed = send_checked();
     if (failed != 0) {
       return failed;
     }
@@ -245,10 +247,8 @@ int tervik_qmi_result_map(int result) {
 }
 
 int tervik_nv_read(uint32_t sub, uint32_t nv_id, uint8_t* buf, uint32_t* buf_len) {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
-  const std::lock_guard lock(g_nvefs_mutex);
+  nvefs_call call(TERVIK_LOG_PLACE, sub);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_nv_read, sub_id %d, nv_id: %d", sub, nv_id);
-  nvefs_call call = {.func = __func__, .sub = sub};
   int result = call.prepare(NVEFS_NV_READ, {.nv_id = nv_id, .buf = buf, .read_len = buf_len});
   if (result == 0) {
     result = call.send_checked();
@@ -268,11 +268,9 @@ int tervik_nv_read(uint32_t sub, uint32_t nv_id, uint8_t* buf, uint32_t* buf_len
 }
 
 int tervik_nv_write_ex(uint32_t sub, uint32_t nv_id, const uint8_t* data, uint32_t len) {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
-  const std::lock_guard lock(g_nvefs_mutex);
+  nvefs_call call(TERVIK_LOG_PLACE, sub);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_nv_write, sub_id %d, nv_id: %d, buf_len: %d", sub,
                    nv_id, len);
-  nvefs_call call = {.func = __func__, .sub = sub};
   const int result = call.prepare(NVEFS_NV_WRITE, {.nv_id = nv_id, .buf = data, .write_len = len});
   if (result != 0) {
     return result;
@@ -283,20 +281,16 @@ int tervik_nv_write_ex(uint32_t sub, uint32_t nv_id, const uint8_t* data, uint32
 }
 
 int tervik_nv_delete(uint32_t sub, uint32_t nv_id) {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
-  const std::lock_guard lock(g_nvefs_mutex);
+  nvefs_call call(TERVIK_LOG_PLACE, sub);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_nv_delete, sub_id %d, nv_id: %d", sub, nv_id);
-  nvefs_call call = {.func = __func__, .sub = sub};
   const int result = call.prepare(NVEFS_NV_DELETE, {.nv_id = nv_id});
   return result != 0 ? result : call.send_checked();
 }
 
 int tervik_efs_read(uint32_t sub, const char* path, uint32_t path_len, uint8_t* buf,
                     uint32_t* buf_len) {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
-  const std::lock_guard lock(g_nvefs_mutex);
+  nvefs_call call(TERVIK_LOG_PLACE, sub);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_efs_read, sub_id %d, path_len: %d", sub, path_len);
-  nvefs_call call = {.func = __func__, .sub = sub};
   const int result = call.prepare(
       NVEFS_EFS_READ, {.path = path, .path_len = path_len, .buf = buf, .read_len = buf_len});
   return result != 0 ? result : call.read_chunks(buf, buf_len);
@@ -304,22 +298,18 @@ int tervik_efs_read(uint32_t sub, const char* path, uint32_t path_len, uint8_t* 
 
 int tervik_efs_write(uint32_t sub, const char* path, uint32_t path_len, const uint8_t* data,
                      uint32_t len) {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
-  const std::lock_guard lock(g_nvefs_mutex);
+  nvefs_call call(TERVIK_LOG_PLACE, sub);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_efs_write, sub_id %d, path_len: %d, buf_len: %d",
                    sub, path_len, len);
-  nvefs_call call = {.func = __func__, .sub = sub};
   const int result = call.prepare(
       NVEFS_EFS_WRITE, {.path = path, .path_len = path_len, .buf = data, .write_len = len});
   return result != 0 ? result : call.write_chunks(data, len);
 }
 
 int tervik_efs_delete(uint32_t sub, const char* path, uint32_t path_len) {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
-  const std::lock_guard lock(g_nvefs_mutex);
+  nvefs_call call(TERVIK_LOG_PLACE, sub);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_efs_delete, sub_id %d, path_len: %d", sub,
                    path_len);
-  nvefs_call call = {.func = __func__, .sub = sub};
   const int result = call.prepare(NVEFS_EFS_DELETE, {.path = path, .path_len = path_len});
   return result != 0 ? result : call.send_checked();
 }
