@@ -141,7 +141,7 @@ void tervik_save_modem_ssr_count(int flag) {
 
 void tervik_update_modem_ssr_count(int type) {
   char name[TERVIK_TEXT_SIZE];
-  snprintf(name, sizeof(name), "%s0x%08x", "persist.radio.ssr_count_", static_cast<unsigned>(type));
+  snprintf(name, sizeof(name), "persist.radio.ssr_count_0x%08x", static_cast<unsigned>(type));
   int count = 0;
   tervik_get_property_value_from_int(name, &count, 0);
   tervik_log_debug("ssr_type = 0x%08X, ssr_count_old = %d", static_cast<unsigned>(type), count);
@@ -281,8 +281,7 @@ int tervik_send_nas_qmi_req_msg(int msg_id, const void* req, unsigned req_len, v
     tervik_log_debug("%s", req == nullptr ? "qmi_request is NULL" : "qmi_response is NULL");
   } else {
     tervik_log_debug("init qmi_client");
-    // A client that opened without its error callback is forgotten, which is no error of the open.
-    if (client.open(TERVIK_LOG_PLACE) != QMI_NO_ERR || client.handle() == nullptr) {
+    if (client.open(TERVIK_LOG_PLACE) != QMI_NO_ERR) {
       tervik_log_debug("qmi_client_ptr is NULL");
     } else {
       result = client.send(static_cast<unsigned>(msg_id), req, req_len, rsp, rsp_len, time_out_ms);
