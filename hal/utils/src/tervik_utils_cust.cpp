@@ -11,7 +11,6 @@ namespace {
 constexpr const char* RESTART_LEVEL_PROPERTY = "persist.vendor.ssr.restart_level";
 constexpr const char* TYPE_BAK_PROPERTY = "persist.vendor.ssr.type_bak";
 constexpr const char* TYPE_BAK_FLAG_PROPERTY = "persist.vendor.ssr.type_bak_flag";
-constexpr const char* TYPE_BAK_FLAG_SET = "yes";
 
 // Shown in the log; the restart of this tool is always started through the property.
 constexpr int g_ssr_start_flag = 0;
@@ -32,7 +31,7 @@ void write_property(const char* name, const char* value) {
 
 void save_backup(const char* level) {
   write_property(TYPE_BAK_PROPERTY, level);
-  write_property(TYPE_BAK_FLAG_PROPERTY, TYPE_BAK_FLAG_SET);
+  write_property(TYPE_BAK_FLAG_PROPERTY, "yes");
 }
 
 struct ssr_type_row {
@@ -61,25 +60,17 @@ int type_of(const property_text& level, const property_text& backup, bool backed
   return dump ? MODEM_RESTART_LEVEL_ID_DUMP : MODEM_RESTART_LEVEL_ID_INVALID;
 }
 
-// A wait whose length comes from the caller or from a property, and its lines in the log.
-struct wait_kind {
-  const char* property;
-  int default_s;
-  const char* name;  // stands before "wait_s"
-  const char* will_not_wait;
-};
-
-constexpr wait_kind SSR_WAIT = {"persist.radio.ssr_wait_s", 5, "ssr ", "modem ssr will not wait"};
-constexpr wait_kind MODEM_WAIT = {"persist.radio.modem_wait_s", 3, "", "will not wait"};
-
-int wait_for(const char* func, const wait_kind& kind, int seconds) {
+// Sleeps for `seconds`, or for those of the property when that is negative; the line about them
+// begins with `name`.
+int wait_for(const char* func, int seconds, const char* property, int default_s, const char* name,
+             const char* will_not_wait) {
   int wait_s = seconds;
   if (seconds < 0) {
-    tervik_get_property_value_from_int(kind.property, &wait_s, kind.default_s);
+    tervik_get_property_value_from_int(property, &wait_s, default_s);
   }
-  tervik_log_debug_as(func, "%swait_s = %d", kind.name, wait_s);
+  tervik_log_debug_as(func, "%s = %d", name, wait_s);
   if (wait_s < 1) {
-    tervik_log_debug_as(func, "%s", kind.will_not_wait);
+    tervik_log_debug_as(func, "%s", will_not_wait);
     return wait_s;
   }
   tervik_log_debug_as(func, "wait-start(%ds) ...", wait_s);
@@ -141,9 +132,10 @@ int tervik_set_modem_ssr_type(uint32_t type) {
 }
 
 int tervik_modem_ssr_wait_s(int seconds) {
-  return wait_for(__func__, SSR_WAIT, seconds);
+  return wait_for(__func__, seconds, "persist.radio.ssr_wait_s", 5, "ssr wait_s",
+                  "modem ssr will not wait");
 }
 
 int tervik_modem_wait_s(int seconds) {
-  return wait_for(__func__, MODEM_WAIT, seconds);
+  return wait_for(__func__, seconds, "persist.radio.modem_wait_s", 3, "wait_s", "will not wait");
 }
