@@ -217,7 +217,6 @@ constinit tervik_qmi_client g_sar_qmi_client({
     .open_timeout_ms = 4,  // of the others it is seconds
     .ind_cb = tervik_qmi_client_common_empty_unsol_ind_cb,
     .open_failed = "qmi_client_init_instance failed",
-    .forgotten_after_failed_send = true,
 });
 
 constinit tervik_qmi_client uim_qmi_client({
@@ -323,6 +322,7 @@ constexpr int SAR_FAILURE = -1;
                                                           response_len, SAR_SEND_TIMEOUT_MS);
   if (err != QMI_NO_ERR) {
     tervik_log_debug_as(func, "qmi_client_send_msg_sync failed, qmi_client_error = %d", err);
+    g_sar_qmi_client.forget();
   }
   return err;
 }
