@@ -547,15 +547,13 @@ void qmi_pdc_unsol_ind_cb_ex(qmi_client_type user_handle, unsigned int msg_id, v
 
 namespace {
 
-// The three fields of the self-test as it shows them. The mutex is held.
+// The flag and the three fields of the self-test. The mutex is held.
 void log_test_fields(const char* func, int flag) {
-  const auto log = [func](const char* name, uint32_t value) {
-    tervik_log_debug_as(func, "pdc_test, %s = %d", name, value);
-  };
+  const pdc_info_s_type& info = g_pdc_info_ex;
   tervik_log_debug_as(func, "flag = %d", flag);
-  log("is_pdc_test_handling", g_pdc_info_ex.is_pdc_test_handling);
-  log("is_pdc_test_waiting", g_pdc_info_ex.is_pdc_test_waiting);
-  log("is_pdc_test_done", g_pdc_info_ex.is_pdc_test_done);
+  tervik_log_debug_as(func, "pdc_test, is_pdc_test_handling = %d", info.is_pdc_test_handling);
+  tervik_log_debug_as(func, "pdc_test, is_pdc_test_waiting = %d", info.is_pdc_test_waiting);
+  tervik_log_debug_as(func, "pdc_test, is_pdc_test_done = %d", info.is_pdc_test_done);
 }
 
 }  // namespace
