@@ -96,19 +96,19 @@ unsigned int wait_for_service(const char* func) {
 
 // ---- one request ----
 
-[[nodiscard]] int check_arguments(const char* func, const uint8_t* req, int req_len,
-                                  const uint8_t* rsp, const int* rsp_len) {
+[[nodiscard]] bool check_arguments(const char* func, const uint8_t* req, int req_len,
+                                   const uint8_t* rsp, const int* rsp_len) {
   if (req == nullptr || rsp == nullptr || rsp_len == nullptr) {
     tervik_log_error_as(func, "%x,  put Invalid param",
                         static_cast<unsigned>(reinterpret_cast<uintptr_t>(req)));
-    return TERVIK_EXTEND_INVALID_PARAM;
+    return false;
   }
   const auto in_range = [](int len) { return len >= 0 && len <= PAYLOAD_MAX; };
   if (!in_range(req_len) || !in_range(*rsp_len)) {
     tervik_log_error_as(func, "put data_len %d > max %d", req_len, PAYLOAD_MAX);
-    return TERVIK_EXTEND_INVALID_PARAM;
+    return false;
   }
-  return TERVIK_EXTEND_SUCCESS;
+  return true;
 }
 
 [[nodiscard]] qmi_client_error_type send_watched(const tervik_extend_data_msg& request,
@@ -143,12 +143,12 @@ unsigned int wait_for_service(const char* func) {
                                   uint8_t* rsp, int* rsp_len) {
   const client_lock lock(func);
   tervik_extend_qmi_init_do();
-  int result = check_arguments(func, req, req_len, rsp, rsp_len);
-  if (result == TERVIK_EXTEND_SUCCESS && g_connection.client == nullptr &&
-      tervik_extend_qmi_client_open() == nullptr) {
+  int result = TERVIK_EXTEND_SUCCESS;
+  if (!check_arguments(func, req, req_len, rsp, rsp_len)) {
+    result = TERVIK_EXTEND_INVALID_PARAM;
+  } else if (g_connection.client == nullptr && tervik_extend_qmi_client_open() == nullptr) {
     result = TERVIK_EXTEND_NO_CLIENT;
-  }
-  if (result == TERVIK_EXTEND_SUCCESS) {
+  } else {
     tervik_extend_data_msg request = {id, static_cast<uint32_t>(req_len), 1, {}};
     memcpy(request.payload, req, request.len);
     tervik_extend_data_msg response = {};
