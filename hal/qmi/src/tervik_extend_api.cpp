@@ -111,17 +111,6 @@ unsigned int wait_for_service(const char* func) {
   return true;
 }
 
-[[nodiscard]] qmi_client_error_type send_watched(const tervik_extend_data_msg& request,
-                                                 tervik_extend_data_msg& response) {
-  // Without a watchdog the send still ends by its own time-out.
-  static_cast<void>(tervik_timer_start(WATCHDOG_TIMER_ID, tervik_qmi_timer_cb, WATCHDOG_TIMEOUT_S));
-  const qmi_client_error_type err =
-      qmi_client_send_msg_sync(g_connection.client, TERVIK_EXTEND_DATA_MSG_ID, &request,
-                               sizeof(request), &response, sizeof(response), SEND_TIMEOUT_MS);
-  tervik_timer_stop(WATCHDOG_TIMER_ID);
-  return err;
-}
-
 [[nodiscard]] int take_response(const char* func, const tervik_extend_data_msg& response,
                                 uint8_t* rsp, int* rsp_len) {
   if (response.id != 0) {
@@ -152,7 +141,13 @@ unsigned int wait_for_service(const char* func) {
     tervik_extend_data_msg request = {id, static_cast<uint32_t>(req_len), 1, {}};
     memcpy(request.payload, req, request.len);
     tervik_extend_data_msg response = {};
-    const qmi_client_error_type err = send_watched(request, response);
+    // Without a watchdog the send still ends by its own time-out.
+    static_cast<void>(
+        tervik_timer_start(WATCHDOG_TIMER_ID, tervik_qmi_timer_cb, WATCHDOG_TIMEOUT_S));
+    const qmi_client_error_type err =
+        qmi_client_send_msg_sync(g_connection.client, TERVIK_EXTEND_DATA_MSG_ID, &request,
+                                 sizeof(request), &response, sizeof(response), SEND_TIMEOUT_MS);
+    tervik_timer_stop(WATCHDOG_TIMER_ID);
     if (err != QMI_NO_ERR) {
       tervik_log_error_as(func, "send msg sync failed: %d, id: %d", err, id);
       tervik_extend_qmi_deinit_do();
