@@ -112,7 +112,6 @@ constexpr uint32_t COUNTED_SSR_TYPES = 0x000F01FF;
   return !stopped;
 }
 
-// NV synchronisation: the results of the send and of the modem, or-ed.
 int sync_nv(const char* func) {
   tervik_common_response rsp = {};
   const int ret_sync = tervik_send_common_qmi_msg(TERVIK_COMMON_NV_SYNC, 0, nullptr, &rsp);
