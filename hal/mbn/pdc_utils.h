@@ -1,9 +1,8 @@
 // The modem's persistent device configuration (PDC) service. A request is answered twice: by a
-// response that says it was accepted, and by an indication that carries the outcome. This room
-// holds the state that joins the two, the requests, the indication handlers, and a self-test of
-// the waiting. Requests come from the command's thread or the self-test's worker, indications from
-// the QMI framework's thread, watchdogs from timer threads; all meet under one mutex. Indications
-// are untrusted.
+// response that says it was accepted, and by an indication that carries the outcome; the state here
+// joins the two. Requests come from the command's thread, indications from the QMI framework's,
+// watchdogs from timer threads, the self-test of the waiting from a worker; all meet under one
+// mutex. Indications are untrusted.
 #pragma once
 
 #include <array>
@@ -25,18 +24,13 @@ struct pdc_config_pdc_info {
 };
 static_assert(sizeof(pdc_config_pdc_info) == 128);
 
-// Kinds of requests, by number.
+// Kinds of requests, by number: the list, which is never asked for, and those that are made.
 enum pdc_req_type : int {
   PDC_REQ_LIST = 1,
-  PDC_REQ_LOAD = 2,
-  PDC_REQ_INFO = 3,
   PDC_REQ_DEACT = 4,
-  PDC_REQ_DEL = 5,
   PDC_REQ_GET_SEL = 6,
   PDC_REQ_SEL_CONFIG = 7,
   PDC_REQ_ACT_CONFIG = 8,
-  PDC_REQ_SET_FEATURE = 9,
-  PDC_REQ_DEFAULT_INFO = 10,
 };
 inline constexpr int PDC_REQ_TYPE_COUNT = 10;
 
@@ -57,7 +51,7 @@ struct pdc_req_waiter {
   int32_t result = 0;
   pdc_config_pdc_info* get_sel_holder = nullptr;  // where get selected puts the active id
   uint32_t timer_id = 0;                          // the running watchdog
-  uint32_t claim_number = 0;                      // tells the claims of one kind apart
+  uint64_t claim_number = 0;                      // tells the claims of one kind apart
 };
 
 // All of it under `mutex`.

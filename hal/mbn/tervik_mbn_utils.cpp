@@ -37,27 +37,6 @@ bool in_mask(uint32_t sub_mask, uint32_t sub) {
   return true;
 }
 
-// The reactivation of one subscription. `*go_on` is false when it ends the whole operation.
-[[nodiscard]] int reactivate_sub(const char* func, uint32_t sub, uint32_t mbn_type, bool* go_on) {
-  pdc_config_pdc_info config = {};
-  const int got = pdc_get_current_config_ex(&config, mbn_type, sub);
-  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "SUB_%d pdc_get_current_config_ex ret_val %d",
-                      sub, got);
-  if (got != PDC_SUCCESS) {
-    tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "SUB_%d pdc_get_current_config_ex fail", sub);
-    *go_on = false;
-    return got;
-  }
-  tervik_mbn_deactivate_config(sub, mbn_type);
-  const int selected = pdc_select_config_ex(&config, mbn_type, sub);
-  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "SUB_%d pdc_select_config_ex ret_val %d", sub,
-                      selected);
-  const int activated = pdc_activate_config_ex2(mbn_type, sub);
-  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "SUB_%d pdc_activate_config_ex ret_val %d", sub,
-                      activated);
-  return activated;
-}
-
 }  // namespace
 
 int tervik_mbn_init(uint8_t force_init) {
@@ -108,11 +87,23 @@ int tervik_reactivate_mbn(uint32_t sub_mask, uint32_t mbn_type) {
     return -1;
   }
   int result = 0;
-  bool go_on = true;
-  for (uint32_t sub = 0; sub < SUB_COUNT && go_on; ++sub) {
-    if (in_mask(sub_mask, sub)) {
-      result = reactivate_sub(__func__, sub, mbn_type, &go_on);
+  for (uint32_t sub = 0; sub < SUB_COUNT; ++sub) {
+    if (!in_mask(sub_mask, sub)) {
+      continue;
     }
+    pdc_config_pdc_info config = {};
+    result = pdc_get_current_config_ex(&config, mbn_type, sub);
+    tervik_log_print(LOG_CLASS_DEBUG, sub, "SUB_%d pdc_get_current_config_ex ret_val %d", sub,
+                     result);
+    if (result != PDC_SUCCESS) {
+      tervik_log_print(LOG_CLASS_ERROR, sub, "SUB_%d pdc_get_current_config_ex fail", sub);
+      return result;
+    }
+    tervik_mbn_deactivate_config(sub, mbn_type);
+    result = pdc_select_config_ex(&config, mbn_type, sub);
+    tervik_log_print(LOG_CLASS_DEBUG, sub, "SUB_%d pdc_select_config_ex ret_val %d", sub, result);
+    result = pdc_activate_config_ex2(mbn_type, sub);
+    tervik_log_print(LOG_CLASS_DEBUG, sub, "SUB_%d pdc_activate_config_ex ret_val %d", sub, result);
   }
   return result;
 }

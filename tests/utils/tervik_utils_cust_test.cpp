@@ -109,12 +109,12 @@ TEST(RilResult, EveryQmiErrorHasItsResult) {
       if (std::find(errors.begin(), errors.end(), error) != errors.end()) expected = result;
     }
     for (const int transport : {0, -2}) {
-      const qcril_qmi_response failure{1, error};
+      const qmi_result failure{1, error};
       EXPECT_EQ(convert(transport, &failure), expected) << error;
     }
     for (const auto& [transport, result, converted] :
          {std::tuple{0, 0, 0}, {-2, 0, 0}, {0, 2, 39}, {0, -1, 39}, {-1, 0, 39}, {1, 1, 39}}) {
-      const qcril_qmi_response response{result, error};
+      const qmi_result response{result, error};
       EXPECT_EQ(convert(transport, &response), converted) << error;
     }
   }

@@ -1,7 +1,7 @@
 // Services that act on the modem as a whole (SAR state, subsystem restart, crash with and without a
 // full dump, NV synchronisation, the counters of all restarts) and on its SIM cards; NAS requests
-// and the common messages and requests of the extension service. They run on
-// the command's thread; the callbacks run on the QMI framework's. Responses are untrusted.
+// and the extension service's class 4. All run on the command's thread, the callbacks on the QMI
+// framework's. Responses are untrusted.
 #pragma once
 
 #include <cstddef>
@@ -9,10 +9,11 @@
 
 #include "qmi_client.h"
 
-// ---- common messages: request class 4 of the extension service ----
+// ---- request class 4 of the extension service: common messages, and common requests ----
 
-// The longest data of a common message, in bytes.
+// The longest data of each, in bytes.
 inline constexpr unsigned TERVIK_COMMON_DATA_MAX = 491;
+inline constexpr unsigned TERVIK_COMMON_REQ_DATA_MAX = 499;
 
 // Body of a common message. Little-endian.
 struct tervik_common_request {
@@ -26,7 +27,7 @@ static_assert(sizeof(tervik_common_request) == 512);
 static_assert(offsetof(tervik_common_request, type) == 8);
 static_assert(offsetof(tervik_common_request, data) == 16);
 
-// What comes back; `data_len` is the modem's claim.
+// What comes back for a common message; `data_len` is the modem's claim.
 struct tervik_common_response {
   uint32_t unused_0;
   int32_t result;  // 0 when the modem carried the message out
@@ -39,8 +40,14 @@ static_assert(offsetof(tervik_common_response, result) == 4);
 static_assert(offsetof(tervik_common_response, type) == 8);
 static_assert(offsetof(tervik_common_response, data) == 16);
 
-// An answer must at least carry its result.
-inline constexpr int TERVIK_COMMON_RESULT_END = offsetof(tervik_common_response, type);
+// What comes back for a common request: `data` as far as it was received.
+struct tervik_common_req_response {
+  uint32_t unused_0;
+  int32_t result;  // 0 when the modem carried the request out
+  uint8_t data[500];
+};
+static_assert(sizeof(tervik_common_req_response) == sizeof(tervik_common_response));
+static_assert(offsetof(tervik_common_req_response, data) == 8);
 
 // The types of common messages.
 inline constexpr int TERVIK_COMMON_MODEM_SSR = 31;
@@ -59,18 +66,19 @@ inline constexpr int TERVIK_COMMON_REQ_TX_TEST = 1;
 inline constexpr int TERVIK_COMMON_REQ_STATS_DEBUG = 20;
 inline constexpr int TERVIK_COMMON_REQ_STATS_LOG_IDS = 27;
 
-// Sends the 512 bytes of `body` as a request of class 4, in the log for the function `func`. `rsp`
-// is a tervik_common_response, zeroed first; `rsp_len`, when given, returns how many of its bytes
-// were received. Returns the result of the extension client; an answer of less than `rsp_min` bytes
-// is TERVIK_EXTEND_SEND_FAILED.
+// Sends the 512 bytes of `body`, in the log for the function `func`. `rsp` is one of the responses
+// above, zeroed first; `rsp_len`, when given, returns how many of its bytes were received. Returns
+// the result of the extension client; an answer of less than `rsp_min` bytes, which end with its
+// result, is TERVIK_EXTEND_SEND_FAILED.
 [[nodiscard]] int tervik_send_class_4(const char* func, const void* body, void* rsp, int* rsp_len,
-                                      int rsp_min = TERVIK_COMMON_RESULT_END);
+                                      int rsp_min = offsetof(tervik_common_response, type));
 
-// Sends one common message of `len` bytes of data (at most 491). `rsp` is a tervik_common_response,
-// zeroed first; `rsp_len`, when given, returns how many of its bytes were received. Returns the
-// result of the extension client, or TERVIK_ERR_INVALID_INPUT.
+// Sends one common message, or common request, with `len` bytes of data, as the above does;
+// TERVIK_ERR_INVALID_INPUT for too many, or for a null `rsp` or `data`.
 [[nodiscard]] int tervik_send_common_qmi_msg(int type, unsigned len, const void* data, void* rsp,
                                              int* rsp_len = nullptr);
+[[nodiscard]] int tervik_common_qmi_req(int type, unsigned len, const void* data, void* rsp,
+                                        int* rsp_len = nullptr);
 
 // ---- SAR ----
 
@@ -100,7 +108,7 @@ void tervik_modem_nv_sync();
 // NV synchronisation: the results of the send and of the modem, or-ed.
 [[nodiscard]] int tervik_nvefs_sync();
 
-// ---- NAS and common requests ----
+// ---- NAS ----
 
 // Sends one request of the NAS service on a client that lives for it alone. Waits at most
 // `time_out_ms` for the response. 0; -1 for a null buffer or without a client; else the error of
@@ -108,30 +116,11 @@ void tervik_modem_nv_sync();
 [[nodiscard]] int tervik_send_nas_qmi_req_msg(int msg_id, const void* req, unsigned req_len,
                                               void* rsp, unsigned rsp_len, unsigned time_out_ms);
 
-// The longest data of a common request, in bytes.
-inline constexpr unsigned TERVIK_COMMON_REQ_DATA_MAX = 499;
-
-// What comes back for a common request: `data` as far as it was received.
-struct tervik_common_req_response {
-  uint32_t unused_0;
-  int32_t result;  // 0 when the modem carried the request out
-  uint8_t data[500];
-};
-static_assert(sizeof(tervik_common_req_response) == 508);
-static_assert(offsetof(tervik_common_req_response, data) == 8);
-
-// Sends one common request of `len` bytes of data. `rsp` is a tervik_common_req_response, zeroed
-// first; `rsp_len`, when given, returns how many of its bytes were received. Returns the result of
-// the extension client, or TERVIK_ERR_INVALID_INPUT.
-[[nodiscard]] int tervik_common_qmi_req(int type, unsigned len, const void* data, void* rsp,
-                                        int* rsp_len = nullptr);
-
 // ---- SIM cards: the UIM service ----
 //
-// One client for all six operations, created on first use; released after the service went down
-// and after three failed sends, so that the next operation creates a new one. Results: 0; -1 for a
-// client, allocation or modem failure; -2 for bad input; else the error of the send. Slots are 1
-// and 2.
+// One client for all six operations, created on first use and anew after the service went down or
+// three sends failed. Results: 0; -1 for a client, allocation or modem failure; -2 for bad input;
+// else the error of the send. Slots are 1 and 2.
 
 inline constexpr size_t UIM_EID_SIZE = 16;
 // The longest answer that tervik_uim_send_apdu stores, with its length byte.
@@ -154,10 +143,9 @@ void error_cb(qmi_client_type client, int error, void* data);
 [[nodiscard]] int tervik_uim_open_channel(const uint8_t* in, uint8_t* channel_id_out);
 // Closes a logical channel. `in`: slot, channel id.
 [[nodiscard]] int tervik_uim_close_channel(const uint8_t* in);
-// Exchanges one APDU. `apdu_in`: slot, channel id, length n, n bytes. `rsp_out`
-// (UIM_APDU_OUTPUT_SIZE bytes): `rsp_out[0]` is the low byte of the length that the modem claims.
-// No reader trusts it as a number of bytes. Behind it comes the response, status word included, as
-// far as it fits.
+// Exchanges one APDU. `apdu_in`: slot, channel id, length n, n bytes. `rsp_out`: the low byte of
+// the length that the modem claims, not to be trusted, then the response, status word included, as
+// far as it fits into UIM_APDU_OUTPUT_SIZE bytes.
 [[nodiscard]] int tervik_uim_send_apdu(const uint8_t* apdu_in, uint8_t* rsp_out);
 
 // ---- callbacks for the QMI framework: they only log ----

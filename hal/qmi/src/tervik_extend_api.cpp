@@ -76,14 +76,6 @@ struct watchdog_run {
 
 watchdog_run& g_watchdog_run = *new watchdog_run;
 
-// Waits until a callback that runs has rebuilt the client: the run may end with the request, and
-// its last lines shall be the same every time.
-void wait_for_watchdog() {
-  std::unique_lock lock(g_watchdog_run.mutex);
-  g_watchdog_run.changed.wait_for(lock, WATCHDOG_END_TIMEOUT,
-                                  [] { return !g_watchdog_run.running; });
-}
-
 // ---- opening the client ----
 
 // Waits about a second for the service to appear; returns the number of its instances.
@@ -104,30 +96,19 @@ unsigned int wait_for_service(const char* func) {
 
 // ---- one request ----
 
-[[nodiscard]] int check_arguments(const char* func, const uint8_t* req, int req_len,
-                                  const uint8_t* rsp, const int* rsp_len) {
+[[nodiscard]] bool check_arguments(const char* func, const uint8_t* req, int req_len,
+                                   const uint8_t* rsp, const int* rsp_len) {
   if (req == nullptr || rsp == nullptr || rsp_len == nullptr) {
     tervik_log_error_as(func, "%x,  put Invalid param",
                         static_cast<unsigned>(reinterpret_cast<uintptr_t>(req)));
-    return TERVIK_EXTEND_INVALID_PARAM;
+    return false;
   }
   const auto in_range = [](int len) { return len >= 0 && len <= PAYLOAD_MAX; };
   if (!in_range(req_len) || !in_range(*rsp_len)) {
     tervik_log_error_as(func, "put data_len %d > max %d", req_len, PAYLOAD_MAX);
-    return TERVIK_EXTEND_INVALID_PARAM;
+    return false;
   }
-  return TERVIK_EXTEND_SUCCESS;
-}
-
-[[nodiscard]] qmi_client_error_type send_watched(const tervik_extend_data_msg& request,
-                                                 tervik_extend_data_msg& response) {
-  // Without a watchdog the send still ends by its own time-out.
-  static_cast<void>(tervik_timer_start(WATCHDOG_TIMER_ID, tervik_qmi_timer_cb, WATCHDOG_TIMEOUT_S));
-  const qmi_client_error_type err =
-      qmi_client_send_msg_sync(g_connection.client, TERVIK_EXTEND_DATA_MSG_ID, &request,
-                               sizeof(request), &response, sizeof(response), SEND_TIMEOUT_MS);
-  tervik_timer_stop(WATCHDOG_TIMER_ID);
-  return err;
+  return true;
 }
 
 [[nodiscard]] int take_response(const char* func, const tervik_extend_data_msg& response,
@@ -151,16 +132,22 @@ unsigned int wait_for_service(const char* func) {
                                   uint8_t* rsp, int* rsp_len) {
   const client_lock lock(func);
   tervik_extend_qmi_init_do();
-  int result = check_arguments(func, req, req_len, rsp, rsp_len);
-  if (result == TERVIK_EXTEND_SUCCESS && g_connection.client == nullptr &&
-      tervik_extend_qmi_client_open() == nullptr) {
+  int result = TERVIK_EXTEND_SUCCESS;
+  if (!check_arguments(func, req, req_len, rsp, rsp_len)) {
+    result = TERVIK_EXTEND_INVALID_PARAM;
+  } else if (g_connection.client == nullptr && tervik_extend_qmi_client_open() == nullptr) {
     result = TERVIK_EXTEND_NO_CLIENT;
-  }
-  if (result == TERVIK_EXTEND_SUCCESS) {
+  } else {
     tervik_extend_data_msg request = {id, static_cast<uint32_t>(req_len), 1, {}};
     memcpy(request.payload, req, request.len);
     tervik_extend_data_msg response = {};
-    const qmi_client_error_type err = send_watched(request, response);
+    // Without a watchdog the send still ends by its own time-out.
+    static_cast<void>(
+        tervik_timer_start(WATCHDOG_TIMER_ID, tervik_qmi_timer_cb, WATCHDOG_TIMEOUT_S));
+    const qmi_client_error_type err =
+        qmi_client_send_msg_sync(g_connection.client, TERVIK_EXTEND_DATA_MSG_ID, &request,
+                                 sizeof(request), &response, sizeof(response), SEND_TIMEOUT_MS);
+    tervik_timer_stop(WATCHDOG_TIMER_ID);
     if (err != QMI_NO_ERR) {
       tervik_log_error_as(func, "send msg sync failed: %d, id: %d", err, id);
       tervik_extend_qmi_deinit_do();
@@ -263,7 +250,11 @@ qmi_client_type tervik_extend_qmi_client_open() {
 int tervik_extend_qmi_send_sync(uint32_t id, const uint8_t* req, int req_len, uint8_t* rsp,
                                 int* rsp_len) {
   const int result = exchange_locked(__func__, id, req, req_len, rsp, rsp_len);
-  wait_for_watchdog();
+  // The run may end with the request: a watchdog that runs rebuilds the client first, so that the
+  // last lines are the same every time.
+  std::unique_lock lock(g_watchdog_run.mutex);
+  g_watchdog_run.changed.wait_for(lock, WATCHDOG_END_TIMEOUT,
+                                  [] { return !g_watchdog_run.running; });
   return result;
 }
 

@@ -112,7 +112,6 @@ constexpr uint32_t COUNTED_SSR_TYPES = 0x000F01FF;
   return !stopped;
 }
 
-// NV synchronisation: the results of the send and of the modem, or-ed.
 int sync_nv(const char* func) {
   tervik_common_response rsp = {};
   const int ret_sync = tervik_send_common_qmi_msg(TERVIK_COMMON_NV_SYNC, 0, nullptr, &rsp);
@@ -141,7 +140,7 @@ void tervik_save_modem_ssr_count(int flag) {
 
 void tervik_update_modem_ssr_count(int type) {
   char name[TERVIK_TEXT_SIZE];
-  snprintf(name, sizeof(name), "%s0x%08x", "persist.radio.ssr_count_", static_cast<unsigned>(type));
+  snprintf(name, sizeof(name), "persist.radio.ssr_count_0x%08x", static_cast<unsigned>(type));
   int count = 0;
   tervik_get_property_value_from_int(name, &count, 0);
   tervik_log_debug("ssr_type = 0x%08X, ssr_count_old = %d", static_cast<unsigned>(type), count);
@@ -217,7 +216,6 @@ constinit tervik_qmi_client g_sar_qmi_client({
     .open_timeout_ms = 4,  // of the others it is seconds
     .ind_cb = tervik_qmi_client_common_empty_unsol_ind_cb,
     .open_failed = "qmi_client_init_instance failed",
-    .forgotten_after_failed_send = true,
 });
 
 constinit tervik_qmi_client uim_qmi_client({
@@ -281,8 +279,7 @@ int tervik_send_nas_qmi_req_msg(int msg_id, const void* req, unsigned req_len, v
     tervik_log_debug("%s", req == nullptr ? "qmi_request is NULL" : "qmi_response is NULL");
   } else {
     tervik_log_debug("init qmi_client");
-    // A client that opened without its error callback is forgotten, which is no error of the open.
-    if (client.open(TERVIK_LOG_PLACE) != QMI_NO_ERR || client.handle() == nullptr) {
+    if (client.open(TERVIK_LOG_PLACE) != QMI_NO_ERR) {
       tervik_log_debug("qmi_client_ptr is NULL");
     } else {
       result = client.send(static_cast<unsigned>(msg_id), req, req_len, rsp, rsp_len, time_out_ms);
@@ -324,6 +321,7 @@ constexpr int SAR_FAILURE = -1;
                                                           response_len, SAR_SEND_TIMEOUT_MS);
   if (err != QMI_NO_ERR) {
     tervik_log_debug_as(func, "qmi_client_send_msg_sync failed, qmi_client_error = %d", err);
+    g_sar_qmi_client.forget();
   }
   return err;
 }

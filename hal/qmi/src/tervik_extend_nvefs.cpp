@@ -2,14 +2,86 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstring>
 #include <mutex>
 
 #include "tervik_extend_api.h"
-#include "tervik_extend_nvefs_msg.h"
 #include "tervik_utils_cmn.h"
 
 namespace {
+
+// ---- wire records: the payloads of request classes 1 and 2, and untrusted answers ----
+//
+// Little-endian; every byte that an operation does not set is zero.
+
+enum nvefs_operation : uint8_t {
+  NVEFS_NV_READ = 1,
+  NVEFS_NV_WRITE = 2,
+  NVEFS_NV_DELETE = 3,
+  NVEFS_EFS_READ = 4,
+  NVEFS_EFS_WRITE = 5,
+  NVEFS_EFS_DELETE = 6,
+};
+
+struct nvefs_request {
+  uint8_t operation;
+  uint8_t sub;
+  uint16_t id;  // NV operations: the item; EFS write: the transfer (ins_id)
+  uint8_t path_len;
+  char path[100];
+  uint8_t unused_105[3];
+  uint32_t data_len_all;   // NV write: the item's length; EFS write: the file's
+  uint32_t data_len_send;  // EFS write: this chunk's length
+  uint32_t data_len_cur;   // EFS read and write: this chunk's offset in the file
+  uint8_t data[424];
+};
+static_assert(sizeof(nvefs_request) == 544);
+static_assert(offsetof(nvefs_request, id) == 2);
+static_assert(offsetof(nvefs_request, path_len) == 4);
+static_assert(offsetof(nvefs_request, path) == 5);
+static_assert(offsetof(nvefs_request, data_len_all) == 0x6C);
+static_assert(offsetof(nvefs_request, data_len_send) == 0x70);
+static_assert(offsetof(nvefs_request, data_len_cur) == 0x74);
+static_assert(offsetof(nvefs_request, data) == 0x78);
+
+struct nvefs_response {
+  uint8_t unused_0[2];
+  uint16_t ins_id;         // EFS write: the transfer identifier for the next chunk
+  uint32_t data_len_all;   // NV read: the item's length; EFS read: the file's
+  uint32_t data_len_send;  // EFS read: this chunk's length
+  uint8_t unused_12[4];
+  int32_t result;
+  uint8_t data[424];
+};
+static_assert(sizeof(nvefs_response) == 444);
+static_assert(offsetof(nvefs_response, ins_id) == 2);
+static_assert(offsetof(nvefs_response, data_len_all) == 4);
+static_assert(offsetof(nvefs_response, data_len_send) == 8);
+static_assert(offsetof(nvefs_response, result) == 16);
+static_assert(offsetof(nvefs_response, data) == 20);
+
+struct nv_item_request {
+  uint32_t always_1;
+  uint32_t nv_id;
+  uint32_t sub;
+  uint8_t unused_12[416];
+};
+static_assert(sizeof(nv_item_request) == 428);
+
+struct nv_item_response {
+  uint32_t unused_0;
+  int32_t status;
+  uint32_t unused_8[2];
+  uint32_t data_len;
+  uint8_t data[412];
+};
+static_assert(sizeof(nv_item_response) == 432);
+static_assert(offsetof(nv_item_response, status) == 4);
+static_assert(offsetof(nv_item_response, data_len) == 16);
+static_assert(offsetof(nv_item_response, data) == 20);
+
+// ---- one operation ----
 
 constexpr uint32_t EFS_WRITE_CHUNK_MAX = 414;
 constexpr uint16_t EFS_FIRST_CHUNK_INS_ID = 255;
@@ -49,16 +121,19 @@ struct operation_arguments {
 
 // One operation, in the name of the function that it belongs to: its request, and what came back.
 struct nvefs_call {
-  const char* const func = nullptr;
-  const uint32_t sub = 0;
+  nvefs_call(const tervik_log_place& place, uint32_t sub_id)
+      : func(place.func), sub(sub_id), trace(place, sub_id), lock(g_nvefs_mutex) {}
+
+  const char* const func;
+  const uint32_t sub;
+  const tervik_function_trace trace;
+  const std::lock_guard<std::mutex> lock;
   nvefs_request request = {};
   nvefs_response response = {};
   uint32_t data_carried = 0;  // bytes of response.data that the answer really has
 
   [[nodiscard]] int prepare(nvefs_operation operation, const operation_arguments& args);
   [[nodiscard]] int send();
-  [[nodiscard]] int send_checked(const char* consequence = "");
-  [[nodiscard]] int failure(int result, const char* consequence = "") const;
   [[nodiscard]] int read_chunks(uint8_t* buf, uint32_t* buf_len);
   [[nodiscard]] int fill_up(uint8_t* buf, uint32_t received, uint32_t capacity) const;
   [[nodiscard]] int write_chunks(const uint8_t* data, uint32_t len);
@@ -112,44 +187,36 @@ int nvefs_call::prepare(nvefs_operation operation, const operation_arguments& ar
   return 0;
 }
 
-// Sends the request; the client's result, mapped. An answer too short to hold its result counts as
-// a failed send.
+// Sends the request and returns what failed, the send or the modem; 0 when nothing did. An answer
+// too short to hold its result counts as a failed send. The modem's numbers above 0 are no failure
+// where an EFS file is written.
 int nvefs_call::send() {
   response = {};
   int rsp_len = sizeof(response);
-  const int result = tervik_qmi_result_map(tervik_extend_qmi_send_sync(
+  int result = tervik_qmi_result_map(tervik_extend_qmi_send_sync(
       REQUEST_ID_EFS, reinterpret_cast<const uint8_t*>(&request), sizeof(request),
       reinterpret_cast<uint8_t*>(&response), &rsp_len));
-  if (result != 0) {
-    return result;
-  }
   constexpr int HEADER_LEN = offsetof(nvefs_response, data);
-  if (rsp_len < HEADER_LEN) {
+  if (result == 0 && rsp_len < HEADER_LEN) {
     tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "qmi response of %d bytes is too short",
                         rsp_len);
-    return TERVIK_NVEFS_ERR_SEND;
+    result = TERVIK_NVEFS_ERR_SEND;
   }
-  data_carried = static_cast<uint32_t>(rsp_len - HEADER_LEN);
-  return 0;
-}
-
-// Sends the request and returns what failed, the send or the modem; 0 when nothing did.
-int nvefs_call::send_checked(const char* consequence) {
-  const int result = send();
-  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d", result,
-                      response.result);
-  return failure(result, consequence);
-}
-
-// The failure of a send with this result, told in the log. The modem's numbers above 0 are none
-// where an EFS file is written.
-int nvefs_call::failure(int result, const char* consequence) const {
+  const bool writes_file = request.operation == NVEFS_EFS_WRITE;
+  if (writes_file) {
+    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d, ins_id = %d",
+                        result, response.result, response.ins_id);
+  } else {
+    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d", result,
+                        response.result);
+  }
   if (result != 0) {
     tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "tervik_extend_qmi_send_sync fail%s",
-                        consequence);
+                        request.operation == NVEFS_EFS_READ ? ", ABORT" : "");
     return result;
   }
-  if (response.result == 0 || (response.result > 0 && request.operation == NVEFS_EFS_WRITE)) {
+  data_carried = static_cast<uint32_t>(rsp_len - HEADER_LEN);
+  if (response.result == 0 || (response.result > 0 && writes_file)) {
     return 0;
   }
   tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "qmi response fail");
@@ -161,7 +228,7 @@ int nvefs_call::read_chunks(uint8_t* buf, uint32_t* buf_len) {
   uint32_t received = 0;
   for (int read_count = 0;; ++read_count) {
     request.data_len_cur = received;
-    const int failed = send_checked(", ABORT");
+    const int failed = send();
     if (failed != 0) {
       return failed;
     }
@@ -192,12 +259,10 @@ int nvefs_call::read_chunks(uint8_t* buf, uint32_t* buf_len) {
 // Ends a read whose chunk does not leave room in the buffer: takes what fits, and returns the
 // file's length. A length that would pass for success or for another failure is refused.
 int nvefs_call::fill_up(uint8_t* buf, uint32_t received, uint32_t capacity) const {
-  if (capacity > received) {
-    memcpy(buf + received, response.data, capacity - received);
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "abort, buf_len <= data_len_recv");
-  } else {
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "errro, abort, buf_len <= req.data_len_cur");
-  }
+  memcpy(buf + received, response.data, capacity - received);
+  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "%s",
+                      capacity > received ? "abort, buf_len <= data_len_recv"
+                                          : "errro, abort, buf_len <= req.data_len_cur");
   if (response.data_len_all == 0 || response.data_len_all > INT32_MAX) {
     tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "data_len_all is invalid");
     return TERVIK_NVEFS_ERR_BUF_LEN;
@@ -216,10 +281,7 @@ int nvefs_call::write_chunks(const uint8_t* data, uint32_t len) {
     request.data_len_cur = sent;
     memset(request.data, 0, sizeof(request.data));
     memcpy(request.data, data + sent, request.data_len_send);
-    const int result = send();
-    tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "result = %d, rsp.result = %d, ins_id = %d",
-                        result, response.result, response.ins_id);
-    const int failed = failure(result);
+    const int failed = send();
     if (failed != 0) {
       return failed;
     }
@@ -245,13 +307,11 @@ int tervik_qmi_result_map(int result) {
 }
 
 int tervik_nv_read(uint32_t sub, uint32_t nv_id, uint8_t* buf, uint32_t* buf_len) {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
-  const std::lock_guard lock(g_nvefs_mutex);
+  nvefs_call call(TERVIK_LOG_PLACE, sub);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_nv_read, sub_id %d, nv_id: %d", sub, nv_id);
-  nvefs_call call = {.func = __func__, .sub = sub};
   int result = call.prepare(NVEFS_NV_READ, {.nv_id = nv_id, .buf = buf, .read_len = buf_len});
   if (result == 0) {
-    result = call.send_checked();
+    result = call.send();
   }
   if (result != 0) {
     return result;
@@ -268,35 +328,29 @@ int tervik_nv_read(uint32_t sub, uint32_t nv_id, uint8_t* buf, uint32_t* buf_len
 }
 
 int tervik_nv_write_ex(uint32_t sub, uint32_t nv_id, const uint8_t* data, uint32_t len) {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
-  const std::lock_guard lock(g_nvefs_mutex);
+  nvefs_call call(TERVIK_LOG_PLACE, sub);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_nv_write, sub_id %d, nv_id: %d, buf_len: %d", sub,
                    nv_id, len);
-  nvefs_call call = {.func = __func__, .sub = sub};
   const int result = call.prepare(NVEFS_NV_WRITE, {.nv_id = nv_id, .buf = data, .write_len = len});
   if (result != 0) {
     return result;
   }
   call.request.data_len_all = len;
   memcpy(call.request.data, data, len);
-  return call.send_checked();
+  return call.send();
 }
 
 int tervik_nv_delete(uint32_t sub, uint32_t nv_id) {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
-  const std::lock_guard lock(g_nvefs_mutex);
+  nvefs_call call(TERVIK_LOG_PLACE, sub);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_nv_delete, sub_id %d, nv_id: %d", sub, nv_id);
-  nvefs_call call = {.func = __func__, .sub = sub};
   const int result = call.prepare(NVEFS_NV_DELETE, {.nv_id = nv_id});
-  return result != 0 ? result : call.send_checked();
+  return result != 0 ? result : call.send();
 }
 
 int tervik_efs_read(uint32_t sub, const char* path, uint32_t path_len, uint8_t* buf,
                     uint32_t* buf_len) {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
-  const std::lock_guard lock(g_nvefs_mutex);
+  nvefs_call call(TERVIK_LOG_PLACE, sub);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_efs_read, sub_id %d, path_len: %d", sub, path_len);
-  nvefs_call call = {.func = __func__, .sub = sub};
   const int result = call.prepare(
       NVEFS_EFS_READ, {.path = path, .path_len = path_len, .buf = buf, .read_len = buf_len});
   return result != 0 ? result : call.read_chunks(buf, buf_len);
@@ -304,24 +358,20 @@ int tervik_efs_read(uint32_t sub, const char* path, uint32_t path_len, uint8_t* 
 
 int tervik_efs_write(uint32_t sub, const char* path, uint32_t path_len, const uint8_t* data,
                      uint32_t len) {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
-  const std::lock_guard lock(g_nvefs_mutex);
+  nvefs_call call(TERVIK_LOG_PLACE, sub);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_efs_write, sub_id %d, path_len: %d, buf_len: %d",
                    sub, path_len, len);
-  nvefs_call call = {.func = __func__, .sub = sub};
   const int result = call.prepare(
       NVEFS_EFS_WRITE, {.path = path, .path_len = path_len, .buf = data, .write_len = len});
   return result != 0 ? result : call.write_chunks(data, len);
 }
 
 int tervik_efs_delete(uint32_t sub, const char* path, uint32_t path_len) {
-  const tervik_function_trace trace(TERVIK_LOG_PLACE, sub);
-  const std::lock_guard lock(g_nvefs_mutex);
+  nvefs_call call(TERVIK_LOG_PLACE, sub);
   tervik_log_print(LOG_CLASS_DEBUG, sub, "tervik_efs_delete, sub_id %d, path_len: %d", sub,
                    path_len);
-  nvefs_call call = {.func = __func__, .sub = sub};
   const int result = call.prepare(NVEFS_EFS_DELETE, {.path = path, .path_len = path_len});
-  return result != 0 ? result : call.send_checked();
+  return result != 0 ? result : call.send();
 }
 
 int tervik_extend_nv_read_item(uint32_t nv_id, uint32_t sub, uint8_t* buf, uint32_t* buf_len) {

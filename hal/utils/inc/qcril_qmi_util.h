@@ -3,8 +3,6 @@
 
 #include "qmi_idl.h"
 
-using qcril_qmi_response = qmi_result;
-
 // 0 for a success (QMI error 26 counts as one), else a RIL result. `response` may be null.
 [[nodiscard]] int qcril_qmi_util_convert_qmi_response_codes_to_ril_result(
-    int transport_result, const qcril_qmi_response* response);
+    int transport_result, const qmi_result* response);

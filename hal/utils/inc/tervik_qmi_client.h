@@ -1,8 +1,7 @@
 // The clients of the modem's QMI services: how each is opened, used, lost and released. A service's
 // row says in what it differs from the others; some differences are odd, and all are wanted. The
-// client of the extension service is not here: it is found through a notifier and a service list,
-// which no other shares, so that a row for it would be longer than its own few calls. Any thread;
-// the bytes of indications are untrusted.
+// client of the extension service is not here: no other is found through a notifier and a service
+// list. Any thread; the bytes of indications are untrusted.
 #pragma once
 
 #include <atomic>
@@ -27,9 +26,7 @@ struct tervik_qmi_service {
   // How the lines about opening begin; null: the service's room writes its own.
   const char* open_failed = nullptr;
   const char* opened = nullptr;
-  // A forgotten client is not released: it stays open until the process ends.
-  bool forgotten_when_unwatched = false;  // `error_cb` could not be registered
-  bool forgotten_after_failed_send = false;
+  bool forgotten_when_unwatched = false;  // when `error_cb` could not be registered
 };
 
 // One client of a service; closed at first. The framework alone writes the os parameters.
@@ -47,6 +44,8 @@ class tervik_qmi_client {
                                            void* rsp, unsigned rsp_len, unsigned timeout_ms);
   // Releases the client, if there is one. False when the framework did not know it.
   bool release();
+  // Closes the client without a release: it stays open in the framework until the process ends.
+  void forget() { handle_ = nullptr; }
 
  private:
   const tervik_qmi_service service_;

@@ -24,15 +24,10 @@ constexpr std::array<mapped_error, 28> ERRORS = {{
     {73, 58}, {74, 61}, {83, 39}, {90, 46}, {91, 14}, {95, 62}, {97, 65},
 }};
 
-int map_error(int qmi_error) {
-  const mapped_error* const row = find_row(ERRORS, &mapped_error::qmi_error, qmi_error);
-  return row != nullptr ? row->ril_result : RIL_UNMAPPED_ERROR;
-}
-
 }  // namespace
 
 int qcril_qmi_util_convert_qmi_response_codes_to_ril_result(int transport_result,
-                                                            const qcril_qmi_response* response) {
+                                                            const qmi_result* response) {
   constexpr int SERVICE_GONE = -2;
   constexpr int QMI_RESULT_FAILURE = 1;
   if (transport_result != 0 && transport_result != SERVICE_GONE) {
@@ -44,5 +39,9 @@ int qcril_qmi_util_convert_qmi_response_codes_to_ril_result(int transport_result
   if (response == nullptr || response->result == 0) {
     return RIL_SUCCESS;
   }
-  return response->result == QMI_RESULT_FAILURE ? map_error(response->error) : RIL_INTERNAL_ERROR;
+  if (response->result != QMI_RESULT_FAILURE) {
+    return RIL_INTERNAL_ERROR;
+  }
+  const mapped_error* const row = find_row(ERRORS, &mapped_error::qmi_error, response->error);
+  return row != nullptr ? row->ril_result : RIL_UNMAPPED_ERROR;
 }

@@ -5,8 +5,8 @@
 #include <new>
 
 qmi_client_error_type tervik_qmi_client::open(const tervik_log_place& place) {
-  qmi_client_error_type err = QMI_NO_ERR;
-  for (int attempt = 0; attempt < service_.attempts; ++attempt) {
+  qmi_client_error_type err = QMI_INTERNAL_ERR;
+  for (int attempt = 0; err != QMI_NO_ERR && attempt < service_.attempts; ++attempt) {
     if (attempt > 0) {
       sleep(service_.pause_s);
     }
@@ -17,9 +17,6 @@ qmi_client_error_type tervik_qmi_client::open(const tervik_log_place& place) {
                                    &client);
     handle_ = err == QMI_NO_ERR ? client : nullptr;
     service_.after_attempt(attempt, err);
-    if (err == QMI_NO_ERR) {
-      break;
-    }
   }
   if (err != QMI_NO_ERR) {
     if (service_.open_failed != nullptr) {
@@ -39,7 +36,7 @@ qmi_client_error_type tervik_qmi_client::open(const tervik_log_place& place) {
                        "qmi_client_register_error_cb failed");
     }
     if (service_.forgotten_when_unwatched) {
-      handle_ = nullptr;
+      forget();
       return QMI_INTERNAL_ERR;
     }
   }
@@ -48,12 +45,7 @@ qmi_client_error_type tervik_qmi_client::open(const tervik_log_place& place) {
 
 qmi_client_error_type tervik_qmi_client::send(unsigned msg_id, const void* req, unsigned req_len,
                                               void* rsp, unsigned rsp_len, unsigned timeout_ms) {
-  const qmi_client_error_type err =
-      qmi_client_send_msg_sync(handle_, msg_id, req, req_len, rsp, rsp_len, timeout_ms);
-  if (err != QMI_NO_ERR && service_.forgotten_after_failed_send) {
-    handle_ = nullptr;
-  }
-  return err;
+  return qmi_client_send_msg_sync(handle_, msg_id, req, req_len, rsp, rsp_len, timeout_ms);
 }
 
 bool tervik_qmi_client::release() {

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdio>
 
 #include "tervik_utils_cmn.h"
 
@@ -12,7 +11,6 @@ namespace {
 constexpr const char* RESTART_LEVEL_PROPERTY = "persist.vendor.ssr.restart_level";
 constexpr const char* TYPE_BAK_PROPERTY = "persist.vendor.ssr.type_bak";
 constexpr const char* TYPE_BAK_FLAG_PROPERTY = "persist.vendor.ssr.type_bak_flag";
-constexpr const char* TYPE_BAK_FLAG_SET = "yes";
 
 // Shown in the log; the restart of this tool is always started through the property.
 constexpr int g_ssr_start_flag = 0;
@@ -33,7 +31,7 @@ void write_property(const char* name, const char* value) {
 
 void save_backup(const char* level) {
   write_property(TYPE_BAK_PROPERTY, level);
-  write_property(TYPE_BAK_FLAG_PROPERTY, TYPE_BAK_FLAG_SET);
+  write_property(TYPE_BAK_FLAG_PROPERTY, "yes");
 }
 
 struct ssr_type_row {
@@ -55,57 +53,24 @@ int type_of(const property_text& level, const property_text& backup, bool backed
   if (!backed_up || level.equals(backup.text)) {
     return MODEM_RESTART_LEVEL_ID_DEF;
   }
-  for (const int type : {MODEM_RESTART_LEVEL_ID_SSR, MODEM_RESTART_LEVEL_ID_DUMP}) {
-    if (level.equals(SSR_TYPES[static_cast<size_t>(type)].level)) {
-      return type;
-    }
+  if (level.equals(SSR_TYPES[MODEM_RESTART_LEVEL_ID_SSR].level)) {
+    return MODEM_RESTART_LEVEL_ID_SSR;
   }
-  return level.empty() ? MODEM_RESTART_LEVEL_ID_DUMP : MODEM_RESTART_LEVEL_ID_INVALID;
+  const bool dump = level.equals(SSR_TYPES[MODEM_RESTART_LEVEL_ID_DUMP].level) || level.empty();
+  return dump ? MODEM_RESTART_LEVEL_ID_DUMP : MODEM_RESTART_LEVEL_ID_INVALID;
 }
 
-// Copies the level that `type` stands for into `target`; false when there is nothing to do.
-bool choose_target(const char* func, uint32_t type, const property_text& level, bool backed_up,
-                   char (&target)[TERVIK_TEXT_SIZE]) {
-  if (type >= MODEM_RESTART_LEVEL_ID_INVALID) {
-    tervik_log_debug_as(func, "TERVIK_SSR_START_WITH_PROP, invalid ssr type");
-    return false;
-  }
-  const ssr_type_row& row = SSR_TYPES[type];
-  if (row.level != nullptr) {
-    snprintf(target, sizeof(target), "%s", row.level);
-  } else if (backed_up) {
-    tervik_get_property_value(TYPE_BAK_PROPERTY, target, "");
-  } else {
-    tervik_log_debug_as(func, "PROP - NO ssr type def, do nothing");
-    return false;
-  }
-  if (level.equals(target)) {
-    tervik_log_debug_as(func, "%s", row.already_set);
-    return false;
-  }
-  tervik_log_debug_as(func, "PROP - %s: %s", row.name, target);
-  return true;
-}
-
-// A wait whose length comes from the caller or from a property, and its lines in the log.
-struct wait_kind {
-  const char* property;
-  int default_s;
-  const char* name;  // stands before "wait_s"
-  const char* will_not_wait;
-};
-
-constexpr wait_kind SSR_WAIT = {"persist.radio.ssr_wait_s", 5, "ssr ", "modem ssr will not wait"};
-constexpr wait_kind MODEM_WAIT = {"persist.radio.modem_wait_s", 3, "", "will not wait"};
-
-int wait_for(const char* func, const wait_kind& kind, int seconds) {
+// Sleeps for `seconds`, or for those of the property when that is negative; the line about them
+// begins with `name`.
+int wait_for(const char* func, int seconds, const char* property, int default_s, const char* name,
+             const char* will_not_wait) {
   int wait_s = seconds;
   if (seconds < 0) {
-    tervik_get_property_value_from_int(kind.property, &wait_s, kind.default_s);
+    tervik_get_property_value_from_int(property, &wait_s, default_s);
   }
-  tervik_log_debug_as(func, "%swait_s = %d", kind.name, wait_s);
+  tervik_log_debug_as(func, "%s = %d", name, wait_s);
   if (wait_s < 1) {
-    tervik_log_debug_as(func, "%s", kind.will_not_wait);
+    tervik_log_debug_as(func, "%s", will_not_wait);
     return wait_s;
   }
   tervik_log_debug_as(func, "wait-start(%ds) ...", wait_s);
@@ -137,10 +102,26 @@ int tervik_set_modem_ssr_type(uint32_t type) {
   tervik_log_debug("g_ssr_start_flag: %d, type: %d, ssr_type_bak_flag: %s", g_ssr_start_flag, type,
                    flag.text);
   const property_text level(RESTART_LEVEL_PROPERTY);
-  char target[TERVIK_TEXT_SIZE] = {};
-  if (!choose_target(__func__, type, level, !flag.empty(), target)) {
+  if (type >= MODEM_RESTART_LEVEL_ID_INVALID) {
+    tervik_log_debug("TERVIK_SSR_START_WITH_PROP, invalid ssr type");
     return 0;
   }
+  const ssr_type_row& row = SSR_TYPES[type];
+  const char* target = row.level;
+  char backup[TERVIK_TEXT_SIZE];
+  if (target == nullptr) {
+    if (flag.empty()) {
+      tervik_log_debug("PROP - NO ssr type def, do nothing");
+      return 0;
+    }
+    tervik_get_property_value(TYPE_BAK_PROPERTY, backup, "");
+    target = backup;
+  }
+  if (level.equals(target)) {
+    tervik_log_debug("%s", row.already_set);
+    return 0;
+  }
+  tervik_log_debug("PROP - %s: %s", row.name, target);
   write_property(RESTART_LEVEL_PROPERTY, target);
   if (flag.empty()) {
     save_backup(target);
@@ -151,9 +132,10 @@ int tervik_set_modem_ssr_type(uint32_t type) {
 }
 
 int tervik_modem_ssr_wait_s(int seconds) {
-  return wait_for(__func__, SSR_WAIT, seconds);
+  return wait_for(__func__, seconds, "persist.radio.ssr_wait_s", 5, "ssr wait_s",
+                  "modem ssr will not wait");
 }
 
 int tervik_modem_wait_s(int seconds) {
-  return wait_for(__func__, MODEM_WAIT, seconds);
+  return wait_for(__func__, seconds, "persist.radio.modem_wait_s", 3, "wait_s", "will not wait");
 }
