@@ -39,10 +39,7 @@ constexpr auto kNotWritten = static_cast<uint32_t>(kInternalError.error);  // of
 // Sends the service's indications when their time has come.
 class DelayedIndications {
  public:
-  DelayedIndications() = default;
   ~DelayedIndications();
-  DelayedIndications(const DelayedIndications&) = delete;
-  DelayedIndications& operator=(const DelayedIndications&) = delete;
 
   void send_in(milliseconds delay, uint16_t msg_id, std::vector<uint8_t> bytes);
 
