@@ -16,8 +16,8 @@ namespace kiv::platform {
 namespace {
 
 struct ModemService {
-  uint32_t id;
-  Service (*make)(const ModemConf& conf);
+  uint32_t id = 0;
+  Service (*make)(const ModemConf& conf) = nullptr;
   // With the fault `silent` this service still answers requests and leaves out its indications.
   bool answers_in_silence = false;
 };

@@ -237,7 +237,7 @@ ConfOutcome indication_value(std::string_view name, std::string_view value, Mode
   if (!parse_unsigned(name, UINT16_MAX, msg_id, 16)) {
     return ConfOutcome::kUnknownKey;
   }
-  VsIndication indication{.msg_id = static_cast<uint16_t>(msg_id), .bytes = {}};
+  Indication indication{.msg_id = static_cast<uint16_t>(msg_id), .bytes = {}};
   if (!parse_hex_bytes(value, kVsIndicationMax, indication.bytes)) {
     return ConfOutcome::kBadValue;
   }

@@ -41,14 +41,9 @@ class DelayedIndications {
  public:
   ~DelayedIndications();
 
-  void send_in(milliseconds delay, uint16_t msg_id, std::vector<uint8_t> bytes);
+  void send_in(milliseconds delay, const Indication& indication);
 
  private:
-  struct Indication {
-    uint16_t msg_id;
-    std::vector<uint8_t> bytes;
-  };
-
   void run();
 
   std::mutex mutex_;
@@ -70,13 +65,13 @@ DelayedIndications::~DelayedIndications() {
 }
 
 // A failed start is tried again with the next indication; what is queued waits for it.
-void DelayedIndications::send_in(milliseconds delay, uint16_t msg_id, std::vector<uint8_t> bytes) {
+void DelayedIndications::send_in(milliseconds delay, const Indication& indication) {
   const auto run_thread = [](void* indications) -> void* {
     static_cast<DelayedIndications*>(indications)->run();
     return nullptr;
   };
   const std::lock_guard lock(mutex_);
-  waiting_.emplace(Clock::now() + delay, Indication{msg_id, std::move(bytes)});
+  waiting_.emplace(Clock::now() + delay, indication);
   pthread_t thread{};
   if (!thread_ && pthread_create(&thread, nullptr, run_thread, this) == 0) {
     thread_ = thread;
@@ -87,20 +82,18 @@ void DelayedIndications::send_in(milliseconds delay, uint16_t msg_id, std::vecto
 void DelayedIndications::run() {
   std::unique_lock lock(mutex_);
   while (!ended_) {
-    if (waiting_.empty()) {
-      changed_.wait(lock);
-      continue;
-    }
     const auto first = waiting_.begin();
-    if (const auto due = first->first; Clock::now() < due) {
+    if (first == waiting_.end()) {
+      changed_.wait(lock);
+    } else if (const auto due = first->first; Clock::now() < due) {
       changed_.wait_until(lock, due);
-      continue;
+    } else {
+      const Indication indication = std::move(first->second);
+      waiting_.erase(first);
+      lock.unlock();
+      send_indication(kPdcServiceId, indication.msg_id, indication.bytes);
+      lock.lock();
     }
-    const Indication indication = std::move(first->second);
-    waiting_.erase(first);
-    lock.unlock();
-    send_indication(kPdcServiceId, indication.msg_id, indication.bytes);
-    lock.lock();
   }
 }
 
@@ -155,7 +148,7 @@ bool is_valid(const pdc_set_selected_config_req_msg_v01& request) {
          config.config_id_len <= sizeof config.config_id && subscription_of(request) < kCardSlots;
 }
 
-void send_outcome(PdcState& pdc, uint16_t msg_id, const std::vector<uint8_t>& indication) {
+void send_outcome(PdcState& pdc, const Indication& outcome) {
   if (pdc.conf.fault_of(kPdcServiceId).kind == ServiceFault::Kind::kSilent) {
     return;
   }
@@ -163,35 +156,35 @@ void send_outcome(PdcState& pdc, uint16_t msg_id, const std::vector<uint8_t>& in
     case PdcIndication::kNever:
       break;
     case PdcIndication::kEarly:
-      send_indication(kPdcServiceId, msg_id, indication);
+      send_indication(kPdcServiceId, outcome.msg_id, outcome.bytes);
       std::this_thread::sleep_for(kEarlyLead);
       break;
     case PdcIndication::kLate:
-      pdc.indications.send_in(kLateDelay, msg_id, indication);
+      pdc.indications.send_in(kLateDelay, outcome);
       break;
     case PdcIndication::kTwice:
-      pdc.indications.send_in(kNormalDelay, msg_id, indication);
+      pdc.indications.send_in(kNormalDelay, outcome);
       [[fallthrough]];
     case PdcIndication::kNormal:
-      pdc.indications.send_in(kNormalDelay, msg_id, indication);
+      pdc.indications.send_in(kNormalDelay, outcome);
       break;
   }
 }
 
 // Accepts a request and sends what `carry_out` makes of it for a subscription, or refuses it.
-template <class Indication, class Request, class CarryOut>
+template <class Body, class Request, class CarryOut>
 pdc_result_v01 accept(PdcState& pdc, uint16_t msg_id, const Request& request, CarryOut carry_out) {
   if (!is_valid(request)) {
     return kInvalidArgument;
   }
-  Indication indication{};
-  indication.indication_error = static_cast<uint32_t>(pdc.conf.pdc_ind_error);
+  Body body{};
+  body.indication_error = static_cast<uint32_t>(pdc.conf.pdc_ind_error);
   if (pdc.conf.pdc_ind_error == 0) {
-    carry_out(subscription_of(request), indication);
+    carry_out(subscription_of(request), body);
   }
-  const auto bytes = bytes_of(std::as_const(indication));
-  pdc.afterwards = [&pdc, msg_id, sent = std::vector(bytes.begin(), bytes.end())] {
-    send_outcome(pdc, msg_id, sent);
+  const auto bytes = bytes_of(std::as_const(body));
+  pdc.afterwards = [&pdc, outcome = Indication{msg_id, {bytes.begin(), bytes.end()}}] {
+    send_outcome(pdc, outcome);
   };
   return kDone;
 }

@@ -42,8 +42,7 @@ constexpr qmi_idl_message describe(uint16_t id, std::span<const qmi_idl_field> f
 // What the requests of a service work on; a service that keeps more derives from it.
 struct ServiceState {
   const ModemConf conf;
-  // What a handler leaves to be done before its answer goes back, while the next request is at
-  // work.
+  // Left by a handler, done before its answer goes back; the next request does not wait for it.
   std::function<void()> afterwards{};
 };
 
@@ -51,8 +50,8 @@ struct ServiceState {
 // gets the zeroed response, fills it in and returns its outcome.
 template <class State, class Request, class Response>
 struct Message {
-  uint16_t id;
-  qmi_result (*handle)(State& state, const Request& request, Response& response);
+  uint16_t id = 0;
+  qmi_result (*handle)(State& state, const Request& request, Response& response) = nullptr;
   std::span<const qmi_idl_field> request_fields{};
   std::span<const qmi_idl_field> response_fields{};
 
@@ -106,7 +105,8 @@ std::span<uint8_t> bytes_of(Object& object) {
   return {reinterpret_cast<uint8_t*>(&object), sizeof object};
 }
 
-// The two functions below have an overload beside a message that is made in another way.
+// A message of another make, as that of the extension service, has its own overloads of the two
+// functions below beside its structure.
 
 // False when the bytes are not the message that `description` describes.
 template <class Body>

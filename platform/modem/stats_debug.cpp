@@ -15,7 +15,7 @@ struct Counter {
 };
 
 constexpr std::array kCounters{
-    // Main, behind the enable status and the number of logs that are not supported.
+    // Section main, behind the enable status and the number of logs that are not supported.
     Counter{8, 0, 1201},    // commands done
     Counter{8, 0, 3},       // commands failed
     Counter{8, 2, 65536},   // heap: most bytes in use
@@ -25,7 +25,7 @@ constexpr std::array kCounters{
     Counter{4, 4, 0x12F},   // log mask
     Counter{4, 4, 0x1003},  // statistics log mask
 
-    // Diag.
+    // Section diag.
     Counter{1, 0, 1},      // state
     Counter{4, 0, 11},     // events listened to
     Counter{1, 0, 2},      // state of the event listener
@@ -49,7 +49,7 @@ constexpr std::array kCounters{
     Counter{4, 3, 22},     // custom events received
     Counter{4, 3, 21},     // custom events parsed
 
-    // Cm.
+    // Section cm.
     Counter{1, 0, 1},     // state
     Counter{1, 0, 4},     // state of the listener
     Counter{4, 0, 52},    // call events received
@@ -67,7 +67,7 @@ constexpr std::array kCounters{
     Counter{4, 0, 107},   // NR polls
     Counter{4, 0, 106},   // NR polls parsed
 
-    // Uim.
+    // Section uim.
     Counter{1, 0, 1},  // state
     Counter{1, 0, 5},  // state of the listener
     Counter{4, 0, 9},  // events received

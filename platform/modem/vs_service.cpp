@@ -122,7 +122,7 @@ constexpr std::array<qmi_idl_field, 2> kGetParametersResponseFields{{
 qmi_result set_feature(ServiceState& service, const SetFeatureRequest& request,
                        SetFeatureResponse&) {
   if (request.feature == kStatisticsFeature && request.status != 0) {
-    for (const VsIndication& indication : service.conf.vs_indications) {
+    for (const Indication& indication : service.conf.vs_indications) {
       send_indication(kVsServiceId, indication.msg_id, indication.bytes);
     }
   }
