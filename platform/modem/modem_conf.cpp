@@ -176,15 +176,13 @@ bool eid_value(std::string_view value, ModemConf& conf) {
     conf.eid.reset();
     return true;
   }
-  Eid eid{};
-  if (value.size() != 2 * eid.size() ||
-      value.find_first_not_of("0123456789") != std::string_view::npos) {
+  std::vector<uint8_t> bytes;
+  if (value.size() != 2 * sizeof(Eid) ||
+      value.find_first_not_of("0123456789") != std::string_view::npos ||
+      !parse_hex_bytes(value, sizeof(Eid), bytes)) {
     return false;
   }
-  for (size_t i = 0; i < eid.size(); ++i) {
-    eid[i] = static_cast<uint8_t>((value[2 * i] - '0') << 4 | (value[2 * i + 1] - '0'));
-  }
-  conf.eid = eid;
+  std::copy(bytes.begin(), bytes.end(), conf.eid.emplace().begin());
   return true;
 }
 
