@@ -5,26 +5,23 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <memory>
-#include <mutex>
 #include <span>
 #include <string>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 #include "platform/android/state_directory.h"
 #include "platform/modem/modem.h"
 #include "platform/modem/nv_efs_store.h"
+#include "platform/modem/service_messages.h"
 #include "platform/modem/stats_debug.h"
-#include "platform/qmi/qmi_idl_codec.h"
-#include "qmi_client.h"
 
 namespace kiv::platform {
 namespace {
 
 constexpr uint16_t kMessageId = 0x0002;
-constexpr uint32_t kServiceError = 1;       // a request class that the modem does not know
-constexpr int32_t kCommonNotSupported = 1;  // a common request that it does not know
+constexpr qmi_result kUnknownClass{.result = 1, .error = 1};
+constexpr int32_t kCommonNotSupported = 1;  // a common request that the modem does not know
 constexpr uint32_t kCommonMessage = 2;      // first word of a common request that has a type
 constexpr uint32_t kTwoSims = 2;            // card type: 1 would be a handset for one card
 constexpr uint32_t kItemRead = 1;           // first word of an NV item request
@@ -50,10 +47,22 @@ constexpr std::array<qmi_idl_field, 3> kExtensionFields{{
      .presence_offset = offsetof(ExtensionMessage, payload_valid),
      .max_count = 550},
 }};
-constexpr qmi_idl_message kExtensionMessage{.id = kMessageId,
-                                            .c_struct_len = sizeof(ExtensionMessage),
-                                            .max_encoded_len = 567,
-                                            .fields = kExtensionFields};
+
+// What lies beyond the length is cleared, as it is on the wire. False also when the length claims
+// more than there is.
+bool decode_body(const qmi_idl_message& description, std::span<const uint8_t> encoded,
+                 ExtensionMessage& request) {
+  if (!platform::decode_body(description, encoded, request) ||
+      request.len > (request.payload_valid != 0 ? request.payload.size() : 0)) {
+    return false;
+  }
+  std::fill(request.payload.begin() + request.len, request.payload.end(), uint8_t{0});
+  return true;
+}
+
+void set_outcome(ExtensionMessage& response, qmi_result outcome) {
+  response.id = static_cast<uint32_t>(outcome.error);
+}
 
 // Class 1: one NV item.
 struct NvItemRequest {
@@ -75,6 +84,8 @@ struct NvItemResponse {
 static_assert(sizeof(NvItemResponse) == 432 && offsetof(NvItemResponse, item) == 20);
 
 // Class 2: NV items and EFS files.
+enum NvEfsOperation : uint8_t { kNvRead = 1, kNvWrite, kNvDelete, kEfsRead, kEfsWrite, kEfsDelete };
+
 struct NvEfsRequest {
   uint8_t operation;
   uint8_t sub;
@@ -141,200 +152,21 @@ static_assert(sizeof(TxSetting) == 24 && offsetof(TxSetting, band_list) == 16);
 constexpr const char* kGpioSettingFile = "efs/0/oem/debug/rf_ant_port_config";
 constexpr const char* kTxSettingFile = "efs/0/oem/debug/ant_tx_config";
 
-template <class Body>
-Body payload_as(const ExtensionMessage& message) {
-  static_assert(sizeof(Body) <= sizeof message.payload);
-  Body body{};
-  std::memcpy(&body, message.payload.data(), sizeof body);
-  return body;
-}
-
-template <class Body>
-void set_payload(ExtensionMessage& message, const Body& body) {
-  static_assert(sizeof(Body) <= sizeof message.payload);
-  std::memcpy(message.payload.data(), &body, sizeof body);
-  message.len = sizeof body;
-  message.payload_valid = 1;
-}
-
-// The data of a common message as words; false when it has not this many.
-template <size_t count>
-bool read_words(const ExtensionMessage& message, std::array<uint32_t, count>& words) {
-  const auto request = payload_as<CommonRequest>(message);
-  static_assert(sizeof words <= sizeof request.data);
-  if (request.data_length != sizeof words) {
-    return false;
-  }
-  std::memcpy(words.data(), request.data.data(), sizeof words);
-  return true;
-}
-
-template <size_t count>
-void set_words(CommonResponse& answer, const std::array<uint32_t, count>& words) {
-  static_assert(sizeof words <= sizeof answer.data);
-  answer.data_length = sizeof words;
-  std::memcpy(answer.data.data(), words.data(), sizeof words);
-}
-
-// The statistics requests know no type: their block begins where the others have it.
-void set_block(CommonResponse& answer, const std::vector<uint8_t>& block) {
-  constexpr size_t kBlockOffset = offsetof(CommonResponse, type);
-  static_assert(sizeof answer - kBlockOffset == kStatsBlockMax);
-  auto* const bytes = reinterpret_cast<uint8_t*>(&answer);
-  std::fill(bytes + kBlockOffset, bytes + sizeof answer, uint8_t{0});
-  std::copy_n(block.begin(), std::min(block.size(), kStatsBlockMax), bytes + kBlockOffset);
-}
-
-class ExtensionService {
- public:
-  explicit ExtensionService(const ModemConf& conf)
-      : fault_(conf.fault_of(kExtensionServiceId)),
-        rsp_result_(conf.extension_rsp_result),
-        card_states_(conf.card_states),
-        stats_debug_block_(make_stats_debug_block(conf)),
-        stats_log_ids_block_(make_stats_log_ids_block(conf)) {}
-
-  ServiceReply handle(uint16_t msg_id, std::span<const uint8_t> encoded);
-
- private:
-  using AnswerClass = void (ExtensionService::*)(const ExtensionMessage& message,
-                                                 ExtensionMessage& response);
-  using AnswerOperation = int32_t (ExtensionService::*)(const NvEfsRequest& request,
-                                                        NvEfsResponse& response);
-  struct ClassRow {
-    uint32_t id;
-    AnswerClass answer;
-  };
-  struct OperationRow {
-    uint8_t operation;
-    AnswerOperation answer;
-  };
-  using AnswerCommon = int32_t (ExtensionService::*)(const ExtensionMessage& message,
-                                                     CommonResponse& answer);
-  struct CommonRow {
-    uint32_t kind;
-    uint32_t type;  // of a common message; 0 for the others
-    AnswerCommon answer;
-  };
-  static const std::array<ClassRow, 3> kClasses;
-  static const std::array<CommonRow, 13> kCommonRequests;
-  static const std::array<OperationRow, 6> kOperations;
-
-  void answer_nv_item(const ExtensionMessage& message, ExtensionMessage& response);
-  void answer_nv_efs(const ExtensionMessage& message, ExtensionMessage& response);
-  void answer_common(const ExtensionMessage& message, ExtensionMessage& response);
-
-  int32_t nv_read(const NvEfsRequest& request, NvEfsResponse& response);
-  int32_t nv_write(const NvEfsRequest& request, NvEfsResponse& response);
-  int32_t nv_delete(const NvEfsRequest& request, NvEfsResponse& response);
-  int32_t efs_read(const NvEfsRequest& request, NvEfsResponse& response);
-  int32_t efs_write(const NvEfsRequest& request, NvEfsResponse& response);
-  int32_t efs_delete(const NvEfsRequest& request, NvEfsResponse& response);
-
-  int32_t restart(const ExtensionMessage& message, CommonResponse& answer);
-  int32_t nv_sync(const ExtensionMessage& message, CommonResponse& answer);
-  int32_t modem_test(const ExtensionMessage& message, CommonResponse& answer);
-  int32_t card_presence(const ExtensionMessage& message, CommonResponse& answer);
-  int32_t card_status(const ExtensionMessage& message, CommonResponse& answer);
-  int32_t card_type(const ExtensionMessage& message, CommonResponse& answer);
-  int32_t set_card_status(const ExtensionMessage& message, CommonResponse& answer);
-  int32_t hot_swap_test(const ExtensionMessage& message, CommonResponse& answer);
-  int32_t set_gpio(const ExtensionMessage& message, CommonResponse& answer);
-  int32_t set_tx(const ExtensionMessage& message, CommonResponse& answer);
-  int32_t stats_debug(const ExtensionMessage& message, CommonResponse& answer);
-  int32_t stats_log_ids(const ExtensionMessage& message, CommonResponse& answer);
-
-  const ServiceFault fault_;
-  const int32_t rsp_result_;
-  const std::array<CardState, kCardSlots> card_states_;
-  const std::vector<uint8_t> stats_debug_block_;
-  const std::vector<uint8_t> stats_log_ids_block_;
-  std::mutex mutex_;  // one request at a time, as the modem carries them out
-  EfsReadTransfer read_transfer_;
-  EfsWriteTransfers write_transfers_;
-  bool restart_wanted_ = false;  // by the request at work
+struct ExtensionState : ServiceState {
+  EfsReadTransfer read_transfer{};
+  EfsWriteTransfers write_transfers{};
 };
 
-const std::array<ExtensionService::ClassRow, 3> ExtensionService::kClasses{{
-    {1, &ExtensionService::answer_nv_item},
-    {2, &ExtensionService::answer_nv_efs},
-    {4, &ExtensionService::answer_common},
-}};
-
-const std::array<ExtensionService::OperationRow, 6> ExtensionService::kOperations{{
-    {1, &ExtensionService::nv_read},
-    {2, &ExtensionService::nv_write},
-    {3, &ExtensionService::nv_delete},
-    {4, &ExtensionService::efs_read},
-    {5, &ExtensionService::efs_write},
-    {6, &ExtensionService::efs_delete},
-}};
-
-const std::array<ExtensionService::CommonRow, 13> ExtensionService::kCommonRequests{{
-    {kCommonMessage, 31, &ExtensionService::restart},
-    {kCommonMessage, 99, &ExtensionService::restart},
-    {kCommonMessage, 35, &ExtensionService::nv_sync},
-    {kCommonMessage, 73, &ExtensionService::modem_test},
-    {kCommonMessage, 39, &ExtensionService::card_presence},
-    {kCommonMessage, 55, &ExtensionService::card_status},
-    {kCommonMessage, 56, &ExtensionService::card_type},
-    {kCommonMessage, 57, &ExtensionService::set_card_status},
-    {kCommonMessage, 80, &ExtensionService::hot_swap_test},
-    {0, 0, &ExtensionService::set_gpio},
-    {1, 0, &ExtensionService::set_tx},
-    {20, 0, &ExtensionService::stats_debug},
-    {27, 0, &ExtensionService::stats_log_ids},
-}};
-
-// Decodes the request; what lies beyond its length is cleared, as it is on the wire. Returns false
-// when the length claims more than there is.
-bool decode_request(std::span<const uint8_t> encoded, ExtensionMessage& request) {
-  std::array<uint8_t, sizeof(ExtensionMessage)> decoded{};
-  if (!decode_message(kExtensionMessage, encoded, decoded)) {
-    return false;
-  }
-  std::memcpy(&request, decoded.data(), sizeof request);
-  if (request.len > (request.payload_valid != 0 ? request.payload.size() : 0)) {
-    return false;
-  }
-  std::fill(request.payload.begin() + request.len, request.payload.end(), uint8_t{0});
-  return true;
+// The record that `source` begins with.
+template <class Record, class Source>
+Record record_in(const Source& source) {
+  static_assert(sizeof(Record) <= sizeof source);
+  Record record{};
+  std::memcpy(&record, &source, sizeof record);
+  return record;
 }
 
-ServiceReply encode_response(const ExtensionMessage& response) {
-  std::array<uint8_t, sizeof(ExtensionMessage)> bytes{};
-  std::memcpy(bytes.data(), &response, sizeof response);
-  auto encoded = encode_message(kExtensionMessage, bytes);
-  return encoded ? ServiceReply::response(std::move(*encoded))
-                 : ServiceReply::transport_error(QMI_INTERNAL_ERR);
-}
-
-ServiceReply ExtensionService::handle(uint16_t msg_id, std::span<const uint8_t> encoded) {
-  ExtensionMessage request{};
-  if (msg_id != kMessageId || !decode_request(encoded, request)) {
-    return ServiceReply::transport_error(QMI_INTERNAL_ERR);
-  }
-  ExtensionMessage response{};
-  bool restart_wanted = false;
-  const auto row = std::find_if(kClasses.begin(), kClasses.end(),
-                                [&](const ClassRow& entry) { return entry.id == request.id; });
-  if (fault_.kind == ServiceFault::Kind::kResult) {
-    response.id = static_cast<uint32_t>(fault_.code);
-  } else if (row == kClasses.end()) {
-    response.id = kServiceError;
-  } else {
-    const std::lock_guard lock(mutex_);
-    (this->*row->answer)(request, response);
-    restart_wanted = std::exchange(restart_wanted_, false);
-  }
-  if (restart_wanted) {
-    restart_modem();  // the answer still reaches its sender
-  }
-  return encode_response(response);
-}
-
-void ExtensionService::answer_nv_item(const ExtensionMessage& message, ExtensionMessage& response) {
-  const auto request = payload_as<NvItemRequest>(message);
+NvItemResponse answer_nv_item(const NvItemRequest& request) {
   NvItemResponse answer{};
   answer.operation = request.operation;
   answer.nv_id = request.nv_id;
@@ -345,26 +177,12 @@ void ExtensionService::answer_nv_item(const ExtensionMessage& message, Extension
   const size_t length = std::min(item.size(), answer.item.size());
   std::copy_n(item.begin(), length, answer.item.begin());
   answer.item_length = static_cast<uint32_t>(length);
-  set_payload(response, answer);
+  return answer;
 }
 
-void ExtensionService::answer_nv_efs(const ExtensionMessage& message, ExtensionMessage& response) {
-  const auto request = payload_as<NvEfsRequest>(message);
-  NvEfsResponse answer{};
-  const auto row =
-      std::find_if(kOperations.begin(), kOperations.end(),
-                   [&](const OperationRow& entry) { return entry.operation == request.operation; });
-  if (rsp_result_ != 0) {
-    answer.result = rsp_result_;
-  } else if (row == kOperations.end()) {
-    answer.result = EINVAL;
-  } else {
-    answer.result = (this->*row->answer)(request, answer);
-  }
-  set_payload(response, answer);
-}
+// Class 2. The operations return 0, kNvNotActive or errno.
 
-int32_t ExtensionService::nv_read(const NvEfsRequest& request, NvEfsResponse& response) {
+int nv_read(const NvEfsRequest& request, NvEfsResponse& response) {
   std::vector<uint8_t> item;
   const int error = read_nv_item(request.sub, request.id, item);
   std::copy(item.begin(), item.end(), response.data.begin());
@@ -372,7 +190,7 @@ int32_t ExtensionService::nv_read(const NvEfsRequest& request, NvEfsResponse& re
   return error;
 }
 
-int32_t ExtensionService::nv_write(const NvEfsRequest& request, NvEfsResponse&) {
+int nv_write(const NvEfsRequest& request) {
   if (request.data_len_all > request.data.size()) {
     return EINVAL;
   }
@@ -380,24 +198,9 @@ int32_t ExtensionService::nv_write(const NvEfsRequest& request, NvEfsResponse&) 
                        std::span(request.data).first(request.data_len_all));
 }
 
-int32_t ExtensionService::nv_delete(const NvEfsRequest& request, NvEfsResponse&) {
-  return delete_nv_item(request.sub, request.id);
-}
-
-int efs_file_of(const NvEfsRequest& request, std::string& name) {
-  if (request.path_len > request.path.size()) {
-    return EINVAL;
-  }
-  return efs_state_file(request.sub, {request.path.data(), request.path_len}, name);
-}
-
-int32_t ExtensionService::efs_read(const NvEfsRequest& request, NvEfsResponse& response) {
-  std::string name;
-  const int error = efs_file_of(request, name);
-  if (error != 0) {
-    return error;
-  }
-  const auto chunk = read_transfer_.read_chunk(name, request.data_len_cur);
+int efs_read(ExtensionState& modem, const std::string& file, const NvEfsRequest& request,
+             NvEfsResponse& response) {
+  const auto chunk = modem.read_transfer.read_chunk(file, request.data_len_cur);
   if (!chunk) {
     return errno;
   }
@@ -407,68 +210,100 @@ int32_t ExtensionService::efs_read(const NvEfsRequest& request, NvEfsResponse& r
   return 0;
 }
 
-// Clients take a positive result of a write for a good one, so its failures are negative.
-int32_t ExtensionService::efs_write(const NvEfsRequest& request, NvEfsResponse& response) {
-  EfsChunk chunk{.state_file = {},
-                 .ins_id = request.id,
-                 .total = request.data_len_all,
-                 .offset = request.data_len_cur,
-                 .bytes = {}};
-  const int error = efs_file_of(request, chunk.state_file);
-  if (error != 0) {
-    return -error;
-  }
+int efs_write(ExtensionState& modem, const std::string& file, const NvEfsRequest& request,
+              NvEfsResponse& response) {
   if (request.data_len_send > request.data.size()) {
-    return -EINVAL;
+    return EINVAL;
   }
-  chunk.bytes = std::span(request.data).first(request.data_len_send);
-  return -write_transfers_.add_chunk(chunk, response.ins_id);
+  return modem.write_transfers.add_chunk(
+      {.state_file = file,
+       .ins_id = request.id,
+       .total = request.data_len_all,
+       .offset = request.data_len_cur,
+       .bytes = std::span(request.data).first(request.data_len_send)},
+      response.ins_id);
 }
 
-int32_t ExtensionService::efs_delete(const NvEfsRequest& request, NvEfsResponse&) {
-  std::string name;
-  const int error = efs_file_of(request, name);
-  return error != 0 ? error : remove_state_file(name);
+int work_on_efs(ExtensionState& modem, const NvEfsRequest& request, NvEfsResponse& response) {
+  if (request.path_len > request.path.size()) {
+    return EINVAL;
+  }
+  std::string file;
+  const int error = efs_state_file(request.sub, {request.path.data(), request.path_len}, file);
+  if (error != 0) {
+    return error;
+  }
+  switch (request.operation) {
+    case kEfsRead:
+      return efs_read(modem, file, request, response);
+    case kEfsWrite:
+      return efs_write(modem, file, request, response);
+    default:
+      return remove_state_file(file);
+  }
 }
 
-void ExtensionService::answer_common(const ExtensionMessage& message, ExtensionMessage& response) {
-  const auto request = payload_as<CommonRequest>(message);
-  CommonResponse answer{};
-  const bool typed = request.kind == kCommonMessage;
-  answer.type = typed ? request.type : request.kind;
-  const auto row =
-      std::find_if(kCommonRequests.begin(), kCommonRequests.end(), [&](const CommonRow& entry) {
-        return entry.kind == request.kind && (!typed || entry.type == request.type);
-      });
-  if (rsp_result_ != 0) {
-    answer.result = rsp_result_;
-  } else if (row == kCommonRequests.end()) {
-    answer.result = kCommonNotSupported;
-  } else {
-    answer.result = (this->*row->answer)(message, answer);
+int32_t carry_out(ExtensionState& modem, const NvEfsRequest& request, NvEfsResponse& response) {
+  switch (request.operation) {
+    case kNvRead:
+      return nv_read(request, response);
+    case kNvWrite:
+      return nv_write(request);
+    case kNvDelete:
+      return delete_nv_item(request.sub, request.id);
+    case kEfsRead:
+    case kEfsDelete:
+      return work_on_efs(modem, request, response);
+    case kEfsWrite:
+      // Clients take a positive result of a write for a good one.
+      return -work_on_efs(modem, request, response);
+    default:
+      return EINVAL;
   }
-  set_payload(response, answer);
+}
+
+NvEfsResponse answer_nv_efs(ExtensionState& modem, const NvEfsRequest& request) {
+  NvEfsResponse answer{};
+  const int32_t forced = modem.conf.extension_rsp_result;
+  answer.result = forced != 0 ? forced : carry_out(modem, request, answer);
+  return answer;
+}
+
+// The common requests. Each returns the answer's result word.
+
+// The data of a common message as words; false when it has not this many.
+template <size_t count>
+bool read_words(const CommonRequest& request, std::array<uint32_t, count>& words) {
+  words = record_in<std::array<uint32_t, count>>(request.data);
+  return request.data_length == sizeof words;
+}
+
+template <size_t count>
+void set_words(CommonResponse& answer, const std::array<uint32_t, count>& words) {
+  static_assert(sizeof words <= sizeof answer.data);
+  answer.data_length = sizeof words;
+  std::memcpy(answer.data.data(), words.data(), sizeof words);
 }
 
 // A restart of the subsystem and a crash look the same from here: the services go down and come
 // back.
-int32_t ExtensionService::restart(const ExtensionMessage& message, CommonResponse&) {
-  if (payload_as<CommonRequest>(message).data_length != sizeof(uint32_t)) {
+int32_t restart(ExtensionState& modem, const CommonRequest& request, CommonResponse&) {
+  if (request.data_length != sizeof(uint32_t)) {
     return EINVAL;
   }
-  restart_wanted_ = true;
+  modem.afterwards = restart_modem;
   return 0;
 }
 
 // Everything is in the state directory as soon as it is written.
-int32_t ExtensionService::nv_sync(const ExtensionMessage&, CommonResponse&) {
+int32_t nv_sync(ExtensionState&, const CommonRequest&, CommonResponse&) {
   return 0;
 }
 
 // Every test passes, and its answer repeats the test's number.
-int32_t ExtensionService::modem_test(const ExtensionMessage& message, CommonResponse& answer) {
+int32_t modem_test(ExtensionState&, const CommonRequest& request, CommonResponse& answer) {
   std::array<uint32_t, 1> test{};
-  if (!read_words(message, test)) {
+  if (!read_words(request, test)) {
     return EINVAL;
   }
   set_words(answer, test);
@@ -479,79 +314,138 @@ uint32_t presence_of(CardState state) {
   return state == CardState::kPresent ? 1 : 0;
 }
 
-int32_t ExtensionService::card_presence(const ExtensionMessage&, CommonResponse& answer) {
-  std::array<uint32_t, kCardSlots> presence{};
-  std::transform(card_states_.begin(), card_states_.end(), presence.begin(), presence_of);
-  set_words(answer, presence);
+int32_t card_presence(ExtensionState& modem, const CommonRequest&, CommonResponse& answer) {
+  const auto& cards = modem.conf.card_states;
+  set_words(answer, std::array{presence_of(cards[0]), presence_of(cards[1])});
   return 0;
 }
 
-int32_t ExtensionService::card_status(const ExtensionMessage& message, CommonResponse& answer) {
+int32_t card_status(ExtensionState& modem, const CommonRequest& request, CommonResponse& answer) {
   std::array<uint32_t, 1> slot{};
-  if (!read_words(message, slot) || slot[0] >= kCardSlots) {
+  if (!read_words(request, slot) || slot[0] >= kCardSlots) {
     return EINVAL;
   }
-  set_words(answer, std::array{presence_of(card_states_[slot[0]])});
+  set_words(answer, std::array{presence_of(modem.conf.card_states[slot[0]])});
   return 0;
 }
 
-int32_t ExtensionService::card_type(const ExtensionMessage&, CommonResponse& answer) {
+int32_t card_type(ExtensionState&, const CommonRequest&, CommonResponse& answer) {
   set_words(answer, std::array{kTwoSims});
   return 0;
 }
 
 // Slot, mode and level of the card detection, each 0 or 1. Nothing here depends on the level.
-int32_t ExtensionService::set_card_status(const ExtensionMessage& message, CommonResponse&) {
+int32_t set_card_status(ExtensionState&, const CommonRequest& request, CommonResponse&) {
   std::array<uint32_t, 3> setting{};
-  const bool good = read_words(message, setting) &&
+  const bool good = read_words(request, setting) &&
                     std::all_of(setting.begin(), setting.end(), [](uint32_t w) { return w <= 1; });
   return good ? 0 : EINVAL;
 }
 
 // A start has the waits and the count behind its first word, a stop has that word alone, 0. No
 // card moves here.
-int32_t ExtensionService::hot_swap_test(const ExtensionMessage& message, CommonResponse&) {
+int32_t hot_swap_test(ExtensionState&, const CommonRequest& request, CommonResponse&) {
   std::array<uint32_t, 4> start{};
   std::array<uint32_t, 1> stop{};
   const bool good =
-      read_words(message, start) ? start[0] != 0 : read_words(message, stop) && stop[0] == 0;
+      read_words(request, start) ? start[0] != 0 : read_words(request, stop) && stop[0] == 0;
   return good ? 0 : EINVAL;
 }
 
-int32_t ExtensionService::set_gpio(const ExtensionMessage& message, CommonResponse&) {
-  const auto setting = payload_as<GpioSetting>(message);
-  std::vector<uint8_t> content(sizeof setting.count + sizeof setting.values);
-  std::memcpy(content.data(), &setting.count, sizeof setting.count);
-  std::memcpy(content.data() + sizeof setting.count, setting.values.data(), sizeof setting.values);
-  const size_t stored = std::min<size_t>(setting.count, setting.values.size());
-  content.resize(sizeof setting.count + stored * sizeof setting.values[0]);
-  return write_state_file(kGpioSettingFile, content);
+int32_t set_gpio(ExtensionState&, const CommonRequest& request, CommonResponse&) {
+  const auto setting = record_in<GpioSetting>(request);
+  const size_t values = std::min<size_t>(setting.count, setting.values.size());
+  return write_state_file(kGpioSettingFile,
+                          bytes_of(setting)
+                              .first(offsetof(GpioSetting, values) + values * sizeof(int32_t))
+                              .subspan(offsetof(GpioSetting, count)));
 }
 
-int32_t ExtensionService::set_tx(const ExtensionMessage& message, CommonResponse&) {
-  const auto setting = payload_as<TxSetting>(message);
-  const auto* const bytes = reinterpret_cast<const uint8_t*>(&setting);
-  return write_state_file(kTxSettingFile,
-                          {bytes + offsetof(TxSetting, antenna), bytes + sizeof setting});
+int32_t set_tx(ExtensionState&, const CommonRequest& request, CommonResponse&) {
+  const auto setting = record_in<TxSetting>(request);
+  return write_state_file(kTxSettingFile, bytes_of(setting).subspan(offsetof(TxSetting, antenna)));
 }
 
-int32_t ExtensionService::stats_debug(const ExtensionMessage&, CommonResponse& answer) {
-  set_block(answer, stats_debug_block_);
+// The statistics requests know no type: their block begins where the others have it.
+template <auto make_block>
+int32_t answer_block(ExtensionState& modem, const CommonRequest&, CommonResponse& answer) {
+  const auto room = bytes_of(answer).subspan(offsetof(CommonResponse, type));
+  const std::vector<uint8_t> block = make_block(modem.conf);
+  answer.type = 0;
+  std::copy_n(block.begin(), std::min(block.size(), room.size()), room.begin());
   return 0;
 }
 
-int32_t ExtensionService::stats_log_ids(const ExtensionMessage&, CommonResponse& answer) {
-  set_block(answer, stats_log_ids_block_);
-  return 0;
+struct CommonRow {
+  uint32_t kind;
+  uint32_t type;  // of a common message; 0 for the others
+  int32_t (*answer)(ExtensionState& modem, const CommonRequest& request, CommonResponse& answer);
+};
+
+constexpr std::array<CommonRow, 13> kCommonRequests{{
+    {kCommonMessage, 31, restart},
+    {kCommonMessage, 99, restart},
+    {kCommonMessage, 35, nv_sync},
+    {kCommonMessage, 73, modem_test},
+    {kCommonMessage, 39, card_presence},
+    {kCommonMessage, 55, card_status},
+    {kCommonMessage, 56, card_type},
+    {kCommonMessage, 57, set_card_status},
+    {kCommonMessage, 80, hot_swap_test},
+    {0, 0, set_gpio},
+    {1, 0, set_tx},
+    {20, 0, answer_block<make_stats_debug_block>},
+    {27, 0, answer_block<make_stats_log_ids_block>},
+}};
+
+CommonResponse answer_common(ExtensionState& modem, const CommonRequest& request) {
+  CommonResponse answer{};
+  const bool typed = request.kind == kCommonMessage;
+  answer.type = typed ? request.type : request.kind;
+  answer.result = kCommonNotSupported;
+  if (modem.conf.extension_rsp_result != 0) {
+    answer.result = modem.conf.extension_rsp_result;
+    return answer;
+  }
+  for (const CommonRow& row : kCommonRequests) {
+    if (row.kind == request.kind && (!typed || row.type == request.type)) {
+      answer.result = row.answer(modem, request, answer);
+    }
+  }
+  return answer;
 }
+
+template <class Answer>
+qmi_result answer_with(const Answer& answer, ExtensionMessage& response) {
+  static_assert(sizeof answer <= sizeof response.payload);
+  std::memcpy(response.payload.data(), &answer, sizeof answer);
+  response.len = sizeof answer;
+  response.payload_valid = 1;
+  return kDone;
+}
+
+qmi_result answer_request(ExtensionState& modem, const ExtensionMessage& request,
+                          ExtensionMessage& response) {
+  switch (request.id) {
+    case 1:
+      return answer_with(answer_nv_item(record_in<NvItemRequest>(request.payload)), response);
+    case 2:
+      return answer_with(answer_nv_efs(modem, record_in<NvEfsRequest>(request.payload)), response);
+    case 4:
+      return answer_with(answer_common(modem, record_in<CommonRequest>(request.payload)), response);
+    default:
+      return kUnknownClass;
+  }
+}
+
+constexpr std::tuple kMessages{
+    Message{kMessageId, answer_request, kExtensionFields, kExtensionFields},
+};
 
 }  // namespace
 
 Service make_extension_service(const ModemConf& conf) {
-  return [service = std::make_shared<ExtensionService>(conf)](uint16_t msg_id,
-                                                              std::span<const uint8_t> request) {
-    return service->handle(msg_id, request);
-  };
+  return make_service<kMessages, ExtensionState>(kExtensionServiceId, conf);
 }
 
 }  // namespace kiv::platform

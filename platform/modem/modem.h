@@ -2,14 +2,7 @@
 // the first client looks for a service; nothing of the modem exists before.
 #pragma once
 
-#include <cstdint>
-#include <optional>
-#include <string_view>
-
 namespace kiv::platform {
-
-// The id of the service that modem.conf calls `name`; nothing when the modem has none of that name.
-std::optional<uint32_t> service_id_of(std::string_view name);
 
 // Takes every service down and brings it up again, as after a restart of the modem: clients that
 // were open stay dead. Any thread, with no service of the modem at work on it.

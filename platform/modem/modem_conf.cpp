@@ -11,7 +11,12 @@
 #include <vector>
 
 #include "platform/android/state_directory.h"
-#include "platform/modem/modem.h"
+#include "platform/modem/extension_service.h"
+#include "platform/modem/nas_service.h"
+#include "platform/modem/pdc_service.h"
+#include "platform/modem/sar_service.h"
+#include "platform/modem/uim_service.h"
+#include "platform/modem/vs_service.h"
 
 namespace kiv::platform {
 namespace {
@@ -25,10 +30,12 @@ constexpr int32_t kStatsDebugVersionMax = 4;
 constexpr size_t kStatsLogIdsMax = 249;     // what the answer has room for
 constexpr size_t kVsIndicationMax = 10672;  // longest message of the service
 
-bool parse_number(std::string_view text, int32_t& number) {
+// False, and `number` as before, when the text is anything else.
+template <class Integer>
+bool parse_number(std::string_view text, Integer& number, int base = 10) {
+  Integer parsed = 0;
   const char* const end = text.data() + text.size();
-  int32_t parsed = 0;
-  const auto [stop, error] = std::from_chars(text.data(), end, parsed);
+  const auto [stop, error] = std::from_chars(text.data(), end, parsed, base);
   if (error != std::errc{} || stop != end) {
     return false;
   }
@@ -42,14 +49,7 @@ bool parse_unsigned(std::string_view text, uint32_t highest, uint32_t& number, i
     text.remove_prefix(2);
     base = 16;
   }
-  const char* const end = text.data() + text.size();
-  uint32_t parsed = 0;
-  const auto [stop, error] = std::from_chars(text.data(), end, parsed, base);
-  if (error != std::errc{} || stop != end || parsed > highest) {
-    return false;
-  }
-  number = parsed;
-  return true;
+  return parse_number(text, number, base) && number <= highest;
 }
 
 constexpr std::string_view kBlanks = " \t\r";
@@ -62,51 +62,63 @@ std::string_view take_word(std::string_view& text, std::string_view separators) 
   return word;
 }
 
-// Two digits a byte, blanks between bytes as one likes; 1 to `max_size` bytes.
+// Two digits a byte, blanks between bytes as one likes; 1 to `max_size` bytes. `bytes`, empty
+// before, count only when all are good.
 bool parse_hex_bytes(std::string_view text, size_t max_size, std::vector<uint8_t>& bytes) {
-  std::vector<uint8_t> parsed;
   for (auto word = take_word(text, kBlanks); !word.empty(); word = take_word(text, kBlanks)) {
     for (; !word.empty(); word.remove_prefix(2)) {
-      if (word.size() < 2 || parsed.size() == max_size) {
-        return false;
-      }
       uint8_t byte = 0;
-      const char* const end = word.data() + 2;
-      const auto [stop, error] = std::from_chars(word.data(), end, byte, 16);
-      if (error != std::errc{} || stop != end) {
+      if (word.size() < 2 || bytes.size() == max_size ||
+          !parse_number(word.substr(0, 2), byte, 16)) {
         return false;
       }
-      parsed.push_back(byte);
+      bytes.push_back(byte);
     }
   }
-  bytes = std::move(parsed);
   return !bytes.empty();
 }
 
-bool parse_fault(std::string_view value, ServiceFault& fault) {
-  struct FaultWord {
-    std::string_view word;
-    ServiceFault::Kind kind;
-    bool has_code;
-  };
-  constexpr std::array<FaultWord, 4> kFaultWords{{
-      {"down", ServiceFault::Kind::kDown, false},
-      {"silent", ServiceFault::Kind::kSilent, false},
-      {"error:", ServiceFault::Kind::kError, true},
-      {"result:", ServiceFault::Kind::kResult, true},
-  }};
-  for (const FaultWord& row : kFaultWords) {
-    ServiceFault parsed{.kind = row.kind, .code = 0};
-    // A fault with code 0 would be no fault.
-    if (row.has_code
-            ? value.starts_with(row.word) &&
-                  parse_number(value.substr(row.word.size()), parsed.code) && parsed.code != 0
-            : value == row.word) {
-      fault = parsed;
+// A value that is one of some words.
+template <class Value>
+struct ConfWord {
+  std::string_view word;
+  Value value;
+};
+
+template <class Words, class Value>
+bool parse_word(std::string_view text, const Words& words, Value& value) {
+  for (const auto& row : words) {
+    if (row.word == text) {
+      value = row.value;
       return true;
     }
   }
   return false;
+}
+
+bool parse_fault(std::string_view value, ServiceFault& fault) {
+  using Kind = ServiceFault::Kind;
+  constexpr std::array<ConfWord<Kind>, 2> kWords{
+      {{"down", Kind::kDown}, {"silent", Kind::kSilent}}};
+  constexpr std::array<ConfWord<Kind>, 2> kWordsWithCode{
+      {{"error", Kind::kError}, {"result", Kind::kResult}}};
+  const size_t colon = value.find(':');
+  ServiceFault parsed;
+  if (colon == std::string_view::npos) {
+    if (!parse_word(value, kWords, parsed.kind)) {
+      return false;
+    }
+  } else if (!parse_word(value.substr(0, colon), kWordsWithCode, parsed.kind) ||
+             !parse_number(value.substr(colon + 1), parsed.code) || parsed.code == 0) {
+    return false;  // a fault with code 0 would be no fault
+  }
+  fault = parsed;
+  return true;
+}
+
+template <uint32_t service_id>
+bool fault_value(std::string_view value, ModemConf& conf) {
+  return parse_fault(value, conf.faults[service_id]);
 }
 
 bool diag_fault_value(std::string_view value, ModemConf& conf) {
@@ -123,13 +135,6 @@ bool number_value(std::string_view value, ModemConf& conf) {
   return true;
 }
 
-// A value that is one of some words.
-template <class Value>
-struct ConfWord {
-  std::string_view word;
-  Value value;
-};
-
 constexpr std::array<ConfWord<CardState>, 3> kCardStateWords{{
     {"absent", CardState::kAbsent},
     {"present", CardState::kPresent},
@@ -145,29 +150,14 @@ constexpr std::array<ConfWord<PdcIndication>, 5> kPdcIndicationWords{{
 constexpr std::array<ConfWord<bool>, 2> kOkWords{{{"ok", false}, {"fail", true}}};
 constexpr std::array<ConfWord<bool>, 2> kUpWords{{{"up", false}, {"down", true}}};
 
-template <class Words, class Value>
-bool parse_word(std::string_view text, const Words& words, Value& value) {
-  const auto row =
-      std::find_if(words.begin(), words.end(), [text](const auto& w) { return w.word == text; });
-  if (row == words.end()) {
-    return false;
-  }
-  value = row->value;
-  return true;
-}
-
-template <bool ModemConf::*member, const auto& words>
-bool switch_value(std::string_view value, ModemConf& conf) {
+template <auto member, const auto& words>
+bool word_value(std::string_view value, ModemConf& conf) {
   return parse_word(value, words, conf.*member);
 }
 
 template <size_t slot>
 bool card_value(std::string_view value, ModemConf& conf) {
   return parse_word(value, kCardStateWords, conf.card_states[slot]);
-}
-
-bool pdc_indication_value(std::string_view value, ModemConf& conf) {
-  return parse_word(value, kPdcIndicationWords, conf.pdc_indication);
 }
 
 template <std::array<std::vector<uint8_t>, kCardSlots> ModemConf::*member, size_t sub>
@@ -186,15 +176,13 @@ bool eid_value(std::string_view value, ModemConf& conf) {
     conf.eid.reset();
     return true;
   }
-  Eid eid{};
-  if (value.size() != 2 * eid.size() ||
-      value.find_first_not_of("0123456789") != std::string_view::npos) {
+  std::vector<uint8_t> bytes;
+  if (value.size() != 2 * sizeof(Eid) ||
+      value.find_first_not_of("0123456789") != std::string_view::npos ||
+      !parse_hex_bytes(value, sizeof(Eid), bytes)) {
     return false;
   }
-  for (size_t i = 0; i < eid.size(); ++i) {
-    eid[i] = static_cast<uint8_t>((value[2 * i] - '0') << 4 | (value[2 * i + 1] - '0'));
-  }
-  conf.eid = eid;
+  std::copy(bytes.begin(), bytes.end(), conf.eid.emplace().begin());
   return true;
 }
 
@@ -225,16 +213,6 @@ bool log_ids_value(std::string_view value, ModemConf& conf) {
 
 enum class ConfOutcome : uint8_t { kTaken, kUnknownKey, kBadValue };
 
-// "<service>": what that service does wrong.
-ConfOutcome fault_value(std::string_view name, std::string_view value, ModemConf& conf) {
-  const auto service_id = service_id_of(name);
-  if (!service_id) {
-    return ConfOutcome::kUnknownKey;
-  }
-  return parse_fault(value, conf.faults[*service_id]) ? ConfOutcome::kTaken
-                                                      : ConfOutcome::kBadValue;
-}
-
 // "<id>.<sub>": a measurement's raw bytes, or "none".
 ConfOutcome stats_value(std::string_view name, std::string_view value, ModemConf& conf) {
   StatsOverride parameter;
@@ -257,7 +235,7 @@ ConfOutcome indication_value(std::string_view name, std::string_view value, Mode
   if (!parse_unsigned(name, UINT16_MAX, msg_id, 16)) {
     return ConfOutcome::kUnknownKey;
   }
-  VsIndication indication{.msg_id = static_cast<uint16_t>(msg_id), .bytes = {}};
+  Indication indication{.msg_id = static_cast<uint16_t>(msg_id), .bytes = {}};
   if (!parse_hex_bytes(value, kVsIndicationMax, indication.bytes)) {
     return ConfOutcome::kBadValue;
   }
@@ -270,26 +248,32 @@ struct ConfKey {
   bool (*parse)(std::string_view value, ModemConf& conf);
 };
 
-constexpr std::array<ConfKey, 25> kConfKeys{{
+constexpr std::array<ConfKey, 31> kConfKeys{{
+    {"fault.extension", fault_value<kExtensionServiceId>},
+    {"fault.sar", fault_value<kSarServiceId>},
+    {"fault.uim", fault_value<kUimServiceId>},
+    {"fault.nas", fault_value<kNasServiceId>},
+    {"fault.pdc", fault_value<kPdcServiceId>},
+    {"fault.vs", fault_value<kVsServiceId>},
+    {"fault.diag", diag_fault_value},
     {"extension.rsp_result", number_value<&ModemConf::extension_rsp_result>},
     {"sar.dsi", number_value<&ModemConf::sar_dsi>},
     {"card.0", card_value<0>},
     {"card.1", card_value<1>},
     {"eid", eid_value},
     {"uim.profiles", number_value<&ModemConf::uim_profiles, 0, kUimProfilesMax>},
-    {"uim.reset", switch_value<&ModemConf::uim_reset_fails, kOkWords>},
-    {"uim.open_channel", switch_value<&ModemConf::uim_open_channel_fails, kOkWords>},
-    {"fault.diag", diag_fault_value},
+    {"uim.reset", word_value<&ModemConf::uim_reset_fails, kOkWords>},
+    {"uim.open_channel", word_value<&ModemConf::uim_open_channel_fails, kOkWords>},
     {"diag.remote", number_value<&ModemConf::diag_remote_mask, 0, UINT16_MAX>},
     {"diag.delay_ms", number_value<&ModemConf::diag_delay_ms, 0, kDiagDelayMaxMs>},
     {"diag.response_size", number_value<&ModemConf::diag_response_size, 1, kDiagResponseMax>},
-    {"diag.dci", switch_value<&ModemConf::diag_dci_down, kUpWords>},
+    {"diag.dci", word_value<&ModemConf::diag_dci_down, kUpWords>},
     {"pdc.active.0", config_id_value<&ModemConf::pdc_active, 0>},
     {"pdc.active.1", config_id_value<&ModemConf::pdc_active, 1>},
     {"pdc.pending.0", config_id_value<&ModemConf::pdc_pending, 0>},
     {"pdc.pending.1", config_id_value<&ModemConf::pdc_pending, 1>},
     {"pdc.ind_error", number_value<&ModemConf::pdc_ind_error, 0>},
-    {"pdc.ind", pdc_indication_value},
+    {"pdc.ind", word_value<&ModemConf::pdc_indication, kPdcIndicationWords>},
     {"rat.0", rat_value<0>},
     {"rat.1", rat_value<1>},
     {"stats.debug_version",
@@ -299,15 +283,13 @@ constexpr std::array<ConfKey, 25> kConfKeys{{
     {"stats.log_ids", log_ids_value},
 }};
 
-// Keys whose name goes on with an id or with the name of a service; looked up when no key above is
-// meant.
+// Keys whose name goes on with an id; looked up when no key above is meant.
 struct ConfKeyFamily {
   std::string_view prefix;
   ConfOutcome (*parse)(std::string_view rest_of_name, std::string_view value, ModemConf& conf);
 };
 
-constexpr std::array<ConfKeyFamily, 3> kConfKeyFamilies{{
-    {"fault.", fault_value},
+constexpr std::array<ConfKeyFamily, 2> kConfKeyFamilies{{
     {"stats.", stats_value},
     {"vs.indication.", indication_value},
 }};

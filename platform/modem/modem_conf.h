@@ -47,8 +47,8 @@ struct StatsOverride {
   std::vector<uint8_t> value;  // empty: the modem has none
 };
 
-// One indication of the VS service, as it is sent.
-struct VsIndication {
+// An indication as it is sent.
+struct Indication {
   uint16_t msg_id = 0;
   std::vector<uint8_t> bytes;
 };
@@ -99,7 +99,7 @@ struct ModemConf {
   // Radio technology of each subscription: 9 is LTE, 12 NR.
   std::array<int32_t, kCardSlots> rats{9, 12};
   std::vector<StatsOverride> stats_overrides;  // of one parameter the last one counts
-  std::vector<VsIndication> vs_indications;    // in the order in which they are sent
+  std::vector<Indication> vs_indications;      // in the order in which they are sent
 
   // What the extension service tells of the modem's statistics.
   int32_t stats_debug_version = 3;  // layout of the debug block, 0 to 4

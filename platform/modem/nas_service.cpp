@@ -8,14 +8,18 @@
 namespace kiv::platform {
 namespace {
 
-constexpr auto find_nothing = [](const ModemConf&, const auto&, auto&) { return kDone; };
+template <class Request, class Response>
+nas_result_v01 find_nothing(ServiceState&, const Request&, Response&) {
+  return kDone;
+}
 
 constexpr std::tuple kMessages{
-    message<nas_perform_network_scan_req_msg_v01, nas_perform_network_scan_resp_msg_v01>(
-        QMI_NAS_PERFORM_NETWORK_SCAN_REQ_MSG_V01, find_nothing),
-    message<nas_perform_incremental_network_scan_req_msg_v01,
-            nas_perform_incremental_network_scan_resp_msg_v01>(
-        QMI_NAS_PERFORM_INCREMENTAL_NETWORK_SCAN_REQ_MSG_V01, find_nothing),
+    Message{
+        QMI_NAS_PERFORM_NETWORK_SCAN_REQ_MSG_V01,
+        find_nothing<nas_perform_network_scan_req_msg_v01, nas_perform_network_scan_resp_msg_v01>},
+    Message{QMI_NAS_PERFORM_INCREMENTAL_NETWORK_SCAN_REQ_MSG_V01,
+            find_nothing<nas_perform_incremental_network_scan_req_msg_v01,
+                         nas_perform_incremental_network_scan_resp_msg_v01>},
 };
 constexpr qmi_idl_service_object kServiceObject = service_object<kMessages>(kNasServiceId, 0x199);
 

@@ -104,6 +104,24 @@ int efs_state_file(uint32_t sub, std::string_view path, std::string& name) {
   return name.size() > folder.size() ? 0 : EINVAL;
 }
 
+std::optional<EfsReadTransfer::Chunk> EfsReadTransfer::read_chunk(const std::string& state_file,
+                                                                  uint32_t offset) {
+  const bool held =
+      state_file == state_file_ && offset >= start_ && offset - start_ < part_.bytes.size();
+  if (offset == 0 || !held) {
+    auto part = read_state_file_part(state_file, offset, kEfsFileMax);
+    if (!part) {
+      return std::nullopt;
+    }
+    state_file_ = state_file;
+    start_ = offset;
+    part_ = std::move(*part);
+  }
+  const auto rest = std::span<const uint8_t>(part_.bytes).subspan(offset - start_);
+  return Chunk{.file_size = part_.file_size,
+               .bytes = rest.first(std::min(rest.size(), kEfsChunkMax))};
+}
+
 EfsWriteTransfers::Position EfsWriteTransfers::find_transfer(uint16_t ins_id) {
   return std::find_if(transfers_.begin(), transfers_.end(),
                       [ins_id](const Transfer& transfer) { return transfer.ins_id == ins_id; });
@@ -121,26 +139,6 @@ EfsWriteTransfers::Position EfsWriteTransfers::begin_transfer(const EfsChunk& ch
   } while (find_transfer(last_ins_id_) != transfers_.end());
   transfers_.push_back({last_ins_id_, chunk.state_file, chunk.total, {}});
   return transfers_.end() - 1;
-}
-
-bool EfsReadTransfer::holds(const std::string& state_file, uint32_t offset) const {
-  return state_file == state_file_ && offset >= start_ && offset - start_ < part_.bytes.size();
-}
-
-std::optional<EfsReadTransfer::Chunk> EfsReadTransfer::read_chunk(const std::string& state_file,
-                                                                  uint32_t offset) {
-  if (offset == 0 || !holds(state_file, offset)) {
-    auto part = read_state_file_part(state_file, offset, kEfsFileMax);
-    if (!part) {
-      return std::nullopt;
-    }
-    state_file_ = state_file;
-    start_ = offset;
-    part_ = std::move(*part);
-  }
-  const auto rest = std::span<const uint8_t>(part_.bytes).subspan(offset - start_);
-  return Chunk{.file_size = part_.file_size,
-               .bytes = rest.first(std::min(rest.size(), kEfsChunkMax))};
 }
 
 int EfsWriteTransfers::add_chunk(const EfsChunk& chunk, uint16_t& ins_id) {

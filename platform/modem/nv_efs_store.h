@@ -48,8 +48,6 @@ class EfsReadTransfer {
   std::optional<Chunk> read_chunk(const std::string& state_file, uint32_t offset);
 
  private:
-  bool holds(const std::string& state_file, uint32_t offset) const;
-
   std::string state_file_;
   uint32_t start_ = 0;  // where in the file the bytes begin
   StateFilePart part_;

@@ -39,19 +39,11 @@ constexpr auto kNotWritten = static_cast<uint32_t>(kInternalError.error);  // of
 // Sends the service's indications when their time has come.
 class DelayedIndications {
  public:
-  DelayedIndications() = default;
   ~DelayedIndications();
-  DelayedIndications(const DelayedIndications&) = delete;
-  DelayedIndications& operator=(const DelayedIndications&) = delete;
 
-  void send_in(milliseconds delay, uint16_t msg_id, std::vector<uint8_t> bytes);
+  void send_in(milliseconds delay, const Indication& indication);
 
  private:
-  struct Indication {
-    uint16_t msg_id;
-    std::vector<uint8_t> bytes;
-  };
-
   void run();
 
   std::mutex mutex_;
@@ -73,13 +65,13 @@ DelayedIndications::~DelayedIndications() {
 }
 
 // A failed start is tried again with the next indication; what is queued waits for it.
-void DelayedIndications::send_in(milliseconds delay, uint16_t msg_id, std::vector<uint8_t> bytes) {
+void DelayedIndications::send_in(milliseconds delay, const Indication& indication) {
   const auto run_thread = [](void* indications) -> void* {
     static_cast<DelayedIndications*>(indications)->run();
     return nullptr;
   };
   const std::lock_guard lock(mutex_);
-  waiting_.emplace(Clock::now() + delay, Indication{msg_id, std::move(bytes)});
+  waiting_.emplace(Clock::now() + delay, indication);
   pthread_t thread{};
   if (!thread_ && pthread_create(&thread, nullptr, run_thread, this) == 0) {
     thread_ = thread;
@@ -90,56 +82,23 @@ void DelayedIndications::send_in(milliseconds delay, uint16_t msg_id, std::vecto
 void DelayedIndications::run() {
   std::unique_lock lock(mutex_);
   while (!ended_) {
-    if (waiting_.empty()) {
-      changed_.wait(lock);
-      continue;
-    }
     const auto first = waiting_.begin();
-    if (const auto due = first->first; Clock::now() < due) {
+    if (first == waiting_.end()) {
+      changed_.wait(lock);
+    } else if (const auto due = first->first; Clock::now() < due) {
       changed_.wait_until(lock, due);
-      continue;
+    } else {
+      const Indication indication = std::move(first->second);
+      waiting_.erase(first);
+      lock.unlock();
+      send_indication(kPdcServiceId, indication.msg_id, indication.bytes);
+      lock.lock();
     }
-    const Indication indication = std::move(first->second);
-    waiting_.erase(first);
-    lock.unlock();
-    send_indication(kPdcServiceId, indication.msg_id, indication.bytes);
-    lock.lock();
   }
 }
 
-// What the requests work on.
-class PdcService {
- public:
-  explicit PdcService(ModemConf conf) : conf_(std::move(conf)) {}
-
-  template <class Request, class Indication>
-  using CarryOut = void (PdcService::*)(const Request& request, Indication& indication);
-
-  // Accepts a request and sends what `carry_out` makes of it, or refuses it.
-  template <class Request, class Indication>
-  pdc_result_v01 accept(uint16_t msg_id, const Request& request,
-                        CarryOut<Request, Indication> carry_out);
-
-  void get_selected(const pdc_get_selected_config_req_msg_v01& request,
-                    pdc_get_selected_config_ind_msg_v01& indication);
-  void set_selected(const pdc_set_selected_config_req_msg_v01& request,
-                    pdc_set_selected_config_ind_msg_v01& indication);
-  void activate(const pdc_activate_config_req_msg_v01& request,
-                pdc_activate_config_ind_msg_v01& indication);
-  void deactivate(const pdc_deactivate_config_req_msg_v01& request,
-                  pdc_deactivate_config_ind_msg_v01& indication);
-
-  // The outcome is on its way while the next request is at work.
-  std::function<void()> afterwards;
-
- private:
-  ConfigId active(uint32_t sub) const;
-  ConfigId pending(uint32_t sub) const;
-  ConfigId selected(uint32_t sub) const;
-  void send_outcome(uint16_t msg_id, const std::vector<uint8_t>& indication);
-
-  const ModemConf conf_;
-  DelayedIndications indications_;
+struct PdcState : ServiceState {
+  DelayedIndications indications{};
 };
 
 std::string id_file(uint32_t sub, const char* name) {
@@ -155,6 +114,13 @@ ConfigId read_id(uint32_t sub, const char* name, const ConfigId& initial) {
 // 0, or the error of an indication.
 uint32_t write_id(uint32_t sub, const char* name, std::span<const uint8_t> id) {
   return write_state_file(id_file(sub, name), id) == 0 ? 0 : kNotWritten;
+}
+
+// The same for an id and then for the pending one.
+uint32_t write_ids(uint32_t sub, const char* name, std::span<const uint8_t> id,
+                   std::span<const uint8_t> pending) {
+  const uint32_t error = write_id(sub, name, id);
+  return error != 0 ? error : write_id(sub, "pending", pending);
 }
 
 // An id that is too long keeps its length and loses its end.
@@ -182,117 +148,99 @@ bool is_valid(const pdc_set_selected_config_req_msg_v01& request) {
          config.config_id_len <= sizeof config.config_id && subscription_of(request) < kCardSlots;
 }
 
-template <class Request, class Indication>
-pdc_result_v01 PdcService::accept(uint16_t msg_id, const Request& request,
-                                  CarryOut<Request, Indication> carry_out) {
+void send_outcome(PdcState& pdc, const Indication& outcome) {
+  if (pdc.conf.fault_of(kPdcServiceId).kind == ServiceFault::Kind::kSilent) {
+    return;
+  }
+  switch (pdc.conf.pdc_indication) {
+    case PdcIndication::kNever:
+      break;
+    case PdcIndication::kEarly:
+      send_indication(kPdcServiceId, outcome.msg_id, outcome.bytes);
+      std::this_thread::sleep_for(kEarlyLead);
+      break;
+    case PdcIndication::kLate:
+      pdc.indications.send_in(kLateDelay, outcome);
+      break;
+    case PdcIndication::kTwice:
+      pdc.indications.send_in(kNormalDelay, outcome);
+      [[fallthrough]];
+    case PdcIndication::kNormal:
+      pdc.indications.send_in(kNormalDelay, outcome);
+      break;
+  }
+}
+
+// Accepts a request and sends what `carry_out` makes of it for a subscription, or refuses it.
+template <class Body, class Request, class CarryOut>
+pdc_result_v01 accept(PdcState& pdc, uint16_t msg_id, const Request& request, CarryOut carry_out) {
   if (!is_valid(request)) {
     return kInvalidArgument;
   }
-  Indication indication{};
-  indication.indication_error = static_cast<uint32_t>(conf_.pdc_ind_error);
-  if (conf_.pdc_ind_error == 0) {
-    (this->*carry_out)(request, indication);
+  Body body{};
+  body.indication_error = static_cast<uint32_t>(pdc.conf.pdc_ind_error);
+  if (pdc.conf.pdc_ind_error == 0) {
+    carry_out(subscription_of(request), body);
   }
-  const auto* const start = reinterpret_cast<const uint8_t*>(&indication);
-  afterwards = [this, msg_id, bytes = std::vector(start, start + sizeof indication)] {
-    send_outcome(msg_id, bytes);
+  const auto bytes = bytes_of(std::as_const(body));
+  pdc.afterwards = [&pdc, outcome = Indication{msg_id, {bytes.begin(), bytes.end()}}] {
+    send_outcome(pdc, outcome);
   };
   return kDone;
 }
 
-void PdcService::get_selected(const pdc_get_selected_config_req_msg_v01& request,
-                              pdc_get_selected_config_ind_msg_v01& indication) {
-  const uint32_t sub = subscription_of(request);
-  set_id(active(sub), indication.active_config_id_valid, indication.active_config_id_len,
-         indication.active_config_id);
-  set_id(pending(sub), indication.pending_config_id_valid, indication.pending_config_id_len,
-         indication.pending_config_id);
+pdc_result_v01 get_selected(PdcState& pdc, const pdc_get_selected_config_req_msg_v01& request,
+                            pdc_get_selected_config_resp_msg_v01&) {
+  return accept<pdc_get_selected_config_ind_msg_v01>(
+      pdc, QMI_PDC_GET_SELECTED_CONFIG_IND_V01, request, [&pdc](uint32_t sub, auto& indication) {
+        set_id(read_id(sub, "active", pdc.conf.pdc_active[sub]), indication.active_config_id_valid,
+               indication.active_config_id_len, indication.active_config_id);
+        set_id(read_id(sub, "pending", pdc.conf.pdc_pending[sub]),
+               indication.pending_config_id_valid, indication.pending_config_id_len,
+               indication.pending_config_id);
+      });
 }
 
-void PdcService::set_selected(const pdc_set_selected_config_req_msg_v01& request,
-                              pdc_set_selected_config_ind_msg_v01& indication) {
-  const uint32_t sub = subscription_of(request);
-  const pdc_config_info_v01& config = request.new_config_info;
-  const auto id = std::span(config.config_id).first(config.config_id_len);
-  indication.indication_error = write_id(sub, "selected", id);
-  if (indication.indication_error == 0) {
-    indication.indication_error = write_id(sub, "pending", id);
-  }
+pdc_result_v01 set_selected(PdcState& pdc, const pdc_set_selected_config_req_msg_v01& request,
+                            pdc_set_selected_config_resp_msg_v01&) {
+  return accept<pdc_set_selected_config_ind_msg_v01>(
+      pdc, QMI_PDC_SET_SELECTED_CONFIG_IND_V01, request,
+      [&config = request.new_config_info](uint32_t sub, auto& indication) {
+        const auto id = std::span(config.config_id).first(config.config_id_len);
+        indication.indication_error = write_ids(sub, "selected", id, id);
+      });
 }
 
-void PdcService::activate(const pdc_activate_config_req_msg_v01& request,
-                          pdc_activate_config_ind_msg_v01& indication) {
-  if (request.activation_type_valid != 0 &&
-      request.activation_type == PDC_ACTIVATION_REFRESH_ONLY_V01) {
-    return;
-  }
-  const uint32_t sub = subscription_of(request);
-  indication.indication_error = write_id(sub, "active", selected(sub));
-  if (indication.indication_error == 0) {
-    indication.indication_error = write_id(sub, "pending", {});
-  }
+// Activates the selected one; as long as none was selected, the one that waits, else the one that
+// was active at first.
+pdc_result_v01 activate(PdcState& pdc, const pdc_activate_config_req_msg_v01& request,
+                        pdc_activate_config_resp_msg_v01&) {
+  return accept<pdc_activate_config_ind_msg_v01>(
+      pdc, QMI_PDC_ACTIVATE_CONFIG_IND_V01, request, [&](uint32_t sub, auto& indication) {
+        if (request.activation_type_valid != 0 &&
+            request.activation_type == PDC_ACTIVATION_REFRESH_ONLY_V01) {
+          return;
+        }
+        const ConfigId& waiting = pdc.conf.pdc_pending[sub];
+        const ConfigId& initial = waiting.empty() ? pdc.conf.pdc_active[sub] : waiting;
+        indication.indication_error =
+            write_ids(sub, "active", read_id(sub, "selected", initial), {});
+      });
 }
 
-void PdcService::deactivate(const pdc_deactivate_config_req_msg_v01& request,
-                            pdc_deactivate_config_ind_msg_v01& indication) {
-  indication.indication_error = write_id(subscription_of(request), "active", {});
-}
-
-ConfigId PdcService::active(uint32_t sub) const {
-  return read_id(sub, "active", conf_.pdc_active[sub]);
-}
-
-ConfigId PdcService::pending(uint32_t sub) const {
-  return read_id(sub, "pending", conf_.pdc_pending[sub]);
-}
-
-// As long as none was selected: the one that waits, else the one that was active at first.
-ConfigId PdcService::selected(uint32_t sub) const {
-  const ConfigId& waiting = conf_.pdc_pending[sub];
-  return read_id(sub, "selected", waiting.empty() ? conf_.pdc_active[sub] : waiting);
-}
-
-void PdcService::send_outcome(uint16_t msg_id, const std::vector<uint8_t>& indication) {
-  if (conf_.fault_of(kPdcServiceId).kind == ServiceFault::Kind::kSilent) {
-    return;
-  }
-  switch (conf_.pdc_indication) {
-    case PdcIndication::kNever:
-      break;
-    case PdcIndication::kEarly:
-      send_indication(kPdcServiceId, msg_id, indication);
-      std::this_thread::sleep_for(kEarlyLead);
-      break;
-    case PdcIndication::kLate:
-      indications_.send_in(kLateDelay, msg_id, indication);
-      break;
-    case PdcIndication::kTwice:
-      indications_.send_in(kNormalDelay, msg_id, indication);
-      [[fallthrough]];
-    case PdcIndication::kNormal:
-      indications_.send_in(kNormalDelay, msg_id, indication);
-      break;
-  }
-}
-
-// A request that `carry_out` carries out; the indication of its id tells the outcome.
-template <class Response, class Request, class Indication>
-constexpr auto accepted(uint16_t id, PdcService::CarryOut<Request, Indication> carry_out) {
-  return message<Request, Response>(
-      id, [id, carry_out](PdcService& service, const Request& request, Response&) {
-        return service.accept(id, request, carry_out);
+pdc_result_v01 deactivate(PdcState& pdc, const pdc_deactivate_config_req_msg_v01& request,
+                          pdc_deactivate_config_resp_msg_v01&) {
+  return accept<pdc_deactivate_config_ind_msg_v01>(
+      pdc, QMI_PDC_DEACTIVATE_CONFIG_IND_V01, request, [](uint32_t sub, auto& indication) {
+        indication.indication_error = write_id(sub, "active", {});
       });
 }
 
 constexpr std::tuple kMessages{
-    accepted<pdc_get_selected_config_resp_msg_v01>(QMI_PDC_GET_SELECTED_CONFIG_REQ_V01,
-                                                   &PdcService::get_selected),
-    accepted<pdc_set_selected_config_resp_msg_v01>(QMI_PDC_SET_SELECTED_CONFIG_REQ_V01,
-                                                   &PdcService::set_selected),
-    accepted<pdc_activate_config_resp_msg_v01>(QMI_PDC_ACTIVATE_CONFIG_REQ_V01,
-                                               &PdcService::activate),
-    accepted<pdc_deactivate_config_resp_msg_v01>(QMI_PDC_DEACTIVATE_CONFIG_REQ_V01,
-                                                 &PdcService::deactivate),
+    Message{QMI_PDC_GET_SELECTED_CONFIG_REQ_V01, get_selected},
+    Message{QMI_PDC_SET_SELECTED_CONFIG_REQ_V01, set_selected},
+    Message{QMI_PDC_ACTIVATE_CONFIG_REQ_V01, activate},
+    Message{QMI_PDC_DEACTIVATE_CONFIG_REQ_V01, deactivate},
 };
 constexpr std::array<qmi_idl_message, 11> kIndications{{
     describe<pdc_get_selected_config_ind_msg_v01>(QMI_PDC_GET_SELECTED_CONFIG_IND_V01),
@@ -313,7 +261,7 @@ constexpr qmi_idl_service_object kServiceObject =
 }  // namespace
 
 Service make_pdc_service(const ModemConf& conf) {
-  return make_service<kMessages, PdcService>(kPdcServiceId, conf);
+  return make_service<kMessages, PdcState>(kPdcServiceId, conf);
 }
 
 }  // namespace kiv::platform

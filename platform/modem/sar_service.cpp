@@ -10,22 +10,21 @@ namespace {
 
 constexpr const char* kDsiFile = "sar/dsi";
 
-sar_result_v01 set_state(const ModemConf&, const sar_rf_set_state_req_msg_v01& request,
+sar_result_v01 set_state(ServiceState&, const sar_rf_set_state_req_msg_v01& request,
                          sar_rf_set_state_resp_msg_v01&) {
   return {.result = write_stored_number(kDsiFile, request.sar_rf_state), .error = 0};
 }
 
-sar_result_v01 get_state(const ModemConf& conf, const NoBody&,
+sar_result_v01 get_state(ServiceState& service, const NoBody&,
                          sar_rf_get_state_resp_msg_v01& response) {
   response.sar_rf_state_valid = 1;
-  response.sar_rf_state = read_stored_number(kDsiFile, static_cast<uint32_t>(conf.sar_dsi));
+  response.sar_rf_state = read_stored_number(kDsiFile, static_cast<uint32_t>(service.conf.sar_dsi));
   return kDone;
 }
 
 constexpr std::tuple kMessages{
-    message<sar_rf_set_state_req_msg_v01, sar_rf_set_state_resp_msg_v01>(
-        QMI_SAR_RF_SET_STATE_REQ_V01, set_state),
-    message<NoBody, sar_rf_get_state_resp_msg_v01>(QMI_SAR_RF_GET_STATE_REQ_V01, get_state),
+    Message{QMI_SAR_RF_SET_STATE_REQ_V01, set_state},
+    Message{QMI_SAR_RF_GET_STATE_REQ_V01, get_state},
 };
 constexpr qmi_idl_service_object kServiceObject = service_object<kMessages>(kSarServiceId, 0x0F);
 

@@ -26,7 +26,7 @@ uint32_t read_stored_number(std::string_view name, uint32_t initial) {
 }
 
 int write_stored_number(std::string_view name, uint32_t number) {
-  return write_state_file(name, {reinterpret_cast<const uint8_t*>(&number), sizeof number});
+  return write_state_file(name, bytes_of(number));
 }
 
 }  // namespace kiv::platform

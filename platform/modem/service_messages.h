@@ -39,30 +39,36 @@ constexpr qmi_idl_message describe(uint16_t id, std::span<const qmi_idl_field> f
   return {.id = id, .c_struct_len = kSize, .max_encoded_len = kSize, .fields = fields};
 }
 
-// A row of a service's list.
-template <class Request, class Response, class Handler>
-struct Message {
-  qmi_idl_message request;
-  qmi_idl_message response;
-  Handler handle;
+// What the requests of a service work on; a service that keeps more derives from it.
+struct ServiceState {
+  const ModemConf conf;
+  // Left by a handler, done before its answer goes back; the next request does not wait for it.
+  std::function<void()> afterwards{};
 };
 
-// The row of the message `id`. `handle` gets the service's state, the request and the zeroed
-// response, fills the response in and returns its result. A `Response` has its qmi_result in
-// `resp`.
-template <class Request, class Response, class Handler>
-constexpr Message<Request, Response, Handler> message(
-    uint16_t id, Handler handle, std::span<const qmi_idl_field> request_fields = {},
-    std::span<const qmi_idl_field> response_fields = {}) {
-  return {describe<Request>(id, request_fields), describe<Response>(id, response_fields), handle};
-}
+// A row of a service's list: the message `id`, as request and as response, and its handler, which
+// gets the zeroed response, fills it in and returns its outcome.
+template <class State, class Request, class Response>
+struct Message {
+  uint16_t id = 0;
+  qmi_result (*handle)(State& state, const Request& request, Response& response) = nullptr;
+  std::span<const qmi_idl_field> request_fields{};
+  std::span<const qmi_idl_field> response_fields{};
+
+  constexpr qmi_idl_message request() const { return describe<Request>(id, request_fields); }
+  constexpr qmi_idl_message response() const { return describe<Response>(id, response_fields); }
+};
+
+template <class State, class Request, class Response, class... Fields>
+Message(uint16_t, qmi_result (*)(State&, const Request&, Response&), Fields...)
+    -> Message<State, Request, Response>;
 
 template <const auto& messages>
 inline constexpr auto kRequestsOf =
-    std::apply([](const auto&... row) { return std::array{row.request...}; }, messages);
+    std::apply([](const auto&... row) { return std::array{row.request()...}; }, messages);
 template <const auto& messages>
 inline constexpr auto kResponsesOf =
-    std::apply([](const auto&... row) { return std::array{row.response...}; }, messages);
+    std::apply([](const auto&... row) { return std::array{row.response()...}; }, messages);
 
 // What the framework knows of the service whose list is `messages`, a tuple of rows.
 template <const auto& messages>
@@ -89,60 +95,64 @@ qmi_idl_service_object_type object_of_version(const qmi_idl_service_object& obje
                                               uint32_t idl_major_version,
                                               uint32_t idl_minor_version, uint32_t library_version);
 
+// The bytes of `object`, as they lie in memory.
+template <class Object>
+std::span<const uint8_t> bytes_of(const Object& object) {
+  return {reinterpret_cast<const uint8_t*>(&object), sizeof object};
+}
+template <class Object>
+std::span<uint8_t> bytes_of(Object& object) {
+  return {reinterpret_cast<uint8_t*>(&object), sizeof object};
+}
+
+// A message of another make, as that of the extension service, has its own overloads of the two
+// functions below beside its structure.
+
 // False when the bytes are not the message that `description` describes.
 template <class Body>
 [[nodiscard]] bool decode_body(const qmi_idl_message& description, std::span<const uint8_t> encoded,
                                Body& body) {
-  return decode_message(description, encoded,
-                        {reinterpret_cast<uint8_t*>(&body), description.c_struct_len});
+  return decode_message(description, encoded, bytes_of(body).first(description.c_struct_len));
 }
 
-template <class Body>
-ServiceReply encode_body(const qmi_idl_message& description, const Body& body) {
-  auto encoded = encode_message(
-      description, {reinterpret_cast<const uint8_t*>(&body), description.c_struct_len});
-  return encoded ? ServiceReply::response(std::move(*encoded))
-                 : ServiceReply::transport_error(QMI_INTERNAL_ERR);
+template <class Response>
+void set_outcome(Response& response, qmi_result outcome) {
+  response.resp = outcome;
 }
 
-// A service on the bus. A handler has the state to itself. What must not keep the next request
-// waiting it leaves in the state's member `afterwards`, if there is one.
+// A service on the bus. A handler has the state to itself.
 template <class State>
 class ServiceAtWork {
  public:
   ServiceAtWork(uint32_t service_id, const ModemConf& conf)
-      : fault_(conf.fault_of(service_id)), state_(conf) {}
+      : fault_(conf.fault_of(service_id)), state_{{conf}} {}
 
-  template <class Request, class Response, class Handler>
-  ServiceReply answer(const Message<Request, Response, Handler>& row,
+  template <class Request, class Response>
+  ServiceReply answer(const Message<State, Request, Response>& row,
                       std::span<const uint8_t> encoded) {
     Request request{};
-    if (!decode_body(row.request, encoded, request)) {
+    if (!decode_body(row.request(), encoded, request)) {
       return ServiceReply::transport_error(QMI_INTERNAL_ERR);
     }
     Response response{};
     if (fault_.kind == ServiceFault::Kind::kResult) {
-      response.resp = {.result = 1, .error = fault_.code};
+      set_outcome(response, {.result = 1, .error = fault_.code});
     } else {
-      handle(row, request, response);
-    }
-    return encode_body(row.response, response);
-  }
-
- private:
-  template <class Row, class Request, class Response>
-  void handle(const Row& row, const Request& request, Response& response) {
-    std::unique_lock lock(mutex_);
-    response.resp = std::invoke(row.handle, state_, request, response);
-    if constexpr (requires { state_.afterwards; }) {
+      std::unique_lock lock(mutex_);
+      set_outcome(response, row.handle(state_, request, response));
       const auto afterwards = std::exchange(state_.afterwards, nullptr);
       lock.unlock();
       if (afterwards) {
         afterwards();
       }
     }
+    const qmi_idl_message description = row.response();
+    auto bytes = encode_message(description, bytes_of(response).first(description.c_struct_len));
+    return bytes ? ServiceReply::response(std::move(*bytes))
+                 : ServiceReply::transport_error(QMI_INTERNAL_ERR);
   }
 
+ private:
   const ServiceFault fault_;
   std::mutex mutex_;
   State state_;
@@ -150,13 +160,13 @@ class ServiceAtWork {
 
 // The service whose list is `messages`, with a state of its own made from `conf`. A message that is
 // not in the list ends in a transport error.
-template <const auto& messages, class State = const ModemConf>
+template <const auto& messages, class State = ServiceState>
 Service make_service(uint32_t service_id, const ModemConf& conf) {
   return [service = std::make_shared<ServiceAtWork<State>>(service_id, conf)](
              uint16_t msg_id, std::span<const uint8_t> encoded) {
     auto reply = ServiceReply::transport_error(QMI_INTERNAL_ERR);
     const auto answer = [&](const auto& row) {
-      if (row.request.id == msg_id) {
+      if (row.id == msg_id) {
         reply = service->answer(row, encoded);
       }
     };

@@ -1,7 +1,8 @@
 #include "platform/modem/stats_debug.h"
 
 #include <array>
-#include <cstring>
+
+#include "platform/modem/service_messages.h"
 
 namespace kiv::platform {
 namespace {
@@ -13,8 +14,8 @@ struct Counter {
   uint64_t value;
 };
 
-// Behind the enable status and the number of logs that are not supported.
-constexpr std::array kMainCounters{
+constexpr std::array kCounters{
+    // Section main, behind the enable status and the number of logs that are not supported.
     Counter{8, 0, 1201},    // commands done
     Counter{8, 0, 3},       // commands failed
     Counter{8, 2, 65536},   // heap: most bytes in use
@@ -23,9 +24,8 @@ constexpr std::array kMainCounters{
     Counter{4, 2, 27},      // free places in the queue
     Counter{4, 4, 0x12F},   // log mask
     Counter{4, 4, 0x1003},  // statistics log mask
-};
 
-constexpr std::array kDiagCounters{
+    // Section diag.
     Counter{1, 0, 1},      // state
     Counter{4, 0, 11},     // events listened to
     Counter{1, 0, 2},      // state of the event listener
@@ -48,9 +48,8 @@ constexpr std::array kDiagCounters{
     Counter{4, 2, 80},     // debug records parsed
     Counter{4, 3, 22},     // custom events received
     Counter{4, 3, 21},     // custom events parsed
-};
 
-constexpr std::array kCmCounters{
+    // Section cm.
     Counter{1, 0, 1},     // state
     Counter{1, 0, 4},     // state of the listener
     Counter{4, 0, 52},    // call events received
@@ -67,9 +66,8 @@ constexpr std::array kCmCounters{
     Counter{4, 0, 204},   // LTE polls parsed
     Counter{4, 0, 107},   // NR polls
     Counter{4, 0, 106},   // NR polls parsed
-};
 
-constexpr std::array kUimCounters{
+    // Section uim.
     Counter{1, 0, 1},  // state
     Counter{1, 0, 5},  // state of the listener
     Counter{4, 0, 9},  // events received
@@ -78,33 +76,22 @@ constexpr std::array kUimCounters{
 
 template <class Integer>
 void append(std::vector<uint8_t>& block, Integer value, size_t width = sizeof(Integer)) {
-  const auto* const bytes = reinterpret_cast<const uint8_t*>(&value);
-  block.insert(block.end(), bytes, bytes + width);
-}
-
-template <size_t count>
-void append_counters(std::vector<uint8_t>& block, const std::array<Counter, count>& counters,
-                     int32_t version) {
-  for (const Counter& counter : counters) {
-    if (counter.since <= version) {
-      append(block, counter.value, counter.width);
-    }
-  }
+  const auto bytes = bytes_of(value).first(width);
+  block.insert(block.end(), bytes.begin(), bytes.end());
 }
 
 }  // namespace
 
 std::vector<uint8_t> make_stats_debug_block(const ModemConf& conf) {
-  const int32_t version = conf.stats_debug_version;
   std::vector<uint8_t> block;
-  block.reserve(kStatsBlockMax);
-  append(block, static_cast<uint8_t>(version));
+  append(block, static_cast<uint8_t>(conf.stats_debug_version));
   append(block, static_cast<uint8_t>(conf.stats_enable));
   append(block, static_cast<uint64_t>(conf.stats_not_supported));
-  append_counters(block, kMainCounters, version);
-  append_counters(block, kDiagCounters, version);
-  append_counters(block, kCmCounters, version);
-  append_counters(block, kUimCounters, version);
+  for (const Counter& counter : kCounters) {
+    if (counter.since <= conf.stats_debug_version) {
+      append(block, counter.value, counter.width);
+    }
+  }
   return block;
 }
 

@@ -3,16 +3,12 @@
 // once, by the thread that publishes the modem's services.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <vector>
 
 #include "platform/modem/modem_conf.h"
 
 namespace kiv::platform {
-
-// Bytes that the answer to a common request without a type has room for.
-inline constexpr size_t kStatsBlockMax = 500;
 
 // The layout version, then the sections main, diag, cm and uim one behind the other.
 std::vector<uint8_t> make_stats_debug_block(const ModemConf& conf);

@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <array>
 
+#include "platform/modem/service_messages.h"
+
 namespace kiv::platform {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
+constexpr int32_t kAnyRat = -1;
 constexpr int32_t kLteRat = 9;
 constexpr int32_t kNrRat = 12;
 constexpr size_t kAntennas = 4;
@@ -95,9 +98,9 @@ static_assert(sizeof(SystemMode) == 5);
 #pragma pack(pop)
 
 template <class Record>
-Bytes bytes_of(const Record& record) {
-  const auto* const bytes = reinterpret_cast<const uint8_t*>(&record);
-  return {bytes, bytes + sizeof record};
+Bytes packed(const Record& record) {
+  const auto bytes = bytes_of(record);
+  return {bytes.begin(), bytes.end()};
 }
 
 struct Asked {
@@ -119,7 +122,7 @@ Bytes lte_serving_cell(const Asked& asked) {
                .snr = 18.5F - loss / 2};
     loss += 1.0F;
   }
-  return bytes_of(cell);
+  return packed(cell);
 }
 
 Bytes nr_serving_cell(const Asked& asked) {
@@ -130,86 +133,59 @@ Bytes nr_serving_cell(const Asked& asked) {
     rsrp = -88.25F - loss;
     loss += 1.0F;
   }
-  return bytes_of(cell);
+  return packed(cell);
 }
 
-Bytes nr_receive_level(const Asked&) {
-  return bytes_of(NrPerAntenna{.values = {-61.5F, -62.75F, -64.0F, -65.25F}});
-}
+constexpr NrPerAntenna kNrReceiveLevel{.values = {-61.5F, -62.75F, -64.0F, -65.25F}};
+constexpr NrPerAntenna kNrSnr{.values = {21.25F, 20.0F, 18.75F, 17.5F}};
+constexpr NrAntennaSwitch kNrAntennaSwitch{.old_and_new = {0, 4, 1, 5, 2, 6, 3, 7, 8, 10, 9, 11}};
+constexpr NrUplinkPower kNrUplinkPower{.tx_power = {18.75F, 9.5F, 16.25F, 14.0F},
+                                       .limit = {23.0F, 22.75F, 22.5F, 22.25F},
+                                       .path_loss = {96.0F, 97.0F, 98.0F, 99.0F}};
+constexpr LtePuschPower kLtePuschPower{
+    .tx_power = 12, .path_loss = 98, .max_power = 23, .extended_tx_power = 11};
+constexpr PrimaryAndDiversity kWcdmaReceiveLevel{.primary = -72.5F, .diversity = -75.25F};
+constexpr PrimaryAndDiversity kGsmReceiveLevel{.primary = -68.75F, .diversity = -71.5F};
+constexpr AntennaState kAntennaState{
+    .antennas = 4, .switch_path = 2, .signal_path = 5, .old_config = 0, .new_config = 1};
 
-Bytes nr_snr(const Asked&) {
-  return bytes_of(NrPerAntenna{.values = {21.25F, 20.0F, 18.75F, 17.5F}});
-}
-
-Bytes nr_antenna_switch(const Asked&) {
-  return bytes_of(NrAntennaSwitch{.old_and_new = {0, 4, 1, 5, 2, 6, 3, 7, 8, 10, 9, 11}});
-}
-
-Bytes nr_uplink_power(const Asked&) {
-  return bytes_of(NrUplinkPower{.tx_power = {18.75F, 9.5F, 16.25F, 14.0F},
-                                .limit = {23.0F, 22.75F, 22.5F, 22.25F},
-                                .path_loss = {96.0F, 97.0F, 98.0F, 99.0F}});
-}
-
-Bytes lte_pusch_power(const Asked&) {
-  return bytes_of(
-      LtePuschPower{.tx_power = 12, .path_loss = 98, .max_power = 23, .extended_tx_power = 11});
-}
-
-Bytes wcdma_receive_level(const Asked&) {
-  return bytes_of(PrimaryAndDiversity{.primary = -72.5F, .diversity = -75.25F});
-}
-
-Bytes gsm_receive_level(const Asked&) {
-  return bytes_of(PrimaryAndDiversity{.primary = -68.75F, .diversity = -71.5F});
-}
-
-Bytes antenna_state(const Asked&) {
-  return bytes_of(AntennaState{
-      .antennas = 4, .switch_path = 2, .signal_path = 5, .old_config = 0, .new_config = 1});
+template <const auto& record>
+Bytes always(const Asked&) {
+  return packed(record);
 }
 
 Bytes system_mode(const Asked& asked) {
-  return bytes_of(SystemMode{.rat = static_cast<uint32_t>(asked.rat)});
+  return packed(SystemMode{.rat = static_cast<uint32_t>(asked.rat)});
 }
-
-enum class Where : uint8_t { kAnywhere, kOnLte, kOnNr };
 
 // Parameters with ids that follow each other are one for each further carrier.
 struct ParameterRow {
   uint32_t first_id;
   uint32_t count;
   uint32_t first_carrier;
-  Where where;
+  int32_t rat;  // that the subscription must have
   Bytes (*make)(const Asked& asked);
 };
 
 constexpr std::array<ParameterRow, 13> kParameters{{
-    {0x52, 1, 0, Where::kOnLte, lte_serving_cell},
-    {0x67, 6, 1, Where::kOnLte, lte_serving_cell},
-    {0x62, 1, 0, Where::kOnLte, lte_pusch_power},
-    {0x87, 1, 0, Where::kOnNr, nr_serving_cell},
-    {0x06, 2, 1, Where::kOnNr, nr_serving_cell},
-    {0x5E, 1, 0, Where::kOnNr, nr_receive_level},
-    {0x70, 1, 0, Where::kOnNr, nr_snr},
-    {0x71, 1, 0, Where::kOnNr, nr_antenna_switch},
-    {0x5A, 1, 0, Where::kOnNr, nr_uplink_power},
-    {0x6E, 1, 0, Where::kAnywhere, wcdma_receive_level},
-    {0x6F, 1, 0, Where::kAnywhere, gsm_receive_level},
-    {0x64, 1, 0, Where::kAnywhere, antenna_state},
-    {0x2C, 1, 0, Where::kAnywhere, system_mode},
+    {0x52, 1, 0, kLteRat, lte_serving_cell},
+    {0x67, 6, 1, kLteRat, lte_serving_cell},
+    {0x62, 1, 0, kLteRat, always<kLtePuschPower>},
+    {0x87, 1, 0, kNrRat, nr_serving_cell},
+    {0x06, 2, 1, kNrRat, nr_serving_cell},
+    {0x5E, 1, 0, kNrRat, always<kNrReceiveLevel>},
+    {0x70, 1, 0, kNrRat, always<kNrSnr>},
+    {0x71, 1, 0, kNrRat, always<kNrAntennaSwitch>},
+    {0x5A, 1, 0, kNrRat, always<kNrUplinkPower>},
+    {0x6E, 1, 0, kAnyRat, always<kWcdmaReceiveLevel>},
+    {0x6F, 1, 0, kAnyRat, always<kGsmReceiveLevel>},
+    {0x64, 1, 0, kAnyRat, always<kAntennaState>},
+    {0x2C, 1, 0, kAnyRat, system_mode},
 }};
-
-bool is_there(Where where, int32_t rat) {
-  return where == Where::kAnywhere || rat == (where == Where::kOnLte ? kLteRat : kNrRat);
-}
 
 }  // namespace
 
 std::vector<uint8_t> read_stats_parameter(const ModemConf& conf, uint32_t sub, uint32_t id) {
-  if (sub >= conf.rats.size()) {
-    return {};
-  }
   const auto given = std::find_if(
       conf.stats_overrides.rbegin(), conf.stats_overrides.rend(),
       [sub, id](const StatsOverride& entry) { return entry.id == id && entry.sub == sub; });
@@ -218,7 +194,8 @@ std::vector<uint8_t> read_stats_parameter(const ModemConf& conf, uint32_t sub, u
   }
   const int32_t rat = conf.rats[sub];
   for (const ParameterRow& row : kParameters) {
-    if (id >= row.first_id && id - row.first_id < row.count && is_there(row.where, rat)) {
+    if (id >= row.first_id && id - row.first_id < row.count &&
+        (row.rat == rat || row.rat == kAnyRat)) {
       return row.make({.carrier = row.first_carrier + id - row.first_id, .rat = rat});
     }
   }

@@ -46,122 +46,85 @@ void set_apdu(uim_send_apdu_resp_msg_v01& response, std::span<const uint8_t> apd
   std::copy(apdu.begin(), apdu.end(), response.apdu);
 }
 
-// What the requests work on, one at a time, as a card carries them out.
-class UimService {
- public:
-  explicit UimService(ModemConf conf) : conf_(std::move(conf)) {}
-
-  uim_result_v01 set_sim_type(const uim_set_sim_type_req_msg_v01& request,
-                              uim_set_sim_type_resp_msg_v01& response);
-  uim_result_v01 get_eid(const uim_get_eid_req_msg_v01& request,
-                         uim_get_eid_resp_msg_v01& response);
-  uim_result_v01 get_card_status(const uim_get_card_status_req_msg_v01& request,
-                                 uim_get_card_status_resp_msg_v01& response);
-  uim_result_v01 open_channel(const uim_open_logical_channel_req_msg_v01& request,
-                              uim_open_logical_channel_resp_msg_v01& response);
-  uim_result_v01 close_channel(const uim_logical_channel_req_msg_v01& request,
-                               uim_logical_channel_resp_msg_v01& response);
-  uim_result_v01 send_apdu(const uim_send_apdu_req_msg_v01& request,
-                           uim_send_apdu_resp_msg_v01& response);
-
- private:
-  bool is_open(uint32_t slot, uint8_t channel_valid, uint8_t channel) const;
-  uim_result_v01 reset_euicc(uim_send_apdu_resp_msg_v01& response);
-
-  const ModemConf conf_;
-  std::array<bool, kChannelMax + 1> channels_{true};  // which are open; 0 is the basic one
+struct UimState : ServiceState {
+  std::array<bool, kChannelMax + 1> channels{true};  // which are open; 0 is the basic one
 };
 
-uim_result_v01 UimService::set_sim_type(const uim_set_sim_type_req_msg_v01& request,
-                                        uim_set_sim_type_resp_msg_v01&) {
-  const std::span<const uint32_t> values(request.sim_type);
-  if (request.sim_type_len == 0 || request.sim_type_len > values.size()) {
+uim_result_v01 set_sim_type(UimState&, const uim_set_sim_type_req_msg_v01& request,
+                            uim_set_sim_type_resp_msg_v01&) {
+  if (request.sim_type_len == 0 || request.sim_type_len > std::size(request.sim_type)) {
     return kInvalidArgument;
   }
-  const auto* const bytes = reinterpret_cast<const uint8_t*>(values.data());
-  const size_t length = request.sim_type_len * sizeof(uint32_t);
-  return write_state_file(kSimTypeFile, {bytes, length}) == 0 ? kDone : kInternalError;
+  const auto values = bytes_of(request.sim_type).first(request.sim_type_len * sizeof(uint32_t));
+  return write_state_file(kSimTypeFile, values) == 0 ? kDone : kInternalError;
 }
 
-uim_result_v01 UimService::get_eid(const uim_get_eid_req_msg_v01& request,
-                                   uim_get_eid_resp_msg_v01& response) {
+uim_result_v01 get_eid(UimState& uim, const uim_get_eid_req_msg_v01& request,
+                       uim_get_eid_resp_msg_v01& response) {
   if (request.slot == 0 || request.slot > kCardSlots) {
     return kInvalidArgument;
   }
-  if (request.slot == kEuiccSlot && conf_.eid) {
+  if (request.slot == kEuiccSlot && uim.conf.eid) {
     response.eid_value_valid = 1;
-    response.eid_value_len = static_cast<uint32_t>(conf_.eid->size());
-    std::copy(conf_.eid->begin(), conf_.eid->end(), response.eid_value);
+    response.eid_value_len = static_cast<uint32_t>(uim.conf.eid->size());
+    std::copy(uim.conf.eid->begin(), uim.conf.eid->end(), response.eid_value);
   }
   return kDone;
 }
 
-uim_result_v01 UimService::get_card_status(const uim_get_card_status_req_msg_v01& request,
-                                           uim_get_card_status_resp_msg_v01& response) {
+uim_result_v01 get_card_status(UimState& uim, const uim_get_card_status_req_msg_v01& request,
+                               uim_get_card_status_resp_msg_v01& response) {
   if (request.extended_card_status_valid == 0 || request.extended_card_status == 0) {
     return kDone;
   }
   response.card_list_valid = 1;
   response.card_list_len = kCardSlots;
   for (size_t slot = 0; slot < kCardSlots; ++slot) {
-    response.card_list[slot].card_state = static_cast<uint32_t>(conf_.card_states[slot]);
+    response.card_list[slot].card_state = static_cast<uint32_t>(uim.conf.card_states[slot]);
   }
   return kDone;
 }
 
-uim_result_v01 UimService::open_channel(const uim_open_logical_channel_req_msg_v01& request,
-                                        uim_open_logical_channel_resp_msg_v01& response) {
+uim_result_v01 open_channel(UimState& uim, const uim_open_logical_channel_req_msg_v01& request,
+                            uim_open_logical_channel_resp_msg_v01& response) {
   if (request.slot != kEuiccSlot || request.aid_valid == 0 || request.aid_len != kIsdrAid.size() ||
       !std::equal(kIsdrAid.begin(), kIsdrAid.end(), request.aid)) {
     return kInvalidArgument;
   }
-  const auto channel = std::find(channels_.begin(), channels_.end(), false);
-  if (conf_.uim_open_channel_fails || channel == channels_.end()) {
+  const auto channel = std::find(uim.channels.begin(), uim.channels.end(), false);
+  if (uim.conf.uim_open_channel_fails || channel == uim.channels.end()) {
     return kInternalError;
   }
   *channel = true;
   response.channel_id_valid = 1;
-  response.channel_id = static_cast<uint8_t>(channel - channels_.begin());
+  response.channel_id = static_cast<uint8_t>(channel - uim.channels.begin());
   return kDone;
 }
 
 // Only channels that were opened: the basic one takes no part.
-bool UimService::is_open(uint32_t slot, uint8_t channel_valid, uint8_t channel) const {
-  return slot == kEuiccSlot && channel_valid != 0 && channel != 0 && channel < channels_.size() &&
-         channels_[channel];
+template <class Request>
+bool names_open_channel(const UimState& uim, const Request& request) {
+  const uint8_t channel = request.channel_id;
+  return request.slot == kEuiccSlot && request.channel_id_valid != 0 && channel != 0 &&
+         channel < uim.channels.size() && uim.channels[channel];
 }
 
-uim_result_v01 UimService::close_channel(const uim_logical_channel_req_msg_v01& request,
-                                         uim_logical_channel_resp_msg_v01&) {
-  if (!is_open(request.slot, request.channel_id_valid, request.channel_id)) {
+uim_result_v01 close_channel(UimState& uim, const uim_logical_channel_req_msg_v01& request,
+                             uim_logical_channel_resp_msg_v01&) {
+  if (!names_open_channel(uim, request)) {
     return kInvalidArgument;
   }
-  channels_[request.channel_id] = false;
+  uim.channels[request.channel_id] = false;
   return kDone;
 }
 
-uim_result_v01 UimService::send_apdu(const uim_send_apdu_req_msg_v01& request,
-                                     uim_send_apdu_resp_msg_v01& response) {
-  constexpr std::array<uint8_t, 2> kUnknownInstruction{0x6D, 0x00};
-  const std::span<const uint8_t> buffer(request.apdu);
-  if (request.apdu_len > buffer.size() ||
-      !is_open(request.slot, request.channel_id_valid, request.channel_id)) {
-    return kInvalidArgument;
-  }
-  if (is_memory_reset(buffer.first(request.apdu_len))) {
-    return reset_euicc(response);
-  }
-  set_apdu(response, kUnknownInstruction);
-  return kDone;
-}
-
-uim_result_v01 UimService::reset_euicc(uim_send_apdu_resp_msg_v01& response) {
+uim_result_v01 reset_euicc(UimState& uim, uim_send_apdu_resp_msg_v01& response) {
   constexpr std::array<uint8_t, 2> kWrongData{0x6A, 0x80};
-  if (conf_.uim_reset_fails) {
+  if (uim.conf.uim_reset_fails) {
     set_apdu(response, kWrongData);
     return kDone;
   }
-  const auto initial = static_cast<uint32_t>(conf_.uim_profiles);
+  const auto initial = static_cast<uint32_t>(uim.conf.uim_profiles);
   const bool present = read_stored_number(kProfilesFile, initial) != 0;
   if (present && write_stored_number(kProfilesFile, 0) != 0) {
     return kInternalError;
@@ -171,26 +134,34 @@ uim_result_v01 UimService::reset_euicc(uim_send_apdu_resp_msg_v01& response) {
   return kDone;
 }
 
+uim_result_v01 send_apdu(UimState& uim, const uim_send_apdu_req_msg_v01& request,
+                         uim_send_apdu_resp_msg_v01& response) {
+  constexpr std::array<uint8_t, 2> kUnknownInstruction{0x6D, 0x00};
+  const std::span<const uint8_t> buffer(request.apdu);
+  if (request.apdu_len > buffer.size() || !names_open_channel(uim, request)) {
+    return kInvalidArgument;
+  }
+  if (is_memory_reset(buffer.first(request.apdu_len))) {
+    return reset_euicc(uim, response);
+  }
+  set_apdu(response, kUnknownInstruction);
+  return kDone;
+}
+
 constexpr std::tuple kMessages{
-    message<uim_set_sim_type_req_msg_v01, uim_set_sim_type_resp_msg_v01>(
-        QMI_UIM_SET_SIM_TYPE_REQ_V01, &UimService::set_sim_type),
-    message<uim_get_eid_req_msg_v01, uim_get_eid_resp_msg_v01>(QMI_UIM_GET_EID_REQ_V01,
-                                                               &UimService::get_eid),
-    message<uim_get_card_status_req_msg_v01, uim_get_card_status_resp_msg_v01>(
-        QMI_UIM_GET_CARD_STATUS_REQ_V01, &UimService::get_card_status),
-    message<uim_open_logical_channel_req_msg_v01, uim_open_logical_channel_resp_msg_v01>(
-        QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01, &UimService::open_channel),
-    message<uim_logical_channel_req_msg_v01, uim_logical_channel_resp_msg_v01>(
-        QMI_UIM_LOGICAL_CHANNEL_REQ_V01, &UimService::close_channel),
-    message<uim_send_apdu_req_msg_v01, uim_send_apdu_resp_msg_v01>(QMI_UIM_SEND_APDU_REQ_V01,
-                                                                   &UimService::send_apdu),
+    Message{QMI_UIM_SET_SIM_TYPE_REQ_V01, set_sim_type},
+    Message{QMI_UIM_GET_EID_REQ_V01, get_eid},
+    Message{QMI_UIM_GET_CARD_STATUS_REQ_V01, get_card_status},
+    Message{QMI_UIM_OPEN_LOGICAL_CHANNEL_REQ_V01, open_channel},
+    Message{QMI_UIM_LOGICAL_CHANNEL_REQ_V01, close_channel},
+    Message{QMI_UIM_SEND_APDU_REQ_V01, send_apdu},
 };
 constexpr qmi_idl_service_object kServiceObject = service_object<kMessages>(kUimServiceId, 0x71);
 
 }  // namespace
 
 Service make_uim_service(const ModemConf& conf) {
-  return make_service<kMessages, UimService>(kUimServiceId, conf);
+  return make_service<kMessages, UimState>(kUimServiceId, conf);
 }
 
 }  // namespace kiv::platform

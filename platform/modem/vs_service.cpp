@@ -119,10 +119,10 @@ constexpr std::array<qmi_idl_field, 2> kGetParametersResponseFields{{
                   offsetof(GetParametersResponse, entries_valid)),
 }};
 
-qmi_result set_feature(const ModemConf& conf, const SetFeatureRequest& request,
+qmi_result set_feature(ServiceState& service, const SetFeatureRequest& request,
                        SetFeatureResponse&) {
   if (request.feature == kStatisticsFeature && request.status != 0) {
-    for (const VsIndication& indication : conf.vs_indications) {
+    for (const Indication& indication : service.conf.vs_indications) {
       send_indication(kVsServiceId, indication.msg_id, indication.bytes);
     }
   }
@@ -130,14 +130,14 @@ qmi_result set_feature(const ModemConf& conf, const SetFeatureRequest& request,
 }
 
 // A parameter that the modem does not have is left out of the list.
-qmi_result get_parameters(const ModemConf& conf, const GetParametersRequest& request,
+qmi_result get_parameters(ServiceState& service, const GetParametersRequest& request,
                           GetParametersResponse& response) {
-  if (request.sub >= conf.rats.size()) {
+  if (request.sub >= service.conf.rats.size()) {
     return kInvalidArgument;
   }
   response.entries_valid = 1;
   for (const Entry& asked : std::span(request.entries).first(request.entry_count)) {
-    const std::vector<uint8_t> value = read_stats_parameter(conf, request.sub, asked.id);
+    const std::vector<uint8_t> value = read_stats_parameter(service.conf, request.sub, asked.id);
     if (!value.empty()) {
       Entry& entry = response.entries[response.entry_count++];
       entry.sub = request.sub;
@@ -151,11 +151,9 @@ qmi_result get_parameters(const ModemConf& conf, const GetParametersRequest& req
 }
 
 constexpr std::tuple kMessages{
-    message<SetFeatureRequest, SetFeatureResponse>(
-        kSetFeatureMessage, set_feature, kSetFeatureRequestFields, kSetFeatureResponseFields),
-    message<GetParametersRequest, GetParametersResponse>(kGetParametersMessage, get_parameters,
-                                                         kGetParametersRequestFields,
-                                                         kGetParametersResponseFields),
+    Message{kSetFeatureMessage, set_feature, kSetFeatureRequestFields, kSetFeatureResponseFields},
+    Message{kGetParametersMessage, get_parameters, kGetParametersRequestFields,
+            kGetParametersResponseFields},
 };
 
 }  // namespace
