@@ -1,7 +1,5 @@
 #include "modem_lyrax_api.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -25,27 +23,19 @@ std::atomic<bool> g_white_list_checked{false};
 std::atomic<bool> g_white_list_failed{false};
 
 bool modem_api_check_white_list() {
-  if (!g_white_list_checked) {
-    const char* p_name = tervik_utils_get_pid_name();
+  const char* const p_name = tervik_utils_get_pid_name();
+  const bool is_first_check = !g_white_list_checked;
+  if (is_first_check) {
     g_white_list_failed =
         std::none_of(WHITE_LIST.begin(), WHITE_LIST.end(),
                      [p_name](const char* known) { return tervik_str_cmp(p_name, known) == 0; });
     g_white_list_checked = true;
+  }
+  if (is_first_check || g_white_list_failed) {
     tervik_log_debug("check %s, p_id: %d, p_name: %s", g_white_list_failed ? "fail" : "pass",
                      tervik_utils_get_pid_number(), p_name);
-  } else if (g_white_list_failed) {
-    tervik_log_debug("check fail, p_id: %d, p_name: %s", tervik_utils_get_pid_number(),
-                     tervik_utils_get_pid_name());
   }
   return !g_white_list_failed;
-}
-
-[[nodiscard]] bool admitted(const char* func) {
-  if (modem_api_check_white_list()) {
-    return true;
-  }
-  tervik_log_error_as(func, "check fail, do nothing");
-  return false;
 }
 
 }  // namespace
@@ -58,27 +48,27 @@ constexpr uint32_t VS_CLIENT_TYPE = 0;
 constexpr uint32_t STATUS_LOST = 4;
 constexpr size_t CLIENTS_MAX = 10;
 
-// What is known of a client. The pid and the event callback tell whose it is; nothing reads them.
+// Every client is of VS_CLIENT_TYPE.
 struct modem_api_client {
-  uint32_t client_type;
-  uint32_t pid;
   uint32_t operational_status;
-  vs_event_cb event_cb;
   modem_api_operational_status_event_cb operational_status_cb;
 };
 
-std::mutex g_module_mutex;
-uint32_t g_init_count = 0;  // under g_module_mutex
 // Held while a client is freed; taken before g_clients_mutex.
 std::mutex g_client_table_mutex;
-// Never held over a call of the VS client, whose status callback takes it.
+// Guards what follows. Never held over a call of the VS client, whose status callback takes it.
 std::mutex g_clients_mutex;
-// The client id is the slot. Every client is of VS_CLIENT_TYPE. Under g_clients_mutex.
+bool g_inited = false;
+// The client id is the slot.
 std::array<std::unique_ptr<modem_api_client>, CLIENTS_MAX> g_clients;
 
-void forget_clients() {
+// A change empties the table.
+void set_inited(bool inited) {
   const std::lock_guard lock(g_clients_mutex);
-  g_clients = {};
+  if (g_inited != inited) {
+    g_inited = inited;
+    g_clients = {};
+  }
 }
 
 bool in_table(int32_t client_id) {
@@ -126,47 +116,35 @@ uint32_t add_client(const char* func, std::unique_ptr<modem_api_client> client,
 
 void empty_slot(int32_t client_id) {
   const std::lock_guard lock(g_clients_mutex);
-  g_clients[static_cast<size_t>(client_id)].reset();
+  g_clients[static_cast<size_t>(client_id)] = nullptr;
 }
 
 }  // namespace
 
 uint32_t modem_api_init() {
-  if (!admitted(__func__)) {
+  if (!modem_api_check_white_list()) {
+    tervik_log_error("check fail, do nothing");
     return MODEM_API_NOT_ALLOWED;
   }
-  {
-    const std::lock_guard lock(g_module_mutex);
-    if (g_init_count == 0) {
-      ++g_init_count;
-      forget_clients();
-    }
-  }
+  set_inited(true);
   vs_init(modem_api_process_response);
   return MODEM_API_SUCCESS;
 }
 
 uint32_t modem_api_release() {
-  const std::lock_guard lock(g_module_mutex);
-  if (g_init_count >= 1) {
-    --g_init_count;
-    forget_clients();
-  }
+  set_inited(false);
   return MODEM_API_SUCCESS;
 }
 
 uint32_t modem_api_init_client(uint32_t client_type, vs_event_cb event_cb,
                                modem_api_operational_status_event_cb status_cb,
                                int32_t* client_id) {
-  if (!admitted(__func__)) {
+  if (!modem_api_check_white_list()) {
+    tervik_log_error("check fail, do nothing");
     return MODEM_API_NOT_ALLOWED;
   }
-  std::unique_ptr<modem_api_client> client(
-      new (std::nothrow) modem_api_client{.client_type = client_type,
-                                          .pid = static_cast<uint32_t>(getpid()),
-                                          .operational_status = VS_RELEASED,
-                                          .event_cb = event_cb,
-                                          .operational_status_cb = status_cb});
+  std::unique_ptr<modem_api_client> client(new (std::nothrow)
+                                               modem_api_client{VS_RELEASED, status_cb});
   if (client == nullptr) {
     tervik_log_error("could not allocate memory");
     return MODEM_API_NO_MEMORY;
@@ -196,7 +174,7 @@ void modem_api_operational_status_cb(uint32_t client_type, uint32_t status) {
     {
       const std::lock_guard lock(g_clients_mutex);
       modem_api_client* const client = g_clients[id].get();
-      if (client == nullptr || client->client_type != client_type) {
+      if (client == nullptr || client_type != VS_CLIENT_TYPE) {
         continue;
       }
       client->operational_status = status;
@@ -233,28 +211,21 @@ uint32_t modem_api_free_client(int32_t client_id) {
 namespace {
 
 struct mapped_error {
-  uint32_t qmi_error;
+  int32_t qmi_error;
   modem_api_result result;
 };
 
 // What the QMI errors of a failed response stand for; any other is a failure.
-constexpr std::array<mapped_error, 12> QMI_ERRORS = {{{0, MODEM_API_SUCCESS},
-                                                      {26, MODEM_API_SUCCESS},
-                                                      {4, MODEM_API_QMI_ERROR_4},
-                                                      {17, MODEM_API_INVALID_ARG},
-                                                      {19, MODEM_API_INVALID_ARG},
-                                                      {48, MODEM_API_INVALID_ARG},
-                                                      {49, MODEM_API_INVALID_ARG},
-                                                      {24, MODEM_API_NOT_SUPPORTED},
-                                                      {42, MODEM_API_NOT_SUPPORTED},
-                                                      {77, MODEM_API_NOT_SUPPORTED},
-                                                      {94, MODEM_API_NOT_SUPPORTED},
-                                                      {52, MODEM_API_QMI_ERROR_52}}};
+constexpr mapped_error QMI_ERRORS[] = {
+    {0, MODEM_API_SUCCESS},        {26, MODEM_API_SUCCESS},       {4, MODEM_API_QMI_ERROR_4},
+    {17, MODEM_API_INVALID_ARG},   {19, MODEM_API_INVALID_ARG},   {48, MODEM_API_INVALID_ARG},
+    {49, MODEM_API_INVALID_ARG},   {24, MODEM_API_NOT_SUPPORTED}, {42, MODEM_API_NOT_SUPPORTED},
+    {77, MODEM_API_NOT_SUPPORTED}, {94, MODEM_API_NOT_SUPPORTED}, {52, MODEM_API_QMI_ERROR_52}};
 
 uint32_t modem_api_map_qmi_error_to_modem_api(qmi_client_error_type transport_error,
-                                              const vs_result& response) {
-  constexpr uint32_t QMI_RESULT_SUCCESS = 0;
-  constexpr uint32_t QMI_RESULT_FAILURE = 1;
+                                              const qmi_result& response) {
+  constexpr int32_t QMI_RESULT_SUCCESS = 0;
+  constexpr int32_t QMI_RESULT_FAILURE = 1;
   switch (transport_error) {
     case -5:
     case -1:
@@ -292,7 +263,7 @@ uint32_t modem_api_set_lyrax_feature_status(int32_t client_id, uint32_t feature,
   vs_set_feature_status_resp response = {};
   const qmi_client_error_type qmi_error = vs_client_send_msg_sync(
       VS_SET_FEATURE_STATUS, &request, sizeof(request), &response, sizeof(response));
-  const uint32_t result = modem_api_map_qmi_error_to_modem_api(qmi_error, response.resp);
+  const uint32_t result = modem_api_map_qmi_error_to_modem_api(qmi_error, response);
   tervik_log_debug("result %d, qmi_error %d", result, qmi_error);
   return result;
 }
@@ -383,11 +354,10 @@ struct malloc_deleter {
   void operator()(void* memory) const { free(memory); }
 };
 
-// The outcome of a response. On success `*data` is a copy of the bytes behind its head, for the
+// The outcome of a response. On success `data` is a copy of the bytes behind its head, for the
 // callback to free.
 uint32_t take_async_response(unsigned int msg_id, std::span<const uint8_t> resp,
-                             qmi_client_error_type transport_error, uint8_t** data,
-                             uint32_t* data_len) {
+                             qmi_client_error_type transport_error, std::span<uint8_t>& data) {
   if (resp.empty()) {
     return MODEM_API_NO_MEMORY;
   }
@@ -401,12 +371,12 @@ uint32_t take_async_response(unsigned int msg_id, std::span<const uint8_t> resp,
     return MODEM_API_UNEXPECTED_MSG;
   }
   const bool is_whole = resp.size() >= sizeof(head) && head.data_len <= resp.size() - sizeof(head);
-  *data = is_whole ? static_cast<uint8_t*>(malloc(head.data_len + size_t{1})) : nullptr;
-  if (*data == nullptr) {
+  void* const copy = is_whole ? malloc(head.data_len + size_t{1}) : nullptr;
+  if (copy == nullptr) {
     return MODEM_API_NO_MEMORY;
   }
-  memcpy(*data, resp.data() + sizeof(head), head.data_len);
-  *data_len = head.data_len;
+  memcpy(copy, resp.data() + sizeof(head), head.data_len);
+  data = {static_cast<uint8_t*>(copy), head.data_len};
   return MODEM_API_SUCCESS;
 }
 
@@ -416,18 +386,13 @@ void modem_api_process_response(unsigned int msg_id, void* resp, unsigned int re
                                 void* cb_data, qmi_client_error_type transport_error) {
   const std::unique_ptr<void, malloc_deleter> owned_resp(resp);
   const std::unique_ptr<void, malloc_deleter> owned_cb_data(cb_data);
-  if (cb_data == nullptr) {
-    return;
-  }
-  modem_api_async_request request = {};
-  memcpy(&request, cb_data, sizeof(request));
-  if (request.callback == nullptr) {
+  const auto* const request = static_cast<const modem_api_async_request*>(cb_data);
+  if (request == nullptr || request->callback == nullptr) {
     return;
   }
   const size_t received = resp != nullptr ? resp_len : 0;
-  uint8_t* data = nullptr;
-  uint32_t data_len = 0;
+  std::span<uint8_t> data;
   const uint32_t result = take_async_response(msg_id, {static_cast<const uint8_t*>(resp), received},
-                                              transport_error, &data, &data_len);
-  request.callback(data, data_len, request.user_data, result);
+                                              transport_error, data);
+  request->callback(data.data(), static_cast<uint32_t>(data.size()), request->user_data, result);
 }

@@ -1,7 +1,7 @@
 // The one connection to the modem's VS statistics service: connects with retries, sends requests
-// synchronously, and turns the service's indications into numbered events for one callback. It
-// moves messages and knows nothing of parameters. Connecting and sending run on the caller's
-// thread, indications on the QMI framework's; their bytes are untrusted.
+// synchronously, and turns the service's indications into numbered events for one callback.
+// Connecting and sending run on the caller's thread, indications on the QMI framework's; their
+// bytes are untrusted.
 #pragma once
 
 #include <cstdint>
@@ -9,21 +9,13 @@
 #include "qmi_client.h"
 #include "vs_idl.h"
 
-// Events, one per indication, with the record that comes along.
+// Events, one per indication, and the records that come along.
 enum vs_event_id : uint32_t {
-  VS_EVENT_FEATURE_STATUS = 2,
-  VS_EVENT_STATS_PARAMETER = 3,
-  VS_EVENT_STATS_EVENT = 4,
-  VS_EVENT_STATE = 5,
+  VS_EVENT_FEATURE_STATUS = 2,   // vs_feature_status_ind, its flags 0 or 1
+  VS_EVENT_STATS_PARAMETER = 3,  // vs_event_stats_parameter
+  VS_EVENT_STATS_EVENT = 4,      // vs_event_stats_event
+  VS_EVENT_STATE = 5,            // vs_state_ind
 };
-
-struct vs_event_feature_status {
-  uint32_t value;
-  uint8_t first_flag;   // 0 or 1
-  uint8_t second_flag;  // 0 or 1
-  uint8_t unused_6[2];
-};
-static_assert(sizeof(vs_event_feature_status) == 8);
 
 // A parameter entry as events carry it.
 struct vs_event_entry {

@@ -1,7 +1,6 @@
-// The IDL description of the modem's vendor-specific (VS) statistics service: its message ids and
-// lengths, and the C structures and field rows of the messages that kiv sends or receives. Data
-// only; the bytes decoded by it come from the modem and are untrusted. Lists and byte arrays that
-// are longer than their structure are cut to it.
+// The IDL description of the modem's vendor-specific (VS) statistics service, and the C structures
+// of the messages that kiv sends or receives. Data only; what is decoded by it comes from the modem
+// and is untrusted. Lists and byte arrays that are longer than their structure are cut to it.
 #pragma once
 
 #include <cstddef>
@@ -36,12 +35,6 @@ struct vs_stats_entry {
 };
 static_assert(sizeof(vs_stats_entry) == 712);
 
-// Standard outcome of a response: result 0 success, 1 failure with the error's number.
-struct vs_result {
-  uint32_t result;
-  uint32_t error;
-};
-
 struct vs_set_feature_status_req {
   uint32_t feature;
   uint8_t status;
@@ -51,10 +44,7 @@ struct vs_set_feature_status_req {
 };
 static_assert(sizeof(vs_set_feature_status_req) == 8);
 
-struct vs_set_feature_status_resp {
-  vs_result resp;
-};
-static_assert(sizeof(vs_set_feature_status_resp) == 8);
+using vs_set_feature_status_resp = qmi_result;
 
 struct vs_get_stats_parameter_req {
   uint16_t sub;
@@ -65,9 +55,8 @@ struct vs_get_stats_parameter_req {
 static_assert(sizeof(vs_get_stats_parameter_req) == 7128);
 
 struct vs_get_stats_parameter_resp {
-  vs_result resp;
+  qmi_result resp;
   uint8_t entries_valid;
-  uint8_t unused_9[3];
   uint32_t entries_len;
   vs_stats_entry entries[VS_STATS_ENTRIES_MAX];
 };
@@ -86,11 +75,9 @@ struct vs_stats_parameter_ind {
   uint32_t entries_len;
   vs_stats_entry entries[VS_STATS_ENTRIES_MAX];
   uint8_t more_entries_valid;
-  uint8_t unused_7129[3];
   uint32_t more_entries_len;
   vs_stats_entry more_entries[VS_STATS_MORE_ENTRIES_MAX];
   uint8_t last_value_valid;
-  uint8_t unused_10697[3];
   uint32_t last_value;
 };
 static_assert(sizeof(vs_stats_parameter_ind) == 10704);
