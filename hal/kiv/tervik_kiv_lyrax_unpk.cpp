@@ -25,10 +25,9 @@ constexpr int HALF_BITS = SPAN_BITS / 2;
 
 // The record that is being decoded, and where.
 struct {
-  // The record and behind it zeros, so that the span of a field at the end of the record, or of the
-  // limit, is inside.
+  // Behind the record zeros, also for a span that begins at the last byte of the limit.
   std::array<uint8_t, UNPK_LIMIT + SPAN_BITS / 8> buffer;
-  size_t buffer_used;       // by the last record; what follows is zeros
+  size_t buffer_used;       // by the last record
   const uint8_t* data_ptr;  // null: there is no record
   uint32_t id;
   int32_t base;      // byte of the last rebase
@@ -38,12 +37,10 @@ struct {
 
 // The value's bytes as they lie in memory, without the zeros at the end.
 std::array<char, 2 + 2 * sizeof(uint64_t) + 1> memory_text(uint64_t value) {
-  constexpr char DIGITS[] = "0123456789ABCDEF";
   std::array<char, 2 + 2 * sizeof(uint64_t) + 1> text = {'0', 'x'};
-  size_t len = 2;
+  char* end = text.data() + 2;
   do {
-    text[len++] = DIGITS[value >> 4 & 0x0F];
-    text[len++] = DIGITS[value & 0x0F];
+    end += snprintf(end, 3, "%02X", static_cast<unsigned>(value & 0xFF));
     value >>= 8;
   } while (value != 0);
   return text;
@@ -146,14 +143,12 @@ constexpr int kept_bits(int low) {
 
 // Whether bits `low` to `high` can be cut out of a span.
 bool check_span_bits(const unpk_field& field, int low, int high) {
-  if (low == 1 && !is_within(high, 1, HALF_BITS)) {
-    printf("UNPK_MID, high(%d) should be in [1, %d] for %s, id(0x%x)\n", high, HALF_BITS,
-           field.name, g_unpk.id);
-  } else if (!is_within(low, 1, SPAN_BITS)) {
+  const int high_max = low == 1 ? HALF_BITS : SPAN_BITS;
+  if (!is_within(low, 1, SPAN_BITS)) {
     printf("UNPK_MID, low(%d) should be in [1, 128] for %s, id(0x%x)\n", low, field.name,
            g_unpk.id);
-  } else if (!is_within(high, 1, SPAN_BITS)) {
-    printf("UNPK_MID, high(%d) should be in [1, 128] for %s, id(0x%x)\n", high, field.name,
+  } else if (!is_within(high, 1, high_max)) {
+    printf("UNPK_MID, high(%d) should be in [1, %d] for %s, id(0x%x)\n", high, high_max, field.name,
            g_unpk.id);
   } else if (low > high) {
     printf("UNPK_MID, low(%d) should <= high(%d) for %s, id(0x%x)\n", low, high, field.name,
@@ -225,22 +220,23 @@ bool unpk_at(const unpk_field& field, int bit, uint64_t& value) {
 bool unpk_start(std::span<const uint8_t> record, uint32_t id) {
   memset(g_modem_stats_result.value, 0, g_modem_stats_result.len);
   g_modem_stats_result.len = 0;
-  if (record.data() != nullptr) {
-    const size_t len = std::min<size_t>(record.size(), UNPK_LIMIT);
-    memcpy(g_unpk.buffer.data(), record.data(), len);
-    if (len < g_unpk.buffer_used) {
-      memset(g_unpk.buffer.data() + len, 0, g_unpk.buffer_used - len);
-    }
-    g_unpk.buffer_used = len;
-  } else {
-    printf("UNPK_START, payload is NULL, id(0x%x)\n", id);
-  }
-  g_unpk.data_ptr = record.data() != nullptr ? g_unpk.buffer.data() : nullptr;
+  g_unpk.data_ptr = nullptr;
   g_unpk.id = id;
   g_unpk.base = 0;
   g_unpk.base_bit = 0;
   g_unpk.cnt = 0;
-  return g_unpk.data_ptr != nullptr;
+  if (record.data() == nullptr) {
+    printf("UNPK_START, payload is NULL, id(0x%x)\n", id);
+    return false;
+  }
+  const size_t len = std::min<size_t>(record.size(), UNPK_LIMIT);
+  memcpy(g_unpk.buffer.data(), record.data(), len);
+  if (len < g_unpk.buffer_used) {
+    memset(g_unpk.buffer.data() + len, 0, g_unpk.buffer_used - len);
+  }
+  g_unpk.buffer_used = len;
+  g_unpk.data_ptr = g_unpk.buffer.data();
+  return true;
 }
 
 std::optional<uint64_t> unpk_mid(const unpk_field& field, const unpk_span& span, int low,
@@ -326,7 +322,11 @@ bool unpk_cell(modem_stats_cell& cell) {
   return unpk_cell<false>(cell);
 }
 
-void print_cell(const modem_stats_cell& cell) {
+void modem_stats_parse_xxxx_diag_xxxx() {
+  modem_stats_cell cell = {};
+  if (!unpk_cell(cell)) {
+    return;
+  }
   const modem_stats_cell_record& record = cell.record;
   printf("version = %d, mcc = %d, mnc_num %d, mnc %d, tac %d, cgi %" PRIu64 ", pci %d\n",
          static_cast<int>(record.version), record.mcc, cell.mnc_num, record.mnc,
@@ -336,16 +336,8 @@ void print_cell(const modem_stats_cell& cell) {
       "%d\n",
       record.freq_band_ind, static_cast<int>(record.dl_earfcn), record.dl_bw,
       static_cast<int>(record.ul_earfcn), record.ul_bw, record.allow_access, record.scs);
-}
-
-void modem_stats_parse_xxxx_diag_xxxx() {
-  modem_stats_cell cell = {};
-  if (!unpk_cell(cell)) {
-    return;
-  }
-  print_cell(cell);
-  memcpy(g_modem_stats_result.value, &cell.record, sizeof(cell.record));
-  g_modem_stats_result.len = sizeof(cell.record);
+  memcpy(g_modem_stats_result.value, &record, sizeof(record));
+  g_modem_stats_result.len = sizeof(record);
 }
 
 }  // namespace
@@ -380,8 +372,8 @@ std::optional<uint64_t> print_counter(const debug_counter& row, std::span<const 
 
 // Prints the counters that a section of layout `version` has. The bytes that they take, 0 for no
 // data, or nothing when the data ends early: those before were printed.
-std::optional<size_t> print_counters(std::span<const debug_counter> counters,
-                                     std::span<const uint8_t> data, uint64_t version) {
+template <const auto& counters>
+std::optional<size_t> print_section(std::span<const uint8_t> data, uint64_t version) {
   if (data.data() == nullptr) {
     printf("ptr is null\n");
     return 0;
@@ -398,29 +390,15 @@ std::optional<size_t> print_counters(std::span<const debug_counter> counters,
   return data.size() - rest.size();
 }
 
-// The sections of the debug block.
+constexpr auto& tervik_modem_stats_main_info_unpk = print_section<MAIN_COUNTERS>;
+constexpr auto& tervik_modem_stats_diag_info_unpk = print_section<DIAG_COUNTERS>;
+constexpr auto& tervik_modem_stats_cm_info_unpk = print_section<CM_COUNTERS>;
+constexpr auto& tervik_modem_stats_uim_info_unpk = print_section<UIM_COUNTERS>;
 
-using section_data = std::span<const uint8_t>;
-
-std::optional<size_t> tervik_modem_stats_main_info_unpk(section_data data, uint64_t version) {
-  return print_counters(MAIN_COUNTERS, data, version);
-}
-
-std::optional<size_t> tervik_modem_stats_diag_info_unpk(section_data data, uint64_t version) {
-  return print_counters(DIAG_COUNTERS, data, version);
-}
-
-std::optional<size_t> tervik_modem_stats_cm_info_unpk(section_data data, uint64_t version) {
-  return print_counters(CM_COUNTERS, data, version);
-}
-
-std::optional<size_t> tervik_modem_stats_uim_info_unpk(section_data data, uint64_t version) {
-  return print_counters(UIM_COUNTERS, data, version);
-}
-
+// A section of the debug block.
 struct debug_section {
   const char* name;
-  std::optional<size_t> (*print)(section_data data, uint64_t version);
+  std::optional<size_t> (*print)(std::span<const uint8_t> data, uint64_t version);
 };
 
 constexpr std::array<debug_section, 4> DEBUG_SECTIONS = {{
@@ -488,24 +466,6 @@ void print_logs_to_upgrade(std::span<const uint8_t> data) {
   }
 }
 
-// Asks the modem for the DIAG logs whose versions it does not support, and prints them.
-void query_logs_to_upgrade(const char* func) {
-  tervik_common_req_response rsp_not_support = {};
-  int received = 0;
-  const int result = tervik_common_qmi_req(TERVIK_COMMON_REQ_STATS_LOG_IDS, 0, nullptr,
-                                           &rsp_not_support, &received);
-  if (result != 0) {
-    tervik_log_error_as(func,
-                        "tervik_common_qmi_req fail, result = %d, rsp_not_support.result = %d",
-                        result, rsp_not_support.result);
-  } else if (rsp_not_support.result != 0) {
-    tervik_log_error_as(func, "qmi response fail, result = %d, rsp_not_support.result = %d", result,
-                        rsp_not_support.result);
-  } else {
-    print_logs_to_upgrade(modem_stats_reply_data(rsp_not_support, received));
-  }
-}
-
 }  // namespace
 
 void tervik_modem_stats_support_status_check(std::span<const uint8_t> data) {
@@ -524,10 +484,24 @@ void tervik_modem_stats_support_status_check(std::span<const uint8_t> data) {
   const auto& [version, enable_status, version_not_support_num, ok_count, fail_count] = values;
   if (enable_status == 0) {
     print_banner("================ CLOSED ===================");
-  } else if (version_not_support_num == 0) {
+    return;
+  }
+  if (version_not_support_num == 0) {
     print_banner("================ SUCCES ===================");
+    return;
+  }
+  tervik_common_req_response rsp_not_support = {};
+  int received = 0;
+  const int result = tervik_common_qmi_req(TERVIK_COMMON_REQ_STATS_LOG_IDS, 0, nullptr,
+                                           &rsp_not_support, &received);
+  if (result != 0) {
+    tervik_log_error("tervik_common_qmi_req fail, result = %d, rsp_not_support.result = %d", result,
+                     rsp_not_support.result);
+  } else if (rsp_not_support.result != 0) {
+    tervik_log_error("qmi response fail, result = %d, rsp_not_support.result = %d", result,
+                     rsp_not_support.result);
   } else {
-    query_logs_to_upgrade(__func__);
+    print_logs_to_upgrade(modem_stats_reply_data(rsp_not_support, received));
   }
 }
 

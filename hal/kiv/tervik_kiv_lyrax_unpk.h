@@ -1,9 +1,9 @@
 // What category 7 reads of the modem's statistics: the unpacker of bit-packed cell records from
 // DIAG logs, the printers of the statistics framework's debug counters, and the check whether the
-// framework is enabled and supported. Cursor and result are module state: one thread at a time, the
-// command's. Records and replies are untrusted: a record is copied into a buffer that is larger
-// than the widest read, and of a reply nothing is printed but what was received. All lines but the
-// errors of a failed request go straight to standard output, whatever the print masks.
+// framework is enabled and supported. Cursor and result are module state of the command thread.
+// Records and replies are untrusted: nothing is read but what was received, and zeros behind a
+// record. All lines but the errors of a failed request go straight to standard output, whatever the
+// print masks.
 #pragma once
 
 #include <cstddef>
@@ -81,14 +81,13 @@ struct unpk_span {
                                                int low, int high);
 // Reads the field at `bit`, counted from the base. Untraced.
 [[nodiscard]] std::optional<uint64_t> unpk_at(const unpk_field& field, int bit);
-// Decodes the cell record that unpk_start was given. False when a step failed or the version is
-// unknown.
+// Decodes the record given to unpk_start. False when a step failed or the version is unknown.
 [[nodiscard]] bool unpk_cell(modem_stats_cell& cell);
 
 // ---- the debug counters ----
 
-// Prints the debug block: the version of its layout, and of each section the counters that the
-// layout has, up to the first that was not received.
+// Prints the version of the block's layout, and of each section the counters that the layout has,
+// up to the first that was not received.
 void tervik_modem_stats_debug_info_unpk(std::span<const uint8_t> block);
 
 // Prints the state that `data` tells (data.data() may be null). When the framework lacks support,
