@@ -121,12 +121,12 @@ uint32_t modem_lyrax_get_stats_parameter(uint16_t sub, uint16_t slot, stats_para
   } else if (data.para_num != 1) {
     snprintf(what, sizeof(what), "id num error");
   } else if (entry.id != id) {
-    snprintf(what, sizeof(what), "ret_id(%d) is invalid", static_cast<int>(entry.id));
+    snprintf(what, sizeof(what), "ret_id(%d) is invalid", entry.id);
   } else if (entry.sub != sub) {
     snprintf(what, sizeof(what), "ret_sub(%d) is invalid", entry.sub);
   } else if (entry.value_len < 1 || entry.value_len > VS_STATS_VALUE_MAX) {
-    snprintf(what, sizeof(what), "data_len(%d) is invalid, should be in (0, %d]",
-             static_cast<int>(entry.value_len), static_cast<int>(VS_STATS_VALUE_MAX));
+    snprintf(what, sizeof(what), "data_len(%d) is invalid, should be in (0, %d]", entry.value_len,
+             VS_STATS_VALUE_MAX);
   } else {
     return true;
   }
@@ -171,13 +171,12 @@ uint32_t modem_lyrax_data_get(uint32_t sub, uint32_t id) {
   if (!check_returned(__func__, sub, id, data)) {
     return 1;
   }
-  const vs_stats_entry& entry = data.para[0];
-  g_lyrax_data_len = entry.value_len;
+  g_lyrax_data_len = data.para[0].value_len;
   tervik_log_print(LOG_CLASS_DEBUG, sub,
                    "Success to get data, number = %d, sub = %d, ret id_num = %d, id = %d, data_len "
                    "= %d",
                    g_lyrax_req_number, sub, data.para_num, id, g_lyrax_data_len);
-  memcpy(g_lyrax_data, entry.value, g_lyrax_data_len);
+  memcpy(g_lyrax_data, data.para[0].value, g_lyrax_data_len);
   g_pK_DATA_CNT = 0;
   g_lyrax_data_left = g_lyrax_data_len;
   g_lyrax_data_id = id;

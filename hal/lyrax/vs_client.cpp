@@ -8,9 +8,7 @@
 
 namespace {
 
-constexpr uint32_t CLIENT_TYPE = 0;
 constexpr unsigned SEND_TIMEOUT_MS = 30000;
-constexpr uint32_t NO_LAST_VALUE = 0xFFFFFFFF;
 
 // Getters on several threads and the framework's thread read it while the client is released.
 struct vs_client_record {
@@ -52,7 +50,7 @@ constinit tervik_qmi_client g_vs_client({
 void report_status(vs_operational_status status) {
   const vs_operational_status_cb status_cb = vs_client_info.operational_status_cb;
   if (status_cb != nullptr) {
-    status_cb(CLIENT_TYPE, status);
+    status_cb(VS_CLIENT_TYPE, status);
   }
 }
 
@@ -62,21 +60,20 @@ uint32_t vs_client_init_client_handles() {
   tervik_log_debug("qmi_client_init_instance returned (%d)", err);
   if (err != QMI_NO_ERR) {
     tervik_log_error("qmi_client_init_instance returned failure(%d)", err);
-    return 0;
   }
-  return 1;
+  return err == QMI_NO_ERR ? 1 : 0;
 }
 
 // ---- indications as events ----
 
 // Converts at most as many entries as there is room for; returns how many.
-template <size_t room>
+template <uint32_t room>
 uint32_t convert_entries(const vs_stats_entry (&from)[room], uint32_t count,
                          vs_event_entry (&to)[room]) {
-  const uint32_t converted = std::min(count, static_cast<uint32_t>(room));
+  const uint32_t converted = std::min(count, room);
   for (uint32_t i = 0; i < converted; ++i) {
     to[i].id = from[i].id;
-    to[i].value_len = std::min(from[i].value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
+    to[i].value_len = std::min(from[i].value_len, VS_STATS_VALUE_MAX);
     memcpy(to[i].value, from[i].value, sizeof(to[i].value));
     to[i].sub = from[i].sub;
     to[i].second_half_word = from[i].second_half_word;
@@ -100,7 +97,7 @@ void send_stats_parameter(vs_event_cb event_cb, const uint8_t* decoded) {
     event.more_entries_len =
         convert_entries(indication.more_entries, indication.more_entries_len, event.more_entries);
   }
-  event.last_value = indication.last_value_valid != 0 ? indication.last_value : NO_LAST_VALUE;
+  event.last_value = indication.last_value_valid != 0 ? indication.last_value : UINT32_MAX;
   event_cb(VS_EVENT_STATS_PARAMETER, &event, sizeof(event));
 }
 
@@ -108,7 +105,7 @@ void send_stats_event(vs_event_cb event_cb, const uint8_t* decoded) {
   const auto indication = tervik_qmi_record<vs_stats_event_ind>(decoded);
   vs_event_stats_event event = {};
   event.value = indication.value;
-  event.values_len = std::min(indication.bytes_len, static_cast<uint32_t>(VS_EVENT_BYTES_MAX));
+  event.values_len = std::min(indication.bytes_len, VS_EVENT_BYTES_MAX);
   std::copy_n(indication.bytes, event.values_len, event.values);
   event.third_value = indication.third_value;
   event.fourth_value = indication.fourth_value;
@@ -152,8 +149,7 @@ void vs_client_ind_hdlr(unsigned int msg_id, const uint8_t* decoded) {
 void vs_init(vs_response_cb response_cb) {
   g_response_cb = response_cb;
   vs_client_info.clear();
-  vs_client_info.service_object = vs_get_service_object_internal_v01(
-      VS_IDL_LIBRARY_VERSION, VS_IDL_VERSION, VS_IDL_MINOR_VERSION);
+  vs_client_info.service_object = vs_get_service_object_internal_v01(1, 2, 6);
 }
 
 uint32_t vs_client_init(vs_event_cb event_cb) {

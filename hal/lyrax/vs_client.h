@@ -46,6 +46,8 @@ struct vs_event_stats_event {
 };
 static_assert(sizeof(vs_event_stats_event) == 412);
 
+inline constexpr uint32_t VS_CLIENT_TYPE = 0;  // the only one
+
 // Operational status of the connection.
 enum vs_operational_status : uint32_t {
   VS_RELEASED = 0,
@@ -56,7 +58,7 @@ enum vs_operational_status : uint32_t {
 
 // `data` lives for the duration of the call alone. Framework thread.
 using vs_event_cb = void (*)(uint32_t event_id, const void* data, uint32_t data_len);
-// `client_type` is always 0. The thread that connects or releases.
+// The thread that connects or releases.
 using vs_operational_status_cb = void (*)(uint32_t client_type, uint32_t status);
 
 // Takes the responses to asynchronous requests. Framework thread.

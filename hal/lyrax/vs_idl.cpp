@@ -146,7 +146,6 @@ constexpr std::array INDICATIONS = {
     qmi_idl_message{VS_STATE_IND, sizeof(vs_state_ind), 4, STATE_IND_FIELDS},
 };
 
-// The object numbers its versions in another order than its getter takes them.
 constexpr qmi_idl_service_object SERVICE_OBJECT = {
     .library_version = 6,
     .idl_version = 1,
@@ -160,10 +159,11 @@ constexpr qmi_idl_service_object SERVICE_OBJECT = {
 
 }  // namespace
 
-qmi_idl_service_object_type vs_get_service_object_internal_v01(uint32_t library_version,
-                                                               uint32_t idl_version,
-                                                               uint32_t idl_minor_version) {
-  const bool known = library_version == VS_IDL_LIBRARY_VERSION && idl_version == VS_IDL_VERSION &&
-                     idl_minor_version == VS_IDL_MINOR_VERSION;
+qmi_idl_service_object_type vs_get_service_object_internal_v01(uint32_t idl_version,
+                                                               uint32_t idl_minor_version,
+                                                               uint32_t library_version) {
+  const bool known = idl_version == SERVICE_OBJECT.idl_version &&
+                     idl_minor_version == SERVICE_OBJECT.idl_minor_version &&
+                     library_version == SERVICE_OBJECT.library_version;
   return known ? &SERVICE_OBJECT : nullptr;
 }

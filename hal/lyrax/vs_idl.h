@@ -9,9 +9,6 @@
 #include "qmi_idl.h"
 
 inline constexpr uint32_t VS_SERVICE_ID = 0xE4;
-inline constexpr uint32_t VS_IDL_LIBRARY_VERSION = 1;
-inline constexpr uint32_t VS_IDL_VERSION = 2;
-inline constexpr uint32_t VS_IDL_MINOR_VERSION = 6;
 
 inline constexpr uint16_t VS_SET_FEATURE_STATUS = 0x0003;
 inline constexpr uint16_t VS_GET_STATS_PARAMETER = 0x0207;
@@ -20,10 +17,10 @@ inline constexpr uint16_t VS_STATS_PARAMETER_IND = 0x0203;
 inline constexpr uint16_t VS_STATS_EVENT_IND = 0x0204;
 inline constexpr uint16_t VS_STATE_IND = 0x0601;
 
-inline constexpr size_t VS_STATS_VALUE_MAX = 700;
-inline constexpr size_t VS_STATS_ENTRIES_MAX = 10;
-inline constexpr size_t VS_STATS_MORE_ENTRIES_MAX = 5;
-inline constexpr size_t VS_EVENT_BYTES_MAX = 100;
+inline constexpr uint32_t VS_STATS_VALUE_MAX = 700;
+inline constexpr uint32_t VS_STATS_ENTRIES_MAX = 10;
+inline constexpr uint32_t VS_STATS_MORE_ENTRIES_MAX = 5;
+inline constexpr uint32_t VS_EVENT_BYTES_MAX = 100;
 
 // One statistics parameter: a raw blob of `value_len` bytes.
 struct vs_stats_entry {
@@ -98,4 +95,4 @@ static_assert(sizeof(vs_state_ind) == 1);
 
 // The service object, or null for any version triple but (1, 2, 6).
 [[nodiscard]] qmi_idl_service_object_type vs_get_service_object_internal_v01(
-    uint32_t library_version, uint32_t idl_version, uint32_t idl_minor_version);
+    uint32_t idl_version, uint32_t idl_minor_version, uint32_t library_version);
