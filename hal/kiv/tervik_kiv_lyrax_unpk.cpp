@@ -6,7 +6,6 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
 #include "tervik_kiv_lyrax_counters.h"
 #include "tervik_utils_cmn.h"
@@ -55,8 +54,7 @@ constexpr bool is_within(int value, int first, int last) {
   return first <= value && value <= last;
 }
 
-// Each step has a traced form, which tells what it did, and an untraced one. A step that fails
-// prints the reason in both.
+// A traced step prints what it did. One that fails prints the reason, traced or not.
 
 // Reads the `size` (4 or 8) next bytes; `suffix` follows the name in what is printed.
 template <bool traced>
@@ -83,6 +81,13 @@ bool unpk_i(const char* name, const char* suffix, int size, uint64_t& value) {
   return true;
 }
 
+// Prints where a step that was given `bit` put the cursor.
+void print_cursor(const char* step, int bit) {
+  printf(
+      "%s, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), bit(%d), id(0x%x)\n",
+      step, g_unpk.base_bit, g_unpk.base, g_unpk.cnt, bit, g_unpk.id);
+}
+
 // Moves the base by `bits`.
 template <bool traced>
 void unpk_base_with_bit(int bits) {
@@ -90,10 +95,7 @@ void unpk_base_with_bit(int bits) {
   g_unpk.base = g_unpk.base_bit / 8;
   g_unpk.cnt = 0;
   if constexpr (traced) {
-    printf(
-        "BASE_WITH_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
-        "bit(%d), id(0x%x)\n",
-        g_unpk.base_bit, g_unpk.base, g_unpk.cnt, bits, g_unpk.id);
+    print_cursor("BASE_WITH_BIT", bits);
   }
 }
 
@@ -108,10 +110,7 @@ bool unpk_set_bit(int bit) {
   }
   g_unpk.cnt = pos - g_unpk.base;
   if constexpr (traced) {
-    printf(
-        "UNPK_SET_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
-        "bit(%d), id(0x%x)\n",
-        g_unpk.base_bit, g_unpk.base, g_unpk.cnt, bit, g_unpk.id);
+    print_cursor("UNPK_SET_BIT", bit);
   }
   return true;
 }
@@ -135,8 +134,7 @@ bool unpk_low(const unpk_field& field, int bit_num, uint64_t& value) {
   return true;
 }
 
-// The bits that a span keeps from bit `low` on. What begins at the first one is taken from the
-// lower half alone.
+// The bits of a span from bit `low` on; from the first one on, those of the lower half alone.
 constexpr int kept_bits(int low) {
   return low == 1 ? HALF_BITS : SPAN_BITS + 1 - low;
 }
@@ -162,19 +160,19 @@ bool check_span_bits(const unpk_field& field, int low, int high) {
   return false;
 }
 
-// Brings bit `low` of the span down to bit 1 and keeps the bits up to `high`; both count from 1.
+// Keeps bits `low` to `high`, counted from 1, of the span of which `tmp1` is the lower half.
 template <bool traced>
-bool unpk_mid(const unpk_field& field, const unpk_span& span, int low, int high, uint64_t& value) {
+bool unpk_mid(const unpk_field& field, uint64_t tmp1, uint64_t tmp2, int low, int high,
+              uint64_t& value) {
   if (!check_span_bits(field, low, high)) {
     return false;
   }
   __extension__ using bits128 = unsigned __int128;
-  value = static_cast<uint64_t>((static_cast<bits128>(span.tmp2) << HALF_BITS | span.tmp1) >>
-                                (low - 1));
+  value = static_cast<uint64_t>((static_cast<bits128>(tmp2) << HALF_BITS | tmp1) >> (low - 1));
   if constexpr (traced) {
     printf("UNPK_HIGH, old_val: %" PRIu64 ", new_val: %" PRIu64
            ", bit_num: %d, name: %s, id(0x%x)\n",
-           span.tmp1, value, kept_bits(low), field.name, g_unpk.id);
+           tmp1, value, kept_bits(low), field.name, g_unpk.id);
   }
   if (!unpk_low<traced>(field, high - low + 1, value)) {
     return false;
@@ -182,7 +180,7 @@ bool unpk_mid(const unpk_field& field, const unpk_span& span, int low, int high,
   if constexpr (traced) {
     printf("UNPK_MID, old_val: %" PRIu64 ", new_val: %" PRIu64
            ", low: %d, high: %d, name: %s, id(0x%x)\n",
-           span.tmp1, value, low, high, field.name, g_unpk.id);
+           tmp1, value, low, high, field.name, g_unpk.id);
   }
   return true;
 }
@@ -201,10 +199,11 @@ bool unpk_at(const unpk_field& field, int bit, uint64_t& value) {
         "%s\n",
         g_unpk.base_bit, g_unpk.base, g_unpk.cnt, low, high, bit, field.name);
   }
-  unpk_span span = {};
-  if (!unpk_i<traced>(field.name, "_tmp1", sizeof(span.tmp1), span.tmp1) ||
-      !unpk_i<traced>(field.name, "_tmp2", sizeof(span.tmp2), span.tmp2) ||
-      !unpk_mid<traced>(field, span, low, high, value)) {
+  uint64_t tmp1 = 0;
+  uint64_t tmp2 = 0;
+  if (!unpk_i<traced>(field.name, "_tmp1", sizeof(tmp1), tmp1) ||
+      !unpk_i<traced>(field.name, "_tmp2", sizeof(tmp2), tmp2) ||
+      !unpk_mid<traced>(field, tmp1, tmp2, low, high, value)) {
     return false;
   }
   if constexpr (traced) {
@@ -239,10 +238,10 @@ bool unpk_start(std::span<const uint8_t> record, uint32_t id) {
   return true;
 }
 
-std::optional<uint64_t> unpk_mid(const unpk_field& field, const unpk_span& span, int low,
+std::optional<uint64_t> unpk_mid(const unpk_field& field, uint64_t tmp1, uint64_t tmp2, int low,
                                  int high) {
   uint64_t value = 0;
-  return unpk_mid<false>(field, span, low, high, value) ? std::optional(value) : std::nullopt;
+  return unpk_mid<false>(field, tmp1, tmp2, low, high, value) ? std::optional(value) : std::nullopt;
 }
 
 std::optional<uint64_t> unpk_at(const unpk_field& field, int bit) {
@@ -284,21 +283,19 @@ constexpr std::array<cell_field, 12> CELL_FIELDS = {{
     {{"allow_access", 1, 8}, offsetof(cell_record, allow_access), {280, 290, 304, 216}},
 }};
 
-// Decodes one of the rows, whose number is a constant so that its untraced form is, too.
-template <bool traced, size_t row>
-bool unpk_cell_field(size_t column, modem_stats_cell& cell) {
-  constexpr const cell_field& ROW = CELL_FIELDS[row];
-  uint64_t value = 0;
-  if (!unpk_at<traced>(ROW.field, ROW.bit[column], value)) {
-    return false;
+// Decodes the rows from `row` on. The row is a constant so that its untraced form is, too.
+template <bool traced, size_t row = 0>
+bool unpk_cell_fields(size_t column, modem_stats_cell& cell) {
+  if constexpr (row < CELL_FIELDS.size()) {
+    constexpr const cell_field& ROW = CELL_FIELDS[row];
+    uint64_t value = 0;
+    if (!unpk_at<traced>(ROW.field, ROW.bit[column], value)) {
+      return false;
+    }
+    memcpy(reinterpret_cast<uint8_t*>(&cell) + ROW.variable, &value, ROW.field.size);
+    return unpk_cell_fields<traced, row + 1>(column, cell);
   }
-  memcpy(reinterpret_cast<uint8_t*>(&cell) + ROW.variable, &value, ROW.field.size);
   return true;
-}
-
-template <bool traced, size_t... rows>
-bool unpk_cell_fields(size_t column, modem_stats_cell& cell, std::index_sequence<rows...>) {
-  return (unpk_cell_field<traced, rows>(column, cell) && ...);
 }
 
 template <bool traced>
@@ -313,8 +310,7 @@ bool unpk_cell(modem_stats_cell& cell) {
     return false;
   }
   cell.record.version = *layout;
-  return unpk_cell_fields<traced>(static_cast<size_t>(layout - CELL_VERSIONS.begin()), cell,
-                                  std::make_index_sequence<CELL_FIELDS.size()>());
+  return unpk_cell_fields<traced>(static_cast<size_t>(layout - CELL_VERSIONS.begin()), cell);
 }
 
 // Flattened: an untraced step is a few instructions, less than its call.
@@ -352,7 +348,14 @@ void tervik_test_modem_stats_parsing_process_do(std::span<const uint8_t> record)
   }
 }
 
-// ---- debug counters ----
+// ---- replies of the statistics framework: debug counters ----
+
+std::span<const uint8_t> modem_stats_reply_data(const tervik_common_req_response& reply,
+                                                int received) {
+  const int carried = received - static_cast<int>(offsetof(tervik_common_req_response, data));
+  const int room = sizeof(reply.data);
+  return std::span(reply.data).first(static_cast<size_t>(std::clamp(carried, 0, room)));
+}
 
 namespace {
 
@@ -429,7 +432,7 @@ void tervik_modem_stats_debug_info_unpk(std::span<const uint8_t> block) {
   }
 }
 
-// ---- support status ----
+// ---- replies of the statistics framework: support status ----
 
 namespace {
 
@@ -503,13 +506,4 @@ void tervik_modem_stats_support_status_check(std::span<const uint8_t> data) {
   } else {
     print_logs_to_upgrade(modem_stats_reply_data(rsp_not_support, received));
   }
-}
-
-// ---- replies to the statistics requests ----
-
-std::span<const uint8_t> modem_stats_reply_data(const tervik_common_req_response& reply,
-                                                int received) {
-  const int carried = received - static_cast<int>(offsetof(tervik_common_req_response, data));
-  const int room = sizeof(reply.data);
-  return std::span(reply.data).first(static_cast<size_t>(std::clamp(carried, 0, room)));
 }
