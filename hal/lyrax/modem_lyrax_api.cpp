@@ -114,7 +114,7 @@ uint32_t add_client(const char* func, std::unique_ptr<modem_api_client> client,
 
 void empty_slot(int32_t client_id) {
   const std::lock_guard lock(g_clients_mutex);
-  g_clients[static_cast<size_t>(client_id)] = nullptr;
+  g_clients[static_cast<size_t>(client_id)].reset();
 }
 
 }  // namespace
