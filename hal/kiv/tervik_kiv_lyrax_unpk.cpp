@@ -6,7 +6,6 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
 #include "tervik_kiv_lyrax_counters.h"
 #include "tervik_utils_cmn.h"
@@ -25,10 +24,9 @@ constexpr int HALF_BITS = SPAN_BITS / 2;
 
 // The record that is being decoded, and where.
 struct {
-  // The record and behind it zeros, so that the span of a field at the end of the record, or of the
-  // limit, is inside.
+  // Behind the record zeros, also for a span that begins at the last byte of the limit.
   std::array<uint8_t, UNPK_LIMIT + SPAN_BITS / 8> buffer;
-  size_t buffer_used;       // by the last record; what follows is zeros
+  size_t buffer_used;       // by the last record
   const uint8_t* data_ptr;  // null: there is no record
   uint32_t id;
   int32_t base;      // byte of the last rebase
@@ -38,12 +36,10 @@ struct {
 
 // The value's bytes as they lie in memory, without the zeros at the end.
 std::array<char, 2 + 2 * sizeof(uint64_t) + 1> memory_text(uint64_t value) {
-  constexpr char DIGITS[] = "0123456789ABCDEF";
   std::array<char, 2 + 2 * sizeof(uint64_t) + 1> text = {'0', 'x'};
-  size_t len = 2;
+  char* end = text.data() + 2;
   do {
-    text[len++] = DIGITS[value >> 4 & 0x0F];
-    text[len++] = DIGITS[value & 0x0F];
+    end += snprintf(end, 3, "%02X", static_cast<unsigned>(value & 0xFF));
     value >>= 8;
   } while (value != 0);
   return text;
@@ -58,8 +54,7 @@ constexpr bool is_within(int value, int first, int last) {
   return first <= value && value <= last;
 }
 
-// Each step has a traced form, which tells what it did, and an untraced one. A step that fails
-// prints the reason in both.
+// A traced step prints what it did. One that fails prints the reason, traced or not.
 
 // Reads the `size` (4 or 8) next bytes; `suffix` follows the name in what is printed.
 template <bool traced>
@@ -86,6 +81,13 @@ bool unpk_i(const char* name, const char* suffix, int size, uint64_t& value) {
   return true;
 }
 
+// Prints where a step that was given `bit` put the cursor.
+void print_cursor(const char* step, int bit) {
+  printf(
+      "%s, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), bit(%d), id(0x%x)\n",
+      step, g_unpk.base_bit, g_unpk.base, g_unpk.cnt, bit, g_unpk.id);
+}
+
 // Moves the base by `bits`.
 template <bool traced>
 void unpk_base_with_bit(int bits) {
@@ -93,10 +95,7 @@ void unpk_base_with_bit(int bits) {
   g_unpk.base = g_unpk.base_bit / 8;
   g_unpk.cnt = 0;
   if constexpr (traced) {
-    printf(
-        "BASE_WITH_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
-        "bit(%d), id(0x%x)\n",
-        g_unpk.base_bit, g_unpk.base, g_unpk.cnt, bits, g_unpk.id);
+    print_cursor("BASE_WITH_BIT", bits);
   }
 }
 
@@ -111,10 +110,7 @@ bool unpk_set_bit(int bit) {
   }
   g_unpk.cnt = pos - g_unpk.base;
   if constexpr (traced) {
-    printf(
-        "UNPK_SET_BIT, g_unpk_data_base_bit(%d), g_unpk_data_base(%d), g_unpk_data_cnt(%d), "
-        "bit(%d), id(0x%x)\n",
-        g_unpk.base_bit, g_unpk.base, g_unpk.cnt, bit, g_unpk.id);
+    print_cursor("UNPK_SET_BIT", bit);
   }
   return true;
 }
@@ -138,22 +134,19 @@ bool unpk_low(const unpk_field& field, int bit_num, uint64_t& value) {
   return true;
 }
 
-// The bits that a span keeps from bit `low` on. What begins at the first one is taken from the
-// lower half alone.
+// The bits of a span from bit `low` on; from the first one on, those of the lower half alone.
 constexpr int kept_bits(int low) {
   return low == 1 ? HALF_BITS : SPAN_BITS + 1 - low;
 }
 
 // Whether bits `low` to `high` can be cut out of a span.
 bool check_span_bits(const unpk_field& field, int low, int high) {
-  if (low == 1 && !is_within(high, 1, HALF_BITS)) {
-    printf("UNPK_MID, high(%d) should be in [1, %d] for %s, id(0x%x)\n", high, HALF_BITS,
-           field.name, g_unpk.id);
-  } else if (!is_within(low, 1, SPAN_BITS)) {
+  const int high_max = low == 1 ? HALF_BITS : SPAN_BITS;
+  if (!is_within(low, 1, SPAN_BITS)) {
     printf("UNPK_MID, low(%d) should be in [1, 128] for %s, id(0x%x)\n", low, field.name,
            g_unpk.id);
-  } else if (!is_within(high, 1, SPAN_BITS)) {
-    printf("UNPK_MID, high(%d) should be in [1, 128] for %s, id(0x%x)\n", high, field.name,
+  } else if (!is_within(high, 1, high_max)) {
+    printf("UNPK_MID, high(%d) should be in [1, %d] for %s, id(0x%x)\n", high, high_max, field.name,
            g_unpk.id);
   } else if (low > high) {
     printf("UNPK_MID, low(%d) should <= high(%d) for %s, id(0x%x)\n", low, high, field.name,
@@ -167,19 +160,19 @@ bool check_span_bits(const unpk_field& field, int low, int high) {
   return false;
 }
 
-// Brings bit `low` of the span down to bit 1 and keeps the bits up to `high`; both count from 1.
+// Keeps bits `low` to `high`, counted from 1, of the span of which `tmp1` is the lower half.
 template <bool traced>
-bool unpk_mid(const unpk_field& field, const unpk_span& span, int low, int high, uint64_t& value) {
+bool unpk_mid(const unpk_field& field, uint64_t tmp1, uint64_t tmp2, int low, int high,
+              uint64_t& value) {
   if (!check_span_bits(field, low, high)) {
     return false;
   }
   __extension__ using bits128 = unsigned __int128;
-  value = static_cast<uint64_t>((static_cast<bits128>(span.tmp2) << HALF_BITS | span.tmp1) >>
-                                (low - 1));
+  value = static_cast<uint64_t>((static_cast<bits128>(tmp2) << HALF_BITS | tmp1) >> (low - 1));
   if constexpr (traced) {
     printf("UNPK_HIGH, old_val: %" PRIu64 ", new_val: %" PRIu64
            ", bit_num: %d, name: %s, id(0x%x)\n",
-           span.tmp1, value, kept_bits(low), field.name, g_unpk.id);
+           tmp1, value, kept_bits(low), field.name, g_unpk.id);
   }
   if (!unpk_low<traced>(field, high - low + 1, value)) {
     return false;
@@ -187,7 +180,7 @@ bool unpk_mid(const unpk_field& field, const unpk_span& span, int low, int high,
   if constexpr (traced) {
     printf("UNPK_MID, old_val: %" PRIu64 ", new_val: %" PRIu64
            ", low: %d, high: %d, name: %s, id(0x%x)\n",
-           span.tmp1, value, low, high, field.name, g_unpk.id);
+           tmp1, value, low, high, field.name, g_unpk.id);
   }
   return true;
 }
@@ -206,10 +199,11 @@ bool unpk_at(const unpk_field& field, int bit, uint64_t& value) {
         "%s\n",
         g_unpk.base_bit, g_unpk.base, g_unpk.cnt, low, high, bit, field.name);
   }
-  unpk_span span = {};
-  if (!unpk_i<traced>(field.name, "_tmp1", sizeof(span.tmp1), span.tmp1) ||
-      !unpk_i<traced>(field.name, "_tmp2", sizeof(span.tmp2), span.tmp2) ||
-      !unpk_mid<traced>(field, span, low, high, value)) {
+  uint64_t tmp1 = 0;
+  uint64_t tmp2 = 0;
+  if (!unpk_i<traced>(field.name, "_tmp1", sizeof(tmp1), tmp1) ||
+      !unpk_i<traced>(field.name, "_tmp2", sizeof(tmp2), tmp2) ||
+      !unpk_mid<traced>(field, tmp1, tmp2, low, high, value)) {
     return false;
   }
   if constexpr (traced) {
@@ -225,28 +219,29 @@ bool unpk_at(const unpk_field& field, int bit, uint64_t& value) {
 bool unpk_start(std::span<const uint8_t> record, uint32_t id) {
   memset(g_modem_stats_result.value, 0, g_modem_stats_result.len);
   g_modem_stats_result.len = 0;
-  if (record.data() != nullptr) {
-    const size_t len = std::min<size_t>(record.size(), UNPK_LIMIT);
-    memcpy(g_unpk.buffer.data(), record.data(), len);
-    if (len < g_unpk.buffer_used) {
-      memset(g_unpk.buffer.data() + len, 0, g_unpk.buffer_used - len);
-    }
-    g_unpk.buffer_used = len;
-  } else {
-    printf("UNPK_START, payload is NULL, id(0x%x)\n", id);
-  }
-  g_unpk.data_ptr = record.data() != nullptr ? g_unpk.buffer.data() : nullptr;
+  g_unpk.data_ptr = nullptr;
   g_unpk.id = id;
   g_unpk.base = 0;
   g_unpk.base_bit = 0;
   g_unpk.cnt = 0;
-  return g_unpk.data_ptr != nullptr;
+  if (record.data() == nullptr) {
+    printf("UNPK_START, payload is NULL, id(0x%x)\n", id);
+    return false;
+  }
+  const size_t len = std::min<size_t>(record.size(), UNPK_LIMIT);
+  memcpy(g_unpk.buffer.data(), record.data(), len);
+  if (len < g_unpk.buffer_used) {
+    memset(g_unpk.buffer.data() + len, 0, g_unpk.buffer_used - len);
+  }
+  g_unpk.buffer_used = len;
+  g_unpk.data_ptr = g_unpk.buffer.data();
+  return true;
 }
 
-std::optional<uint64_t> unpk_mid(const unpk_field& field, const unpk_span& span, int low,
+std::optional<uint64_t> unpk_mid(const unpk_field& field, uint64_t tmp1, uint64_t tmp2, int low,
                                  int high) {
   uint64_t value = 0;
-  return unpk_mid<false>(field, span, low, high, value) ? std::optional(value) : std::nullopt;
+  return unpk_mid<false>(field, tmp1, tmp2, low, high, value) ? std::optional(value) : std::nullopt;
 }
 
 std::optional<uint64_t> unpk_at(const unpk_field& field, int bit) {
@@ -288,21 +283,19 @@ constexpr std::array<cell_field, 12> CELL_FIELDS = {{
     {{"allow_access", 1, 8}, offsetof(cell_record, allow_access), {280, 290, 304, 216}},
 }};
 
-// Decodes one of the rows, whose number is a constant so that its untraced form is, too.
-template <bool traced, size_t row>
-bool unpk_cell_field(size_t column, modem_stats_cell& cell) {
-  constexpr const cell_field& ROW = CELL_FIELDS[row];
-  uint64_t value = 0;
-  if (!unpk_at<traced>(ROW.field, ROW.bit[column], value)) {
-    return false;
+// Decodes the rows from `row` on. The row is a constant so that its untraced form is, too.
+template <bool traced, size_t row = 0>
+bool unpk_cell_fields(size_t column, modem_stats_cell& cell) {
+  if constexpr (row < CELL_FIELDS.size()) {
+    constexpr const cell_field& ROW = CELL_FIELDS[row];
+    uint64_t value = 0;
+    if (!unpk_at<traced>(ROW.field, ROW.bit[column], value)) {
+      return false;
+    }
+    memcpy(reinterpret_cast<uint8_t*>(&cell) + ROW.variable, &value, ROW.field.size);
+    return unpk_cell_fields<traced, row + 1>(column, cell);
   }
-  memcpy(reinterpret_cast<uint8_t*>(&cell) + ROW.variable, &value, ROW.field.size);
   return true;
-}
-
-template <bool traced, size_t... rows>
-bool unpk_cell_fields(size_t column, modem_stats_cell& cell, std::index_sequence<rows...>) {
-  return (unpk_cell_field<traced, rows>(column, cell) && ...);
 }
 
 template <bool traced>
@@ -317,8 +310,7 @@ bool unpk_cell(modem_stats_cell& cell) {
     return false;
   }
   cell.record.version = *layout;
-  return unpk_cell_fields<traced>(static_cast<size_t>(layout - CELL_VERSIONS.begin()), cell,
-                                  std::make_index_sequence<CELL_FIELDS.size()>());
+  return unpk_cell_fields<traced>(static_cast<size_t>(layout - CELL_VERSIONS.begin()), cell);
 }
 
 // Flattened: an untraced step is a few instructions, less than its call.
@@ -326,7 +318,11 @@ bool unpk_cell(modem_stats_cell& cell) {
   return unpk_cell<false>(cell);
 }
 
-void print_cell(const modem_stats_cell& cell) {
+void modem_stats_parse_xxxx_diag_xxxx() {
+  modem_stats_cell cell = {};
+  if (!unpk_cell(cell)) {
+    return;
+  }
   const modem_stats_cell_record& record = cell.record;
   printf("version = %d, mcc = %d, mnc_num %d, mnc %d, tac %d, cgi %" PRIu64 ", pci %d\n",
          static_cast<int>(record.version), record.mcc, cell.mnc_num, record.mnc,
@@ -336,16 +332,8 @@ void print_cell(const modem_stats_cell& cell) {
       "%d\n",
       record.freq_band_ind, static_cast<int>(record.dl_earfcn), record.dl_bw,
       static_cast<int>(record.ul_earfcn), record.ul_bw, record.allow_access, record.scs);
-}
-
-void modem_stats_parse_xxxx_diag_xxxx() {
-  modem_stats_cell cell = {};
-  if (!unpk_cell(cell)) {
-    return;
-  }
-  print_cell(cell);
-  memcpy(g_modem_stats_result.value, &cell.record, sizeof(cell.record));
-  g_modem_stats_result.len = sizeof(cell.record);
+  memcpy(g_modem_stats_result.value, &record, sizeof(record));
+  g_modem_stats_result.len = sizeof(record);
 }
 
 }  // namespace
@@ -360,7 +348,14 @@ void tervik_test_modem_stats_parsing_process_do(std::span<const uint8_t> record)
   }
 }
 
-// ---- debug counters ----
+// ---- replies of the statistics framework: debug counters ----
+
+std::span<const uint8_t> modem_stats_reply_data(const tervik_common_req_response& reply,
+                                                int received) {
+  const int carried = received - static_cast<int>(offsetof(tervik_common_req_response, data));
+  const int room = sizeof(reply.data);
+  return std::span(reply.data).first(static_cast<size_t>(std::clamp(carried, 0, room)));
+}
 
 namespace {
 
@@ -380,8 +375,8 @@ std::optional<uint64_t> print_counter(const debug_counter& row, std::span<const 
 
 // Prints the counters that a section of layout `version` has. The bytes that they take, 0 for no
 // data, or nothing when the data ends early: those before were printed.
-std::optional<size_t> print_counters(std::span<const debug_counter> counters,
-                                     std::span<const uint8_t> data, uint64_t version) {
+template <const auto& counters>
+std::optional<size_t> print_section(std::span<const uint8_t> data, uint64_t version) {
   if (data.data() == nullptr) {
     printf("ptr is null\n");
     return 0;
@@ -398,29 +393,15 @@ std::optional<size_t> print_counters(std::span<const debug_counter> counters,
   return data.size() - rest.size();
 }
 
-// The sections of the debug block.
+constexpr auto& tervik_modem_stats_main_info_unpk = print_section<MAIN_COUNTERS>;
+constexpr auto& tervik_modem_stats_diag_info_unpk = print_section<DIAG_COUNTERS>;
+constexpr auto& tervik_modem_stats_cm_info_unpk = print_section<CM_COUNTERS>;
+constexpr auto& tervik_modem_stats_uim_info_unpk = print_section<UIM_COUNTERS>;
 
-using section_data = std::span<const uint8_t>;
-
-std::optional<size_t> tervik_modem_stats_main_info_unpk(section_data data, uint64_t version) {
-  return print_counters(MAIN_COUNTERS, data, version);
-}
-
-std::optional<size_t> tervik_modem_stats_diag_info_unpk(section_data data, uint64_t version) {
-  return print_counters(DIAG_COUNTERS, data, version);
-}
-
-std::optional<size_t> tervik_modem_stats_cm_info_unpk(section_data data, uint64_t version) {
-  return print_counters(CM_COUNTERS, data, version);
-}
-
-std::optional<size_t> tervik_modem_stats_uim_info_unpk(section_data data, uint64_t version) {
-  return print_counters(UIM_COUNTERS, data, version);
-}
-
+// A section of the debug block.
 struct debug_section {
   const char* name;
-  std::optional<size_t> (*print)(section_data data, uint64_t version);
+  std::optional<size_t> (*print)(std::span<const uint8_t> data, uint64_t version);
 };
 
 constexpr std::array<debug_section, 4> DEBUG_SECTIONS = {{
@@ -451,7 +432,7 @@ void tervik_modem_stats_debug_info_unpk(std::span<const uint8_t> block) {
   }
 }
 
-// ---- support status ----
+// ---- replies of the statistics framework: support status ----
 
 namespace {
 
@@ -488,24 +469,6 @@ void print_logs_to_upgrade(std::span<const uint8_t> data) {
   }
 }
 
-// Asks the modem for the DIAG logs whose versions it does not support, and prints them.
-void query_logs_to_upgrade(const char* func) {
-  tervik_common_req_response rsp_not_support = {};
-  int received = 0;
-  const int result = tervik_common_qmi_req(TERVIK_COMMON_REQ_STATS_LOG_IDS, 0, nullptr,
-                                           &rsp_not_support, &received);
-  if (result != 0) {
-    tervik_log_error_as(func,
-                        "tervik_common_qmi_req fail, result = %d, rsp_not_support.result = %d",
-                        result, rsp_not_support.result);
-  } else if (rsp_not_support.result != 0) {
-    tervik_log_error_as(func, "qmi response fail, result = %d, rsp_not_support.result = %d", result,
-                        rsp_not_support.result);
-  } else {
-    print_logs_to_upgrade(modem_stats_reply_data(rsp_not_support, received));
-  }
-}
-
 }  // namespace
 
 void tervik_modem_stats_support_status_check(std::span<const uint8_t> data) {
@@ -524,18 +487,23 @@ void tervik_modem_stats_support_status_check(std::span<const uint8_t> data) {
   const auto& [version, enable_status, version_not_support_num, ok_count, fail_count] = values;
   if (enable_status == 0) {
     print_banner("================ CLOSED ===================");
-  } else if (version_not_support_num == 0) {
-    print_banner("================ SUCCES ===================");
-  } else {
-    query_logs_to_upgrade(__func__);
+    return;
   }
-}
-
-// ---- replies to the statistics requests ----
-
-std::span<const uint8_t> modem_stats_reply_data(const tervik_common_req_response& reply,
-                                                int received) {
-  const int carried = received - static_cast<int>(offsetof(tervik_common_req_response, data));
-  const int room = sizeof(reply.data);
-  return std::span(reply.data).first(static_cast<size_t>(std::clamp(carried, 0, room)));
+  if (version_not_support_num == 0) {
+    print_banner("================ SUCCES ===================");
+    return;
+  }
+  tervik_common_req_response rsp_not_support = {};
+  int received = 0;
+  const int result = tervik_common_qmi_req(TERVIK_COMMON_REQ_STATS_LOG_IDS, 0, nullptr,
+                                           &rsp_not_support, &received);
+  if (result != 0) {
+    tervik_log_error("tervik_common_qmi_req fail, result = %d, rsp_not_support.result = %d", result,
+                     rsp_not_support.result);
+  } else if (rsp_not_support.result != 0) {
+    tervik_log_error("qmi response fail, result = %d, rsp_not_support.result = %d", result,
+                     rsp_not_support.result);
+  } else {
+    print_logs_to_upgrade(modem_stats_reply_data(rsp_not_support, received));
+  }
 }

@@ -1,9 +1,9 @@
 // What category 7 reads of the modem's statistics: the unpacker of bit-packed cell records from
 // DIAG logs, the printers of the statistics framework's debug counters, and the check whether the
-// framework is enabled and supported. Cursor and result are module state: one thread at a time, the
-// command's. Records and replies are untrusted: a record is copied into a buffer that is larger
-// than the widest read, and of a reply nothing is printed but what was received. All lines but the
-// errors of a failed request go straight to standard output, whatever the print masks.
+// framework is enabled and supported. Cursor and result are module state of the command thread.
+// Records and replies are untrusted: nothing is read but what was received, and zeros behind it.
+// Lines go straight to standard output, whatever the print masks, but for a failed request's
+// errors.
 #pragma once
 
 #include <cstddef>
@@ -68,35 +68,26 @@ struct unpk_field {
   uint8_t width;
 };
 
-// The 128 bits that a field is cut out of, the lower half first.
-struct unpk_span {
-  uint64_t tmp1;
-  uint64_t tmp2;
-};
-
 // Puts the cursor to the start of a record of DIAG log `id`. False when there is no record.
 [[nodiscard]] bool unpk_start(std::span<const uint8_t> record, uint32_t id);
-// Bits `low` to `high` of a span, counted from 1. Untraced.
-[[nodiscard]] std::optional<uint64_t> unpk_mid(const unpk_field& field, const unpk_span& span,
-                                               int low, int high);
+// Bits `low` to `high`, counted from 1, of the span of which `tmp1` is the lower half. Untraced.
+[[nodiscard]] std::optional<uint64_t> unpk_mid(const unpk_field& field, uint64_t tmp1,
+                                               uint64_t tmp2, int low, int high);
 // Reads the field at `bit`, counted from the base. Untraced.
 [[nodiscard]] std::optional<uint64_t> unpk_at(const unpk_field& field, int bit);
-// Decodes the cell record that unpk_start was given. False when a step failed or the version is
-// unknown.
+// Decodes the record given to unpk_start. False when a step failed or the version is unknown.
 [[nodiscard]] bool unpk_cell(modem_stats_cell& cell);
 
-// ---- the debug counters ----
+// ---- replies of the statistics framework ----
 
-// Prints the debug block: the version of its layout, and of each section the counters that the
-// layout has, up to the first that was not received.
+// The data of a reply of which `received` bytes came.
+[[nodiscard]] std::span<const uint8_t> modem_stats_reply_data(
+    const tervik_common_req_response& reply, int received);
+
+// Prints the version of the block's layout, and of each section the counters that the layout has,
+// up to the first that was not received.
 void tervik_modem_stats_debug_info_unpk(std::span<const uint8_t> block);
 
 // Prints the state that `data` tells (data.data() may be null). When the framework lacks support,
 // asks the modem for the DIAG logs to be upgraded and prints their ids.
 void tervik_modem_stats_support_status_check(std::span<const uint8_t> data);
-
-// ---- replies to the statistics requests ----
-
-// The data of a reply of which `received` bytes came.
-[[nodiscard]] std::span<const uint8_t> modem_stats_reply_data(
-    const tervik_common_req_response& reply, int received);

@@ -1,7 +1,5 @@
 #include "modem_lyrax_api.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -25,27 +23,19 @@ std::atomic<bool> g_white_list_checked{false};
 std::atomic<bool> g_white_list_failed{false};
 
 bool modem_api_check_white_list() {
-  if (!g_white_list_checked) {
-    const char* p_name = tervik_utils_get_pid_name();
+  const char* const p_name = tervik_utils_get_pid_name();
+  const bool is_first_check = !g_white_list_checked;
+  if (is_first_check) {
     g_white_list_failed =
         std::none_of(WHITE_LIST.begin(), WHITE_LIST.end(),
                      [p_name](const char* known) { return tervik_str_cmp(p_name, known) == 0; });
     g_white_list_checked = true;
+  }
+  if (is_first_check || g_white_list_failed) {
     tervik_log_debug("check %s, p_id: %d, p_name: %s", g_white_list_failed ? "fail" : "pass",
                      tervik_utils_get_pid_number(), p_name);
-  } else if (g_white_list_failed) {
-    tervik_log_debug("check fail, p_id: %d, p_name: %s", tervik_utils_get_pid_number(),
-                     tervik_utils_get_pid_name());
   }
   return !g_white_list_failed;
-}
-
-[[nodiscard]] bool admitted(const char* func) {
-  if (modem_api_check_white_list()) {
-    return true;
-  }
-  tervik_log_error_as(func, "check fail, do nothing");
-  return false;
 }
 
 }  // namespace
@@ -54,31 +44,30 @@ bool modem_api_check_white_list() {
 
 namespace {
 
-constexpr uint32_t VS_CLIENT_TYPE = 0;
 constexpr uint32_t STATUS_LOST = 4;
 constexpr size_t CLIENTS_MAX = 10;
 
-// What is known of a client. The pid and the event callback tell whose it is; nothing reads them.
+// Every client is of VS_CLIENT_TYPE.
 struct modem_api_client {
-  uint32_t client_type;
-  uint32_t pid;
   uint32_t operational_status;
-  vs_event_cb event_cb;
   modem_api_operational_status_event_cb operational_status_cb;
 };
 
-std::mutex g_module_mutex;
-uint32_t g_init_count = 0;  // under g_module_mutex
 // Held while a client is freed; taken before g_clients_mutex.
 std::mutex g_client_table_mutex;
-// Never held over a call of the VS client, whose status callback takes it.
+// Guards what follows. Never held over a call of the VS client, whose status callback takes it.
 std::mutex g_clients_mutex;
-// The client id is the slot. Every client is of VS_CLIENT_TYPE. Under g_clients_mutex.
+bool g_inited = false;
+// The client id is the slot.
 std::array<std::unique_ptr<modem_api_client>, CLIENTS_MAX> g_clients;
 
-void forget_clients() {
+// A change empties the table.
+void set_inited(bool inited) {
   const std::lock_guard lock(g_clients_mutex);
-  g_clients = {};
+  if (g_inited != inited) {
+    g_inited = inited;
+    g_clients = {};
+  }
 }
 
 bool in_table(int32_t client_id) {
@@ -103,16 +92,15 @@ uint32_t add_client(const char* func, std::unique_ptr<modem_api_client> client,
                     int32_t* client_id) {
   const std::lock_guard lock(g_clients_mutex);
   for (const auto& other : g_clients) {
-    if (other == nullptr) {
-      continue;
-    }
-    if (other->operational_status == VS_CONNECTED) {
+    if (other != nullptr && other->operational_status == VS_CONNECTED) {
       tervik_log_debug_as(func, "Already another client init vs client successfully");
       return MODEM_API_OTHER_CLIENT;
     }
-    tervik_log_debug_as(func, "Another client init vs client with operational status %d",
-                        other->operational_status);
-    return MODEM_API_OTHER_CLIENT_NOT_READY;
+    if (other != nullptr) {
+      tervik_log_debug_as(func, "Another client init vs client with operational status %d",
+                          other->operational_status);
+      return MODEM_API_OTHER_CLIENT_NOT_READY;
+    }
   }
   auto* const slot = std::find(g_clients.begin(), g_clients.end(), nullptr);
   if (slot == g_clients.end()) {
@@ -132,41 +120,29 @@ void empty_slot(int32_t client_id) {
 }  // namespace
 
 uint32_t modem_api_init() {
-  if (!admitted(__func__)) {
+  if (!modem_api_check_white_list()) {
+    tervik_log_error("check fail, do nothing");
     return MODEM_API_NOT_ALLOWED;
   }
-  {
-    const std::lock_guard lock(g_module_mutex);
-    if (g_init_count == 0) {
-      ++g_init_count;
-      forget_clients();
-    }
-  }
+  set_inited(true);
   vs_init(modem_api_process_response);
   return MODEM_API_SUCCESS;
 }
 
 uint32_t modem_api_release() {
-  const std::lock_guard lock(g_module_mutex);
-  if (g_init_count >= 1) {
-    --g_init_count;
-    forget_clients();
-  }
+  set_inited(false);
   return MODEM_API_SUCCESS;
 }
 
 uint32_t modem_api_init_client(uint32_t client_type, vs_event_cb event_cb,
                                modem_api_operational_status_event_cb status_cb,
                                int32_t* client_id) {
-  if (!admitted(__func__)) {
+  if (!modem_api_check_white_list()) {
+    tervik_log_error("check fail, do nothing");
     return MODEM_API_NOT_ALLOWED;
   }
-  std::unique_ptr<modem_api_client> client(
-      new (std::nothrow) modem_api_client{.client_type = client_type,
-                                          .pid = static_cast<uint32_t>(getpid()),
-                                          .operational_status = VS_RELEASED,
-                                          .event_cb = event_cb,
-                                          .operational_status_cb = status_cb});
+  std::unique_ptr<modem_api_client> client(new (std::nothrow)
+                                               modem_api_client{VS_RELEASED, status_cb});
   if (client == nullptr) {
     tervik_log_error("could not allocate memory");
     return MODEM_API_NO_MEMORY;
@@ -196,7 +172,7 @@ void modem_api_operational_status_cb(uint32_t client_type, uint32_t status) {
     {
       const std::lock_guard lock(g_clients_mutex);
       modem_api_client* const client = g_clients[id].get();
-      if (client == nullptr || client->client_type != client_type) {
+      if (client == nullptr || client_type != VS_CLIENT_TYPE) {
         continue;
       }
       client->operational_status = status;
@@ -219,12 +195,12 @@ uint32_t modem_api_free_client(int32_t client_id) {
     return MODEM_API_INVALID_CLIENT;
   }
   const std::lock_guard lock(g_client_table_mutex);
-  if (!status_of(client_id)) {
+  if (status_of(client_id)) {
+    vs_client_release();
+    empty_slot(client_id);
+  } else {
     tervik_log_error("client already freed");
-    return MODEM_API_SUCCESS;
   }
-  vs_client_release();
-  empty_slot(client_id);
   return MODEM_API_SUCCESS;
 }
 
@@ -233,45 +209,36 @@ uint32_t modem_api_free_client(int32_t client_id) {
 namespace {
 
 struct mapped_error {
-  uint32_t qmi_error;
+  int32_t error;
   modem_api_result result;
 };
 
-// What the QMI errors of a failed response stand for; any other is a failure.
-constexpr std::array<mapped_error, 12> QMI_ERRORS = {{{0, MODEM_API_SUCCESS},
-                                                      {26, MODEM_API_SUCCESS},
-                                                      {4, MODEM_API_QMI_ERROR_4},
-                                                      {17, MODEM_API_INVALID_ARG},
-                                                      {19, MODEM_API_INVALID_ARG},
-                                                      {48, MODEM_API_INVALID_ARG},
-                                                      {49, MODEM_API_INVALID_ARG},
-                                                      {24, MODEM_API_NOT_SUPPORTED},
-                                                      {42, MODEM_API_NOT_SUPPORTED},
-                                                      {77, MODEM_API_NOT_SUPPORTED},
-                                                      {94, MODEM_API_NOT_SUPPORTED},
-                                                      {52, MODEM_API_QMI_ERROR_52}}};
+constexpr mapped_error TRANSPORT_ERRORS[] = {
+    {-5, MODEM_API_TRANSPORT}, {-1, MODEM_API_TRANSPORT}, {-3, MODEM_API_TIMEOUT}};
+
+// Of a failed response.
+constexpr mapped_error QMI_ERRORS[] = {
+    {0, MODEM_API_SUCCESS},        {26, MODEM_API_SUCCESS},       {4, MODEM_API_QMI_ERROR_4},
+    {17, MODEM_API_INVALID_ARG},   {19, MODEM_API_INVALID_ARG},   {48, MODEM_API_INVALID_ARG},
+    {49, MODEM_API_INVALID_ARG},   {24, MODEM_API_NOT_SUPPORTED}, {42, MODEM_API_NOT_SUPPORTED},
+    {77, MODEM_API_NOT_SUPPORTED}, {94, MODEM_API_NOT_SUPPORTED}, {52, MODEM_API_QMI_ERROR_52}};
+
+// What the error stands for; one without a row is a failure.
+uint32_t result_of(std::span<const mapped_error> rows, int32_t error) {
+  const mapped_error* const row = find_row(rows, &mapped_error::error, error);
+  return row != nullptr ? row->result : MODEM_API_FAILURE;
+}
 
 uint32_t modem_api_map_qmi_error_to_modem_api(qmi_client_error_type transport_error,
-                                              const vs_result& response) {
-  constexpr uint32_t QMI_RESULT_SUCCESS = 0;
-  constexpr uint32_t QMI_RESULT_FAILURE = 1;
-  switch (transport_error) {
-    case -5:
-    case -1:
-      return MODEM_API_TRANSPORT;
-    case -3:
-      return MODEM_API_TIMEOUT;
-    case 0:
-    case -2:
-      break;
-    default:
-      return MODEM_API_FAILURE;
+                                              const qmi_result& response) {
+  constexpr int32_t QMI_RESULT_FAILURE = 1;
+  if (transport_error != 0 && transport_error != -2) {
+    return result_of(TRANSPORT_ERRORS, transport_error);
   }
-  if (response.result == QMI_RESULT_SUCCESS) {
-    return MODEM_API_SUCCESS;
+  if (response.result == QMI_RESULT_FAILURE) {
+    return result_of(QMI_ERRORS, response.error);
   }
-  const mapped_error* const row = find_row(QMI_ERRORS, &mapped_error::qmi_error, response.error);
-  return response.result == QMI_RESULT_FAILURE && row != nullptr ? row->result : MODEM_API_FAILURE;
+  return response.result == 0 ? MODEM_API_SUCCESS : MODEM_API_FAILURE;
 }
 
 }  // namespace
@@ -292,7 +259,7 @@ uint32_t modem_api_set_lyrax_feature_status(int32_t client_id, uint32_t feature,
   vs_set_feature_status_resp response = {};
   const qmi_client_error_type qmi_error = vs_client_send_msg_sync(
       VS_SET_FEATURE_STATUS, &request, sizeof(request), &response, sizeof(response));
-  const uint32_t result = modem_api_map_qmi_error_to_modem_api(qmi_error, response.resp);
+  const uint32_t result = modem_api_map_qmi_error_to_modem_api(qmi_error, response);
   tervik_log_debug("result %d, qmi_error %d", result, qmi_error);
   return result;
 }
@@ -315,7 +282,7 @@ void fill_entries(const char* func, uint32_t sub, const stats_para_data& data,
   for (uint32_t i = 0; i < data.para_num; ++i) {
     vs_stats_entry& entry = request.entries[i];
     entry.id = data.para[i].id;
-    entry.value_len = std::min(data.para[i].value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
+    entry.value_len = std::min(data.para[i].value_len, VS_STATS_VALUE_MAX);
     memcpy(entry.value, data.para[i].value, sizeof(entry.value));
     tervik_log_print_as(func, LOG_CLASS_DEBUG, sub,
                         "req: ids[%d] = %d, value_len = %d, type = %d, value: %s", i, entry.id,
@@ -325,14 +292,14 @@ void fill_entries(const char* func, uint32_t sub, const stats_para_data& data,
 
 void take_entries(const char* func, uint32_t sub, const vs_get_stats_parameter_resp& response,
                   stats_para_data& data) {
-  data.para_num = std::min(response.entries_len, static_cast<uint32_t>(VS_STATS_ENTRIES_MAX));
+  data.para_num = std::min(response.entries_len, VS_STATS_ENTRIES_MAX);
   for (uint32_t i = 0; i < data.para_num; ++i) {
     const vs_stats_entry& entry = response.entries[i];
     vs_stats_entry& taken = data.para[i];
     taken.sub = entry.sub;
     taken.second_half_word = entry.second_half_word;
     taken.id = entry.id;
-    taken.value_len = std::min(entry.value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
+    taken.value_len = std::min(entry.value_len, VS_STATS_VALUE_MAX);
     memcpy(taken.value, entry.value, taken.value_len);
     tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "rsp: ids[%d] = %d, value_len = %d, value: %s",
                         i, taken.id, taken.value_len, value_text(taken).data());
@@ -379,15 +346,9 @@ uint32_t modem_api_get_stats_parameter(int32_t client_id, uint16_t sub, uint16_t
 
 namespace {
 
-struct malloc_deleter {
-  void operator()(void* memory) const { free(memory); }
-};
-
-// The outcome of a response. On success `*data` is a copy of the bytes behind its head, for the
-// callback to free.
+// On success `data` is a copy of the bytes behind the response's head, for the callback to free.
 uint32_t take_async_response(unsigned int msg_id, std::span<const uint8_t> resp,
-                             qmi_client_error_type transport_error, uint8_t** data,
-                             uint32_t* data_len) {
+                             qmi_client_error_type transport_error, std::span<uint8_t>& data) {
   if (resp.empty()) {
     return MODEM_API_NO_MEMORY;
   }
@@ -401,12 +362,12 @@ uint32_t take_async_response(unsigned int msg_id, std::span<const uint8_t> resp,
     return MODEM_API_UNEXPECTED_MSG;
   }
   const bool is_whole = resp.size() >= sizeof(head) && head.data_len <= resp.size() - sizeof(head);
-  *data = is_whole ? static_cast<uint8_t*>(malloc(head.data_len + size_t{1})) : nullptr;
-  if (*data == nullptr) {
+  void* const copy = is_whole ? malloc(head.data_len + size_t{1}) : nullptr;
+  if (copy == nullptr) {
     return MODEM_API_NO_MEMORY;
   }
-  memcpy(*data, resp.data() + sizeof(head), head.data_len);
-  *data_len = head.data_len;
+  memcpy(copy, resp.data() + sizeof(head), head.data_len);
+  data = {static_cast<uint8_t*>(copy), head.data_len};
   return MODEM_API_SUCCESS;
 }
 
@@ -414,20 +375,14 @@ uint32_t take_async_response(unsigned int msg_id, std::span<const uint8_t> resp,
 
 void modem_api_process_response(unsigned int msg_id, void* resp, unsigned int resp_len,
                                 void* cb_data, qmi_client_error_type transport_error) {
-  const std::unique_ptr<void, malloc_deleter> owned_resp(resp);
-  const std::unique_ptr<void, malloc_deleter> owned_cb_data(cb_data);
-  if (cb_data == nullptr) {
+  const std::unique_ptr<void, void (*)(void*)> owned_resp(resp, free);
+  const std::unique_ptr<void, void (*)(void*)> owned_cb_data(cb_data, free);
+  const auto* const request = static_cast<const modem_api_async_request*>(cb_data);
+  if (request == nullptr || request->callback == nullptr) {
     return;
   }
-  modem_api_async_request request = {};
-  memcpy(&request, cb_data, sizeof(request));
-  if (request.callback == nullptr) {
-    return;
-  }
-  const size_t received = resp != nullptr ? resp_len : 0;
-  uint8_t* data = nullptr;
-  uint32_t data_len = 0;
-  const uint32_t result = take_async_response(msg_id, {static_cast<const uint8_t*>(resp), received},
-                                              transport_error, &data, &data_len);
-  request.callback(data, data_len, request.user_data, result);
+  const std::span bytes(static_cast<const uint8_t*>(resp), resp != nullptr ? resp_len : 0);
+  std::span<uint8_t> data;
+  const uint32_t result = take_async_response(msg_id, bytes, transport_error, data);
+  request->callback(data.data(), static_cast<uint32_t>(data.size()), request->user_data, result);
 }

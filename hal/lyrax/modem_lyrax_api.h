@@ -1,6 +1,6 @@
 // The client manager in front of the VS client: admits known processes alone, keeps a table of
-// clients with their operational status, switches statistics features on and fetches statistics
-// parameters. Command thread; what the modem answers is untrusted and cut to the caller's records.
+// clients, switches statistics features on and fetches statistics parameters. Command thread; what
+// the modem answers is untrusted and cut to the caller's records.
 #pragma once
 
 #include <cstdint>
@@ -69,7 +69,7 @@ struct modem_api_async_request {
 
 // The head of an asynchronous response; `data_len` bytes follow it.
 struct modem_api_async_response {
-  vs_result resp;
+  qmi_result resp;
   uint32_t data_len;
 };
 static_assert(sizeof(modem_api_async_response) == 12);

@@ -111,21 +111,6 @@ uint32_t modem_lyrax_get_stats_parameter(uint16_t sub, uint16_t slot, stats_para
   return modem_api_get_stats_parameter(g_lyrax_client_id, sub, slot, data);
 }
 
-// Makes a client when there is none. False when that fails.
-[[nodiscard]] bool ensure_client(const char* func, uint32_t sub) {
-  if (modem_lyrax_api_is_inited() != 0) {
-    return true;
-  }
-  tervik_log_print_as(func, LOG_CLASS_DEBUG, sub, "The lyrax is not inited, will init it");
-  // Whether there is a client afterwards is asked next.
-  static_cast<void>(modem_lyrax_api_init());
-  if (modem_lyrax_api_is_inited() != 0) {
-    return true;
-  }
-  tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "The lyrax init failed, will do nothing");
-  return false;
-}
-
 // Looks at what came for (sub, id); false, with a line in the log, when it is not one valid blob.
 [[nodiscard]] bool check_returned(const char* func, uint32_t sub, uint32_t id,
                                   const stats_para_data& data) {
@@ -136,12 +121,12 @@ uint32_t modem_lyrax_get_stats_parameter(uint16_t sub, uint16_t slot, stats_para
   } else if (data.para_num != 1) {
     snprintf(what, sizeof(what), "id num error");
   } else if (entry.id != id) {
-    snprintf(what, sizeof(what), "ret_id(%d) is invalid", static_cast<int>(entry.id));
+    snprintf(what, sizeof(what), "ret_id(%d) is invalid", entry.id);
   } else if (entry.sub != sub) {
     snprintf(what, sizeof(what), "ret_sub(%d) is invalid", entry.sub);
   } else if (entry.value_len < 1 || entry.value_len > VS_STATS_VALUE_MAX) {
-    snprintf(what, sizeof(what), "data_len(%d) is invalid, should be in (0, %d]",
-             static_cast<int>(entry.value_len), static_cast<int>(VS_STATS_VALUE_MAX));
+    snprintf(what, sizeof(what), "data_len(%d) is invalid, should be in (0, %d]", entry.value_len,
+             VS_STATS_VALUE_MAX);
   } else {
     return true;
   }
@@ -156,8 +141,14 @@ uint32_t modem_lyrax_get_stats_parameter(uint16_t sub, uint16_t slot, stats_para
 uint32_t modem_lyrax_data_get(uint32_t sub, uint32_t id) {
   g_lyrax_data_len = 0;
   memset(g_lyrax_data, 0, sizeof(g_lyrax_data));
-  if (!ensure_client(__func__, sub)) {
-    return 1;
+  if (modem_lyrax_api_is_inited() == 0) {
+    tervik_log_print(LOG_CLASS_DEBUG, sub, "The lyrax is not inited, will init it");
+    // Whether there is a client afterwards is asked next.
+    static_cast<void>(modem_lyrax_api_init());
+    if (modem_lyrax_api_is_inited() == 0) {
+      tervik_log_print(LOG_CLASS_ERROR, sub, "The lyrax init failed, will do nothing");
+      return 1;
+    }
   }
   if (!tervik_check_sub_id(sub)) {
     tervik_log_print(LOG_CLASS_ERROR, sub, "modem_api_get_stats_parameter, sub(%d) is invalid",
@@ -180,13 +171,12 @@ uint32_t modem_lyrax_data_get(uint32_t sub, uint32_t id) {
   if (!check_returned(__func__, sub, id, data)) {
     return 1;
   }
-  const vs_stats_entry& entry = data.para[0];
-  g_lyrax_data_len = entry.value_len;
+  g_lyrax_data_len = data.para[0].value_len;
   tervik_log_print(LOG_CLASS_DEBUG, sub,
                    "Success to get data, number = %d, sub = %d, ret id_num = %d, id = %d, data_len "
                    "= %d",
                    g_lyrax_req_number, sub, data.para_num, id, g_lyrax_data_len);
-  memcpy(g_lyrax_data, entry.value, g_lyrax_data_len);
+  memcpy(g_lyrax_data, data.para[0].value, g_lyrax_data_len);
   g_pK_DATA_CNT = 0;
   g_lyrax_data_left = g_lyrax_data_len;
   g_lyrax_data_id = id;
@@ -205,11 +195,8 @@ struct blob_reader {
   // False, with a line in the log, when the rest of the blob is shorter than the value.
   template <typename Value>
   [[nodiscard]] bool operator()(const char* name, Value& value) const {
-    return take(name, &value, sizeof(value));
-  }
-
-  [[nodiscard]] bool take(const char* name, void* to, uint32_t width) const {
-    if (g_lyrax_data_left < width) {
+    constexpr uint32_t WIDTH = sizeof(value);
+    if (g_lyrax_data_left < WIDTH) {
       tervik_log_print_as(func, LOG_CLASS_ERROR, sub,
                           "g_lyrax_data_left(%d) is not enough for %s, id(0x%x)", g_lyrax_data_left,
                           name, g_lyrax_data_id);
@@ -221,9 +208,9 @@ struct blob_reader {
                           g_lyrax_data_id);
       return false;
     }
-    memcpy(to, g_lyrax_data + g_pK_DATA_CNT, width);
-    g_pK_DATA_CNT += static_cast<int32_t>(width);
-    g_lyrax_data_left -= width;
+    memcpy(&value, g_lyrax_data + g_pK_DATA_CNT, WIDTH);
+    g_pK_DATA_CNT += static_cast<int32_t>(WIDTH);
+    g_lyrax_data_left -= WIDTH;
     return true;
   }
 };

@@ -1,11 +1,9 @@
-// The statistics manager: holds the process's one modem API client, fetches one statistics
-// parameter at a time and decodes its blob, field by field, into a typed record; and the current
-// Tx power made of them. Getters may come from any thread, but not while the client is made or
-// released, which the command thread does; a getter that finds no client makes one itself. Blobs
-// are untrusted: a field that a blob is too short for ends the decoding.
-//
-// Blobs and records hold measurements as 32-bit floats in the modem's units, without scaling.
-// Getters return 1, or 0 on a failure, which leaves the record zeroed or filled in part.
+// The statistics manager: holds the process's one modem API client, fetches one parameter at a time
+// and decodes its blob into a typed record; and the Tx power made of them. Getters may come from
+// any thread, but not while the command thread makes or releases the client; a getter that finds
+// none makes one. They return 1, or 0 on a failure, which leaves the record zeroed or filled in
+// part. Blobs are untrusted: a field that a blob is too short for ends the decoding. Measurements
+// are 32-bit floats in the modem's units, without scaling.
 #pragma once
 
 #include <cstddef>

@@ -8,26 +8,18 @@
 
 namespace {
 
-constexpr uint32_t CLIENT_TYPE = 0;
 constexpr unsigned SEND_TIMEOUT_MS = 30000;
-constexpr uint32_t NO_LAST_VALUE = 0xFFFFFFFF;
 
 // Getters on several threads and the framework's thread read it while the client is released.
 struct vs_client_record {
   std::atomic<qmi_idl_service_object_type> service_object{nullptr};
   std::atomic<vs_event_cb> event_cb{nullptr};
   std::atomic<vs_operational_status_cb> operational_status_cb{nullptr};
-  // Belong to the record and are read by nobody: no request is asynchronous, and a client that is
-  // not connected shows by its handle.
-  std::atomic<decltype(&vs_client_command_cb)> command_cb{nullptr};
-  std::atomic<uint32_t> inited{0};
 
   void clear() {
     service_object = nullptr;
     event_cb = nullptr;
     operational_status_cb = nullptr;
-    command_cb = nullptr;
-    inited = 0;
   }
 };
 
@@ -58,7 +50,7 @@ constinit tervik_qmi_client g_vs_client({
 void report_status(vs_operational_status status) {
   const vs_operational_status_cb status_cb = vs_client_info.operational_status_cb;
   if (status_cb != nullptr) {
-    status_cb(CLIENT_TYPE, status);
+    status_cb(VS_CLIENT_TYPE, status);
   }
 }
 
@@ -68,21 +60,20 @@ uint32_t vs_client_init_client_handles() {
   tervik_log_debug("qmi_client_init_instance returned (%d)", err);
   if (err != QMI_NO_ERR) {
     tervik_log_error("qmi_client_init_instance returned failure(%d)", err);
-    return 0;
   }
-  vs_client_info.inited = 1;
-  return 1;
+  return err == QMI_NO_ERR ? 1 : 0;
 }
 
 // ---- indications as events ----
 
-// Converts at most `max_count` entries; returns how many.
-uint32_t convert_entries(const vs_stats_entry* from, uint32_t count, size_t max_count,
-                         vs_event_entry* to) {
-  const auto converted = static_cast<uint32_t>(std::min<size_t>(count, max_count));
+// Converts at most as many entries as there is room for; returns how many.
+template <uint32_t room>
+uint32_t convert_entries(const vs_stats_entry (&from)[room], uint32_t count,
+                         vs_event_entry (&to)[room]) {
+  const uint32_t converted = std::min(count, room);
   for (uint32_t i = 0; i < converted; ++i) {
     to[i].id = from[i].id;
-    to[i].value_len = std::min(from[i].value_len, static_cast<uint32_t>(VS_STATS_VALUE_MAX));
+    to[i].value_len = std::min(from[i].value_len, VS_STATS_VALUE_MAX);
     memcpy(to[i].value, from[i].value, sizeof(to[i].value));
     to[i].sub = from[i].sub;
     to[i].second_half_word = from[i].second_half_word;
@@ -91,11 +82,9 @@ uint32_t convert_entries(const vs_stats_entry* from, uint32_t count, size_t max_
 }
 
 void send_feature_status(vs_event_cb event_cb, const uint8_t* decoded) {
-  const auto indication = tervik_qmi_record<vs_feature_status_ind>(decoded);
-  vs_event_feature_status event = {};
-  event.value = indication.value;
-  event.first_flag = indication.first_flag != 0 ? 1 : 0;
-  event.second_flag = indication.second_flag != 0 ? 1 : 0;
+  auto event = tervik_qmi_record<vs_feature_status_ind>(decoded);
+  event.first_flag = event.first_flag != 0 ? 1 : 0;
+  event.second_flag = event.second_flag != 0 ? 1 : 0;
   event_cb(VS_EVENT_FEATURE_STATUS, &event, sizeof(event));
 }
 
@@ -103,13 +92,12 @@ void send_stats_parameter(vs_event_cb event_cb, const uint8_t* decoded) {
   const auto indication = tervik_qmi_record<vs_stats_parameter_ind>(decoded);
   vs_event_stats_parameter event = {};
   event.value = indication.value;
-  event.entries_len = convert_entries(indication.entries, indication.entries_len,
-                                      VS_STATS_ENTRIES_MAX, event.entries);
+  event.entries_len = convert_entries(indication.entries, indication.entries_len, event.entries);
   if (indication.more_entries_valid != 0) {
-    event.more_entries_len = convert_entries(indication.more_entries, indication.more_entries_len,
-                                             VS_STATS_MORE_ENTRIES_MAX, event.more_entries);
+    event.more_entries_len =
+        convert_entries(indication.more_entries, indication.more_entries_len, event.more_entries);
   }
-  event.last_value = indication.last_value_valid != 0 ? indication.last_value : NO_LAST_VALUE;
+  event.last_value = indication.last_value_valid != 0 ? indication.last_value : UINT32_MAX;
   event_cb(VS_EVENT_STATS_PARAMETER, &event, sizeof(event));
 }
 
@@ -117,7 +105,7 @@ void send_stats_event(vs_event_cb event_cb, const uint8_t* decoded) {
   const auto indication = tervik_qmi_record<vs_stats_event_ind>(decoded);
   vs_event_stats_event event = {};
   event.value = indication.value;
-  event.values_len = std::min(indication.bytes_len, static_cast<uint32_t>(VS_EVENT_BYTES_MAX));
+  event.values_len = std::min(indication.bytes_len, VS_EVENT_BYTES_MAX);
   std::copy_n(indication.bytes, event.values_len, event.values);
   event.third_value = indication.third_value;
   event.fourth_value = indication.fourth_value;
@@ -161,9 +149,7 @@ void vs_client_ind_hdlr(unsigned int msg_id, const uint8_t* decoded) {
 void vs_init(vs_response_cb response_cb) {
   g_response_cb = response_cb;
   vs_client_info.clear();
-  vs_client_info.command_cb = vs_client_command_cb;
-  vs_client_info.service_object = vs_get_service_object_internal_v01(
-      VS_IDL_LIBRARY_VERSION, VS_IDL_VERSION, VS_IDL_MINOR_VERSION);
+  vs_client_info.service_object = vs_get_service_object_internal_v01(1, 2, 6);
 }
 
 uint32_t vs_client_init(vs_event_cb event_cb) {
@@ -178,7 +164,6 @@ uint32_t vs_client_init(vs_event_cb event_cb) {
 
 uint32_t vs_client_release() {
   report_status(VS_RELEASED);
-  vs_client_info.inited = 0;
   // An unknown handle is gone already.
   static_cast<void>(g_vs_client.release());
   vs_client_info.clear();

@@ -1,7 +1,7 @@
 // The one connection to the modem's VS statistics service: connects with retries, sends requests
-// synchronously, and turns the service's indications into numbered events for one callback. It
-// moves messages and knows nothing of parameters. Connecting and sending run on the caller's
-// thread, indications on the QMI framework's; their bytes are untrusted.
+// synchronously, and turns the service's indications into numbered events for one callback.
+// Connecting and sending run on the caller's thread, indications on the QMI framework's; their
+// bytes are untrusted.
 #pragma once
 
 #include <cstdint>
@@ -9,21 +9,13 @@
 #include "qmi_client.h"
 #include "vs_idl.h"
 
-// Events, one per indication, with the record that comes along.
+// Events, one per indication, and the records that come along.
 enum vs_event_id : uint32_t {
-  VS_EVENT_FEATURE_STATUS = 2,
-  VS_EVENT_STATS_PARAMETER = 3,
-  VS_EVENT_STATS_EVENT = 4,
-  VS_EVENT_STATE = 5,
+  VS_EVENT_FEATURE_STATUS = 2,   // vs_feature_status_ind, its flags 0 or 1
+  VS_EVENT_STATS_PARAMETER = 3,  // vs_event_stats_parameter
+  VS_EVENT_STATS_EVENT = 4,      // vs_event_stats_event
+  VS_EVENT_STATE = 5,            // vs_state_ind
 };
-
-struct vs_event_feature_status {
-  uint32_t value;
-  uint8_t first_flag;   // 0 or 1
-  uint8_t second_flag;  // 0 or 1
-  uint8_t unused_6[2];
-};
-static_assert(sizeof(vs_event_feature_status) == 8);
 
 // A parameter entry as events carry it.
 struct vs_event_entry {
@@ -54,6 +46,8 @@ struct vs_event_stats_event {
 };
 static_assert(sizeof(vs_event_stats_event) == 412);
 
+inline constexpr uint32_t VS_CLIENT_TYPE = 0;  // the only one
+
 // Operational status of the connection.
 enum vs_operational_status : uint32_t {
   VS_RELEASED = 0,
@@ -64,7 +58,7 @@ enum vs_operational_status : uint32_t {
 
 // `data` lives for the duration of the call alone. Framework thread.
 using vs_event_cb = void (*)(uint32_t event_id, const void* data, uint32_t data_len);
-// `client_type` is always 0. The thread that connects or releases.
+// The thread that connects or releases.
 using vs_operational_status_cb = void (*)(uint32_t client_type, uint32_t status);
 
 // Takes the responses to asynchronous requests. Framework thread.

@@ -17,45 +17,41 @@ constexpr qmi_idl_field integer(uint8_t tlv, uint8_t width, size_t offset,
           .presence_offset = presence_offset};
 }
 
-constexpr qmi_idl_field bytes(uint8_t tlv, size_t offset, size_t max_count, size_t count_offset,
-                              uint8_t count_wire_width) {
-  return {.tlv = tlv,
-          .wire_width = 1,
-          .memory_width = 1,
-          .shape = QMI_IDL_COUNTED,
-          .offset = offset,
-          .max_count = max_count,
-          .count_offset = count_offset,
-          .count_wire_width = count_wire_width,
-          .drops_excess = true};
+// At most `max_count` of `element`, behind their count.
+constexpr qmi_idl_field list(qmi_idl_field element, size_t max_count, size_t count_offset,
+                             uint8_t count_wire_width) {
+  element.shape = QMI_IDL_COUNTED;
+  element.max_count = max_count;
+  element.count_offset = count_offset;
+  element.count_wire_width = count_wire_width;
+  element.drops_excess = true;
+  return element;
 }
 
-constexpr std::array ENTRY_FIELDS = {integer(0, 2, offsetof(vs_stats_entry, sub)),
-                                     integer(0, 2, offsetof(vs_stats_entry, second_half_word)),
-                                     integer(0, 4, offsetof(vs_stats_entry, id)),
-                                     bytes(0, offsetof(vs_stats_entry, value), VS_STATS_VALUE_MAX,
-                                           offsetof(vs_stats_entry, value_len), 2)};
+constexpr std::array ENTRY_FIELDS = {
+    integer(0, 2, offsetof(vs_stats_entry, sub)),
+    integer(0, 2, offsetof(vs_stats_entry, second_half_word)),
+    integer(0, 4, offsetof(vs_stats_entry, id)),
+    list(integer(0, 1, offsetof(vs_stats_entry, value)), VS_STATS_VALUE_MAX,
+         offsetof(vs_stats_entry, value_len), 2)};
 
 constexpr qmi_idl_field entries(uint8_t tlv, size_t offset, size_t max_count, size_t count_offset,
                                 size_t presence_offset = QMI_IDL_MANDATORY) {
-  return {.tlv = tlv,
-          .shape = QMI_IDL_COUNTED,
-          .offset = offset,
-          .presence_offset = presence_offset,
-          .max_count = max_count,
-          .count_offset = count_offset,
-          .count_wire_width = 1,
-          .drops_excess = true,
-          .record = ENTRY_FIELDS,
-          .record_size = sizeof(vs_stats_entry)};
+  const qmi_idl_field entry = {.tlv = tlv,
+                               .offset = offset,
+                               .presence_offset = presence_offset,
+                               .record = ENTRY_FIELDS,
+                               .record_size = sizeof(vs_stats_entry)};
+  return list(entry, max_count, count_offset, 1);
 }
 
-constexpr std::array RESULT_FIELDS = {integer(0, 4, offsetof(vs_result, result)),
-                                      integer(0, 4, offsetof(vs_result, error))};
+constexpr std::array RESULT_FIELDS = {integer(0, 4, offsetof(qmi_result, result)),
+                                      integer(0, 4, offsetof(qmi_result, error))};
 
-constexpr qmi_idl_field result(size_t offset) {
-  return {.tlv = 0x02, .offset = offset, .record = RESULT_FIELDS, .record_size = sizeof(vs_result)};
-}
+// Every response begins with it.
+constexpr qmi_idl_field RESULT = {
+    .tlv = 0x02, .record = RESULT_FIELDS, .record_size = sizeof(qmi_result)};
+static_assert(offsetof(vs_get_stats_parameter_resp, resp) == 0);
 
 constexpr std::array SET_FEATURE_STATUS_REQ_FIELDS = {
     integer(0x01, 4, offsetof(vs_set_feature_status_req, feature)),
@@ -63,8 +59,7 @@ constexpr std::array SET_FEATURE_STATUS_REQ_FIELDS = {
     integer(0x10, 1, offsetof(vs_set_feature_status_req, second_flag),
             offsetof(vs_set_feature_status_req, second_flag_valid))};
 
-constexpr std::array SET_FEATURE_STATUS_RESP_FIELDS = {
-    result(offsetof(vs_set_feature_status_resp, resp))};
+constexpr std::array SET_FEATURE_STATUS_RESP_FIELDS = {RESULT};
 
 constexpr std::array GET_STATS_PARAMETER_REQ_FIELDS = {
     integer(0x01, 2, offsetof(vs_get_stats_parameter_req, sub)),
@@ -73,10 +68,9 @@ constexpr std::array GET_STATS_PARAMETER_REQ_FIELDS = {
             offsetof(vs_get_stats_parameter_req, entries_len))};
 
 constexpr std::array GET_STATS_PARAMETER_RESP_FIELDS = {
-    result(offsetof(vs_get_stats_parameter_resp, resp)),
-    entries(0x10, offsetof(vs_get_stats_parameter_resp, entries), VS_STATS_ENTRIES_MAX,
-            offsetof(vs_get_stats_parameter_resp, entries_len),
-            offsetof(vs_get_stats_parameter_resp, entries_valid))};
+    RESULT, entries(0x10, offsetof(vs_get_stats_parameter_resp, entries), VS_STATS_ENTRIES_MAX,
+                    offsetof(vs_get_stats_parameter_resp, entries_len),
+                    offsetof(vs_get_stats_parameter_resp, entries_valid))};
 
 constexpr std::array FEATURE_STATUS_IND_FIELDS = {
     integer(0x01, 4, offsetof(vs_feature_status_ind, value)),
@@ -95,8 +89,8 @@ constexpr std::array STATS_PARAMETER_IND_FIELDS = {
 
 constexpr std::array STATS_EVENT_IND_FIELDS = {
     integer(0x01, 4, offsetof(vs_stats_event_ind, value)),
-    bytes(0x02, offsetof(vs_stats_event_ind, bytes), VS_EVENT_BYTES_MAX,
-          offsetof(vs_stats_event_ind, bytes_len), 1),
+    list(integer(0x02, 1, offsetof(vs_stats_event_ind, bytes)), VS_EVENT_BYTES_MAX,
+         offsetof(vs_stats_event_ind, bytes_len), 1),
     integer(0x03, 2, offsetof(vs_stats_event_ind, third_value)),
     integer(0x04, 2, offsetof(vs_stats_event_ind, fourth_value))};
 
@@ -152,7 +146,6 @@ constexpr std::array INDICATIONS = {
     qmi_idl_message{VS_STATE_IND, sizeof(vs_state_ind), 4, STATE_IND_FIELDS},
 };
 
-// The object numbers its versions in another order than its getter takes them.
 constexpr qmi_idl_service_object SERVICE_OBJECT = {
     .library_version = 6,
     .idl_version = 1,
@@ -166,10 +159,11 @@ constexpr qmi_idl_service_object SERVICE_OBJECT = {
 
 }  // namespace
 
-qmi_idl_service_object_type vs_get_service_object_internal_v01(uint32_t library_version,
-                                                               uint32_t idl_version,
-                                                               uint32_t idl_minor_version) {
-  const bool known = library_version == VS_IDL_LIBRARY_VERSION && idl_version == VS_IDL_VERSION &&
-                     idl_minor_version == VS_IDL_MINOR_VERSION;
+qmi_idl_service_object_type vs_get_service_object_internal_v01(uint32_t idl_version,
+                                                               uint32_t idl_minor_version,
+                                                               uint32_t library_version) {
+  const bool known = idl_version == SERVICE_OBJECT.idl_version &&
+                     idl_minor_version == SERVICE_OBJECT.idl_minor_version &&
+                     library_version == SERVICE_OBJECT.library_version;
   return known ? &SERVICE_OBJECT : nullptr;
 }

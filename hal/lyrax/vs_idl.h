@@ -1,7 +1,6 @@
-// The IDL description of the modem's vendor-specific (VS) statistics service: its message ids and
-// lengths, and the C structures and field rows of the messages that kiv sends or receives. Data
-// only; the bytes decoded by it come from the modem and are untrusted. Lists and byte arrays that
-// are longer than their structure are cut to it.
+// The IDL description of the modem's vendor-specific (VS) statistics service, and the C structures
+// of the messages that kiv sends or receives. Data only; what is decoded by it comes from the modem
+// and is untrusted. Lists and byte arrays that are longer than their structure are cut to it.
 #pragma once
 
 #include <cstddef>
@@ -10,9 +9,6 @@
 #include "qmi_idl.h"
 
 inline constexpr uint32_t VS_SERVICE_ID = 0xE4;
-inline constexpr uint32_t VS_IDL_LIBRARY_VERSION = 1;
-inline constexpr uint32_t VS_IDL_VERSION = 2;
-inline constexpr uint32_t VS_IDL_MINOR_VERSION = 6;
 
 inline constexpr uint16_t VS_SET_FEATURE_STATUS = 0x0003;
 inline constexpr uint16_t VS_GET_STATS_PARAMETER = 0x0207;
@@ -21,10 +17,10 @@ inline constexpr uint16_t VS_STATS_PARAMETER_IND = 0x0203;
 inline constexpr uint16_t VS_STATS_EVENT_IND = 0x0204;
 inline constexpr uint16_t VS_STATE_IND = 0x0601;
 
-inline constexpr size_t VS_STATS_VALUE_MAX = 700;
-inline constexpr size_t VS_STATS_ENTRIES_MAX = 10;
-inline constexpr size_t VS_STATS_MORE_ENTRIES_MAX = 5;
-inline constexpr size_t VS_EVENT_BYTES_MAX = 100;
+inline constexpr uint32_t VS_STATS_VALUE_MAX = 700;
+inline constexpr uint32_t VS_STATS_ENTRIES_MAX = 10;
+inline constexpr uint32_t VS_STATS_MORE_ENTRIES_MAX = 5;
+inline constexpr uint32_t VS_EVENT_BYTES_MAX = 100;
 
 // One statistics parameter: a raw blob of `value_len` bytes.
 struct vs_stats_entry {
@@ -36,12 +32,6 @@ struct vs_stats_entry {
 };
 static_assert(sizeof(vs_stats_entry) == 712);
 
-// Standard outcome of a response: result 0 success, 1 failure with the error's number.
-struct vs_result {
-  uint32_t result;
-  uint32_t error;
-};
-
 struct vs_set_feature_status_req {
   uint32_t feature;
   uint8_t status;
@@ -51,10 +41,7 @@ struct vs_set_feature_status_req {
 };
 static_assert(sizeof(vs_set_feature_status_req) == 8);
 
-struct vs_set_feature_status_resp {
-  vs_result resp;
-};
-static_assert(sizeof(vs_set_feature_status_resp) == 8);
+using vs_set_feature_status_resp = qmi_result;
 
 struct vs_get_stats_parameter_req {
   uint16_t sub;
@@ -65,9 +52,8 @@ struct vs_get_stats_parameter_req {
 static_assert(sizeof(vs_get_stats_parameter_req) == 7128);
 
 struct vs_get_stats_parameter_resp {
-  vs_result resp;
+  qmi_result resp;
   uint8_t entries_valid;
-  uint8_t unused_9[3];
   uint32_t entries_len;
   vs_stats_entry entries[VS_STATS_ENTRIES_MAX];
 };
@@ -86,11 +72,9 @@ struct vs_stats_parameter_ind {
   uint32_t entries_len;
   vs_stats_entry entries[VS_STATS_ENTRIES_MAX];
   uint8_t more_entries_valid;
-  uint8_t unused_7129[3];
   uint32_t more_entries_len;
   vs_stats_entry more_entries[VS_STATS_MORE_ENTRIES_MAX];
   uint8_t last_value_valid;
-  uint8_t unused_10697[3];
   uint32_t last_value;
 };
 static_assert(sizeof(vs_stats_parameter_ind) == 10704);
@@ -111,4 +95,4 @@ static_assert(sizeof(vs_state_ind) == 1);
 
 // The service object, or null for any version triple but (1, 2, 6).
 [[nodiscard]] qmi_idl_service_object_type vs_get_service_object_internal_v01(
-    uint32_t library_version, uint32_t idl_version, uint32_t idl_minor_version);
+    uint32_t idl_version, uint32_t idl_minor_version, uint32_t library_version);

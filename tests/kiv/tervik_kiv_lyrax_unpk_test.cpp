@@ -84,15 +84,15 @@ TEST(Unpacker, EveryCheckStopsWithItsLine) {
   for (const auto& [low, line] : {std::pair{0, "UNPK_MID, low(0) should be in [1, 128] for f"},
                                   {129, "UNPK_MID, low(129) should be in [1, 128] for f"},
                                   {66, "UNPK_HIGH, bit_num(63) should be in [64, 128] for f"}}) {
-    expect_failure(line, [first = low] { return unpk_mid({"f", 8, 8}, {1, 2}, first, 70); });
+    expect_failure(line, [first = low] { return unpk_mid({"f", 8, 8}, 1, 2, first, 70); });
   }
   expect_failure(
       "UNPK_START, payload is NULL, id(0xab)|DATA_UNPK, g_unpk_data_ptr is NULL, name: f_tmp1", [] {
         return unpk_start({}, 0xAB) ? 1 : unpk_at({"f", 2, 16}, 0);
       });
   EXPECT_EQ(at(8, 64, 1991 * 8), UINT64_MAX);
-  EXPECT_EQ(unpk_mid({"f", 8, 64}, {4, 0x8000000000000003}, 65, 128), 0x8000000000000003u);
-  EXPECT_EQ(unpk_mid({"f", 8, 64}, {uint64_t{1} << 63, 2}, 64, 66), 5u);
+  EXPECT_EQ(unpk_mid({"f", 8, 64}, 4, 0x8000000000000003, 65, 128), 0x8000000000000003u);
+  EXPECT_EQ(unpk_mid({"f", 8, 64}, uint64_t{1} << 63, 2, 64, 66), 5u);
 }
 
 }  // namespace
