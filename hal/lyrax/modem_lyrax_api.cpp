@@ -47,9 +47,12 @@ namespace {
 constexpr uint32_t STATUS_LOST = 4;
 constexpr size_t CLIENTS_MAX = 10;
 
-// Every client is of VS_CLIENT_TYPE.
+// The pid and the event callback tell whose client it is; nothing reads them.
 struct modem_api_client {
+  uint32_t client_type;
+  uint32_t pid;
   uint32_t operational_status;
+  vs_event_cb event_cb;
   modem_api_operational_status_event_cb operational_status_cb;
 };
 
@@ -141,8 +144,8 @@ uint32_t modem_api_init_client(uint32_t client_type, vs_event_cb event_cb,
     tervik_log_error("check fail, do nothing");
     return MODEM_API_NOT_ALLOWED;
   }
-  std::unique_ptr<modem_api_client> client(new (std::nothrow)
-                                               modem_api_client{VS_RELEASED, status_cb});
+  std::unique_ptr<modem_api_client> client(new (std::nothrow) modem_api_client{
+      client_type, tervik_utils_get_pid_number(), VS_RELEASED, event_cb, status_cb});
   if (client == nullptr) {
     tervik_log_error("could not allocate memory");
     return MODEM_API_NO_MEMORY;
@@ -172,7 +175,7 @@ void modem_api_operational_status_cb(uint32_t client_type, uint32_t status) {
     {
       const std::lock_guard lock(g_clients_mutex);
       modem_api_client* const client = g_clients[id].get();
-      if (client == nullptr || client_type != VS_CLIENT_TYPE) {
+      if (client == nullptr || client->client_type != client_type) {
         continue;
       }
       client->operational_status = status;

@@ -15,11 +15,17 @@ struct vs_client_record {
   std::atomic<qmi_idl_service_object_type> service_object{nullptr};
   std::atomic<vs_event_cb> event_cb{nullptr};
   std::atomic<vs_operational_status_cb> operational_status_cb{nullptr};
+  // Parts of the record that nothing reads: no request is asynchronous, and a client that is not
+  // connected shows by its handle.
+  std::atomic<decltype(&vs_client_command_cb)> command_cb{nullptr};
+  std::atomic<uint32_t> inited{0};
 
   void clear() {
     service_object = nullptr;
     event_cb = nullptr;
     operational_status_cb = nullptr;
+    command_cb = nullptr;
+    inited = 0;
   }
 };
 
@@ -149,6 +155,7 @@ void vs_client_ind_hdlr(unsigned int msg_id, const uint8_t* decoded) {
 void vs_init(vs_response_cb response_cb) {
   g_response_cb = response_cb;
   vs_client_info.clear();
+  vs_client_info.command_cb = vs_client_command_cb;
   vs_client_info.service_object = vs_get_service_object_internal_v01(1, 2, 6);
 }
 
@@ -157,6 +164,7 @@ uint32_t vs_client_init(vs_event_cb event_cb) {
   tervik_log_debug("Client connecting to QMI FW");
   report_status(VS_CONNECTING);
   const uint32_t res = vs_client_init_client_handles();
+  vs_client_info.inited = res;
   report_status(res == 1 ? VS_CONNECTED : VS_CONNECT_FAILED);
   tervik_log_debug("function exit, res = %d", res);
   return res;

@@ -1,5 +1,6 @@
 #include "pdc_utils.h"
 
+#include <atomic>
 #include <cstring>
 #include <mutex>
 
@@ -21,6 +22,8 @@ using pdc_lock = std::unique_lock<qtimutex::QtiSharedMutex>;
 qmi_idl_service_object_type pdc_service() {
   return pdc_get_service_object_internal_v01(1, 18, 6);
 }
+
+std::atomic<bool (*)()> g_may_process{[] { return true; }};
 
 constinit tervik_qmi_client g_pdc_client({
     .service_object = pdc_service,
@@ -76,8 +79,9 @@ void qmi_pdc_init_pdc_info_ex() {
   tervik_log_error("pdc_info init done");
 }
 
-int pdc_init_ex() {
+int pdc_init_ex(bool (*may_process)()) {
   qmi_pdc_init_pdc_info_ex();
+  g_may_process = may_process;
   return g_pdc_client.open(TERVIK_LOG_PLACE) == QMI_NO_ERR ? PDC_SUCCESS : PDC_FAILURE;
 }
 
@@ -520,7 +524,7 @@ void qmi_pdc_unsol_ind_cb_ex(qmi_client_type user_handle, unsigned int msg_id, v
                              unsigned int ind_buf_len, void* ind_cb_data) {
   tervik_log_debug("msg_id: 0x%02x, ind_buf = 0x%x, ind_buf_len: %d, ind_cb_data = 0x%x", msg_id,
                    low_32(ind_buf), ind_buf_len, low_32(ind_cb_data));
-  if (!tervik_mbn_debug_all_pdc_no_rsp_count_check()) {
+  if (!g_may_process.load()()) {
     tervik_log_error("tervik_mbn_debug_all_pdc_no_rsp_count_check fail");
     return;
   }

@@ -84,8 +84,10 @@ extern pdc_info_s_type& g_pdc_info_ex;
 
 // Clears every waiter and the test's fields.
 void qmi_pdc_init_pdc_info_ex();
-// Resets the state and connects: at most 20 attempts, 5 s apart. 0, or -1.
-[[nodiscard]] int pdc_init_ex();
+// Resets the state and connects: at most 20 attempts, 5 s apart. 0, or -1. `may_process` is the MBN
+// layer's tervik_mbn_debug_all_pdc_no_rsp_count_check: asked before an indication is looked at,
+// false when indications are to be dropped. Framework thread.
+[[nodiscard]] int pdc_init_ex(bool (*may_process)());
 // Releases the client if there is one.
 void pdc_clean_ex();
 
@@ -118,9 +120,6 @@ void qmi_pdc_request_timer_timeout_proc(union sigval value);
 // The indication callback. Framework thread.
 void qmi_pdc_unsol_ind_cb_ex(qmi_client_type user_handle, unsigned int msg_id, void* ind_buf,
                              unsigned int ind_buf_len, void* ind_cb_data);
-// Asked before an indication is looked at, and defined by the MBN layer: false when the debug
-// property "persist.radio.all_pdc_no_rsp_count" has all indications dropped.
-[[nodiscard]] bool tervik_mbn_debug_all_pdc_no_rsp_count_check();
 
 // ---- self-test of waiting and notifying: the outcome is in the log; takes 1010 s ----
 

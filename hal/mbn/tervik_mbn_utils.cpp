@@ -48,7 +48,7 @@ int tervik_mbn_init(uint8_t force_init) {
   pdc_clean_ex();
   tervik_log_debug("start tervik pdc init, g_tervik_pdc_init_status = %d, force_init = %d",
                    g_tervik_pdc_init_status, force_init);
-  g_tervik_pdc_init_status = pdc_init_ex();
+  g_tervik_pdc_init_status = pdc_init_ex(tervik_mbn_debug_all_pdc_no_rsp_count_check);
   if (g_tervik_pdc_init_status != 0) {
     tervik_log_error("pdc init failed, g_tervik_pdc_init_status = %d", g_tervik_pdc_init_status);
   }

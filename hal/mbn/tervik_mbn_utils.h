@@ -21,3 +21,6 @@
 
 // Deactivates a configuration, then has the modem sync its NV items to storage.
 void tervik_mbn_deactivate_config(uint32_t sub, uint32_t config_type);
+// False when the debug property "persist.radio.all_pdc_no_rsp_count" has the PDC client drop all
+// indications.
+[[nodiscard]] bool tervik_mbn_debug_all_pdc_no_rsp_count_check();
