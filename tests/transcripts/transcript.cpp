@@ -20,6 +20,7 @@
 #include "tervik_kiv_smart_test.h"
 #include "tervik_kiv_test_main.h"
 #include "tervik_utils_cmn.h"
+#include "tervik_utils_outcome.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/virtual_time.h"
 
@@ -126,8 +127,16 @@ class Recorder {
     for (const LogLine& each : log) log_line(each, thread_number());
   }
 
+  // The first failure counts.
+  void failure(int code, const char* said) {
+    if (!verdict_.empty()) return;
+    verdict_ = " => " + std::to_string(code);
+    if (said != nullptr) verdict_ += std::string(", ") + said;
+  }
+
   void finish(int descriptor) {
     take_output();
+    if (!verdict_.empty()) lines_ += verdict_ + "\n";
     time_passes();
     lines_ += "took " + std::to_string(virtual_now().count()) + "\n";
     for (size_t done = 0; done < lines_.size();) {
@@ -182,6 +191,7 @@ class Recorder {
   Statement pending_{};
   std::chrono::nanoseconds seen_{};
   std::string lines_;
+  std::string verdict_;
 };
 
 Recorder* g_recorder = nullptr;
@@ -228,6 +238,8 @@ Strings arguments_of(const std::string& line) {
   if (kRecords) {
     g_recorder = new Recorder;
     tervik_set_log_observer(observe);
+    tervik_set_outcome_observer(
+        {.failed = [](int code, const char* said) { g_recorder->failure(code, said); }});
   } else if (freopen("/dev/null", "w", stdout) == nullptr) {
     abort();
   }
