@@ -23,8 +23,7 @@
 #include <vector>
 
 #include "argument_check.h"
-#include "command_text.h"
-#include "error_codes.h"
+#include "document_rows.h"
 #include "program.h"
 #include "tervik_kiv_test_main.h"
 #include "tervik_utils_cmn.h"
@@ -251,15 +250,14 @@ std::string json_list(const strings& texts) {
 }
 
 // One line of JSON.
-std::string record_of(const strings& arguments, const run_result& run, const error_code* known) {
+std::string record_of(const strings& arguments, const run_result& run,
+                      const error_meaning& meaning) {
   std::string record =
       "{\"arguments\":" + json_list(arguments) + ",\"verdict\":" + json_string(verdict_of(run));
   if (run.has_failed) {
-    record +=
-        ",\"statement\":" + json_string(run.statement) + ",\"code\":" + std::to_string(run.code);
-  }
-  if (known != nullptr) {
-    record += ",\"name\":" + json_string(known->name) + ",\"cause\":" + json_string(known->cause);
+    record += ",\"statement\":" + json_string(run.statement) +
+              ",\"code\":" + std::to_string(run.code) + ",\"name\":" + json_string(meaning.name) +
+              ",\"cause\":" + json_string(meaning.cause);
   }
   record += ",\"read\":[";
   for (const auto& [name, bytes] : run.read) {
@@ -272,11 +270,14 @@ std::string record_of(const strings& arguments, const run_result& run, const err
          "}\n";
 }
 
-int finish(const run_result& run, const error_code* known) {
+int finish(const run_result& run, const error_meaning& meaning) {
   std::string reason = verdict_of(run);
   if (run.has_failed) {
     reason += ": " + run.statement + " (" + std::to_string(run.code);
-    reason += known != nullptr ? std::string(" ") + known->name + ": " + known->cause + ")" : ")";
+    if (!meaning.name.empty()) {
+      reason += ' ' + meaning.name + ": " + meaning.cause + "; " + meaning.remedy;
+    }
+    reason += ')';
   }
   if (run.has_lost_output) {
     refuse("the output could not be delivered; the verdict is " + reason);
@@ -350,15 +351,15 @@ int check(const options& wanted, const std::vector<char*>& words, const strings&
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
   }
-  const error_code* const known =
-      run.has_failed ? find_error_code(arguments[0].c_str(), run.code) : nullptr;
+  const error_meaning meaning =
+      meaning_of(run.code, arguments[0], arguments.size() > 1 ? arguments[1] : "");
   if (record_file >= 0) {
-    const std::string record = record_of(arguments, run, known);
+    const std::string record = record_of(arguments, run, meaning);
     if (write(record_file, record.data(), record.size()) != static_cast<ssize_t>(record.size())) {
       refuse(std::string(wanted.record_file) + ": " + strerror(errno));
     }
   }
-  return finish(run, known);
+  return finish(run, meaning);
 }
 
 }  // namespace

@@ -64,6 +64,8 @@ case_verdicts() {
   rm -rf state/* record
   check -n 4 4 0 "/a b'c"
   expect 'what would be run' "0 kiv 4 4 0 '/a b'\\''c'" "$? $(cat out)"
+  check 4 1 0 551
+  expect 'what a code means' 1 "$(grep -c '(5 not active: nobody has written this NV item; ' err)"
   check help 4 1
   expect 'help of a command' "0 kiv 4 1 0 550" "$? $(sed -n 's/^  example: //p' out)"
   for arguments in '' '-x 4' '-t 0 4' '-t x 4' '-j /nowhere/record 4 1 0 550' 'help 44'; do
