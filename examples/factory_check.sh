@@ -1,7 +1,9 @@
 #!/bin/sh
+# usage: factory_check.sh FOLDER
+#
 # A small factory check of a handset's modem: saves two items, writes them, restarts the modem, looks
-# whether it kept them, and prints a table of verdicts. Ends with status 0 when every step passed; when
-# one did not, the items are put back and the status is 1. usage: factory_check.sh FOLDER
+# whether it kept them, and prints a table of verdicts, each failure with its reason. Ends with status 0
+# when every step passed; when one did not, the items are put back and the status is 1.
 #
 # FOLDER, which is made, gets what a run leaves: restore.sh, which puts the items back, records.json,
 # one line for each run of kiv, and what each step printed.
@@ -11,6 +13,7 @@
 #   stats.0x52.0 = none           no measurement: only the step "signal" fails
 #   eid = none                    only the step "eSIM" fails
 set -u
+case ${1-} in -h | --help) sed -n '2,/^set -u/{/^#/s/^# \{0,1\}//p;}' "$0" && exit ;; esac
 # The programs of the PATH, else those of the build beside this folder.
 command -v kiv-check >/dev/null || PATH=$(cd "$(dirname "$0")/../build/release" && pwd):$PATH
 folder=${1:?usage: factory_check.sh FOLDER}
@@ -35,6 +38,7 @@ step() {
     *) verdict=FAIL failed=1 ;;
   esac
   printf '%-8s %-9s kiv %s\n' "$name" "$verdict" "$*"
+  [ "$verdict" = pass ] || sed -n '$s/^/         /p' "$folder/$name.txt"
 }
 
 # Passes when the bytes that a step read are these.

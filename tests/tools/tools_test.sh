@@ -120,11 +120,12 @@ relay_row() { # FOLDER MODEM.CONF ARGUMENTS
   mv found differences
 }
 
-# The number of processes that run "kiv 11 9", once it is $1.
-endless() {
+# The number of processes that have the word $2 in their command line and this test's state
+# directory, once it is $1.
+processes() {
   for _ in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20; do
     count=$(grep -lz "KIV_STATE_DIR=$room/state" /proc/[0-9]*/environ 2>/dev/null |
-      while read -r path; do grep -lzx 11 "${path%environ}cmdline" 2>/dev/null; done | wc -l)
+      while read -r path; do grep -lzx "$2" "${path%environ}cmdline" 2>/dev/null; done | wc -l)
     [ "$count" -ne "$1" ] || break
     sleep 0.1
   done
@@ -160,16 +161,16 @@ case_streams() {
   done
   rm state/properties
   check -t 0.3 11 9
-  expect 'time-out, processes left' '124 0' "$? $(endless 0)"
+  expect 'time-out, processes left' '124 0' "$? $(processes 0 11)"
   for signal in 1 2 9 15; do
     kiv-check -j record 11 9 >/dev/null 2>err &
-    expect "signal $signal: processes of a run" 2 "$(endless 2)"
+    expect "signal $signal: processes of a run" 2 "$(processes 2 11)"
     kill -"$signal" $! && wait $! 2>/dev/null
     expect "signal $signal: status, processes left, records" "$((128 + signal)) 0 " \
-      "$? $(endless 0) $(find . -name record -size +0)"
+      "$? $(processes 0 11) $(find . -name record -size +0)"
   done
   kiv-check -t 0.3 11 9 2>err | sleep 1 # a reader that takes nothing
-  expect 'a reader that takes nothing, processes left' 0 "$(endless 0)"
+  expect 'a reader that takes nothing, processes left' 0 "$(processes 0 11)"
 }
 
 save_and_restore() {
@@ -242,6 +243,55 @@ case_example() {
   rm -rf state/* && echo 'stats.0x52.0 = none' >state/modem.conf
   "$project/examples/factory_check.sh" bad >out
   expect 'no signal' '1 signal ' "$? $(awk '/FAIL/ { print $1 }' out) $(find state/nv state/efs -type f)"
+}
+
+# A hundred handsets, some faulty; one hangs, one is pulled off, one has an odd name. The run is ended
+# in the middle and typed again.
+case_line() {
+  cat >reach <<'END'
+#!/bin/sh
+mkdir -p "units/$1" && cd "units/$1" && mkdir -p state || exit
+case $1 in
+  *bad) echo 'eid = none' >state/modem.conf ;;
+  *hang) echo 'fault.extension = down' >state/modem.conf && exec sleep "77.$HANG" ;;
+  *gone) echo 'line_check' && exit 255 ;;
+esac
+export KIV_STATE_DIR="$PWD/state"
+exec sh -c "$2"
+END
+  cat >check.sh <<'END'
+kiv-check -t 60 4 2 0 3000 1 2 3 >steps && kiv-check -t 60 5 10 3 0 >>steps 2>&1 || {
+  echo 'eSIM FAIL' && sed -n '$p' steps
+  false
+}
+status=$?
+echo "ran 'once' \$* " >>runs
+exit $status
+END
+  chmod +x reach && seq -f 'unit-%g' 1 90 >list
+  printf '%s\n' a@1.2.3.4:5555 b-hang c-gone 1-bad 2-bad 3-bad 4-bad 5-bad unit-a unit+b >>list
+  export HANG="$$"
+  set -- -j 4 -t 5 -r "$PWD/reach {}" -c "sh '$PWD/check.sh'" results list
+  "$project/examples/line_check.sh" "$@" >out 2>err &
+  sleep 1
+  kill -s TERM $! && wait $!
+  expect 'ended' "143 0" "$? $(processes 0 "77.$$")"
+  "$project/examples/line_check.sh" "$@" >out 2>err
+  expect 'result' '2 93 good, 5 failed, 2 not finished' "$? $(tail -n 1 out)"
+  expect 'each handset once' '98 98' "$(cat units/*/runs | wc -l) $(find units -name runs | wc -l)"
+  expect 'reasons' 5 "$(grep -c '^  kiv-check: failure: .*eSIM' results/summary)"
+  expect 'not finished' 'b-hang c-gone' "$(awk '/NOT FINISHED/ { print $3 }' out | xargs)"
+  : >units/c-gone/state/x && sed -i '/gone/d' reach
+  "$project/examples/line_check.sh" "$@" >out 2>err
+  expect 'another try' '2 94 good, 5 failed, 1 not finished' "$? $(tail -n 1 out)"
+  expect 'each handset once' 99 "$(cat units/*/runs | wc -l)"
+  for row in '' 'results' 'results nothing' '-x 1' '-j 1 results reach' 'results other'; do
+    echo only >other
+    "$project/examples/line_check.sh" $row >out 2>err
+    expect "line_check.sh $row" 2 "$?"
+  done
+  expect 'help' '0 0' "$("$project/examples/line_check.sh" --help >out; echo $?) $(
+    "$project/examples/factory_check.sh" --help >out; echo $?)"
 }
 
 # The outcomes that docs/factory.md tells how to provoke: each row's modem.conf, command and verdict.

@@ -1,0 +1,92 @@
+#!/bin/sh
+# shellcheck disable=SC2016,SC2317 # texts for another shell; traps call functions
+# Checks every handset of a list at once, by GNU parallel, and sums up.
+set -u
+
+usage='usage: line_check.sh [-j JOBS] [-t SECONDS] [-r REACH] [-c COMMAND] RESULTS LIST [-- OPTION...]
+
+LIST is a file with a handset in each line: its serial number, or any name without blanks and slashes.
+Each handset is checked by a factory script, whose output and records go to RESULTS/HANDSET, a file
+each. A run that was stopped, or broke off, goes on where it stopped when the same line is typed again:
+handsets whose check has ended are not checked again. To check them again, use new RESULTS.
+
+  -j JOBS      so many handsets at once, 8 without this option
+  -t SECONDS   so long for a handset, 300 without this option
+  -r REACH     how a command reaches a handset, whose name stands for {}: "adb -s {} shell" without
+               this option. The command is its last word, for a shell at the other end
+  -c COMMAND   what is run there, with status 0 for a good handset. Without this option it is in
+               /data/local/tmp: factory_check.sh, then the records that it has left
+  OPTION       of GNU parallel, like --sshlogin 8/bench1,8/bench2 for the handsets of other computers
+
+RESULTS/summary and standard output tell of each handset: good, FAILED (with the steps that failed),
+or NOT FINISHED, when the time ran out or the handset went away; another run tries these again. The
+status is 0 when all are good, 1
+when one failed, 2 when one was not finished, or for wrong usage.'
+
+refuse() { printf 'line_check.sh: %s\n' "$1" >&2 && exit 2; }
+
+jobs=8 limit=300 reach='adb -s {} shell'
+command='cd /data/local/tmp && rm -rf check && sh factory_check.sh check
+  status=$?; cat check/records.json; exit "$status"'
+while getopts :j:t:r:c:h option; do
+  case $option in
+    j) jobs=$OPTARG ;;
+    t) limit=$OPTARG ;;
+    r) reach=$OPTARG ;;
+    c) command=$OPTARG ;;
+    h) printf '%s\n' "$usage" && exit ;;
+    *) [ "${1-}" = --help ] && printf '%s\n' "$usage" && exit
+      refuse "$usage" ;;
+  esac
+done
+shift $((OPTIND - 1))
+[ $# -ge 2 ] || refuse "$usage"
+results=$1 list=$2
+shift 2
+[ "${1-}" != -- ] || shift
+command -v parallel >/dev/null || refuse 'GNU parallel is not installed: the Debian package parallel'
+[ -s "$list" ] || refuse "no handsets in $list"
+odd=$(grep -vxE '[A-Za-z0-9._:@+-]+' "$list" | head -1)
+[ -z "$odd" ] || refuse "no name of a handset: \"$odd\""
+twice=$(sort "$list" | uniq -d | head -1)
+[ -z "$twice" ] || refuse "twice in $list: $twice"
+mkdir -p "$results" || exit 2
+cmp -s "$list" "$results/list" || { [ ! -e "$results/list" ] && cp "$list" "$results/list"; } ||
+  refuse "$results belongs to another list of handsets"
+
+# What runs at the other end tells last how it went: a handset that goes away tells nothing.
+command="($command); echo line_check: \$?"
+quoted="'$(printf '%s\n' "$command" | sed "s/'/'\\\\''/g")'"
+parallel --jobs "$jobs" --timeout "$limit" --joblog "$results/jobs" --resume-failed \
+  --results "$results/{}" --arg-file "$results/list" "$@" "$reach $quoted" \
+  >/dev/null 2>"$results/errors" &
+running=$!
+# Ended twice, parallel ends what it has started.
+stop() {
+  kill -s TERM "$running"
+  sleep 0.2
+  kill -s TERM "$running" 2>/dev/null
+  wait "$running"
+  exit "$1"
+}
+trap 'stop 129' HUP && trap 'stop 130' INT && trap 'stop 143' TERM
+wait "$running"
+trap - HUP INT TERM
+
+while read -r handset; do
+  case $(tail -n 1 "$results/$handset" 2>/dev/null) in
+    'line_check: 0') echo "good          $handset" ;;
+    'line_check: '*)
+      echo "FAILED        $handset"
+      grep -A 1 -E 'FAIL|TIME OUT|NOT RUN' "$results/$handset" | sed 's/^/  /' ;;
+    *) echo "NOT FINISHED  $handset" ;;
+  esac
+done <"$results/list" >"$results/summary.new"
+status=0
+! grep -q '^FAILED' "$results/summary.new" || status=1
+! grep -q '^NOT FINISHED' "$results/summary.new" || status=2
+mv "$results/summary.new" "$results/summary" && cat "$results/summary"
+awk '/^[gFN]/ { count[$1]++ }
+  END { printf "%d good, %d failed, %d not finished\n", count["good"], count["FAILED"], count["NOT"] }' \
+  "$results/summary"
+exit "$status"
