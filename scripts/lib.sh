@@ -24,7 +24,8 @@ install_missing() {
 }
 
 build_packages=(g++ cmake ninja-build)
-test_packages=(libgtest-dev libbenchmark-dev clang-format clang-tidy git groff-base shellcheck busybox mksh parallel)
+test_packages=(libgtest-dev libbenchmark-dev clang-format clang-tidy git groff-base shellcheck busybox mksh parallel
+  zsh lintian)
 aarch64_packages=(g++-aarch64-linux-gnu qemu-user)
 fuzz_packages=(clang libclang-rt-14-dev libgtest-dev)
 
