@@ -1,4 +1,4 @@
-#include "tests/transcripts/calls.h"
+#include "tests/transcripts/scenarios.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -14,4 +14,8 @@ struct ScenarioTable {
 
 std::span<const ScenarioTable> scenario_tables();
 
+// Calls of the libraries that no command line makes: wrong arguments, and callbacks that are called
+// by hand. Each scenario is a few of them, without the tool.
+std::span<const Scenario> call_scenarios();
+
 }  // namespace kiv::test

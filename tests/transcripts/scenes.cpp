@@ -18,7 +18,6 @@
 #include <utility>
 #include <vector>
 
-#include "platform/diag/diag_library.h"
 #include "platform/modem/pdc_service.h"
 #include "platform/modem/uim_service.h"
 #include "platform/qmi/service_bus.h"
@@ -35,17 +34,6 @@ using Bytes = std::vector<uint8_t>;
 // ---- AT ----
 
 int g_modem = -1;  // the modem's end of the channel
-
-void open_at_channel() {
-  g_modem = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-  if (grantpt(g_modem) != 0 || unlockpt(g_modem) != 0) abort();
-  g_at_device_path = ptsname(g_modem);
-  const int channel = open(g_at_device_path, O_RDWR | O_NOCTTY | O_CLOEXEC);
-  termios settings{};
-  tcgetattr(channel, &settings);
-  cfmakeraw(&settings);
-  tcsetattr(channel, TCSANOW, &settings);
-}
 
 // Answers a command with the command itself, a second after it has come, so that it is seen what
 // arrives at the device.
@@ -81,14 +69,14 @@ void start(void* (*routine)(void*)) {
 // ---- DIAG ----
 
 // A modem that echoes commands, and the faults of the library.
-void diag_with(platform::DiagFaults faults, std::vector<platform::DiagAnswer> streams = {}) {
-  platform::set_diag_modem({.processor =
-                                [streams](std::span<const uint8_t> command) {
-                                  std::vector<platform::DiagAnswer> answers = streams;
-                                  answers.push_back({.bytes = {command.begin(), command.end()}});
-                                  return answers;
-                                },
-                            .faults = faults});
+void diag_with(const platform::DiagFaults& faults,
+               const std::vector<platform::DiagAnswer>& streams = {}) {
+  const auto echo = [streams](std::span<const uint8_t> command) {
+    std::vector<platform::DiagAnswer> answers = streams;
+    answers.push_back({.bytes = {command.begin(), command.end()}});
+    return answers;
+  };
+  platform::set_diag_modem({.processor = echo, .faults = faults});
 }
 
 // ---- services ----
@@ -123,16 +111,23 @@ void uim_answers(void (*fill)(uint16_t message, std::span<uint8_t> response)) {
 }  // namespace
 
 void at_channel_silent() {
-  open_at_channel();
+  g_modem = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (grantpt(g_modem) != 0 || unlockpt(g_modem) != 0) abort();
+  g_at_device_path = ptsname(g_modem);
+  const int channel = open(g_at_device_path, O_RDWR | O_NOCTTY | O_CLOEXEC);
+  termios settings{};
+  tcgetattr(channel, &settings);
+  cfmakeraw(&settings);
+  tcsetattr(channel, TCSANOW, &settings);
 }
 
 void at_channel_echoes() {
-  open_at_channel();
+  at_channel_silent();
   start(echo_command);
 }
 
 void at_channel_is_full_at_first() {
-  open_at_channel();
+  at_channel_silent();
   const int channel = open(g_at_device_path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   const std::string filling(4096, 'x');
   // The kernel moves bytes on by itself, in the machine's own time: it must come to its end.
@@ -146,7 +141,7 @@ void at_channel_is_full_at_first() {
 }
 
 void at_channel_answers_at_length() {
-  open_at_channel();
+  at_channel_silent();
   const std::string answer = std::string("%s%n\0", 5) + std::string(595, 'x');
   if (write(g_modem, answer.data(), answer.size()) != 600) abort();
 }
@@ -170,7 +165,7 @@ void share_memory_is_a_pipe() {
 }
 
 void all_is_silent() {
-  open_at_channel();
+  at_channel_silent();
   platform::publish_service(platform::kPdcServiceId,
                             [](auto...) { return platform::ServiceReply::silence(); });
 }
@@ -182,33 +177,8 @@ void diag_streams() {
                  {.bytes = {0x10, 2}, .stream = Stream::kDciLog},
                  {.bytes = {0x60, 2}, .stream = Stream::kDciEvent}});
 }
-void diag_fails_to_register() {
-  diag_with({.register_dci_client = 1004});
-}
-void diag_fails_at_signal() {
-  diag_with({.register_dci_signal = 1005});
-}
-void diag_fails_at_support_list() {
-  diag_with({.dci_support_list = 1006});
-}
-void diag_fails_at_stream() {
-  diag_with({.register_dci_stream = 1007});
-}
-void diag_fails_to_send() {
-  diag_with({.dci_send = 1008, .release_dci_client = 1009});
-}
-
-void no_thread() {
-  fail_next_pthread_create();
-}
-void no_second_thread() {
-  fail_next_pthread_create(1);
-}
-void no_timer() {
-  fail_next_timer_create();
-}
-void no_armed_timer() {
-  fail_next_timer_settime();
+void diag_fails(const platform::DiagFaults& faults) {
+  diag_with(faults);
 }
 
 void extension_answers_briefly() {

@@ -2,6 +2,8 @@
 // the run's own process.
 #pragma once
 
+#include "platform/diag/diag_library.h"
+
 namespace kiv::test {
 
 // The AT channel: one that says nothing, one that answers a command with the command itself, one
@@ -22,19 +24,9 @@ void share_memory_is_a_pipe();
 // modem.conf drops indications alone).
 void all_is_silent();
 
-// DIAG: two log packets and two events on their streams before the answer, or a call that fails.
+// DIAG: two log packets and two events on their streams before the answer, or calls that fail.
 void diag_streams();
-void diag_fails_to_register();
-void diag_fails_at_signal();
-void diag_fails_at_support_list();
-void diag_fails_at_stream();
-void diag_fails_to_send();
-
-// The next thread cannot be started, or the one after it; the next timer cannot be made, or armed.
-void no_thread();
-void no_second_thread();
-void no_timer();
-void no_armed_timer();
+void diag_fails(const platform::DiagFaults& faults);
 
 // The extension service answers with too few bytes, without a payload, or with a length of 600 that
 // it does not carry.

@@ -16,9 +16,15 @@
 
 #include <chrono>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kiv::test {
+
+using Strings = std::vector<std::string>;
+
+// The parts of the text between the marks; nothing behind a mark at the end is no part.
+Strings split(std::string_view text, std::string_view mark);
 
 // What a run is made from. In a command line, `word*N` stands for that word N times, and `{text*N}`
 // in a word for the text N times, and '~' for a blank in a word; ' ; ' separates the lines of
@@ -35,7 +41,7 @@ struct Scenario {
 };
 
 struct Transcript {
-  std::vector<std::string> lines;
+  Strings lines;
   std::chrono::nanoseconds took{};  // of the last run
 };
 
