@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <pthread.h>
 #include <stdlib.h>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -15,16 +14,17 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <utility>
+#include <thread>
 #include <vector>
 
 #include "platform/modem/pdc_service.h"
 #include "platform/modem/uim_service.h"
+#include "platform/qmi/qmi_idl_codec.h"
 #include "platform/qmi/service_bus.h"
 #include "tervik_kiv_at_cmd.h"
 #include "tervik_kiv_smart_test.h"
 #include "tests/support/extension_stub.h"
-#include "tests/support/virtual_time.h"
+#include "uim_idl.h"
 
 namespace kiv::test {
 namespace {
@@ -37,17 +37,16 @@ int g_modem = -1;  // the modem's end of the channel
 
 // Answers a command with the command itself, a second after it has come, so that it is seen what
 // arrives at the device.
-void* echo_command(void*) {
+void echo_command() {
   pollfd command{.fd = g_modem, .events = POLLIN, .revents = 0};
   char bytes[256];
   const ssize_t length = poll(&command, 1, -1) == 1 ? read(g_modem, bytes, sizeof(bytes)) : -1;
   sleep(1);
   if (length <= 0 || write(g_modem, bytes, static_cast<size_t>(length)) != length) abort();
-  return nullptr;
 }
 
 // Drains a channel that is full, late, and answers the command late.
-void* drain_and_answer(void*) {
+void drain_and_answer() {
   sleep(2);
   char bytes[4096];
   pollfd more{.fd = g_modem, .events = POLLIN, .revents = 0};
@@ -57,13 +56,6 @@ void* drain_and_answer(void*) {
   }
   sleep(2);
   if (write(g_modem, "OK", 2) != 2) abort();
-  return nullptr;
-}
-
-void start(void* (*routine)(void*)) {
-  pthread_t thread{};
-  if (pthread_create(&thread, nullptr, routine, nullptr) != 0) abort();
-  pthread_detach(thread);
 }
 
 // ---- DIAG ----
@@ -92,20 +84,14 @@ ExtensionAnswer answer_of_words(const std::vector<uint32_t>& words) {
   return {.result = 0, .len = static_cast<uint32_t>(payload.size()), .payload = payload};
 }
 
-// A UIM service whose responses are C structures of these sizes, by message id, filled by `fill`.
+// A UIM service whose responses are C structures, filled by `fill`.
 void uim_answers(void (*fill)(uint16_t message, std::span<uint8_t> response)) {
-  platform::publish_service(platform::kUimServiceId,
-                            [fill](uint16_t message, std::span<const uint8_t>) {
-                              constexpr std::pair<uint16_t, size_t> kSizes[] = {
-                                  {0x7A, 8}, {0x65, 32}, {0x42, 1304}, {0x3F, 1304}, {0x3B, 1052}};
-                              for (const auto& [id, size] : kSizes) {
-                                if (id != message) continue;
-                                Bytes response(size);
-                                fill(message, response);
-                                return platform::ServiceReply::response(response);
-                              }
-                              return platform::ServiceReply::silence();
-                            });
+  platform::publish_service(platform::kUimServiceId, [fill](uint16_t message, auto) {
+    const auto& idl = *uim_get_service_object_internal_v01(1, 0x71, 6);
+    Bytes response(platform::find_message(idl, QMI_IDL_RESPONSE, message)->c_struct_len);
+    fill(message, response);
+    return platform::ServiceReply::response(response);
+  });
 }
 
 }  // namespace
@@ -123,7 +109,7 @@ void at_channel_silent() {
 
 void at_channel_echoes() {
   at_channel_silent();
-  start(echo_command);
+  std::thread(echo_command).detach();
 }
 
 void at_channel_is_full_at_first() {
@@ -137,7 +123,7 @@ void at_channel_is_full_at_first() {
     timeval moment{.tv_sec = 0, .tv_usec = 20'000};
     select(0, nullptr, nullptr, nullptr, &moment);
   }
-  start(drain_and_answer);
+  std::thread(drain_and_answer).detach();
 }
 
 void at_channel_answers_at_length() {
