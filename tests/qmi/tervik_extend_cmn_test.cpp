@@ -5,7 +5,6 @@
 
 #include <climits>
 
-#include "nas_idl.h"
 #include "sar_idl.h"
 #include "tests/qmi/extension_client_fixture.h"
 #include "uim_idl.h"
@@ -133,26 +132,6 @@ TEST_F(ExtendSar, FailedRequestDropsTheClientAndTheNextMakesANewOne) {
   publish();  // the client of before stays dead
   EXPECT_EQ(tervik_get_sar_dsi(), -1);
   EXPECT_EQ(tervik_get_sar_dsi(), 0);
-}
-
-// ---- NAS ----
-
-class ExtendNas : public OtherServiceTest {
- protected:
-  ExtendNas() : OtherServiceTest(nas_get_service_object_internal_v01(1, 0x199, 6)) {}
-};
-
-TEST_F(ExtendNas, TheLossOfTheServiceIsToldAndTheClientIsReleased) {
-  answer_ = [this](uint16_t) {
-    platform::withdraw_service(kServiceId);
-    usleep(1);  // the framework's thread calls back
-    return ServiceReply::response(Bytes(8));
-  };
-  publish();
-  Bytes any(576);
-  const LogCapture log;
-  EXPECT_EQ(tervik_send_nas_qmi_req_msg(0x85, any.data(), 576, any.data(), 8, 1), 0);
-  EXPECT_EQ(log.count("QMI error callback -2"), 1u);
 }
 
 // ---- SIM cards ----
