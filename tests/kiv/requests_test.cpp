@@ -4,7 +4,7 @@
 #include <cstring>
 #include <utility>
 
-#include "nas_idl.h"
+#include "platform/modem/nas_service.h"
 #include "platform/modem/uim_service.h"
 #include "tervik_extend_cmn.h"
 #include "tervik_kiv_test_main.h"
@@ -12,8 +12,6 @@
 
 namespace kiv::test {
 namespace {
-
-using platform::ServiceReply;
 
 // Runs the tool; what it prints. Behind the words of the line come the numbers 1, 2, 3 and so on.
 std::string run(const std::string& line, size_t numbers = 0) {
@@ -118,15 +116,15 @@ TEST_F(Requests, CommandLinesAreSentInTheirBytes) {
 // ---- other services ----
 
 TEST_F(Requests, ScansAreSentEmptyAndHearOfTheLossOfTheirService) {
-  const uint32_t service = nas_get_service_object_internal_v01(1, 0x199, 6)->service_id;
+  const platform::Service modem = platform::make_nas_service({});
   std::vector<std::pair<uint16_t, Bytes>> sent;
   const LogCapture log;
   for (const char* line : {"12 0", "12 1"}) {
-    platform::publish_service(service, [&](uint16_t id, std::span<const uint8_t> bytes) {
+    platform::publish_service(platform::kNasServiceId, [&](uint16_t id, auto bytes) {
       sent.emplace_back(id, Bytes(bytes.begin(), bytes.end()));
-      platform::withdraw_service(service);
+      platform::withdraw_service(platform::kNasServiceId);
       usleep(1);  // the framework's thread calls back
-      return ServiceReply::silence();
+      return modem(id, bytes);
     });
     run(line);
   }
