@@ -1,12 +1,8 @@
 // docs/commands.md against the tool: the table has the commands of the tool with their arguments,
 // and no command takes longer than its row says, whatever the modem does.
-#include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <limits>
-#include <string>
-#include <vector>
 
 #include "tervik_kiv_test_main.h"
 #include "tests/support/state_directory_fixture.h"

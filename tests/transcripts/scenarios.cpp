@@ -1,7 +1,6 @@
-#include "tests/transcripts/scenarios.h"
-
 #include "tests/support/virtual_time.h"
 #include "tests/transcripts/scenes.h"
+#include "tests/transcripts/transcript.h"
 
 namespace kiv::test {
 namespace {

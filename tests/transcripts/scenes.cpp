@@ -15,7 +15,6 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <vector>
 
 #include "platform/modem/pdc_service.h"
 #include "platform/modem/uim_service.h"

@@ -8,12 +8,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <stdexcept>
-#include <string_view>
 #include <utility>
 
 #include "tervik_kiv_at_cmd.h"

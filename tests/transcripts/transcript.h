@@ -15,6 +15,7 @@
 #pragma once
 
 #include <chrono>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,6 +40,18 @@ struct Scenario {
   const char* files = "";
   void (*scene)() = nullptr;
 };
+
+// The scenarios whose transcripts one of the golden texts holds.
+struct ScenarioTable {
+  const char* name;  // of the golden text
+  std::span<const Scenario> scenarios;
+};
+
+std::span<const ScenarioTable> scenario_tables();
+
+// Calls of the libraries that no command line makes: wrong arguments, and callbacks that are called
+// by hand. Each scenario is a few of them, without the tool.
+std::span<const Scenario> call_scenarios();
 
 struct Transcript {
   Strings lines;
