@@ -1,11 +1,8 @@
 // The kiv binary as an operator or a factory script starts it: exit status, both standard streams
 // with their prefixes and masks, and the state directory between runs. What a command prints is in
 // the transcripts.
-#include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <string>
-#include <vector>
 
 #include "tests/e2e/program_runner.h"
 #include "tests/support/state_directory_fixture.h"

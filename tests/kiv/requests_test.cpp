@@ -1,7 +1,5 @@
 // What command lines send, byte by byte: the transcripts show everything else of a run.
-#include <gtest/gtest.h>
 
-#include <cstring>
 #include <utility>
 
 #include "platform/modem/nas_service.h"

@@ -1,6 +1,5 @@
 #include "tervik_utils_cmn.h"
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
