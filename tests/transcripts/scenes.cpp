@@ -57,24 +57,7 @@ void drain_and_answer() {
   if (write(g_modem, "OK", 2) != 2) abort();
 }
 
-// ---- DIAG ----
-
-// A modem that echoes commands, and the faults of the library.
-void diag_with(const platform::DiagFaults& faults,
-               const std::vector<platform::DiagAnswer>& streams = {}) {
-  const auto echo = [streams](std::span<const uint8_t> command) {
-    std::vector<platform::DiagAnswer> answers = streams;
-    answers.push_back({.bytes = {command.begin(), command.end()}});
-    return answers;
-  };
-  platform::set_diag_modem({.processor = echo, .faults = faults});
-}
-
 // ---- services ----
-
-void extension_answers(const ExtensionStub::AnswerFunction& answer) {
-  new ExtensionStub(answer);
-}
 
 // The words of a payload, and no more than them.
 ExtensionAnswer answer_of_words(const std::vector<uint32_t>& words) {
@@ -155,6 +138,16 @@ void all_is_silent() {
                             [](auto...) { return platform::ServiceReply::silence(); });
 }
 
+void diag_with(const platform::DiagFaults& faults,
+               const std::vector<platform::DiagAnswer>& streams) {
+  const auto echo = [streams](std::span<const uint8_t> command) {
+    std::vector<platform::DiagAnswer> answers = streams;
+    answers.push_back({.bytes = {command.begin(), command.end()}});
+    return answers;
+  };
+  platform::set_diag_modem({.processor = echo, .faults = faults});
+}
+
 void diag_streams() {
   using Stream = platform::DiagAnswer::Stream;
   diag_with({}, {{.bytes = {0x10, 1}, .stream = Stream::kDciLog},
@@ -162,19 +155,15 @@ void diag_streams() {
                  {.bytes = {0x10, 2}, .stream = Stream::kDciLog},
                  {.bytes = {0x60, 2}, .stream = Stream::kDciEvent}});
 }
-void diag_fails(const platform::DiagFaults& faults) {
-  diag_with(faults);
-}
-
 void extension_answers_briefly() {
-  extension_answers(
+  new ExtensionStub(
       [](auto&) { return ExtensionAnswer{.result = 0, .len = 3, .payload = Bytes{}}; });
 }
 void extension_answers_nothing() {
-  extension_answers([](auto&) { return ExtensionAnswer{}; });
+  new ExtensionStub([](auto&) { return ExtensionAnswer{}; });
 }
 void extension_claims_more() {
-  extension_answers([](const ExtensionRequest& request) {
+  new ExtensionStub([](const ExtensionRequest& request) {
     constexpr uint32_t kEfsClass = 2;
     if (request.id == kEfsClass) return answer_of_words({0, 600, 600, 0, 0, 0x04030201});
     return answer_of_words({0, 0, 74, 600, 0x04030201});

@@ -24,9 +24,11 @@ void share_memory_is_a_pipe();
 // modem.conf drops indications alone).
 void all_is_silent();
 
-// DIAG: two log packets and two events on their streams before the answer, or calls that fail.
+// The DIAG modem echoes commands, and calls of the library fail. Other packets come before the
+// answer; as a scene, two log packets and two events.
+void diag_with(const platform::DiagFaults& faults,
+               const std::vector<platform::DiagAnswer>& streams = {});
 void diag_streams();
-void diag_fails(const platform::DiagFaults& faults);
 
 // The extension service answers with too few bytes, without a payload, or with a length of 600 that
 // it does not carry.

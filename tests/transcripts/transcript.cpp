@@ -177,11 +177,6 @@ class Recorder {
 
 Recorder* g_recorder = nullptr;
 
-void observe(const tervik_log_place& place, uint32_t log_class, uint32_t sub, const char*,
-             const char* text) {
-  g_recorder->statement(place, log_class, sub, text);
-}
-
 // ---- the runs ----
 
 // The words of a command line, repetitions written out.
@@ -218,7 +213,10 @@ Strings arguments_of(const std::string& line) {
   g_share_memory_file_path = share_memory.c_str();
   if (kRecords) {
     g_recorder = new Recorder;
-    tervik_set_log_observer(observe);
+    tervik_set_log_observer(
+        [](const auto& place, uint32_t log_class, uint32_t sub, const char*, const char* text) {
+          g_recorder->statement(place, log_class, sub, text);
+        });
   } else if (freopen("/dev/null", "w", stdout) == nullptr) {
     abort();
   }
