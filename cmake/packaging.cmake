@@ -12,9 +12,8 @@ add_custom_command(OUTPUT ${made}/kiv.1 ${made}/kiv.bash
   DEPENDS ${make_docs} ${docs}/commands.md ${docs}/kiv.1.in VERBATIM)
 
 set(pages kiv)
-install(TARGETS kiv)
-foreach(tool kiv-check kiv-nv-save)
-  install(PROGRAMS tools/${tool} TYPE BIN)
+install(TARGETS kiv kiv-check kiv-nv-save kiv-watch)
+foreach(tool kiv-check kiv-nv-save kiv-watch)
   configure_file(${docs}/${tool}.1 ${made}/${tool}.1 COPYONLY)
   list(APPEND pages ${tool})
 endforeach()

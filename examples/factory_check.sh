@@ -4,15 +4,15 @@
 # one did not, the items are put back and the status is 1. usage: factory_check.sh FOLDER
 #
 # FOLDER, which is made, gets what a run leaves: restore.sh, which puts the items back, records.json,
-# one line for each run of kiv, and what each step printed. KIV names the kiv to run, as for the tools.
+# one line for each run of kiv, and what each step printed.
 #
 # On a workstation the simulated modem provokes failures by modem.conf in the state directory:
 #   fault.extension = silent      the items cannot be saved: it ends before anything is changed
 #   stats.0x52.0 = none           no measurement: only the step "signal" fails
 #   eid = none                    only the step "eSIM" fails
 set -u
-tools=$(dirname "$0")/../tools
-[ ! -d "$tools" ] || PATH=$(cd "$tools" && pwd):$PATH # else those that are installed
+# The programs of the PATH, else those of the build beside this folder.
+command -v kiv-check >/dev/null || PATH=$(cd "$(dirname "$0")/../build/release" && pwd):$PATH
 folder=${1:?usage: factory_check.sh FOLDER}
 mkdir "$folder" || exit 2
 kiv-nv-save -o "$folder/restore.sh" 0 nv 3000 efs /oem/factory/station || {
@@ -30,7 +30,7 @@ step() {
   kiv-check -t "$limit" -j "$folder/records.json" "$@" >"$folder/$name.txt" 2>&1
   case $? in
     0) verdict=pass ;;
-    2) verdict='NOT RUN' failed=1 ;; # wrong usage, or a print mask that hides failures
+    2) verdict='NOT RUN' failed=1 ;; # wrong usage
     124) verdict='TIME OUT' failed=1 ;;
     *) verdict=FAIL failed=1 ;;
   esac

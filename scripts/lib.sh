@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034 # the scripts use the lists
 # Shared by the scripts of this folder: where the project is, and its Debian packages. Sourced.
 
 project_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)

@@ -15,6 +15,7 @@
 #include <set>
 
 #include "tervik_utils_cmn.h"
+#include "tervik_utils_outcome.h"
 
 // Never destroyed: the library's thread may still use it while the process exits.
 qcril_diag_rsp_buf& g_qcril_diag_rsp_buf = *new qcril_diag_rsp_buf;
@@ -677,6 +678,7 @@ void send_by_callback(const char* func, const worker_command& command) {
   // First: the run may end once no worker is pending, and nothing else tells whether the send
   // failed.
   tervik_log_debug_as(func, "ret_send = %d, will wait callback", ret_send);
+  tervik_tell_outcome(ret_send);
   remove_pending_worker(command.block);
   usleep(RESPONSE_TIME_US);
   diag_switch_logging(DIAG_USB_MODE, nullptr);
@@ -685,9 +687,11 @@ void send_by_callback(const char* func, const worker_command& command) {
 void send_by_dci(const char* func, const worker_command& command) {
   dci_client client(func);
   if (!client.register_client()) {
+    tervik_tell_outcome(-1);
     return;
   }
   const bool sent = client.send(WITHOUT_RESULT_HANDLERS, command.bytes, command.length);
+  tervik_tell_outcome(sent ? 0 : -1);
   remove_pending_worker(command.block);
   if (sent) {
     sleep(1);
@@ -709,6 +713,7 @@ void send_block(const char* func, const uint8_t* block, worker_send send) {
   tervik_log_debug_as(func, "data_len = %d", command.length);
   if (!Diag_LSM_Init(nullptr)) {
     tervik_log_debug_as(func, "LSM init failed");
+    tervik_tell_outcome(-1);
     return;
   }
   send(func, command);
@@ -748,6 +753,7 @@ unsigned tervik_diag_cmd_send_without_result_start_thread(const uint8_t* cmd, in
                           : tervik_diag_cmd_send_without_result_by_callback_mode_thread_proc,
       block.get());
   tervik_log_debug("tervik daig is created, conf = %d, diag_work_mode = %d", conf, diag_work_mode);
+  tervik_tell_outcome(conf);
   if (conf == 0) {
     static_cast<void>(block.release());  // the worker's now
   } else {
@@ -774,6 +780,7 @@ void* tervik_diag_cmd_send_without_result_by_dci_mode_thread_proc(void* block) {
 
 void tervik_diag_wait_for_workers(int time_out) {
   std::unique_lock lock(g_pending_workers.mutex);
-  g_pending_workers.changed.wait_for(lock, std::chrono::milliseconds(time_out),
-                                     [] { return g_pending_workers.blocks.empty(); });
+  const bool all_through = g_pending_workers.changed.wait_for(
+      lock, std::chrono::milliseconds(time_out), [] { return g_pending_workers.blocks.empty(); });
+  tervik_tell_outcome(all_through ? 0 : -1, "the command is not with the DIAG library in time");
 }

@@ -19,6 +19,7 @@
 #include <cstring>
 
 #include "tervik_kiv_test_args.h"
+#include "tervik_utils_outcome.h"
 
 const char* g_at_device_path = "/dev/smd8";
 const char* g_at_shell_path = _PATH_BSHELL;
@@ -182,6 +183,7 @@ void receive_answer(const char* func, int fd, int send_done_fd) {
   }
   if (received <= 0) {
     tervik_log_error_as(func, "Failed to receive bytes from server");
+    tervik_tell_outcome(-1);
     return;
   }
   answer[static_cast<size_t>(received)] = '\0';
@@ -254,6 +256,7 @@ void tervik_test_at_cmd_send(const char* at_cmd) {
   tervik_log_notice("echo, ret_sys: %d", ret_sys);
   if (ret_sys != 0) {
     tervik_log_error("Fail to send at shell cmd");
+    tervik_tell_outcome(ret_sys);
   } else {
     tervik_log_notice("Success to send at shell cmd");
   }
@@ -264,6 +267,7 @@ void* tervik_test_at_cmd_receive(void* arg) {
   const int fd = g_at_serial_fd;
   if (fd < 1) {
     tervik_log_error("The at channel is not opened, g_at_serial_fd %d", fd);
+    tervik_tell_outcome(-1);
   } else {
     receive_answer(__func__, fd, *static_cast<const int*>(arg));
   }

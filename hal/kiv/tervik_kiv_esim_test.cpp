@@ -13,6 +13,7 @@
 #include "tervik_extend_nvefs.h"
 #include "tervik_kiv_test_cmn.h"
 #include "tervik_utils_cmn.h"
+#include "tervik_utils_outcome.h"
 
 namespace {
 
@@ -52,6 +53,15 @@ constexpr const char* RESET_NOTHING_TO_DELETE = "08bf34038001019000";
 
 // Set once the EID is known to be in EFS.
 uint8_t IS_EID_SAVE = 0;
+
+// The check digits of an EID make it 1.
+int eid_remainder(const char* eid_hex) {
+  int r = 0;
+  for (size_t i = 0; i < EID_TEXT_SIZE - 1; ++i) {
+    r = (r * 10 + (eid_hex[i] - '0')) % 97;
+  }
+  return r;
+}
 
 struct eid_text {
   explicit eid_text(const uint8_t* eid) { tervik_byte_to_hex(eid, UIM_EID_SIZE, text); }
@@ -94,8 +104,10 @@ bool switch_to_esim(const char* func) {
   const eid_text text(eid);
   if (!is_eid_valid(text.text)) {
     printf("value=FAILED - %s\n", text.text);
+    tervik_tell_outcome(-1);
     return true;
   }
+  tervik_tell_bytes("eID", eid);
   save_eid_to_efs(eid);
   printf("eID=%s\n", text.text);
   return true;
@@ -119,7 +131,10 @@ bool show_eid(const char* func) {
   if (!read_eid(func, EID_ATTEMPTS, eid)) {
     return false;
   }
-  printf("eID=%s\n", eid_text(eid).text);
+  const eid_text text(eid);
+  tervik_tell_bytes("eID", eid);
+  printf("eID=%s\n", text.text);
+  tervik_tell_outcome(eid_remainder(text.text) == 1 ? 0 : -1, "the EID's check digits are wrong");
   return true;
 }
 
@@ -132,6 +147,7 @@ bool show_card_states(const char* func) {
   uint8_t bytes[sizeof(states)];
   memcpy(bytes, &states, sizeof(states));
   tervik_log_debug_as(func, "card_status, [%d, %d]", bytes[0], bytes[1]);
+  tervik_tell_bytes("card states", bytes);
   map_sim_state(bytes);
   return true;
 }
@@ -204,10 +220,7 @@ bool tervik_esim_sku_match() {
 
 bool is_eid_valid(const char* eid_hex) {
   tervik_log_debug("check whether eid valid");
-  int r = 0;
-  for (size_t i = 0; i < EID_TEXT_SIZE - 1; ++i) {
-    r = (r * 10 + (eid_hex[i] - '0')) % 97;
-  }
+  const int r = eid_remainder(eid_hex);
   if (r == 1) {
     tervik_log_debug("eid validate pass");
     return true;
@@ -233,6 +246,7 @@ void save_eid_to_efs(const uint8_t* eid) {
                    error_code);
   error_code = tervik_efs_write(EID_SUB, EID_PATH, EID_PATH_LEN, eid, len);
   tervik_log_print(LOG_CLASS_DEBUG, EID_SUB, "save eid efs result = %d", error_code);
+  tervik_tell_outcome(error_code);
   if (error_code == 0) {
     tervik_log_print(LOG_CLASS_DEBUG, EID_SUB, "save eid successfully, set IS_EID_SAVE TRUE");
     IS_EID_SAVE = 1;
@@ -265,6 +279,7 @@ int tervik_cmn_esim_test(int argc, char** argv) {
   }
   if (!is_known || !CASES[static_cast<size_t>(esim_on - 1)](__func__)) {
     puts("value=FAILED");
+    tervik_tell_outcome(-1);
   }
   return 0;
 }

@@ -5,6 +5,7 @@
 
 #include "modem_lyrax_mgr.h"
 #include "tervik_kiv_test_args.h"
+#include "tervik_utils_outcome.h"
 
 namespace {
 
@@ -17,6 +18,7 @@ bool fetch(const char* func, uint32_t (*get)(uint32_t sub, Record* record), uint
            Record* record, const char* failure) {
   if (get(sub, record) == 0) {
     tervik_log_print_as(func, LOG_CLASS_ERROR, sub, "%s", failure);
+    tervik_tell_outcome(-1);
     return false;
   }
   return true;
@@ -130,6 +132,7 @@ void tervik_test_qmi_modem_stats_tx_info(uint32_t sub) {
     tx_power = modem_tx_power_get_for_max_sub();
   }
   tervik_log_print(LOG_CLASS_HELP, sub, "TX INFO: tx_power = %d", tx_power);
+  tervik_tell_outcome(tx_power == MODEM_TX_POWER_UNAVAILABLE ? -1 : 0);
 }
 
 constexpr command_argument TX_SUB = {
@@ -197,6 +200,7 @@ void tervik_test_qmi_modem_stats_hdl(int opt, int sub) {
   if (query == nullptr) {
     tervik_log_print(LOG_CLASS_ERROR, static_cast<uint32_t>(sub),
                      "tervik_test_qmi_modem_stats_hdl: Unknown opt(%d), sub(%d)", opt, sub);
+    tervik_tell_outcome(-1);
     return;
   }
   query->run(static_cast<uint32_t>(sub));

@@ -5,6 +5,7 @@
 
 #include "tervik_kiv_lyrax_unpk.h"
 #include "tervik_kiv_test_args.h"
+#include "tervik_utils_outcome.h"
 
 namespace {
 
@@ -55,10 +56,12 @@ void tervik_test_modem_stats_get_debug_info_do(int type) {
   if (result != 0) {
     tervik_log_error("tervik_common_qmi_req fail, REQUEST_ID_COMMON, result = %d, rsp.result = %d",
                      result, rsp.result);
+    tervik_tell_outcome(result);
     return;
   }
   if (rsp.result != 0) {
     tervik_log_error("qmi response fail, result = %d, rsp.result = %d", result, rsp.result);
+    tervik_tell_outcome(rsp.result);
     return;
   }
   const std::span<const uint8_t> block = modem_stats_reply_data(rsp, received);

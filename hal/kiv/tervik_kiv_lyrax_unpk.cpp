@@ -9,6 +9,7 @@
 
 #include "tervik_kiv_lyrax_counters.h"
 #include "tervik_utils_cmn.h"
+#include "tervik_utils_outcome.h"
 
 static_assert(std::endian::native == std::endian::little);
 
@@ -364,6 +365,7 @@ std::optional<uint64_t> print_counter(const debug_counter& row, std::span<const 
   if (data.size() < row.size) {
     printf("UNPK, the data ends before %s: %zu of %d bytes received\n", row.name, data.size(),
            row.size);
+    tervik_tell_outcome(-1, "the data ends early");
     return std::nullopt;
   }
   uint64_t value = 0;
@@ -379,6 +381,7 @@ template <const auto& counters>
 std::optional<size_t> print_section(std::span<const uint8_t> data, uint64_t version) {
   if (data.data() == nullptr) {
     printf("ptr is null\n");
+    tervik_tell_outcome(-1, "there is no data");
     return 0;
   }
   std::span<const uint8_t> rest = data;
@@ -457,6 +460,7 @@ void print_logs_to_upgrade(std::span<const uint8_t> data) {
   }
   const int log_num = static_cast<int>(*counted);
   print_banner("================= FAIL ====================");
+  tervik_tell_outcome(-1, "the support check says FAIL");
   printf("Diag logs to be upgraded[num:%d]:\n", log_num);
   const int received = static_cast<int>(data.size() / sizeof(uint16_t));
   for (int i = 0; i < std::min(log_num, received); ++i) {
@@ -474,6 +478,7 @@ void print_logs_to_upgrade(std::span<const uint8_t> data) {
 void tervik_modem_stats_support_status_check(std::span<const uint8_t> data) {
   if (data.data() == nullptr) {
     printf("tervik_modem_stats_support_status_check, ptr is null\n");
+    tervik_tell_outcome(-1, "there is no data");
     return;
   }
   std::array<uint64_t, SUPPORT_COUNTERS.size()> values = {};
@@ -487,6 +492,7 @@ void tervik_modem_stats_support_status_check(std::span<const uint8_t> data) {
   const auto& [version, enable_status, version_not_support_num, ok_count, fail_count] = values;
   if (enable_status == 0) {
     print_banner("================ CLOSED ===================");
+    tervik_tell_outcome(-1, "the support check says CLOSED");
     return;
   }
   if (version_not_support_num == 0) {
@@ -500,9 +506,11 @@ void tervik_modem_stats_support_status_check(std::span<const uint8_t> data) {
   if (result != 0) {
     tervik_log_error("tervik_common_qmi_req fail, result = %d, rsp_not_support.result = %d", result,
                      rsp_not_support.result);
+    tervik_tell_outcome(result);
   } else if (rsp_not_support.result != 0) {
     tervik_log_error("qmi response fail, result = %d, rsp_not_support.result = %d", result,
                      rsp_not_support.result);
+    tervik_tell_outcome(rsp_not_support.result);
   } else {
     print_logs_to_upgrade(modem_stats_reply_data(rsp_not_support, received));
   }

@@ -5,6 +5,7 @@
 #include "pdc_utils.h"
 #include "tervik_kiv_test_args.h"
 #include "tervik_mbn_utils.h"
+#include "tervik_utils_outcome.h"
 
 namespace {
 
@@ -22,7 +23,8 @@ void reactivate(int sub_mask) {
 }
 
 void drop_responses(int count) {
-  static_cast<void>(tervik_set_property_value_to_int("persist.radio.all_pdc_no_rsp_count", count));
+  tervik_tell_outcome(tervik_set_property_value_to_int("persist.radio.all_pdc_no_rsp_count", count),
+                      "the property is not stored");
 }
 
 constexpr std::array<category_command, 4> COMMANDS = {{

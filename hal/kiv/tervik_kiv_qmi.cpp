@@ -6,6 +6,7 @@
 
 #include "tervik_extend_cmn.h"
 #include "tervik_kiv_test_args.h"
+#include "tervik_utils_outcome.h"
 
 namespace {
 
@@ -40,6 +41,8 @@ template <typename Request, typename Response>
                                                  sizeof(Response), SCAN_TIMEOUT_MS);
   if (result != 0) {
     tervik_log_error_as(func, "qmi_client_send_msg_sync fail, qmi_client_error = %d", result);
+  } else {
+    tervik_tell_answer(response->resp, "the modem refuses the scan");
   }
   return result;
 }

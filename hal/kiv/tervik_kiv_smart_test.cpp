@@ -13,6 +13,7 @@
 #include "tervik_extend_cmn.h"
 #include "tervik_extend_nvefs.h"
 #include "tervik_kiv_test_args.h"
+#include "tervik_utils_outcome.h"
 #include "tervik_utils_timer.h"
 
 const char* g_share_memory_file_path = "/data/vendor/modem/share_memory";
@@ -92,6 +93,7 @@ void switch_print(const char* func, const print_switch& print, int opt) {
   if (result != 0) {
     tervik_log_print_as(func, LOG_CLASS_ERROR, PRINT_SWITCH_SUB, "%s",
                         on ? "tervik_efs_write failed" : "tervik_efs_delete failed");
+    tervik_tell_outcome(result);
     return;
   }
   tervik_smart_test_nv_sync();
@@ -107,6 +109,7 @@ void log_shared_bytes(const char* func, int fd) {
   tervik_log_notice_as(func, "ftruncate, ret: %d", truncated);
   if (truncated != 0) {
     tervik_log_error_as(func, "ftruncate error");
+    tervik_tell_outcome(truncated);
     return;
   }
   void* mapping = mmap(nullptr, SHARE_MEMORY_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -114,6 +117,7 @@ void log_shared_bytes(const char* func, int fd) {
                        static_cast<unsigned>(reinterpret_cast<uintptr_t>(mapping)));
   if (mapping == MAP_FAILED) {
     tervik_log_error_as(func, "mmap error");
+    tervik_tell_outcome(-1);
     return;
   }
   const auto* data_ptr = static_cast<const uint8_t*>(mapping);
@@ -124,6 +128,7 @@ void log_shared_bytes(const char* func, int fd) {
   tervik_log_notice_as(func, "munmap, ret: %d", unmapped);
   if (unmapped != 0) {
     tervik_log_error_as(func, "munmap error");
+    tervik_tell_outcome(unmapped);
   }
 }
 
@@ -135,12 +140,14 @@ void log_modem_test_answer(const char* func, const tervik_common_response& rsp, 
   tervik_log_debug_as(func, "t_rsp %d", t_rsp);
   if (t_rsp != TERVIK_COMMON_MODEM_TEST) {
     tervik_log_debug_as(func, "t_rsp != t");
+    tervik_tell_outcome(-1);
     return;
   }
   const unsigned l_rsp = rsp.data_len;
   tervik_log_debug_as(func, "l_rsp %d", l_rsp);
   if (l_rsp >= MODEM_TEST_DATA_LIMIT) {
     tervik_log_debug_as(func, "l_rsp is out of range");
+    tervik_tell_outcome(-1);
     return;
   }
   unsigned cnt = 8;  // type and length
@@ -186,7 +193,8 @@ void tervik_smart_test_modem_crash() {
 void tervik_smart_test_ap_lyrax_switch(int opt) {
   tervik_log_notice("ap_lyrax_print, opt = %d", opt);
   // Whether it was stored shows after the reboot that the operator is told to make.
-  static_cast<void>(property_set("persist.vendor.radio.print_stats", opt == 1 ? "1" : "2"));
+  tervik_tell_outcome(property_set("persist.vendor.radio.print_stats", opt == 1 ? "1" : "2"),
+                      "the property is not stored");
   tervik_log_notice("success, need to reboot");
 }
 
@@ -214,6 +222,7 @@ void tervik_smart_test_sh_test_read() {
   tervik_log_notice("open, fd: %d", fd);
   if (fd < 0) {
     tervik_log_error("shm_open error");
+    tervik_tell_outcome(fd);
     return;
   }
   log_shared_bytes(__func__, fd);
@@ -230,6 +239,7 @@ void tervik_smart_test_tervik_timer(int timeout_s) {
   if (timer_id == 0) {
     g_tervik_timer_running = 0;
     tervik_log_error("note: the timer could not be started, timeout_s = %d", timeout_s);
+    tervik_tell_outcome(-1);
     return;
   }
   tervik_log_notice("Start one timer(timer_id %d), will pause until this timer is expired ...",
@@ -272,6 +282,7 @@ void tervik_qmi_send_modem_test_request(int type) {
   const int result = tervik_qmi_result_map(
       tervik_send_common_qmi_msg(TERVIK_COMMON_MODEM_TEST, sizeof(type), &type, &rsp, &received));
   tervik_log_notice("result = %d, rsp.result = %d", result, rsp.result);
+  tervik_tell_outcome(result != 0 ? result : rsp.result);
   if (result != 0) {
     tervik_log_debug("tervik_extend_qmi_send_sync fail, REQUEST_ID_COMMON");
   } else if (rsp.result != 0) {

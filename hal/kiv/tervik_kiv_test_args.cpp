@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "tervik_utils_outcome.h"
+
 namespace {
 
 void log_error(const tervik_log_place& place, const char* text) {
@@ -41,6 +43,7 @@ bool find_and_run(const tervik_log_place& place, const command_category& categor
     return false;
   }
   const int result = run_command(place, *command, argc, argv);
+  tervik_tell_outcome(result);
   if (result != 0 && command->failure != nullptr) {
     log_error(place, command->failure);
   } else if (result != 0 && category.tells_error_codes) {
@@ -105,6 +108,7 @@ void tervik_run_category(const tervik_log_place& place, const command_category& 
 
 void tervik_print_byte_lines(const tervik_log_place& place, uint32_t log_class, uint32_t sub,
                              std::span<const uint8_t> bytes) {
+  tervik_tell_bytes(place.func, bytes);
   for (const uint8_t byte : bytes) {
     tervik_log_write(place, log_class, sub, " %02X", byte);
   }

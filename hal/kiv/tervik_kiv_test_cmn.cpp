@@ -14,6 +14,7 @@
 #include "tervik_extend_cmn.h"
 #include "tervik_kiv_esim_test.h"
 #include "tervik_kiv_test_args.h"
+#include "tervik_utils_outcome.h"
 
 namespace {
 
@@ -166,8 +167,10 @@ unsigned send_without_result(const diag_transport& transport, std::span<const ui
     return static_cast<int>(result);
   }
   if (with_result) {
+    const auto answer = std::span(response).first(static_cast<size_t>(response_len));
+    tervik_tell_bytes("DIAG answer", answer);
     printf("rsp data len(%d)\nrsp data:", response_len);
-    print_bytes(std::span(response).first(static_cast<size_t>(response_len)), " ", "");
+    print_bytes(answer, " ", "");
   } else {
     printf("done without rsp data\n");
   }
@@ -185,8 +188,11 @@ void print_common_answer(const tervik_common_response& response, int received) {
   const auto* bytes = reinterpret_cast<const uint8_t*>(&response);
   const auto end = std::min(static_cast<size_t>(received),
                             offsetof(tervik_common_response, data) + size_t{response.data_len});
-  for (size_t i = offsetof(tervik_common_response, type); i < end; ++i) {
-    printf(" %02X", bytes[i]);
+  constexpr size_t START = offsetof(tervik_common_response, type);
+  const std::span answer(bytes + START, end > START ? end - START : 0);
+  tervik_tell_bytes("common answer", answer);
+  for (const uint8_t byte : answer) {
+    printf(" %02X", byte);
   }
   printf("\n");
 }
@@ -307,6 +313,7 @@ int tervik_cmn_cmd_send(int type, unsigned int len, const char* data) {
     tervik_log_error("tervik_extend_qmi_send_sync fail");
   } else if (response.result != 0) {
     tervik_log_error("rsp.result fail");
+    tervik_tell_outcome(response.result);
   } else {
     print_common_answer(response, received);
   }
@@ -354,6 +361,7 @@ void tervik_cmn_test_get_sar_dsi() {
   const int modem_dsi = tervik_get_sar_dsi();
   tervik_log_help("JUDGE SAR DSI: %d", judged_dsi);
   tervik_log_help("Modem SAR DSI: %d", modem_dsi);
+  tervik_tell_outcome(modem_dsi == -1 ? -1 : 0);
 }
 
 int tervik_cmn_test_set_sar_dsi(int dsi) {
@@ -412,6 +420,7 @@ int tervik_test_qmi_send_data_do(int argc, char** argv) {
   tervik_log_notice("qmi_id = %d, result = %d", qmi_id, result);
   if (result != 0) {
     tervik_log_error("tervik_extend_qmi_send_sync fail");
+    tervik_tell_outcome(result);
     show_help(TERVIK_QMI_SEND_CATEGORY.number);
     return 0;
   }

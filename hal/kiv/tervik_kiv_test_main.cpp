@@ -15,6 +15,7 @@
 #include "tervik_kiv_test_cmn.h"
 #include "tervik_kiv_test_nvefs.h"
 #include "tervik_kiv_test_rf.h"
+#include "tervik_utils_outcome.h"
 
 namespace {
 
@@ -72,6 +73,7 @@ bool run_category(int argc, char** argv) {
   const int category = atoi(argv[1]);
   if (category == NV_CATEGORY.number || category == CATEGORY_UNUSED) {
     tervik_log_notice_as(ENTRY_NAME, "Not support");
+    tervik_tell_outcome(TERVIK_ERR_INVALID_INPUT);
     return true;
   }
   for (const category_row& row : CATEGORIES) {
@@ -104,6 +106,8 @@ int tervik_kiv_test_main(int argc, char** argv) {
 }
 
 void show_help(int category) {
+  // The help follows a misuse, or a failed command, which has told its own code before.
+  tervik_tell_outcome(TERVIK_ERR_INVALID_INPUT);
   tervik_log_help(
       "=========== blew: kivora(kiv) cmd help "
       "=======================================================");

@@ -9,6 +9,7 @@
 #include "tervik_extend_cmn.h"
 #include "tervik_extend_nvefs.h"
 #include "tervik_kiv_test_args.h"
+#include "tervik_utils_outcome.h"
 
 namespace {
 
@@ -94,7 +95,7 @@ static_assert(offsetof(tx_test_request, v_ant) == 8);
 static_assert(offsetof(tx_test_request, v_sys) == 12);
 static_assert(offsetof(tx_test_request, v_band_list) == 16);
 
-// Sends a setting; what the modem answers is not examined.
+// Sends a setting; no statement tells what the modem answers.
 template <typename Request>
 [[nodiscard]] int send_setting(const char* func, const Request& request) {
   static_assert(sizeof(request) == sizeof(tervik_common_request));
@@ -102,6 +103,8 @@ template <typename Request>
   const int result = tervik_send_class_4(func, &request, &response, nullptr, 0);
   if (result != 0) {
     tervik_log_error_as(func, "tervik_extend_qmi_send_sync fail, REQUEST_ID_COMMON");
+  } else {
+    tervik_tell_outcome(response.result, "the modem refuses the setting");
   }
   return result;
 }

@@ -9,6 +9,7 @@
 #include "tervik_qmi_client.h"
 #include "tervik_utils_cmn.h"
 #include "tervik_utils_cust.h"
+#include "tervik_utils_outcome.h"
 #include "tervik_utils_timer.h"
 
 // ---- state and connection ----
@@ -600,6 +601,7 @@ void* tervik_qcril_pdc_test_thread_proc(void* params) {
       tervik_pdc_test_req(*flag);
     } else {
       tervik_log_error("flag is invalid, do nothing");
+      tervik_tell_outcome(-1);
     }
   }
   flag.reset();

@@ -5,6 +5,7 @@
 #include "pdc_utils.h"
 #include "tervik_extend_cmn.h"
 #include "tervik_utils_cmn.h"
+#include "tervik_utils_outcome.h"
 
 namespace {
 
@@ -27,11 +28,13 @@ bool in_mask(uint32_t sub_mask, uint32_t sub) {
   tervik_log_debug_as(func, "mbn_type %d", mbn_type);
   if (mbn_type >= MBN_TYPE_LIMIT) {
     tervik_log_error_as(func, "config_type is invalid");
+    tervik_tell_outcome(-1);
     return false;
   }
   tervik_log_debug_as(func, "sub_mask %d", sub_mask);
   if (sub_mask == 0 || sub_mask > SUB_MASK_MAX) {
     tervik_log_error_as(func, "sub_mask is out of range");
+    tervik_tell_outcome(-1);
     return false;
   }
   return true;
@@ -51,6 +54,7 @@ int tervik_mbn_init(uint8_t force_init) {
   g_tervik_pdc_init_status = pdc_init_ex(tervik_mbn_debug_all_pdc_no_rsp_count_check);
   if (g_tervik_pdc_init_status != 0) {
     tervik_log_error("pdc init failed, g_tervik_pdc_init_status = %d", g_tervik_pdc_init_status);
+    tervik_tell_outcome(g_tervik_pdc_init_status);
   }
   return g_tervik_pdc_init_status;
 }
@@ -69,6 +73,7 @@ int tervik_refresh_mbn(uint32_t sub_mask, uint32_t mbn_type) {
     if (in_mask(sub_mask, sub)) {
       result = pdc_activate_config_ex(mbn_type, PDC_ACTIVATION_REFRESH_ONLY_V01, sub, sub);
       tervik_log_print(LOG_CLASS_DEBUG, sub, "SUB_%d pdc_activate_config_ex ret %d", sub, result);
+      tervik_tell_outcome(result);
     }
   }
   return result;
@@ -95,6 +100,7 @@ int tervik_reactivate_mbn(uint32_t sub_mask, uint32_t mbn_type) {
     result = pdc_get_current_config_ex(&config, mbn_type, sub);
     tervik_log_print(LOG_CLASS_DEBUG, sub, "SUB_%d pdc_get_current_config_ex ret_val %d", sub,
                      result);
+    tervik_tell_outcome(result);
     if (result != PDC_SUCCESS) {
       tervik_log_print(LOG_CLASS_ERROR, sub, "SUB_%d pdc_get_current_config_ex fail", sub);
       return result;
@@ -102,8 +108,10 @@ int tervik_reactivate_mbn(uint32_t sub_mask, uint32_t mbn_type) {
     tervik_mbn_deactivate_config(sub, mbn_type);
     result = pdc_select_config_ex(&config, mbn_type, sub);
     tervik_log_print(LOG_CLASS_DEBUG, sub, "SUB_%d pdc_select_config_ex ret_val %d", sub, result);
+    tervik_tell_outcome(result);
     result = pdc_activate_config_ex2(mbn_type, sub);
     tervik_log_print(LOG_CLASS_DEBUG, sub, "SUB_%d pdc_activate_config_ex ret_val %d", sub, result);
+    tervik_tell_outcome(result);
   }
   return result;
 }
@@ -126,6 +134,7 @@ void tervik_mbn_deactivate_config(uint32_t sub, uint32_t config_type) {
   tervik_log_print(LOG_CLASS_DEBUG, sub,
                    "pdc_deactivate_config_ex, ret_pdc: %d, ret_sync: %d, sub: %d, config_type: %d",
                    ret_pdc, ret_sync, sub, config_type);
+  tervik_tell_outcome(ret_pdc != 0 ? ret_pdc : ret_sync);
 }
 
 bool tervik_mbn_debug_all_pdc_no_rsp_count_check() {

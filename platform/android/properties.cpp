@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -21,8 +22,21 @@ std::string_view take_line(std::string_view& text) {
   return line;
 }
 
-bool line_sets(std::string_view line, std::string_view name) {
-  return line.size() > name.size() && line[name.size()] == '=' && line.starts_with(name);
+// The value that the line gives to the name. A line of an editor may have blanks on both sides of
+// the equals sign; without one in front of it, one behind it belongs to the value.
+std::optional<std::string_view> value_in(std::string_view line, std::string_view name) {
+  constexpr std::string_view kBlanks = " \t";
+  if (!line.starts_with(name)) {
+    return std::nullopt;
+  }
+  line.remove_prefix(name.size());
+  const size_t equals = std::min(line.find_first_not_of(kBlanks), line.size());
+  if (!line.substr(equals).starts_with('=')) {
+    return std::nullopt;
+  }
+  line.remove_prefix(equals + 1);
+  line.remove_prefix(equals == 0 ? 0 : std::min(line.find_first_not_of(kBlanks), line.size()));
+  return line;
 }
 
 // The last line that sets the name counts. A carriage return before the line end is an editor's.
@@ -30,9 +44,7 @@ std::string_view find_value(std::string_view text, std::string_view name) {
   std::string_view value;
   while (!text.empty()) {
     const std::string_view line = take_line(text);
-    if (line_sets(line, name)) {
-      value = line.substr(name.size() + 1);
-    }
+    value = value_in(line, name).value_or(value);
   }
   if (value.ends_with('\r')) {
     value.remove_suffix(1);
@@ -51,7 +63,7 @@ std::string with_value(std::string_view text, std::string_view name, std::string
   };
   while (!text.empty()) {
     const std::string_view line = take_line(text);
-    if (!line_sets(line, name)) {
+    if (!value_in(line, name)) {
       changed.append(line).append(1, '\n');
     } else if (!stored) {
       store();
@@ -93,8 +105,8 @@ int property_get(const char* name, char* value, const char* default_value) {
   if (!content || content->empty()) {
     return store_value(fallback, value);
   }
-  const std::string_view found =
-      find_value({reinterpret_cast<const char*>(content->data()), content->size()}, name);
+  const std::string_view text{reinterpret_cast<const char*>(content->data()), content->size()};
+  const std::string_view found = find_value(kiv::platform::without_byte_order_mark(text), name);
   return store_value(found.empty() ? fallback : found, value);
 }
 

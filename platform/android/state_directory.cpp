@@ -273,9 +273,10 @@ std::optional<std::vector<uint8_t>> read_file(const std::string& path) {
 
 // Passes the result of a change on. Several commands end alike whatever became of it; then the line
 // is the only sign that nothing was stored.
-int tell_refusal(int error) {
+int tell_refusal(std::string_view name, int error) {
   if (error != 0) {
-    std::fprintf(stderr, "state directory: not stored: %s (%d)\n", std::strerror(error), error);
+    std::fprintf(stderr, "state directory: not stored: %s (%d): %s/%.*s\n", std::strerror(error),
+                 error, state_directory().c_str(), static_cast<int>(name.size()), name.data());
   }
   return error;
 }
@@ -348,7 +349,8 @@ std::optional<StateFilePart> read_state_file_part(std::string_view name, uint64_
 
 int write_state_file(std::string_view name, std::span<const uint8_t> bytes) {
   LockedDirectory directory(LockedDirectory::Missing::kCreate);
-  return tell_refusal(directory.error() != 0 ? directory.error() : directory.replace(name, bytes));
+  return tell_refusal(name,
+                      directory.error() != 0 ? directory.error() : directory.replace(name, bytes));
 }
 
 int remove_state_file(std::string_view name) {
@@ -357,17 +359,17 @@ int remove_state_file(std::string_view name) {
   if (error == 0 && ::unlink(directory.path_of(name).c_str()) != 0) {
     error = errno;
   }
-  return error == ENOENT ? error : tell_refusal(error);
+  return error == ENOENT ? error : tell_refusal(name, error);
 }
 
 int update_state_file(std::string_view name, const StateFileChange& change) {
   LockedDirectory directory(LockedDirectory::Missing::kCreate);
   if (directory.error() != 0) {
-    return tell_refusal(directory.error());
+    return tell_refusal(name, directory.error());
   }
   const auto present = read_file(directory.path_of(name));
   if (!present && errno != ENOENT) {
-    return tell_refusal(errno);
+    return tell_refusal(name, errno);
   }
   std::string_view text;
   if (present) {
@@ -378,6 +380,7 @@ int update_state_file(std::string_view name, const StateFileChange& change) {
     return 0;
   }
   return tell_refusal(
+      name,
       directory.replace(name, {reinterpret_cast<const uint8_t*>(changed.data()), changed.size()}));
 }
 

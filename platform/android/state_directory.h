@@ -43,4 +43,10 @@ std::optional<StateFilePart> read_state_file_part(std::string_view name, uint64_
 using StateFileChange = std::function<std::string(std::string_view present)>;
 [[nodiscard]] int update_state_file(std::string_view name, const StateFileChange& change);
 
+// The text of a file without the mark (UTF-8) that some editors begin a file with.
+inline std::string_view without_byte_order_mark(std::string_view text) {
+  constexpr std::string_view kMark = "\xEF\xBB\xBF";
+  return text.starts_with(kMark) ? text.substr(kMark.size()) : text;
+}
+
 }  // namespace kiv::platform

@@ -1,6 +1,8 @@
 #include "platform/modem/diag_processor.h"
 
 #include <array>
+#include <atomic>
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -80,11 +82,17 @@ DiagModem make_diag_modem(const ModemConf& conf) {
     modem.faults.callback_send = fault.code;
     modem.faults.dci_send = fault.code;
   }
-  if (fault.kind != ServiceFault::Kind::kSilent) {
+  if (fault.kind != ServiceFault::Kind::kSilent || fault.first_request > 1) {
     modem.processor =
-        [fault, size = static_cast<size_t>(conf.diag_response_size),
+        [fault, requests = std::make_shared<std::atomic<int32_t>>(0),
+         size = static_cast<size_t>(conf.diag_response_size),
          delay = std::chrono::milliseconds(conf.diag_delay_ms)](std::span<const uint8_t> command) {
-          DiagAnswer answer{.bytes = answer_command(fault, command), .delay = delay};
+          const bool is_faulty = requests->fetch_add(1) + 1 >= fault.first_request;
+          if (is_faulty && fault.kind == ServiceFault::Kind::kSilent) {
+            return std::vector<DiagAnswer>{};
+          }
+          DiagAnswer answer{.bytes = answer_command(is_faulty ? fault : ServiceFault{}, command),
+                            .delay = delay};
           if (size != 0) {
             set_size(answer.bytes, size);
           }
@@ -95,7 +103,9 @@ DiagModem make_diag_modem(const ModemConf& conf) {
 }
 
 DiagModem make_diag_modem() {
-  return make_diag_modem(load_modem_conf());
+  ModemConf conf = load_modem_conf();
+  conf.diag_fault = fault_of_this_run("diag", conf.diag_fault);
+  return make_diag_modem(conf);
 }
 
 }  // namespace kiv::platform

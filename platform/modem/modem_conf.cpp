@@ -27,6 +27,7 @@ constexpr int32_t kUimProfilesMax = 255;
 constexpr int32_t kDiagDelayMaxMs = 600000;
 constexpr int32_t kDiagResponseMax = 20000;
 constexpr int32_t kStatsDebugVersionMax = 4;
+constexpr int32_t kFadingMaxDb = 40;
 constexpr size_t kStatsLogIdsMax = 249;     // what the answer has room for
 constexpr size_t kVsIndicationMax = 10672;  // longest message of the service
 
@@ -96,7 +97,23 @@ bool parse_word(std::string_view text, const Words& words, Value& value) {
   return false;
 }
 
-bool parse_fault(std::string_view value, ServiceFault& fault) {
+// "from <n>" and "for <n>" behind a fault, in this order.
+bool parse_times(std::string_view text, ServiceFault& fault) {
+  for (const auto& [word, number] :
+       {std::pair("from", &fault.first_request), std::pair("for", &fault.runs)}) {
+    std::string_view rest = text;
+    if (take_word(rest, kBlanks) == word) {
+      if (!parse_number(take_word(rest, kBlanks), *number) || *number < 1) {
+        return false;
+      }
+      text = rest;
+    }
+  }
+  return take_word(text, kBlanks).empty();
+}
+
+bool parse_fault(std::string_view times, ServiceFault& fault) {
+  const std::string_view value = take_word(times, kBlanks);
   using Kind = ServiceFault::Kind;
   constexpr std::array<ConfWord<Kind>, 2> kWords{
       {{"down", Kind::kDown}, {"silent", Kind::kSilent}}};
@@ -112,6 +129,9 @@ bool parse_fault(std::string_view value, ServiceFault& fault) {
              !parse_number(value.substr(colon + 1), parsed.code) || parsed.code == 0) {
     return false;  // a fault with code 0 would be no fault
   }
+  if (!parse_times(times, parsed)) {
+    return false;
+  }
   fault = parsed;
   return true;
 }
@@ -121,8 +141,16 @@ bool fault_value(std::string_view value, ModemConf& conf) {
   return parse_fault(value, conf.faults[service_id]);
 }
 
+// The DIAG library looks at its fault once, but for the answers.
 bool diag_fault_value(std::string_view value, ModemConf& conf) {
-  return parse_fault(value, conf.diag_fault);
+  using Kind = ServiceFault::Kind;
+  ServiceFault fault;
+  if (!parse_fault(value, fault) ||
+      (fault.first_request > 1 && fault.kind != Kind::kSilent && fault.kind != Kind::kResult)) {
+    return false;
+  }
+  conf.diag_fault = fault;
+  return true;
 }
 
 template <int32_t ModemConf::*member, int32_t lowest = INT32_MIN, int32_t highest = INT32_MAX>
@@ -246,62 +274,81 @@ ConfOutcome indication_value(std::string_view name, std::string_view value, Mode
 struct ConfKey {
   std::string_view name;
   bool (*parse)(std::string_view value, ModemConf& conf);
+  const char* wanted;  // the values that are allowed
 };
 
-constexpr std::array<ConfKey, 31> kConfKeys{{
-    {"fault.extension", fault_value<kExtensionServiceId>},
-    {"fault.sar", fault_value<kSarServiceId>},
-    {"fault.uim", fault_value<kUimServiceId>},
-    {"fault.nas", fault_value<kNasServiceId>},
-    {"fault.pdc", fault_value<kPdcServiceId>},
-    {"fault.vs", fault_value<kVsServiceId>},
-    {"fault.diag", diag_fault_value},
-    {"extension.rsp_result", number_value<&ModemConf::extension_rsp_result>},
-    {"sar.dsi", number_value<&ModemConf::sar_dsi>},
-    {"card.0", card_value<0>},
-    {"card.1", card_value<1>},
-    {"eid", eid_value},
-    {"uim.profiles", number_value<&ModemConf::uim_profiles, 0, kUimProfilesMax>},
-    {"uim.reset", word_value<&ModemConf::uim_reset_fails, kOkWords>},
-    {"uim.open_channel", word_value<&ModemConf::uim_open_channel_fails, kOkWords>},
-    {"diag.remote", number_value<&ModemConf::diag_remote_mask, 0, UINT16_MAX>},
-    {"diag.delay_ms", number_value<&ModemConf::diag_delay_ms, 0, kDiagDelayMaxMs>},
-    {"diag.response_size", number_value<&ModemConf::diag_response_size, 1, kDiagResponseMax>},
-    {"diag.dci", word_value<&ModemConf::diag_dci_down, kUpWords>},
-    {"pdc.active.0", config_id_value<&ModemConf::pdc_active, 0>},
-    {"pdc.active.1", config_id_value<&ModemConf::pdc_active, 1>},
-    {"pdc.pending.0", config_id_value<&ModemConf::pdc_pending, 0>},
-    {"pdc.pending.1", config_id_value<&ModemConf::pdc_pending, 1>},
-    {"pdc.ind_error", number_value<&ModemConf::pdc_ind_error, 0>},
-    {"pdc.ind", word_value<&ModemConf::pdc_indication, kPdcIndicationWords>},
-    {"rat.0", rat_value<0>},
-    {"rat.1", rat_value<1>},
-    {"stats.debug_version",
-     number_value<&ModemConf::stats_debug_version, 0, kStatsDebugVersionMax>},
-    {"stats.enable", number_value<&ModemConf::stats_enable, 0, 1>},
-    {"stats.not_supported", number_value<&ModemConf::stats_not_supported, 0>},
-    {"stats.log_ids", log_ids_value},
+constexpr const char* kFaults =
+    "down, silent, error:<n> or result:<n>, then \"from <n>\", \"for <n>\" or nothing";
+constexpr const char* kDiagFaults =
+    "as of the other services, but \"from <n>\" behind silent and result:<n> alone";
+constexpr const char* kNumber = "a decimal number of 32 bits";
+constexpr const char* kPositiveNumber = "a decimal number from 0";
+constexpr const char* kOk = "ok or fail";
+constexpr const char* kCard = "absent, present or error";
+constexpr const char* kConfigId = "none or 1 to 125 bytes in hexadecimal";
+
+constexpr std::array<ConfKey, 32> kConfKeys{{
+    {"fault.extension", fault_value<kExtensionServiceId>, kFaults},
+    {"fault.sar", fault_value<kSarServiceId>, kFaults},
+    {"fault.uim", fault_value<kUimServiceId>, kFaults},
+    {"fault.nas", fault_value<kNasServiceId>, kFaults},
+    {"fault.pdc", fault_value<kPdcServiceId>, kFaults},
+    {"fault.vs", fault_value<kVsServiceId>, kFaults},
+    {"fault.diag", diag_fault_value, kDiagFaults},
+    {"extension.rsp_result", number_value<&ModemConf::extension_rsp_result>, kNumber},
+    {"sar.dsi", number_value<&ModemConf::sar_dsi>, kNumber},
+    {"card.0", card_value<0>, kCard},
+    {"card.1", card_value<1>, kCard},
+    {"eid", eid_value, "none or 32 decimal digits"},
+    {"uim.profiles", number_value<&ModemConf::uim_profiles, 0, kUimProfilesMax>, "0 to 255"},
+    {"uim.reset", word_value<&ModemConf::uim_reset_fails, kOkWords>, kOk},
+    {"uim.open_channel", word_value<&ModemConf::uim_open_channel_fails, kOkWords>, kOk},
+    {"diag.remote", number_value<&ModemConf::diag_remote_mask, 0, UINT16_MAX>, "0 to 65535"},
+    {"diag.delay_ms", number_value<&ModemConf::diag_delay_ms, 0, kDiagDelayMaxMs>, "0 to 600000"},
+    {"diag.response_size", number_value<&ModemConf::diag_response_size, 1, kDiagResponseMax>,
+     "1 to 20000"},
+    {"diag.dci", word_value<&ModemConf::diag_dci_down, kUpWords>, "up or down"},
+    {"pdc.active.0", config_id_value<&ModemConf::pdc_active, 0>, kConfigId},
+    {"pdc.active.1", config_id_value<&ModemConf::pdc_active, 1>, kConfigId},
+    {"pdc.pending.0", config_id_value<&ModemConf::pdc_pending, 0>, kConfigId},
+    {"pdc.pending.1", config_id_value<&ModemConf::pdc_pending, 1>, kConfigId},
+    {"pdc.ind_error", number_value<&ModemConf::pdc_ind_error, 0>, kPositiveNumber},
+    {"pdc.ind", word_value<&ModemConf::pdc_indication, kPdcIndicationWords>,
+     "normal, late, twice, never or early"},
+    {"rat.0", rat_value<0>, kNumber},
+    {"rat.1", rat_value<1>, kNumber},
+    {"stats.fading", number_value<&ModemConf::stats_fading_db, 0, kFadingMaxDb>, "0 to 40"},
+    {"stats.debug_version", number_value<&ModemConf::stats_debug_version, 0, kStatsDebugVersionMax>,
+     "0 to 4"},
+    {"stats.enable", number_value<&ModemConf::stats_enable, 0, 1>, "0 or 1"},
+    {"stats.not_supported", number_value<&ModemConf::stats_not_supported, 0>, kPositiveNumber},
+    {"stats.log_ids", log_ids_value, "none or up to 249 ids, decimal or behind 0x"},
 }};
 
 // Keys whose name goes on with an id; looked up when no key above is meant.
 struct ConfKeyFamily {
   std::string_view prefix;
   ConfOutcome (*parse)(std::string_view rest_of_name, std::string_view value, ModemConf& conf);
+  const char* wanted;
 };
 
 constexpr std::array<ConfKeyFamily, 2> kConfKeyFamilies{{
-    {"stats.", stats_value},
-    {"vs.indication.", indication_value},
+    {"stats.", stats_value, "none or 1 to 700 bytes in hexadecimal"},
+    {"vs.indication.", indication_value, "1 to 10672 bytes in hexadecimal"},
 }};
 
-ConfOutcome take_value(std::string_view name, std::string_view value, ModemConf& conf) {
+// `wanted` is what the key allows.
+ConfOutcome take_value(std::string_view name, std::string_view value, ModemConf& conf,
+                       const char*& wanted) {
   for (const ConfKey& key : kConfKeys) {
     if (key.name == name) {
+      wanted = key.wanted;
       return key.parse(value, conf) ? ConfOutcome::kTaken : ConfOutcome::kBadValue;
     }
   }
   for (const ConfKeyFamily& family : kConfKeyFamilies) {
     if (name.starts_with(family.prefix)) {
+      wanted = family.wanted;
       return family.parse(name.substr(family.prefix.size()), value, conf);
     }
   }
@@ -316,12 +363,14 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-void complain(size_t line_number, const char* what, std::string_view text) {
+void complain(size_t line_number, const char* what, std::string_view text,
+              const char* wanted = nullptr) {
   std::string quoted(text.substr(0, kQuotedMax));
   std::replace_if(
       quoted.begin(), quoted.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-  std::fprintf(stderr, "modem.conf:%zu: %s \"%s\"%s\n", line_number, what, quoted.c_str(),
-               text.size() > kQuotedMax ? "..." : "");
+  std::fprintf(stderr, "modem.conf:%zu: %s \"%s\"%s%s%s\n", line_number, what, quoted.c_str(),
+               text.size() > kQuotedMax ? "..." : "", wanted != nullptr ? "; wanted: " : "",
+               wanted != nullptr ? wanted : "");
 }
 
 void parse_line(size_t line_number, std::string_view line, ModemConf& conf) {
@@ -335,11 +384,12 @@ void parse_line(size_t line_number, std::string_view line, ModemConf& conf) {
     return;
   }
   const std::string_view name = trimmed(line.substr(0, equals));
-  const ConfOutcome outcome = take_value(name, trimmed(line.substr(equals + 1)), conf);
+  const char* wanted = nullptr;
+  const ConfOutcome outcome = take_value(name, trimmed(line.substr(equals + 1)), conf, wanted);
   if (outcome == ConfOutcome::kUnknownKey) {
     complain(line_number, "unknown key", name);
   } else if (outcome == ConfOutcome::kBadValue) {
-    complain(line_number, "bad value", line);
+    complain(line_number, "bad value", line, wanted);
   }
 }
 
@@ -352,12 +402,29 @@ ServiceFault ModemConf::fault_of(uint32_t service_id) const {
 
 ModemConf parse_modem_conf(std::string_view text) {
   ModemConf conf;
+  text = without_byte_order_mark(text);
   for (size_t line_number = 1; !text.empty(); ++line_number) {
     const size_t end = text.find('\n');
     parse_line(line_number, text.substr(0, end), conf);
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
   }
   return conf;
+}
+
+ServiceFault fault_of_this_run(const char* name, const ServiceFault& fault) {
+  if (fault.runs == 0) {
+    return fault;
+  }
+  int32_t counted = 0;
+  const auto count = [&counted, &fault](std::string_view text) {
+    if (!parse_number(trimmed(text.substr(0, text.find('\n'))), counted) || counted < 0) {
+      counted = 0;
+    }
+    return std::to_string(std::min(counted, fault.runs - 1) + 1) + '\n';
+  };
+  // A run that cannot be counted has the fault.
+  static_cast<void>(update_state_file(std::string("fault/") + name, count));
+  return counted < fault.runs ? fault : ServiceFault{};
 }
 
 ModemConf load_modem_conf() {

@@ -24,6 +24,8 @@ struct ServiceFault {
   };
   Kind kind = Kind::kNone;
   int32_t code = 0;
+  int32_t first_request = 1;  // of a run, that the fault is there for
+  int32_t runs = 0;           // that have the fault; 0 for all
 };
 
 // The values are those that the services report.
@@ -98,6 +100,7 @@ struct ModemConf {
 
   // Radio technology of each subscription: 9 is LTE, 12 NR.
   std::array<int32_t, kCardSlots> rats{9, 12};
+  int32_t stats_fading_db = 0;                 // how far levels go up and down
   std::vector<StatsOverride> stats_overrides;  // of one parameter the last one counts
   std::vector<Indication> vs_indications;      // in the order in which they are sent
 
@@ -116,5 +119,9 @@ ModemConf parse_modem_conf(std::string_view text);
 
 // The configuration of the state directory; that of a healthy modem when there is no file.
 ModemConf load_modem_conf();
+
+// The fault without its end: none when as many runs as it has were counted before this one. Counts
+// this run, in the state file fault/`name`.
+ServiceFault fault_of_this_run(const char* name, const ServiceFault& fault);
 
 }  // namespace kiv::platform

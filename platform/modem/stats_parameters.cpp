@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <cmath>
+#include <numbers>
 
 #include "platform/modem/service_messages.h"
 
@@ -106,7 +109,17 @@ Bytes packed(const Record& record) {
 struct Asked {
   uint32_t carrier;  // 0 is the primary one
   int32_t rat;
+  float fade;  // dB on all levels and signal-to-noise ratios
 };
+
+// A sine of the clock: the same at the same time, whoever asks.
+float fade_now(int32_t fading_db) {
+  constexpr double kPeriodS = 20;
+  constexpr double kCircle = 2 * std::numbers::pi;
+  const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<float>(fading_db *
+                            std::sin(std::fmod(now.count(), kPeriodS) / kPeriodS * kCircle));
+}
 
 // Each further antenna and each further carrier is a little worse.
 Bytes lte_serving_cell(const Asked& asked) {
@@ -116,10 +129,10 @@ Bytes lte_serving_cell(const Asked& asked) {
   cell.pci = static_cast<uint16_t>(cell.pci + asked.carrier);
   float loss = 2.0F * carrier;
   for (LteAntenna& antenna : cell.antennas) {
-    antenna = {.rsrp = -84.5F - loss,
+    antenna = {.rsrp = -84.5F - loss + asked.fade,
                .rsrq = -9.25F - loss / 4,
-               .rssi = -55.75F - loss,
-               .snr = 18.5F - loss / 2};
+               .rssi = -55.75F - loss + asked.fade,
+               .snr = 18.5F - loss / 2 + asked.fade};
     loss += 1.0F;
   }
   return packed(cell);
@@ -130,7 +143,7 @@ Bytes nr_serving_cell(const Asked& asked) {
   float loss = 2.0F * static_cast<float>(asked.carrier);
   cell.rsrq -= loss / 4;
   for (float& rsrp : cell.rsrp) {
-    rsrp = -88.25F - loss;
+    rsrp = -88.25F - loss + asked.fade;
     loss += 1.0F;
   }
   return packed(cell);
@@ -154,6 +167,23 @@ Bytes always(const Asked&) {
   return packed(record);
 }
 
+template <const NrPerAntenna& record>
+Bytes per_antenna(const Asked& asked) {
+  NrPerAntenna faded = record;
+  for (float& value : faded.values) {
+    value += asked.fade;
+  }
+  return packed(faded);
+}
+
+template <const PrimaryAndDiversity& record>
+Bytes two_levels(const Asked& asked) {
+  PrimaryAndDiversity faded = record;
+  faded.primary += asked.fade;
+  faded.diversity += asked.fade;
+  return packed(faded);
+}
+
 Bytes system_mode(const Asked& asked) {
   return packed(SystemMode{.rat = static_cast<uint32_t>(asked.rat)});
 }
@@ -173,12 +203,12 @@ constexpr std::array<ParameterRow, 13> kParameters{{
     {0x62, 1, 0, kLteRat, always<kLtePuschPower>},
     {0x87, 1, 0, kNrRat, nr_serving_cell},
     {0x06, 2, 1, kNrRat, nr_serving_cell},
-    {0x5E, 1, 0, kNrRat, always<kNrReceiveLevel>},
-    {0x70, 1, 0, kNrRat, always<kNrSnr>},
+    {0x5E, 1, 0, kNrRat, per_antenna<kNrReceiveLevel>},
+    {0x70, 1, 0, kNrRat, per_antenna<kNrSnr>},
     {0x71, 1, 0, kNrRat, always<kNrAntennaSwitch>},
     {0x5A, 1, 0, kNrRat, always<kNrUplinkPower>},
-    {0x6E, 1, 0, kAnyRat, always<kWcdmaReceiveLevel>},
-    {0x6F, 1, 0, kAnyRat, always<kGsmReceiveLevel>},
+    {0x6E, 1, 0, kAnyRat, two_levels<kWcdmaReceiveLevel>},
+    {0x6F, 1, 0, kAnyRat, two_levels<kGsmReceiveLevel>},
     {0x64, 1, 0, kAnyRat, always<kAntennaState>},
     {0x2C, 1, 0, kAnyRat, system_mode},
 }};
@@ -196,7 +226,9 @@ std::vector<uint8_t> read_stats_parameter(const ModemConf& conf, uint32_t sub, u
   for (const ParameterRow& row : kParameters) {
     if (id >= row.first_id && id - row.first_id < row.count &&
         (row.rat == rat || row.rat == kAnyRat)) {
-      return row.make({.carrier = row.first_carrier + id - row.first_id, .rat = rat});
+      return row.make({.carrier = row.first_carrier + id - row.first_id,
+                       .rat = rat,
+                       .fade = fade_now(conf.stats_fading_db)});
     }
   }
   return {};

@@ -1,12 +1,17 @@
 // What the simulated modem makes of a modem.conf that is wrong, and of paths that lead out.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
 
 #include "platform/modem/extension_service.h"
 #include "platform/modem/modem_conf.h"
 #include "platform/modem/nv_efs_store.h"
+#include "platform/modem/stats_parameters.h"
 #include "platform/modem/uim_service.h"
 #include "tests/support/state_directory_fixture.h"
 
@@ -33,7 +38,9 @@ TEST_F(ModemTest, WhatIsNotUnderstoodIsNamedAndTheRestCounts) {
             "modem.conf:4: no \"key = value\" \"fault.extension\"\n"
             "modem.conf:5: unknown key \"\"\nmodem.conf:6: unknown key \"a?[31m?\"\n"
             "modem.conf:8: unknown key \"" +
-                std::string(60, 'k') + "\"...\nmodem.conf:9: bad value \"fault.uim = down now\"\n");
+                std::string(60, 'k') +
+                "\"...\nmodem.conf:9: bad value \"fault.uim = down now\"; wanted: down, silent, "
+                "error:<n> or result:<n>, then \"from <n>\", \"for <n>\" or nothing\n");
   EXPECT_EQ(conf.fault_of(platform::kExtensionServiceId).kind,
             platform::ServiceFault::Kind::kSilent)
       << "the last line counts";
@@ -51,6 +58,8 @@ TEST_F(ModemTest, NumbersBytesAndWordsHaveTheirLimits) {
     return line + '\n';
   };
   const std::string bad =
+      "fault.uim = down from 0\nfault.uim = down for\nfault.uim = down for 1 from 2\n"
+      "fault.uim = down from 1 from 2\nfault.diag = down from 2\nstats.fading = 41\n"
       "fault.extension = Down\nfault.extension = error:\nfault.extension = error:0\n"
       "fault.extension = error:5x\nfault.extension = result:2147483648\nsar.dsi = 1 2\n"
       "card.2 = absent\neid = 8900101700000000000000000000016\n"
@@ -74,6 +83,23 @@ TEST_F(ModemTest, NumbersBytesAndWordsHaveTheirLimits) {
   EXPECT_EQ(conf.uim_profiles, 255);
   EXPECT_EQ(conf.stats_log_ids.size(), 249u);
   EXPECT_EQ(conf.stats_overrides.at(0).value.size(), 700u);
+}
+
+TEST_F(ModemTest, LevelsFadeWithTheClock) {
+  const ModemConf conf = platform::parse_modem_conf("\xEF\xBB\xBFstats.fading = 10");
+  const auto level = [&conf] {
+    const std::vector<uint8_t> record = platform::read_stats_parameter(conf, 1, 0x5E);
+    float value = 0;
+    memcpy(&value, &record.at(4), sizeof(value));
+    return value;
+  };
+  const auto clock = std::chrono::system_clock::now().time_since_epoch();
+  std::this_thread::sleep_for(std::chrono::seconds(20) - clock % std::chrono::seconds(20));
+  EXPECT_NEAR(level(), -61.5F, 0.1F);
+  sleep(5);
+  EXPECT_NEAR(level(), -51.5F, 0.1F);
+  sleep(10);
+  EXPECT_NEAR(level(), -71.5F, 0.1F);
 }
 
 TEST_F(ModemTest, NoPathLeadsOutOfTheFolder) {

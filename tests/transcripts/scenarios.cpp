@@ -58,6 +58,7 @@ constexpr Scenario kNvefs[] = {
     {"no service", "4 1 0 550", DOWN},
     {"a failing transport", "4 1 0 550", FAILING},
     {"a service error", "4 1 0 550", SERVICE_ERROR},
+    {"a second try", "4 1 0 551 ; 4 1 0 551", "fault.extension = silent for 1"},
     {"a modem that refuses", "4 1 0 550", REFUSING},
     {"a watchdog that is never armed", "4 1 0 550", "", "", "", fail_next_timer_settime},
     {"an answer too short for its result", "4 1 0 550", "", "", "", extension_answers_briefly},
@@ -183,6 +184,7 @@ constexpr Scenario kEsim[] = {
     {"the reset is refused", "5 10 5 1", "uim.reset = fail"},
     {"a short answer", "5 10 5 1", "", "", "", euicc_answers_briefly},
     {"a failing transport", "5 10 5 1", "fault.uim = error:-1"},
+    {"a service that goes down", "5 10 5 0", "fault.uim = down from 2"},
     {"no such case", "5 10 6 1"},
     {"too few", "5 10 1"},
 };

@@ -16,6 +16,7 @@
 #include "tervik_kiv_smart_test.h"
 #include "tervik_kiv_test_main.h"
 #include "tervik_utils_cmn.h"
+#include "tervik_utils_outcome.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/state_directory_fixture.h"
 #include "tests/support/virtual_time.h"
@@ -122,8 +123,16 @@ class Recorder {
     for (const LogLine& each : log) log_line(each, thread_number());
   }
 
+  // The first failure counts.
+  void failure(int code, const char* said) {
+    if (!verdict_.empty()) return;
+    verdict_ = " => " + std::to_string(code);
+    if (said != nullptr) verdict_ += std::string(", ") + said;
+  }
+
   void finish(const std::string& result) {
     take_output();
+    if (!verdict_.empty()) lines_ += verdict_ + "\n";
     time_passes();
     std::ofstream(result, std::ios::binary) << lines_ << "took " << virtual_now().count() << '\n';
   }
@@ -173,6 +182,7 @@ class Recorder {
   Statement pending_{};
   std::chrono::nanoseconds seen_{};
   std::string lines_;
+  std::string verdict_;
 };
 
 Recorder* g_recorder = nullptr;
@@ -217,6 +227,8 @@ Strings arguments_of(const std::string& line) {
         [](const auto& place, uint32_t log_class, uint32_t sub, const char*, const char* text) {
           g_recorder->statement(place, log_class, sub, text);
         });
+    tervik_set_outcome_observer(
+        {.failed = [](int code, const char* said) { g_recorder->failure(code, said); }});
   } else if (freopen("/dev/null", "w", stdout) == nullptr) {
     abort();
   }

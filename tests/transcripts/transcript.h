@@ -9,6 +9,8 @@
 //    > text                     a line printed past the log; " 2> " on standard error
 //    log3 text                  a line of the system log without prefix, with its priority
 //    +0.1 s                     time that passed
+//    => 5, text                 how the run failed, as a program hears of it: the code, and what
+//                               was said where no statement tells
 //    left FILE = bytes          what the run left in the state directory, in hexadecimal; "removed"
 //
 // Process ids, addresses and paths that differ between machines are masked.

@@ -45,7 +45,7 @@ Strings join_places(const Strings& lines) {
   Strings joined;
   std::string last_place;
   for (const std::string& line : lines) {
-    if (is_time(line) && !joined.empty()) {
+    if ((is_time(line) || line.starts_with(" => ")) && !joined.empty()) {
       joined.back() += " |" + line;
       continue;
     }

@@ -12,6 +12,7 @@
 #include "tervik_qmi_client.h"
 #include "tervik_utils_cmn.h"
 #include "tervik_utils_cust.h"
+#include "tervik_utils_outcome.h"
 #include "uim_idl.h"
 
 // ---- common messages and requests: class 4 of the extension service ----
@@ -98,6 +99,7 @@ constexpr uint32_t COUNTED_SSR_TYPES = 0x000F01FF;
   const int result =
       tervik_qmi_result_map(tervik_send_common_qmi_msg(type, sizeof(flag), &flag, rsp));
   tervik_log_debug_as(func, "result = %d, rsp.result = %d", result, rsp->result);
+  tervik_tell_outcome(result != 0 ? result : rsp->result);
   return result;
 }
 
@@ -108,6 +110,7 @@ constexpr uint32_t COUNTED_SSR_TYPES = 0x000F01FF;
   const bool stopped = tervik_modem_ssr_wait_s(-1) < 0;
   if (stopped) {
     tervik_log_error_as(func, "wait_s < 0, ssr is stoped");
+    tervik_tell_outcome(-1);
   }
   return !stopped;
 }
@@ -117,6 +120,7 @@ int sync_nv(const char* func) {
   const int ret_sync = tervik_send_common_qmi_msg(TERVIK_COMMON_NV_SYNC, 0, nullptr, &rsp);
   tervik_log_debug_as(func, "tervik_send_common_qmi_msg, ret_sync: %d, rsp.result: %d", ret_sync,
                       rsp.result);
+  tervik_tell_outcome(ret_sync != 0 ? ret_sync : rsp.result);
   return ret_sync | rsp.result;
 }
 
@@ -354,6 +358,7 @@ int tervik_get_sar_dsi() {
   }
   const int dsi = static_cast<int>(response.sar_rf_state);
   tervik_log_debug("dsi vailid = %d , dsi value = %d", response.sar_rf_state_valid, dsi);
+  tervik_tell_answer(response.resp, "the modem refuses to tell the DSI");
   return dsi;
 }
 
@@ -370,6 +375,7 @@ int tervik_set_sar_dsi(int dsi) {
       send_sar_request(__func__, QMI_SAR_RF_SET_STATE_REQ_V01, &request, sizeof(request), &response,
                        sizeof(response));
   tervik_log_debug("function exit, qmi_client_error = %d <-------------", qmi_client_error);
+  tervik_tell_answer(response.resp, "the modem refuses the DSI");
   return qmi_client_error;
 }
 

@@ -1,0 +1,72 @@
+#include "program.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+void prepare_program() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) < 0) {
+      static_cast<void>(open(fd == STDIN_FILENO ? "/dev/null" : "/dev/full", O_RDWR));
+    }
+  }
+  static_cast<void>(signal(SIGPIPE, SIG_IGN));
+}
+
+bool print(std::string_view text) {
+  return write_all(STDOUT_FILENO, text);
+}
+
+bool write_all(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(fd, text.data(), text.size());
+    if (written > 0) {
+      text.remove_prefix(static_cast<size_t>(written));
+    } else if (written == 0 || errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
+double seconds_of(const char* text) {
+  char* end = nullptr;
+  const double seconds = strtod(text, &end);
+  return end != text && *end == '\0' && std::isfinite(seconds) && seconds > 0 ? seconds : 0;
+}
+
+std::string shell_word(std::string_view word) {
+  constexpr const char* PLAIN =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+./:,=@%";
+  if (!word.empty() && word.find_first_not_of(PLAIN) == std::string_view::npos) {
+    return std::string(word);
+  }
+  std::string quoted = "'";
+  for (const char c : word) {
+    quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  }
+  return quoted + "'";
+}
+
+std::string json_string(std::string_view text) {
+  std::string out = "\"";
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < ' ' || byte >= 0x7F) {
+      char escaped[8];
+      snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(byte));
+      out += escaped;
+      continue;
+    }
+    if (c == '"' || c == '\\') {
+      out += '\\';
+    }
+    out += c;
+  }
+  return out + '"';
+}
