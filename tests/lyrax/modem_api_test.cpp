@@ -1,14 +1,10 @@
 // The statistics client over its wire: what is sent, and what becomes of answers and indications.
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <future>
 #include <map>
-#include <mutex>
 
 #include "modem_lyrax_mgr.h"
 #include "tervik_utils_cmn.h"

@@ -1,12 +1,7 @@
 // The PDC requests and the MBN operations on a service that answers as the test says.
 #include "pdc_utils.h"
 
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
 #include <future>
-#include <mutex>
 
 #include "tervik_mbn_utils.h"
 #include "tests/qmi/extension_client_fixture.h"

@@ -1,7 +1,5 @@
 #include "platform/diag/diag_library.h"
 
-#include <gtest/gtest.h>
-
 #include "tests/platform/callback_record.h"
 #include "tests/support/state_directory_fixture.h"
 

@@ -1,7 +1,5 @@
 #include "qmi_client.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <array>
 #include <deque>

@@ -2,7 +2,6 @@
 
 #include <cutils/properties.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -89,17 +89,6 @@ inline Bytes nvefs_payload(const NvefsFields& fields) {
   return bytes;
 }
 
-// The lines that stand between '|' in `text`; none in an empty text.
-inline Strings split(const std::string& text) {
-  Strings lines;
-  for (size_t begin = 0; begin < text.size();) {
-    const size_t end = std::min(text.find('|', begin), text.size());
-    lines.push_back(text.substr(begin, end - begin));
-    begin = end + 1;
-  }
-  return lines;
-}
-
 // How long `run` takes, to the nanosecond.
 template <class Run>
 std::chrono::nanoseconds time_of(const Run& run) {

@@ -1,11 +1,7 @@
 #include "tervik_extend_api.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <future>
-#include <memory>
 #include <thread>
 
 #include "tervik_extend_idl.h"

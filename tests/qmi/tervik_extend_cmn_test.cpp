@@ -1,11 +1,7 @@
 #include "tervik_extend_cmn.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <climits>
 
-#include "nas_idl.h"
 #include "sar_idl.h"
 #include "tests/qmi/extension_client_fixture.h"
 #include "uim_idl.h"
@@ -43,19 +39,19 @@ TEST_F(ExtendCmn, RequestsOfClassFourAreSentWhole) {
 }
 
 TEST_F(ExtendCmn, RestartsAreCountedByTypeLowestFirst) {
-  const std::tuple<uint32_t, const char*, const char*> rows[] = {
-      {0xFFFFFFFF, "00000001=5", "00000001=5|ffffffff=1"},
-      {0x7FFFFFFF, "",
-       "00000001=1|00000002=1|00000004=1|00000008=1|00000010=1|00000020=1|00000040=1|00000080=1|"
-       "00000100=1|00010000=1|00020000=1|00040000=1|00080000=1"},
-      {0x00080200, "00080000=2147483647", "00080000=-2147483648"},
-      {0x00000100, "00000100=many", "00000100=1"},
+  const std::tuple<uint32_t, Strings, Strings> rows[] = {
+      {0xFFFFFFFF, {"00000001=5"}, {"00000001=5", "ffffffff=1"}},
+      {0x7FFFFFFF,
+       {},
+       {"00000001=1", "00000002=1", "00000004=1", "00000008=1", "00000010=1", "00000020=1",
+        "00000040=1", "00000080=1", "00000100=1", "00010000=1", "00020000=1", "00040000=1",
+        "00080000=1"}},
+      {0x00080200, {"00080000=2147483647"}, {"00080000=-2147483648"}},
+      {0x00000100, {"00000100=many"}, {"00000100=1"}},
   };
-  const auto file_of = [](const char* counters) {  // from the ends of the properties' names
+  const auto file_of = [](const Strings& counters) {  // the ends of the properties' lines
     std::string text;
-    for (const std::string& each : split(counters)) {
-      text += "persist.radio.ssr_count_0x" + each + "\n";
-    }
+    for (const std::string& each : counters) text += "persist.radio.ssr_count_0x" + each + "\n";
     return text;
   };
   for (const auto& [flag, before, after] : rows) {
@@ -133,26 +129,6 @@ TEST_F(ExtendSar, FailedRequestDropsTheClientAndTheNextMakesANewOne) {
   publish();  // the client of before stays dead
   EXPECT_EQ(tervik_get_sar_dsi(), -1);
   EXPECT_EQ(tervik_get_sar_dsi(), 0);
-}
-
-// ---- NAS ----
-
-class ExtendNas : public OtherServiceTest {
- protected:
-  ExtendNas() : OtherServiceTest(nas_get_service_object_internal_v01(1, 0x199, 6)) {}
-};
-
-TEST_F(ExtendNas, TheLossOfTheServiceIsToldAndTheClientIsReleased) {
-  answer_ = [this](uint16_t) {
-    platform::withdraw_service(kServiceId);
-    usleep(1);  // the framework's thread calls back
-    return ServiceReply::response(Bytes(8));
-  };
-  publish();
-  Bytes any(576);
-  const LogCapture log;
-  EXPECT_EQ(tervik_send_nas_qmi_req_msg(0x85, any.data(), 576, any.data(), 8, 1), 0);
-  EXPECT_EQ(log.count("QMI error callback -2"), 1u);
 }
 
 // ---- SIM cards ----

@@ -1,11 +1,6 @@
 #include "tervik_extend_nvefs.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <climits>
-#include <functional>
-#include <memory>
 #include <thread>
 
 #include "tervik_extend_idl.h"

@@ -1,9 +1,5 @@
-#include "tests/transcripts/calls.h"
-
-#include <cstdint>
 #include <cstdio>
 #include <initializer_list>
-#include <string>
 #include <utility>
 
 #include "modem_lyrax_mgr.h"
@@ -18,6 +14,7 @@
 #include "tervik_utils_cmn.h"
 #include "tervik_utils_timer.h"
 #include "tests/support/virtual_time.h"
+#include "tests/transcripts/transcript.h"
 
 namespace kiv::test {
 namespace {

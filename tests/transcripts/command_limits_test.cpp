@@ -1,14 +1,8 @@
 // docs/commands.md against the tool: the table has the commands of the tool with their arguments,
 // and no command takes longer than its row says, whatever the modem does.
-#include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <algorithm>
-#include <iterator>
 #include <limits>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "tervik_kiv_test_main.h"
 #include "tests/support/state_directory_fixture.h"
@@ -17,8 +11,6 @@
 
 namespace kiv::test {
 namespace {
-
-using Strings = std::vector<std::string>;
 
 constexpr double kEndless = std::numeric_limits<double>::infinity();  // as a number of seconds
 
@@ -31,33 +23,9 @@ struct CommandRow {
   double longest;  // in seconds
 };
 
-std::string trimmed(const std::string& text) {
-  const size_t begin = std::min(text.find_first_not_of(' '), text.size());
-  return text.substr(begin, text.find_last_not_of(' ') + 1 - begin);
-}
-
-Strings words(const std::string& text) {
-  std::istringstream stream(text);
-  return {std::istream_iterator<std::string>(stream), {}};
-}
-
-// The parts of a text between marks; a mark behind a backslash is part of the text.
-Strings split(const std::string& text, char mark) {
-  Strings parts{""};
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == mark) {
-      parts.emplace_back();
-    } else {
-      if (text[i] == '\\' && i + 1 < text.size() && text[i + 1] == mark) ++i;
-      parts.back() += text[i];
-    }
-  }
-  return parts;
-}
-
 // What stands between back quotes, with a blank before each.
 std::string back_quoted(const std::string& cell) {
-  const Strings parts = split(cell, '`');
+  const Strings parts = split(cell, "`");
   std::string all;
   for (size_t i = 1; i < parts.size(); i += 2) all += " " + parts[i];
   return all;
@@ -67,8 +35,8 @@ std::string back_quoted(const std::string& cell) {
 double seconds_of(const std::string& longest, const Strings& arguments, const Strings& values) {
   if (longest == "endless") return kEndless;
   double sum = 0;
-  for (const std::string& term : split(longest, '+')) {
-    const Strings parts = words(term);
+  for (const std::string& term : split(longest, " + ")) {
+    const Strings parts = split(term, " ");
     EXPECT_TRUE(parts.size() == 2 && (parts[1] == "s" || parts[1] == "ms")) << longest;
     std::string number = parts.at(0);
     if (isdigit(number[0]) == 0) {
@@ -81,22 +49,20 @@ double seconds_of(const std::string& longest, const Strings& arguments, const St
 }
 
 std::vector<CommandRow> read_table() {
-  std::istringstream text(read_file_text(KIV_COMMAND_TABLE));
   std::vector<CommandRow> rows;
   std::string title;
-  for (std::string line; std::getline(text, line);) {
+  for (const std::string& line : split(read_file_text(KIV_COMMAND_TABLE), "\n")) {
     if (line.starts_with("## ")) title = line.substr(3);
     if (!line.starts_with("| ") || line.starts_with("| command |")) continue;
-    Strings cells = split(line, '|');
-    EXPECT_EQ(cells.size(), 8u) << line;
-    cells.resize(8);
-    for (std::string& cell : cells) cell = trimmed(cell);
+    Strings cells = split(line.substr(2, line.rfind(" |") - 2), " | ");
+    EXPECT_EQ(cells.size(), 6u) << line;
+    cells.resize(6);
     std::string start = "kiv " + title.substr(0, title.find(' '));
-    if (cells[1] != "-") start += " " + cells[1];
-    const std::string usage = start + back_quoted(cells[2]);
-    const std::string example = trimmed(back_quoted(cells[5]));
-    rows.push_back({title, start, cells[2], usage, example,
-                    seconds_of(cells[6], words(usage), words(example))});
+    if (cells[0] != "-") start += " " + cells[0];
+    const std::string usage = start + back_quoted(cells[1]);
+    const std::string example = back_quoted(cells[4]).substr(1);
+    rows.push_back({title, start, cells[1], usage, example,
+                    seconds_of(cells[5], split(usage, " "), split(example, " "))});
   }
   EXPECT_GT(rows.size(), 60u);
   return rows;

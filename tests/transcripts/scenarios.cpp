@@ -1,7 +1,6 @@
-#include "tests/transcripts/scenarios.h"
-
-#include "tests/transcripts/calls.h"
+#include "tests/support/virtual_time.h"
 #include "tests/transcripts/scenes.h"
+#include "tests/transcripts/transcript.h"
 
 namespace kiv::test {
 namespace {
@@ -61,7 +60,7 @@ constexpr Scenario kNvefs[] = {
     {"a service error", "4 1 0 550", SERVICE_ERROR},
     {"a second try", "4 1 0 551 ; 4 1 0 551", "fault.extension = silent for 1"},
     {"a modem that refuses", "4 1 0 550", REFUSING},
-    {"a watchdog that is never armed", "4 1 0 550", "", "", "", no_armed_timer},
+    {"a watchdog that is never armed", "4 1 0 550", "", "", "", fail_next_timer_settime},
     {"an answer too short for its result", "4 1 0 550", "", "", "", extension_answers_briefly},
     {"an answer without payload", "4 1 0 550", "", "", "", extension_answers_nothing},
     {"an answer that claims more than it carries", "4 1 0 550", "", "", "", extension_claims_more},
@@ -105,25 +104,29 @@ constexpr Scenario kCommon[] = {
     {"a send that fails", "5 0 0 0 500 0x4B", "fault.diag = error:4"},
     {"an answer that is too long", "5 0 0 0 500 0x4B", "diag.response_size = 10241"},
     {"remote processors", "5 0 0 0 500 0x4B", "diag.remote = 5"},
-    {"no wait thread", "5 0 0 0 500 0x4B", "", "", "", no_second_thread},
+    {"no wait thread", "5 0 0 0 500 0x4B", "", "", "", [] { fail_next_pthread_create(1); }},
     {"no wait thread, no answer", "5 0 0 0 500 0x4B", "fault.diag = silent", "", "",
-     no_second_thread},
+     [] { fail_next_pthread_create(1); }},
     {"more bytes than are taken", "5 0 0 0 500 0x4B*4100"},
     {"callback mode without result", "5 0 0 1 500 0x4B 1"},
-    {"no worker", "5 0 0 1 500 0x4B", "", "", "", no_thread},
+    {"no worker", "5 0 0 1 500 0x4B", "", "", "", [] { fail_next_pthread_create(); }},
     {"DCI mode with result", "5 0 1 0 1000 0x4B 0x2C"},
     {"streams", "5 0 1 0 1000 0x4B 0x2C", "", "", "", diag_streams},
     {"an answer of whole pieces", "5 0 1 0 500 0x4B", "diag.response_size = 8192"},
     {"no answer", "5 0 1 0 300 0x4B", "fault.diag = silent"},
     {"a modem processor that is down", "5 0 1 0 500 0x4B", "diag.dci = down"},
-    {"no client", "5 0 1 0 500 0x4B", "", "", "", diag_fails_to_register},
-    {"no signal", "5 0 1 0 500 0x4B", "", "", "", diag_fails_at_signal},
-    {"no support list", "5 0 1 0 500 0x4B", "", "", "", diag_fails_at_support_list},
-    {"no streams", "5 0 1 0 500 0x4B", "", "", "", diag_fails_at_stream},
-    {"a send that fails", "5 0 1 0 500 0x4B", "", "", "", diag_fails_to_send},
+    {"no client", "5 0 1 0 500 0x4B", "", "", "", [] { diag_with({.register_dci_client = 1004}); }},
+    {"no signal", "5 0 1 0 500 0x4B", "", "", "", [] { diag_with({.register_dci_signal = 1005}); }},
+    {"no support list", "5 0 1 0 500 0x4B", "", "", "",
+     [] { diag_with({.dci_support_list = 1006}); }},
+    {"no streams", "5 0 1 0 500 0x4B", "", "", "",
+     [] { diag_with({.register_dci_stream = 1007}); }},
+    {"a send that fails", "5 0 1 0 500 0x4B", "", "", "",
+     [] { diag_with({.dci_send = 1008, .release_dci_client = 1009}); }},
     {"DCI mode without result", "5 0 1 1 5000 0x4B 0x2C"},
     {"streams", "5 0 1 1 5000 0x4B", "", "", "", diag_streams},
-    {"a send that fails", "5 0 1 1 2000 0x4B", "", "", "", diag_fails_to_send},
+    {"a send that fails", "5 0 1 1 2000 0x4B", "", "", "",
+     [] { diag_with({.dci_send = 1008, .release_dci_client = 1009}); }},
     {"no library", "5 0 1 1 100 0x4B", "fault.diag = down"},
     {"cards in both slots", "5 1"},
     {"one slot is empty", "5 1", "card.1 = absent"},
@@ -230,7 +233,7 @@ constexpr Scenario kAt[] = {
     {"a channel that is slow", "8 AT", "", "", "", at_channel_is_full_at_first},
     {"no answer", "8 AT", "", "", "", at_channel_silent},
     {"an ordinary file", "8 AT", "", "", "", at_channel_is_a_file},
-    {"no receiver", "8 AT", "", "", "", no_thread},
+    {"no receiver", "8 AT", "", "", "", [] { fail_next_pthread_create(); }},
 };
 
 #define BOTH_LTE "rat.1 = 9; "
@@ -296,12 +299,12 @@ constexpr Scenario kMbn[] = {
     {"indications come too late", "10 1 1", "pdc.ind = late"},
     {"indications come before their answers", "10 1 2", "pdc.ind = early"},
     {"the NV synchronisation fails", "10 1 1", REFUSING},
-    {"no watchdog", "10 1 1", "", "", "", no_timer},
+    {"no watchdog", "10 1 1", "", "", "", fail_next_timer_create},
     {"all indications are dropped, and no longer", "10 30 1 ; 10 1 1 ; 10 30 0 ; 10 1 1"},
     {"below 0", "10 30 -3"},
     {"self-test", "10 31 1"},
     {"an invalid flag", "10 31 0"},
-    {"no thread", "10 31 1", "", "", "", no_thread},
+    {"no thread", "10 31 1", "", "", "", [] { fail_next_pthread_create(); }},
 };
 
 constexpr Scenario kSmart[] = {
@@ -332,7 +335,7 @@ constexpr Scenario kSmart[] = {
     {"a folder in its place", "11 7", "", "", "share_memory/x = 1"},
     {"a pipe in its place", "11 7", "", "", "", share_memory_is_a_pipe},
     {"a timer", "11 8 3"},
-    {"no timer", "11 8 3", "", "", "", no_timer},
+    {"no timer", "11 8 3", "", "", "", fail_next_timer_create},
     {"no time", "11 8"},
     {"a test", "11 11 123456789"},
     {"no type", "11 11"},

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <pthread.h>
 #include <stdlib.h>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -15,17 +14,16 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
+#include <thread>
 
-#include "platform/diag/diag_library.h"
 #include "platform/modem/pdc_service.h"
 #include "platform/modem/uim_service.h"
+#include "platform/qmi/qmi_idl_codec.h"
 #include "platform/qmi/service_bus.h"
 #include "tervik_kiv_at_cmd.h"
 #include "tervik_kiv_smart_test.h"
 #include "tests/support/extension_stub.h"
-#include "tests/support/virtual_time.h"
+#include "uim_idl.h"
 
 namespace kiv::test {
 namespace {
@@ -36,7 +34,51 @@ using Bytes = std::vector<uint8_t>;
 
 int g_modem = -1;  // the modem's end of the channel
 
-void open_at_channel() {
+// Answers a command with the command itself, a second after it has come, so that it is seen what
+// arrives at the device.
+void echo_command() {
+  pollfd command{.fd = g_modem, .events = POLLIN, .revents = 0};
+  char bytes[256];
+  const ssize_t length = poll(&command, 1, -1) == 1 ? read(g_modem, bytes, sizeof(bytes)) : -1;
+  sleep(1);
+  if (length <= 0 || write(g_modem, bytes, static_cast<size_t>(length)) != length) abort();
+}
+
+// Drains a channel that is full, late, and answers the command late.
+void drain_and_answer() {
+  sleep(2);
+  char bytes[4096];
+  pollfd more{.fd = g_modem, .events = POLLIN, .revents = 0};
+  for (bool command = false; !command && poll(&more, 1, -1) == 1;) {
+    const ssize_t length = read(g_modem, bytes, sizeof(bytes));
+    command = length > 0 && std::string_view(bytes, static_cast<size_t>(length)).ends_with("\n");
+  }
+  sleep(2);
+  if (write(g_modem, "OK", 2) != 2) abort();
+}
+
+// ---- services ----
+
+// The words of a payload, and no more than them.
+ExtensionAnswer answer_of_words(const std::vector<uint32_t>& words) {
+  Bytes payload(words.size() * sizeof(uint32_t));
+  std::memcpy(payload.data(), words.data(), payload.size());
+  return {.result = 0, .len = static_cast<uint32_t>(payload.size()), .payload = payload};
+}
+
+// A UIM service whose responses are C structures, filled by `fill`.
+void uim_answers(void (*fill)(uint16_t message, std::span<uint8_t> response)) {
+  platform::publish_service(platform::kUimServiceId, [fill](uint16_t message, auto) {
+    const auto& idl = *uim_get_service_object_internal_v01(1, 0x71, 6);
+    Bytes response(platform::find_message(idl, QMI_IDL_RESPONSE, message)->c_struct_len);
+    fill(message, response);
+    return platform::ServiceReply::response(response);
+  });
+}
+
+}  // namespace
+
+void at_channel_silent() {
   g_modem = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
   if (grantpt(g_modem) != 0 || unlockpt(g_modem) != 0) abort();
   g_at_device_path = ptsname(g_modem);
@@ -47,92 +89,13 @@ void open_at_channel() {
   tcsetattr(channel, TCSANOW, &settings);
 }
 
-// Answers a command with the command itself, a second after it has come, so that it is seen what
-// arrives at the device.
-void* echo_command(void*) {
-  pollfd command{.fd = g_modem, .events = POLLIN, .revents = 0};
-  char bytes[256];
-  const ssize_t length = poll(&command, 1, -1) == 1 ? read(g_modem, bytes, sizeof(bytes)) : -1;
-  sleep(1);
-  if (length <= 0 || write(g_modem, bytes, static_cast<size_t>(length)) != length) abort();
-  return nullptr;
-}
-
-// Drains a channel that is full, late, and answers the command late.
-void* drain_and_answer(void*) {
-  sleep(2);
-  char bytes[4096];
-  pollfd more{.fd = g_modem, .events = POLLIN, .revents = 0};
-  for (bool command = false; !command && poll(&more, 1, -1) == 1;) {
-    const ssize_t length = read(g_modem, bytes, sizeof(bytes));
-    command = length > 0 && std::string_view(bytes, static_cast<size_t>(length)).ends_with("\n");
-  }
-  sleep(2);
-  if (write(g_modem, "OK", 2) != 2) abort();
-  return nullptr;
-}
-
-void start(void* (*routine)(void*)) {
-  pthread_t thread{};
-  if (pthread_create(&thread, nullptr, routine, nullptr) != 0) abort();
-  pthread_detach(thread);
-}
-
-// ---- DIAG ----
-
-// A modem that echoes commands, and the faults of the library.
-void diag_with(platform::DiagFaults faults, std::vector<platform::DiagAnswer> streams = {}) {
-  platform::set_diag_modem({.processor =
-                                [streams](std::span<const uint8_t> command) {
-                                  std::vector<platform::DiagAnswer> answers = streams;
-                                  answers.push_back({.bytes = {command.begin(), command.end()}});
-                                  return answers;
-                                },
-                            .faults = faults});
-}
-
-// ---- services ----
-
-void extension_answers(const ExtensionStub::AnswerFunction& answer) {
-  new ExtensionStub(answer);
-}
-
-// The words of a payload, and no more than them.
-ExtensionAnswer answer_of_words(const std::vector<uint32_t>& words) {
-  Bytes payload(words.size() * sizeof(uint32_t));
-  std::memcpy(payload.data(), words.data(), payload.size());
-  return {.result = 0, .len = static_cast<uint32_t>(payload.size()), .payload = payload};
-}
-
-// A UIM service whose responses are C structures of these sizes, by message id, filled by `fill`.
-void uim_answers(void (*fill)(uint16_t message, std::span<uint8_t> response)) {
-  platform::publish_service(platform::kUimServiceId,
-                            [fill](uint16_t message, std::span<const uint8_t>) {
-                              constexpr std::pair<uint16_t, size_t> kSizes[] = {
-                                  {0x7A, 8}, {0x65, 32}, {0x42, 1304}, {0x3F, 1304}, {0x3B, 1052}};
-                              for (const auto& [id, size] : kSizes) {
-                                if (id != message) continue;
-                                Bytes response(size);
-                                fill(message, response);
-                                return platform::ServiceReply::response(response);
-                              }
-                              return platform::ServiceReply::silence();
-                            });
-}
-
-}  // namespace
-
-void at_channel_silent() {
-  open_at_channel();
-}
-
 void at_channel_echoes() {
-  open_at_channel();
-  start(echo_command);
+  at_channel_silent();
+  std::thread(echo_command).detach();
 }
 
 void at_channel_is_full_at_first() {
-  open_at_channel();
+  at_channel_silent();
   const int channel = open(g_at_device_path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   const std::string filling(4096, 'x');
   // The kernel moves bytes on by itself, in the machine's own time: it must come to its end.
@@ -142,11 +105,11 @@ void at_channel_is_full_at_first() {
     timeval moment{.tv_sec = 0, .tv_usec = 20'000};
     select(0, nullptr, nullptr, nullptr, &moment);
   }
-  start(drain_and_answer);
+  std::thread(drain_and_answer).detach();
 }
 
 void at_channel_answers_at_length() {
-  open_at_channel();
+  at_channel_silent();
   const std::string answer = std::string("%s%n\0", 5) + std::string(595, 'x');
   if (write(g_modem, answer.data(), answer.size()) != 600) abort();
 }
@@ -170,9 +133,19 @@ void share_memory_is_a_pipe() {
 }
 
 void all_is_silent() {
-  open_at_channel();
+  at_channel_silent();
   platform::publish_service(platform::kPdcServiceId,
                             [](auto...) { return platform::ServiceReply::silence(); });
+}
+
+void diag_with(const platform::DiagFaults& faults,
+               const std::vector<platform::DiagAnswer>& streams) {
+  const auto echo = [streams](std::span<const uint8_t> command) {
+    std::vector<platform::DiagAnswer> answers = streams;
+    answers.push_back({.bytes = {command.begin(), command.end()}});
+    return answers;
+  };
+  platform::set_diag_modem({.processor = echo, .faults = faults});
 }
 
 void diag_streams() {
@@ -182,44 +155,15 @@ void diag_streams() {
                  {.bytes = {0x10, 2}, .stream = Stream::kDciLog},
                  {.bytes = {0x60, 2}, .stream = Stream::kDciEvent}});
 }
-void diag_fails_to_register() {
-  diag_with({.register_dci_client = 1004});
-}
-void diag_fails_at_signal() {
-  diag_with({.register_dci_signal = 1005});
-}
-void diag_fails_at_support_list() {
-  diag_with({.dci_support_list = 1006});
-}
-void diag_fails_at_stream() {
-  diag_with({.register_dci_stream = 1007});
-}
-void diag_fails_to_send() {
-  diag_with({.dci_send = 1008, .release_dci_client = 1009});
-}
-
-void no_thread() {
-  fail_next_pthread_create();
-}
-void no_second_thread() {
-  fail_next_pthread_create(1);
-}
-void no_timer() {
-  fail_next_timer_create();
-}
-void no_armed_timer() {
-  fail_next_timer_settime();
-}
-
 void extension_answers_briefly() {
-  extension_answers(
+  new ExtensionStub(
       [](auto&) { return ExtensionAnswer{.result = 0, .len = 3, .payload = Bytes{}}; });
 }
 void extension_answers_nothing() {
-  extension_answers([](auto&) { return ExtensionAnswer{}; });
+  new ExtensionStub([](auto&) { return ExtensionAnswer{}; });
 }
 void extension_claims_more() {
-  extension_answers([](const ExtensionRequest& request) {
+  new ExtensionStub([](const ExtensionRequest& request) {
     constexpr uint32_t kEfsClass = 2;
     if (request.id == kEfsClass) return answer_of_words({0, 600, 600, 0, 0, 0x04030201});
     return answer_of_words({0, 0, 74, 600, 0x04030201});

@@ -2,6 +2,8 @@
 // the run's own process.
 #pragma once
 
+#include "platform/diag/diag_library.h"
+
 namespace kiv::test {
 
 // The AT channel: one that says nothing, one that answers a command with the command itself, one
@@ -22,19 +24,11 @@ void share_memory_is_a_pipe();
 // modem.conf drops indications alone).
 void all_is_silent();
 
-// DIAG: two log packets and two events on their streams before the answer, or a call that fails.
+// The DIAG modem echoes commands, and calls of the library fail. Other packets come before the
+// answer; as a scene, two log packets and two events.
+void diag_with(const platform::DiagFaults& faults,
+               const std::vector<platform::DiagAnswer>& streams = {});
 void diag_streams();
-void diag_fails_to_register();
-void diag_fails_at_signal();
-void diag_fails_at_support_list();
-void diag_fails_at_stream();
-void diag_fails_to_send();
-
-// The next thread cannot be started, or the one after it; the next timer cannot be made, or armed.
-void no_thread();
-void no_second_thread();
-void no_timer();
-void no_armed_timer();
 
 // The extension service answers with too few bytes, without a payload, or with a length of 600 that
 // it does not carry.

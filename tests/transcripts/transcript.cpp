@@ -1,19 +1,15 @@
 #include "tests/transcripts/transcript.h"
 
-#include <regex.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <stdexcept>
-#include <string_view>
 #include <utility>
 
 #include "tervik_kiv_at_cmd.h"
@@ -22,21 +18,10 @@
 #include "tervik_utils_cmn.h"
 #include "tervik_utils_outcome.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/state_directory_fixture.h"
 #include "tests/support/virtual_time.h"
 
 namespace kiv::test {
-
-namespace {
-
-namespace fs = std::filesystem;
-using Strings = std::vector<std::string>;
-
-#ifdef __SANITIZE_THREAD__
-// A recorder that all threads use would hide from ThreadSanitizer what their own locks leave open.
-constexpr bool kRecords = false;
-#else
-constexpr bool kRecords = true;
-#endif
 
 Strings split(std::string_view text, std::string_view mark) {
   Strings parts;
@@ -47,6 +32,17 @@ Strings split(std::string_view text, std::string_view mark) {
   }
   return parts;
 }
+
+namespace {
+
+namespace fs = std::filesystem;
+
+#ifdef __SANITIZE_THREAD__
+// A recorder that all threads use would hide from ThreadSanitizer what their own locks leave open.
+constexpr bool kRecords = false;
+#else
+constexpr bool kRecords = true;
+#endif
 
 // ---- the recorder, in the run's own process ----
 
@@ -134,16 +130,11 @@ class Recorder {
     if (said != nullptr) verdict_ += std::string(", ") + said;
   }
 
-  void finish(int descriptor) {
+  void finish(const std::string& result) {
     take_output();
     if (!verdict_.empty()) lines_ += verdict_ + "\n";
     time_passes();
-    lines_ += "took " + std::to_string(virtual_now().count()) + "\n";
-    for (size_t done = 0; done < lines_.size();) {
-      const ssize_t length = write(descriptor, lines_.data() + done, lines_.size() - done);
-      if (length <= 0) _exit(99);
-      done += static_cast<size_t>(length);
-    }
+    std::ofstream(result, std::ios::binary) << lines_ << "took " << virtual_now().count() << '\n';
   }
 
  private:
@@ -196,11 +187,6 @@ class Recorder {
 
 Recorder* g_recorder = nullptr;
 
-void observe(const tervik_log_place& place, uint32_t log_class, uint32_t sub, const char*,
-             const char* text) {
-  g_recorder->statement(place, log_class, sub, text);
-}
-
 // ---- the runs ----
 
 // The words of a command line, repetitions written out.
@@ -225,7 +211,7 @@ Strings arguments_of(const std::string& line) {
 }
 
 [[noreturn]] void run_tool(const Strings& arguments, const Scenario& scenario,
-                           const std::string& folder, int result) {
+                           const std::string& folder, const std::string& result) {
   alarm(60);
   Strings copies = arguments;
   std::vector<char*> argv;
@@ -237,7 +223,10 @@ Strings arguments_of(const std::string& line) {
   g_share_memory_file_path = share_memory.c_str();
   if (kRecords) {
     g_recorder = new Recorder;
-    tervik_set_log_observer(observe);
+    tervik_set_log_observer(
+        [](const auto& place, uint32_t log_class, uint32_t sub, const char*, const char* text) {
+          g_recorder->statement(place, log_class, sub, text);
+        });
     tervik_set_outcome_observer(
         {.failed = [](int code, const char* said) { g_recorder->failure(code, said); }});
   } else if (freopen("/dev/null", "w", stdout) == nullptr) {
@@ -259,70 +248,53 @@ Strings arguments_of(const std::string& line) {
   _exit(status);
 }
 
-// The text with each match of the pattern replaced; "$1" and "$2" in the mask stand for its groups.
-// With POSIX's expressions, because <regex> takes seconds to compile.
-std::string replaced(const std::string& text, const std::string& pattern, const std::string& mask) {
-  regex_t compiled;
-  if (regcomp(&compiled, pattern.c_str(), REG_EXTENDED) != 0) throw std::invalid_argument(pattern);
-  std::string result;
-  const char* from = text.c_str();
-  regmatch_t groups[3];
-  while (regexec(&compiled, from, 3, groups, 0) == 0) {
-    result.append(from, static_cast<size_t>(groups[0].rm_so));
-    for (size_t i = 0; i < mask.size(); ++i) {
-      if (mask[i] != '$') {
-        result += mask[i];
-        continue;
-      }
-      const regmatch_t& group = groups[mask[++i] - '0'];
-      result.append(from + group.rm_so, from + group.rm_eo);
-    }
-    from += groups[0].rm_eo;
-  }
-  regfree(&compiled);
-  return result + from;
-}
-
-// The text without what differs from run to run. A pattern, which is slow, is tried only on lines
-// that have its fixed beginning.
-std::string masked(const std::string& text, const std::string& folder) {
+// The text without what differs from run to run.
+std::string masked(std::string text, const std::string& folder) {
+  const char* const kDigits = "0123456789";
+  const char* const kHexDigits = "0123456789abcdef";
+  const std::string own_name = program_invocation_name;
+  // A text becomes the mask, with the characters that follow it as long as they are some of `more`;
+  // at least one must follow, unless `more` is empty.
   const struct {
     std::string beginning;
-    std::string pattern;
-    const char* mask;
+    const char* more;
+    std::string mask;
   } masks[] = {
       // The RIL logger shows line numbers, and an emulator of another processor its own name.
-      {"util: ", R"((util: \[)[^]]*(\] \w+:)[0-9]+)", "$1kiv$2<line>"},
-      {"p_id: ", "(p_id: )[0-9]+", "$1<pid>"},
-      {"/proc/", "(/proc/)[0-9]+", "$1<pid>"},
-      {"proc_pid_buf", "(proc_pid_buf(:| =) ).*/", "$1<folder>/"},
-      {folder, folder, "<folder>"},
-      {"/dev/pts/", "/dev/pts/[0-9]+", "<channel>"},
-      {"open, fd: ", "(open, fd: )[0-9]+", "$1<number>"},
-      {"ptr", "(ptr_lyrax_data = 0x|data_ptr: 0x|ind_data_ptr = 0x)[0-9a-f]+", "$1<address>"},
-      {"ind_buf = ", "(ind_buf = 0x)[0-9a-f]+", "$1<address>"},
+      {"util: [", "abcdefghijklmnopqrstuvwxyz0123456789-_", "util: [kiv"},
+      {"_to_ril_result:", kDigits, "_to_ril_result:<line>"},
+      {"p_id: ", kDigits, "p_id: <pid>"},
+      {"/proc/", kDigits, "/proc/<pid>"},
+      {"proc_pid_buf: " + own_name, "", "proc_pid_buf: <folder>/kiv"},
+      {"proc_pid_buf = " + own_name, "", "proc_pid_buf = <folder>/kiv"},
+      {folder, "", "<folder>"},
+      {"/dev/pts/", kDigits, "<channel>"},
+      {"open, fd: ", kDigits, "open, fd: <number>"},
+      {"ptr_lyrax_data = 0x", kHexDigits, "ptr_lyrax_data = 0x<address>"},
+      {"data_ptr: 0x", kHexDigits, "data_ptr: 0x<address>"},
+      {"ind_data_ptr = 0x", kHexDigits, "ind_data_ptr = 0x<address>"},
+      {"ind_buf = 0x", kHexDigits, "ind_buf = 0x<address>"},
   };
-  std::string all;
-  for (std::string line : split(text, "\n")) {
-    for (const auto& [beginning, pattern, mask] : masks) {
-      if (line.find(beginning) != std::string::npos) line = replaced(line, pattern, mask);
+  for (const auto& [beginning, more, mask] : masks) {
+    for (size_t at = 0; (at = text.find(beginning, at)) != std::string::npos; ++at) {
+      const size_t begin = at + beginning.size();
+      const size_t end = std::min(text.find_first_not_of(more, begin), text.size());
+      if (end > begin || *more == '\0') text.replace(at, end - at, mask);
     }
-    all += line + "\n";
   }
-  return all;
+  return text;
 }
 
 // Runs one command line in a process of its own; its recorded lines, masked.
 std::string run_line(const std::string& line, const Scenario& scenario, const std::string& folder) {
-  const int result = memfd_create("result", MFD_CLOEXEC);
+  const std::string result = folder + "/result";
+  fs::remove(result);
   fflush(nullptr);
   const pid_t pid = fork();
   if (pid == 0) run_tool(arguments_of(line), scenario, folder, result);
   int status = 0;
   waitpid(pid, &status, 0);
-  std::string text(static_cast<size_t>(lseek(result, 0, SEEK_END)), '\0');
-  if (pread(result, text.data(), text.size(), 0) < 0) text.clear();
-  close(result);
+  std::string text = read_file_text(result);
   if (status != 0) text += "ended with wait status " + std::to_string(status) + "\n";
   return masked(text, folder);
 }
@@ -354,16 +326,10 @@ std::string hex_text(const std::string& bytes) {
   return text;
 }
 
-std::string file_content(const fs::path& path) {
-  std::ostringstream content;
-  content << std::ifstream(path, std::ios::binary).rdbuf();
-  return content.str();
-}
-
 std::map<std::string, std::string> files_in(const fs::path& folder) {
   std::map<std::string, std::string> files;
   for (const auto& each : fs::recursive_directory_iterator(folder)) {
-    if (each.is_regular_file()) files[fs::relative(each, folder)] = file_content(each);
+    if (each.is_regular_file()) files[fs::relative(each, folder)] = read_file_text(each);
   }
   return files;
 }

@@ -17,10 +17,17 @@
 #pragma once
 
 #include <chrono>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kiv::test {
+
+using Strings = std::vector<std::string>;
+
+// The parts of the text between the marks; nothing behind a mark at the end is no part.
+Strings split(std::string_view text, std::string_view mark);
 
 // What a run is made from. In a command line, `word*N` stands for that word N times, and `{text*N}`
 // in a word for the text N times, and '~' for a blank in a word; ' ; ' separates the lines of
@@ -36,8 +43,20 @@ struct Scenario {
   void (*scene)() = nullptr;
 };
 
+// The scenarios whose transcripts one of the golden texts holds.
+struct ScenarioTable {
+  const char* name;  // of the golden text
+  std::span<const Scenario> scenarios;
+};
+
+std::span<const ScenarioTable> scenario_tables();
+
+// Calls of the libraries that no command line makes: wrong arguments, and callbacks that are called
+// by hand. Each scenario is a few of them, without the tool.
+std::span<const Scenario> call_scenarios();
+
 struct Transcript {
-  std::vector<std::string> lines;
+  Strings lines;
   std::chrono::nanoseconds took{};  // of the last run
 };
 

@@ -1,12 +1,9 @@
 #include "tervik_utils_timer.h"
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "tervik_utils_cmn.h"
 #include "tests/support/log_capture.h"
@@ -17,7 +14,6 @@ namespace kiv::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Strings = std::vector<std::string>;
 
 // What the timer callbacks did.
 std::atomic<size_t> g_fired{0};
@@ -42,33 +38,25 @@ class UtilsTimer : public StateDirectoryTest {
   }
 };
 
-TEST_F(UtilsTimer, NumbersCountFrom501AndAreUsedUpByFailedCreations) {
+TEST_F(UtilsTimer, NumbersAreTakenFromTheirStartToTheirStop) {
   const uint32_t first = tervik_timer_start(note_firing, 60);
   EXPECT_GE(first, 501u);
   for (const auto fail : {fail_next_timer_create, fail_next_timer_settime}) {
     fail();
     EXPECT_EQ(tervik_timer_start(note_firing, 60), 0u);
-  }
-  EXPECT_EQ(tervik_timer_start(note_firing, 60), first + 3);
-  for (const uint32_t number : {0u, 1u, 2u, 3u}) {
-    EXPECT_EQ(tervik_timer_stop(first + number), number % 3 == 0);
-  }
-}
-
-TEST_F(UtilsTimer, ANumberIsTakenFromItsStartToItsStop) {
-  const auto start = [](uint32_t timer_id) {
-    return tervik_timer_start(timer_id, note_firing, 50);
-  };
-  for (const auto fail : {fail_next_timer_create, fail_next_timer_settime}) {
     fail();
-    EXPECT_FALSE(start(7));
+    EXPECT_FALSE(tervik_timer_start(7, note_firing, 50));
     EXPECT_FALSE(tervik_timer_stop(7));
   }
-  for (const uint32_t timer_id : {7u, 8u, 9u}) EXPECT_TRUE(start(timer_id));
-  EXPECT_FALSE(start(8));
-  // From the middle, the head and the tail of the list.
-  for (const uint32_t timer_id : {8u, 7u, 9u}) EXPECT_TRUE(tervik_timer_stop(timer_id));
-  EXPECT_FALSE(tervik_timer_stop(8));
+  EXPECT_EQ(tervik_timer_start(note_firing, 60), first + 3) << "failed creations use numbers up";
+  for (const uint32_t number : {1u, 2u}) EXPECT_FALSE(tervik_timer_stop(first + number));
+  for (const uint32_t timer_id : {7u, 8u, 9u}) {
+    EXPECT_TRUE(tervik_timer_start(timer_id, note_firing, 50));
+  }
+  // From the middle of the list and from both its ends.
+  for (const uint32_t timer_id : {8u, 9u, first, 7u, first + 3}) {
+    EXPECT_TRUE(tervik_timer_stop(timer_id));
+  }
 }
 
 TEST_F(UtilsTimer, FiresOnceWhenItIsTimeAndStaysUntilStopped) {
