@@ -250,10 +250,10 @@ case_example() {
 case_line() {
   cat >reach <<'END'
 #!/bin/sh
-mkdir -p "units/$1" && cd "units/$1" && mkdir -p state || exit
+mkdir -p "units/$1" && cd "units/$1" && mkdir -p state && echo start >>starts || exit
 case $1 in
   *bad) echo 'eid = none' >state/modem.conf ;;
-  *hang) echo 'fault.extension = down' >state/modem.conf && exec sleep "77.$HANG" ;;
+  *hang) exec sleep "77.$HANG" ;;
   *gone) echo 'line_check' && exit 255 ;;
 esac
 export KIV_STATE_DIR="$PWD/state"
@@ -265,26 +265,28 @@ kiv-check -t 60 4 2 0 3000 1 2 3 >steps && kiv-check -t 60 5 10 3 0 >>steps 2>&1
   false
 }
 status=$?
-echo "ran 'once' \$* " >>runs
 exit $status
 END
   chmod +x reach && seq -f 'unit-%g' 1 90 >list
   printf '%s\n' a@1.2.3.4:5555 b-hang c-gone 1-bad 2-bad 3-bad 4-bad 5-bad unit-a unit+b >>list
   export HANG="$$"
-  set -- -j 4 -t 5 -r "$PWD/reach {}" -c "sh '$PWD/check.sh'" results list
+  set -- -j 4 -t 15 -r "$PWD/reach {}" -c "sh '$PWD/check.sh'" results list
   "$project/examples/line_check.sh" "$@" >out 2>err &
   sleep 1
   kill -s TERM $! && wait $!
   expect 'ended' "143 0" "$? $(processes 0 "77.$$")"
+  (cd results && grep -l '^line_check: ' -- * | grep -vx errors) >ended
   "$project/examples/line_check.sh" "$@" >out 2>err
   expect 'result' '2 93 good, 5 failed, 2 not finished' "$? $(tail -n 1 out)"
-  expect 'each handset once' '98 98' "$(cat units/*/runs | wc -l) $(find units -name runs | wc -l)"
+  expect 'a checked handset is not checked again' '' \
+    "$(while read -r unit; do echo "$(wc -l <"units/$unit/starts") $unit"; done <ended | grep -v '^1 ')"
+  expect 'each handset' 100 "$(find units -name starts | wc -l)"
   expect 'reasons' 5 "$(grep -c '^  kiv-check: failure: .*eSIM' results/summary)"
   expect 'not finished' 'b-hang c-gone' "$(awk '/NOT FINISHED/ { print $3 }' out | xargs)"
-  : >units/c-gone/state/x && sed -i '/gone/d' reach
+  sed -i '/gone/d; /hang/d' reach
   "$project/examples/line_check.sh" "$@" >out 2>err
-  expect 'another try' '2 94 good, 5 failed, 1 not finished' "$? $(tail -n 1 out)"
-  expect 'each handset once' 99 "$(cat units/*/runs | wc -l)"
+  expect 'another try' '1 95 good, 5 failed, 0 not finished' "$? $(tail -n 1 out)"
+  expect 'a good handset is left alone' 1 "$(wc -l <units/a@1.2.3.4:5555/starts)"
   for row in '' 'results' 'results nothing' '-x 1' '-j 1 results reach' 'results other'; do
     echo only >other
     "$project/examples/line_check.sh" $row >out 2>err
