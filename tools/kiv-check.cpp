@@ -22,9 +22,9 @@
 #include <utility>
 #include <vector>
 
-#include "argument_check.h"
 #include "document_rows.h"
 #include "program.h"
+#include "tervik_kiv_argument_check.h"
 #include "tervik_kiv_test_main.h"
 #include "tervik_utils_cmn.h"
 #include "tervik_utils_outcome.h"
@@ -40,8 +40,7 @@ using strings = std::vector<std::string>;
 constexpr const char* CHANNEL_VARIABLE = "KIV_CHECK_CHANNEL";
 
 [[noreturn]] void refuse(const std::string& why) {
-  fprintf(stderr, "kiv-check: %s\n", why.c_str());
-  exit(NO_VERDICT);
+  end_program(NO_VERDICT, why);
 }
 
 // ---- the command's own process ----
@@ -340,7 +339,7 @@ int check(const options& wanted, const std::vector<char*>& words, const strings&
   if (wanted.record_file != nullptr) {
     record_file = open(wanted.record_file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
     if (record_file < 0) {
-      refuse(std::string(wanted.record_file) + ": " + strerror(errno));
+      end_for_file(NO_VERDICT, wanted.record_file);
     }
   }
   const run_result run = run_and_watch(words, wanted.limit_s);
@@ -356,7 +355,7 @@ int check(const options& wanted, const std::vector<char*>& words, const strings&
   if (record_file >= 0) {
     const std::string record = record_of(arguments, run, meaning);
     if (write(record_file, record.data(), record.size()) != static_cast<ssize_t>(record.size())) {
-      refuse(std::string(wanted.record_file) + ": " + strerror(errno));
+      end_for_file(NO_VERDICT, wanted.record_file);
     }
   }
   return finish(run, meaning);
@@ -368,7 +367,7 @@ int main(int argc, char** argv) {
   if (const char* const channel = getenv(CHANNEL_VARIABLE); channel != nullptr) {
     run_command(channel, argc, argv);
   }
-  prepare_program();
+  prepare_program("kiv-check");
   const options wanted = read_options(argc, argv);
   const std::vector<char*> words(argv + optind, argv + argc);
   const strings arguments(words.begin(), words.end());
@@ -382,7 +381,7 @@ int main(int argc, char** argv) {
     }
     end_with(text);
   }
-  if (const std::string wrong = what_is_wrong(arguments); !wrong.empty()) {
+  if (const std::string wrong = tervik_kiv_what_is_wrong(arguments); !wrong.empty()) {
     refuse(wrong);
   }
   if (wanted.shows_only) {

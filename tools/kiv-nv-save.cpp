@@ -7,16 +7,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <string>
 #include <string_view>
 
 #include "program.h"
 #include "tervik_extend_nvefs.h"
+#include "tervik_kiv_argument_check.h"
 #include "tervik_utils_cmn.h"
 
 namespace {
@@ -24,11 +23,6 @@ namespace {
 constexpr const char* USAGE = "usage: kiv-nv-save [-o FILE] {0|1 {nv ID | efs PATH}...}...";
 
 enum exit_status : int { SAVED = 0, NOT_SAVED = 1, WRONG_USAGE = 2 };
-
-[[noreturn]] void end(exit_status status, const std::string& why) {
-  fprintf(stderr, "kiv-nv-save: %s\n", why.c_str());
-  exit(status);
-}
 
 // ---- reading ----
 
@@ -45,29 +39,19 @@ struct item_kind {
 constexpr item_kind NV = {"nv", 2, 3, 5};
 constexpr item_kind EFS = {"efs", 5, 6, ENOENT};
 
-bool is_nv_id(const std::string& text, uint32_t& id) {
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
-  return error == std::errc() && end == text.data() + text.size() && id <= TERVIK_NV_ID_MAX;
-}
-
 // Reads an item; the line of the script that puts it back.
 std::string save(const item_kind& kind, uint32_t sub, const std::string& item) {
   static std::array<uint8_t, TERVIK_EFS_DATA_MAX> data;
   uint32_t len = data.size();
-  uint32_t id = 0;
-  int code = 0;
-  if (&kind == &NV) {
-    if (!is_nv_id(item, id)) {
-      end(WRONG_USAGE, "no NV item: " + item + "; wanted is a number, 0 to 7232");
-    }
-    code = tervik_nv_read(sub, id, data.data(), &len);
-  } else {
-    if (item.empty() || item.size() >= TERVIK_EFS_PATH_MAX || item.find('\n') != item.npos) {
-      end(WRONG_USAGE, "no path that kiv can write: " + item + "; wanted are 1 to 99 bytes");
-    }
-    code =
-        tervik_efs_read(sub, item.c_str(), static_cast<uint32_t>(item.size()), data.data(), &len);
+  const std::string wrong = tervik_kiv_what_is_wrong(
+      {"4", std::to_string(kind.write_command), std::to_string(sub), item, "0"});
+  if (!wrong.empty()) {
+    end_program(WRONG_USAGE, wrong);
   }
+  const auto item_len = static_cast<uint32_t>(item.size());
+  const int code = &kind == &NV
+                       ? tervik_nv_read(sub, static_cast<uint32_t>(stoul(item)), data.data(), &len)
+                       : tervik_efs_read(sub, item.c_str(), item_len, data.data(), &len);
   const std::string what =
       std::string(kind.name) + ' ' + item + " of subscription " + std::to_string(sub);
   const std::string place = std::to_string(sub) + ' ' + shell_word(item);
@@ -76,13 +60,14 @@ std::string save(const item_kind& kind, uint32_t sub, const std::string& item) {
            place + " # there was none\n";
   }
   if (code == TERVIK_NVEFS_ERR_BUF_LEN || (code == 0 && len == 0)) {
-    end(NOT_SAVED, what + ": is empty, and kiv writes nothing empty");
+    end_program(NOT_SAVED, what + ": is empty, and kiv writes nothing empty");
   }
   if (code != 0) {
-    end(NOT_SAVED, what + ": cannot be read, error code " + std::to_string(code));
+    end_program(NOT_SAVED, what + ": cannot be read, error code " + std::to_string(code));
   }
   if (len > DATA_MAX) {
-    end(NOT_SAVED, what + ": has " + std::to_string(len) + " bytes, and kiv writes 365 at most");
+    end_program(NOT_SAVED,
+                what + ": has " + std::to_string(len) + " bytes, and kiv writes 365 at most");
   }
   std::string line = "put_back no 4 " + std::to_string(kind.write_command) + ' ' + place;
   for (uint32_t i = 0; i < len; ++i) {
@@ -103,11 +88,7 @@ std::string kiv_program() {
 }
 
 std::string script_of(const std::string& commands) {
-  std::array<char, 64> date = {};
-  const time_t now = time(nullptr);
-  tm utc = {};
-  strftime(date.data(), date.size(), "%Y-%m-%d at %H:%M:%S UTC", gmtime_r(&now, &utc));
-  return std::string("#!/bin/sh\n# Puts back what kiv-nv-save read on ") + date.data() +
+  return "#!/bin/sh\n# Puts back what kiv-nv-save read at " + time_now() +
          R"sh(: tries every item, and ends
 # with status 1 when one of them could not be put back. KIV names another kiv to run.
 kiv=${KIV:-)sh" +
@@ -143,14 +124,15 @@ void write_file(const std::string& name, const std::string& script) {
     if (fd >= 0) {
       unlink(part.c_str());
     }
-    end(NOT_SAVED, name + ": " + strerror(error));
+    errno = error;
+    end_for_file(NOT_SAVED, name.c_str());
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  prepare_program();
+  prepare_program("kiv-nv-save");
   tervik_hal_close_print();
   std::string file;
   int next = 1;
@@ -163,7 +145,7 @@ int main(int argc, char** argv) {
   }
   struct stat there = {};
   if (!file.empty() && lstat(file.c_str(), &there) == 0) {
-    end(WRONG_USAGE, file + " exists already");
+    end_program(WRONG_USAGE, file + " exists already");
   }
   std::string commands;
   int sub = -1;
@@ -174,17 +156,17 @@ int main(int argc, char** argv) {
     } else if (sub >= 0 && next + 1 < argc && (word == NV.name || word == EFS.name)) {
       commands += save(word == NV.name ? NV : EFS, static_cast<uint32_t>(sub), argv[++next]);
     } else {
-      end(WRONG_USAGE, USAGE);
+      end_program(WRONG_USAGE, USAGE);
     }
   }
   if (commands.empty()) {
-    end(WRONG_USAGE, USAGE);
+    end_program(WRONG_USAGE, USAGE);
   }
   const std::string script = script_of(commands);
   if (!file.empty()) {
     write_file(file, script);
   } else if (!print(script)) {
-    end(NOT_SAVED, std::string("the script cannot be written: ") + strerror(errno));
+    end_for_file(NOT_SAVED, "standard output");
   }
   return SAVED;
 }

@@ -18,9 +18,9 @@
 #include <utility>
 #include <vector>
 
-#include "argument_check.h"
 #include "modem_lyrax_mgr.h"
 #include "program.h"
+#include "tervik_kiv_argument_check.h"
 #include "tervik_kiv_lyrax_data.h"
 #include "tervik_utils_cmn.h"
 #include "tervik_utils_outcome.h"
@@ -34,8 +34,7 @@ constexpr const char* USAGE =
     "OPT and SUB are those of \"kiv 9\"; kiv-check help 9 lists them.\n";
 
 [[noreturn]] void refuse(const std::string& why) {
-  fprintf(stderr, "kiv-watch: %s\n", why.c_str());
-  exit(NO_VERDICT);
+  end_program(NO_VERDICT, why);
 }
 
 // ---- a sample ----
@@ -106,15 +105,6 @@ std::string line_of(const sample& values) {
   return line;
 }
 
-// As 2026-01-31T12:00:00.
-std::string local_time() {
-  char text[32];
-  const time_t now = time(nullptr);
-  tm parts = {};
-  strftime(text, sizeof(text), "%FT%T", localtime_r(&now, &parts));
-  return text;
-}
-
 // Appends the sample to the file, behind the names when it is the first one.
 bool write_rows(int file, const std::string& time, bool with_names) {
   std::string names = "time";
@@ -177,7 +167,7 @@ exit_status measure(const options& wanted, int opt, int sub, int file) {
         std::chrono::duration<double>(wanted.interval_s));
     g_failure.clear();
     tervik_test_qmi_modem_stats_hdl(opt, sub);
-    const std::string time = local_time();
+    const std::string time = time_now();
     const std::string clock = time.substr(time.find('T') + 1);
     if (!g_failure.empty()) {
       status = FAILED;
@@ -185,7 +175,7 @@ exit_status measure(const options& wanted, int opt, int sub, int file) {
       continue;
     }
     if (file >= 0 && !write_rows(file, time, std::exchange(is_first, false))) {
-      refuse(std::string(wanted.file) + ": " + strerror(errno));
+      end_for_file(NO_VERDICT, wanted.file);
     }
     if (!print(clock + line_of(g_sample) + '\n')) {
       refuse("the output could not be delivered");
@@ -197,12 +187,12 @@ exit_status measure(const options& wanted, int opt, int sub, int file) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  prepare_program();
+  prepare_program("kiv-watch");
   const options wanted = read_options(argc, argv);
   if (argc - optind != 2) {
     refuse(USAGE);
   }
-  if (const std::string wrong = what_is_wrong({"9", argv[optind], argv[optind + 1]});
+  if (const std::string wrong = tervik_kiv_what_is_wrong({"9", argv[optind], argv[optind + 1]});
       !wrong.empty()) {
     refuse(wrong);
   }
@@ -217,7 +207,7 @@ int main(int argc, char** argv) {
   if (wanted.file != nullptr) {
     file = open(wanted.file, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (file < 0) {
-      refuse(std::string(wanted.file) + ": " + strerror(errno));
+      end_for_file(NO_VERDICT, wanted.file);
     }
   }
   tervik_hal_close_print();

@@ -8,14 +8,32 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
 
-void prepare_program() {
+namespace {
+
+const char* g_name = "";
+
+}  // namespace
+
+void prepare_program(const char* name) {
+  g_name = name;
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     if (fcntl(fd, F_GETFD) < 0) {
       static_cast<void>(open(fd == STDIN_FILENO ? "/dev/null" : "/dev/full", O_RDWR));
     }
   }
   static_cast<void>(signal(SIGPIPE, SIG_IGN));
+}
+
+void end_program(int status, const std::string& why) {
+  fprintf(stderr, "%s: %s\n", g_name, why.c_str());
+  exit(status);
+}
+
+void end_for_file(int status, const char* file) {
+  end_program(status, std::string(file) + ": " + strerror(errno));
 }
 
 bool print(std::string_view text) {
@@ -38,6 +56,14 @@ double seconds_of(const char* text) {
   char* end = nullptr;
   const double seconds = strtod(text, &end);
   return end != text && *end == '\0' && std::isfinite(seconds) && seconds > 0 ? seconds : 0;
+}
+
+std::string time_now() {
+  char text[32];
+  const time_t now = time(nullptr);
+  tm parts = {};
+  strftime(text, sizeof(text), "%FT%T", localtime_r(&now, &parts));
+  return text;
 }
 
 std::string shell_word(std::string_view word) {

@@ -1,25 +1,31 @@
-// What the programs beside kiv share: their streams and the writing of texts.
+// What the programs beside kiv share: their streams, their ends and the writing of texts.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-// Begins a program: a closed stream becomes one that delivers nothing, and a reader that goes away
-// does not end the program.
-void prepare_program();
+// Begins a program of this name: a closed stream becomes one that delivers nothing, and a reader
+// that goes away does not end the program.
+void prepare_program(const char* name);
 
-// Prints a text on standard output; false when it could not be delivered.
+// Ends it with the reason on standard error; of a file, with the reason that errno has.
+[[noreturn]] void end_program(int status, const std::string& why);
+[[noreturn]] void end_for_file(int status, const char* file);
+
+// Prints a text on standard output, or writes it to a file; false when not all could be delivered.
 [[nodiscard]] bool print(std::string_view text);
-
-// Writes all of the text; false when that fails.
 [[nodiscard]] bool write_all(int fd, std::string_view text);
 
 // The whole text as a number of seconds above 0; 0 when it is none.
 double seconds_of(const char* text);
 
+// As 2026-01-31T12:00:00, local time.
+std::string time_now();
+
 // The word as a shell reads it back.
 std::string shell_word(std::string_view word);
 
-// The text as a JSON string. In a text that has a byte which is not printable ASCII, such a byte is
-// written as \u00XX, because an answer of a modem is bytes and not UTF-8.
+// The text as a JSON string. A byte that is not printable ASCII is written as \u00XX, because an
+// answer of a modem is bytes and not UTF-8. (A library for JSON would be one more thing that a
+// build for a handset needs.)
 std::string json_string(std::string_view text);

@@ -1,4 +1,4 @@
-#include "argument_check.h"
+#include "tervik_kiv_argument_check.h"
 
 #include <charconv>
 #include <string_view>
@@ -71,7 +71,7 @@ std::string wrong_with(const category_command& command, const std::string& start
 
 }  // namespace
 
-std::string what_is_wrong(const std::vector<std::string>& words) {
+std::string tervik_kiv_what_is_wrong(const std::vector<std::string>& words) {
   constexpr int NOTHING_TO_CHECK = 2;  // up to this one, categories do nothing
   int number = 0;
   if (!read_number(words.at(0), 10, number)) {
