@@ -35,7 +35,7 @@ endforeach()
 install(FILES ${made}/_kiv DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 # The README links to the folder beside it.
 install(FILES README.md CONTRIBUTING.md CHANGELOG.md TYPE DOC)
-install(DIRECTORY docs TYPE DOC FILES_MATCHING PATTERN "*.md")
+install(DIRECTORY docs TYPE DOC FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
 install(DIRECTORY examples TYPE DOC USE_SOURCE_PERMISSIONS)
 
 set(CPACK_GENERATOR DEB)

@@ -29,7 +29,7 @@ case_lint() {
   cd "$project" || return
   expect shellcheck '' "$(shellcheck -s sh examples/*.sh tests/tools/*.sh scripts/make-docs
     shellcheck -x -P scripts scripts/run scripts/test scripts/transcripts scripts/fuzz \
-      scripts/bench scripts/doc-examples scripts/test-aarch64 scripts/test-valgrind)"
+      scripts/bench scripts/doc-examples scripts/make-picture scripts/test-aarch64 scripts/test-valgrind)"
   expect 'man pages' '' "$(groff -man -Tutf8 -ww -z docs/*.1 2>&1)"
 }
 
