@@ -9,7 +9,8 @@ stats file skip 1 using 0 nooutput
 set xdata time
 set timefmt "%Y-%m-%dT%H:%M:%S"
 set format x "%H:%M:%S"
-set key autotitle columnhead outside
+set key autotitle columnhead outside noenhanced
+set xtics rotate by 45 right
 set ylabel "dBm"
 set grid
 plot for [column = 2 : STATS_columns] file using 1:column with lines linewidth 2

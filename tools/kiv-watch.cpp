@@ -168,7 +168,7 @@ exit_status measure(const options& wanted, int opt, int sub, int file) {
     g_failure.clear();
     tervik_test_qmi_modem_stats_hdl(opt, sub);
     const std::string time = time_now();
-    const std::string clock = time.substr(time.find('T') + 1);
+    const std::string clock = time.substr(time.find('T') + 1, sizeof("12:00:00") - 1);
     if (!g_failure.empty()) {
       status = FAILED;
       fprintf(stderr, "kiv-watch: %s %s\n", clock.c_str(), g_failure.c_str());

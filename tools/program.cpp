@@ -59,10 +59,12 @@ double seconds_of(const char* text) {
 }
 
 std::string time_now() {
-  char text[32];
-  const time_t now = time(nullptr);
+  char text[64];
+  timespec now = {};
   tm parts = {};
-  strftime(text, sizeof(text), "%FT%T", localtime_r(&now, &parts));
+  clock_gettime(CLOCK_REALTIME, &now);
+  const size_t length = strftime(text, sizeof(text), "%FT%T", localtime_r(&now.tv_sec, &parts));
+  snprintf(text + length, sizeof(text) - length, ".%03ld", now.tv_nsec / 1'000'000);
   return text;
 }
 

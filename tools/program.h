@@ -19,7 +19,7 @@ void prepare_program(const char* name);
 // The whole text as a number of seconds above 0; 0 when it is none.
 double seconds_of(const char* text);
 
-// As 2026-01-31T12:00:00, local time.
+// As 2026-01-31T12:00:00.000, local time.
 std::string time_now();
 
 // The word as a shell reads it back.
