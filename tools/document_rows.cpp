@@ -69,8 +69,11 @@ error_meaning meaning_of(int code, const std::string& category, const std::strin
     }
     const std::vector<std::string> cells = cells_of(line);
     const std::string places = ' ' + cells[1] + ' ';
-    for (const std::string& place : {std::string("all"), category, category + '.' + command}) {
-      if (places.find(' ' + place + ' ') != std::string::npos) {
+    std::string of_command = category;
+    of_command.append(".").append(command);
+    for (const std::string& place : {std::string("all"), category, of_command}) {
+      std::string word = " ";
+      if (places.find(word.append(place).append(" ")) != std::string::npos) {
         return {cells[2], cells[3], cells[4]};
       }
     }

@@ -278,9 +278,9 @@ struct ConfKey {
 };
 
 constexpr const char* kFaults =
-    "down, silent, error:<n> or result:<n>, then \"from <n>\", \"for <n>\" or nothing";
+    R"(down, silent, error:<n> or result:<n>, then "from <n>", "for <n>" or nothing)";
 constexpr const char* kDiagFaults =
-    "as of the other services, but \"from <n>\" behind silent and result:<n> alone";
+    R"(as of the other services, but "from <n>" behind silent and result:<n> alone)";
 constexpr const char* kNumber = "a decimal number of 32 bits";
 constexpr const char* kPositiveNumber = "a decimal number from 0";
 constexpr const char* kOk = "ok or fail";

@@ -108,8 +108,10 @@ TEST_F(StateFileTest, ADirectoryThatIsHeldIsWaitedForSoLongAndNoLonger) {
 TEST_F(StateFileTest, PropertiesFollowTheRulesOfTheirFile) {
   const std::string name(255, 'n');
   const std::string value(92, 'v');
-  write_state_file_text("properties", "# by hand\na.b=1\n\njunk\na=x=y\na.b=2\nb=\nlong=" + value +
-                                          "v\r\ncr=7\r\ngone=1\ngone=\nlast=end");
+  write_state_file_text(
+      "properties",
+      "\xEF\xBB\xBFmark=1\ned = i t\nno= x\n# by hand\na.b=1\n\njunk\na=x=y\na.b=2\nb=\nlong=" +
+          value + "v\r\ncr=7\r\ngone=1\ngone=\nlast=end");
   const auto get = [](const char* key, const char* otherwise = "none") {
     std::array<char, PROPERTY_VALUE_MAX> stored;
     stored.fill('x');
@@ -118,8 +120,9 @@ TEST_F(StateFileTest, PropertiesFollowTheRulesOfTheirFile) {
     return std::string(stored.data());
   };
   const std::pair<const char*, std::string> stored_values[] = {
-      {"a.b", "2"},  {"a", "x=y"},   {"long", value},  {"cr", "7"},    {"last", "end"},
-      {"b", "none"}, {"a.", "none"}, {"gone", "none"}, {"a=x", "none"}};
+      {"a.b", "2"},    {"a", "x=y"},  {"long", value}, {"cr", "7"},
+      {"last", "end"}, {"b", "none"}, {"a.", "none"},  {"gone", "none"},
+      {"a=x", "none"}, {"mark", "1"}, {"ed", "i t"},   {"no", " x"}};
   for (const auto& [key, stored] : stored_values) EXPECT_EQ(get(key), stored) << key;
   EXPECT_EQ(get("b", (value + "more").c_str()), value);
   EXPECT_EQ(property_set("a.b", "4") + property_set("c", "x=#y "), 0);
@@ -131,8 +134,8 @@ TEST_F(StateFileTest, PropertiesFollowTheRulesOfTheirFile) {
     EXPECT_EQ(property_set(key.c_str(), refused.c_str()), -1) << key;
   }
   EXPECT_EQ(read_state_file_text("properties"),
-            "# by hand\na.b=4\n\njunk\na=x=y\nb=\nlong=" + value +
-                "v\r\ncr=\ngone=1\ngone=\nlast=end\nc=x=#y \n" + name + "=" + value + "\n");
+            "\xEF\xBB\xBFmark=1\ned = i t\nno= x\n# by hand\na.b=4\n\njunk\na=x=y\nb=\nlong=" +
+                value + "v\r\ncr=\ngone=1\ngone=\nlast=end\nc=x=#y \n" + name + "=" + value + "\n");
 }
 
 }  // namespace
