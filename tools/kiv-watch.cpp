@@ -178,6 +178,9 @@ exit_status measure(const options& wanted, int opt, int sub, int file) {
       end_for_file(NO_VERDICT, wanted.file);
     }
     if (!print(clock + line_of(g_sample) + '\n')) {
+      if (errno == EPIPE) {
+        break;  // the reader has seen enough
+      }
       refuse("the output could not be delivered");
     }
   }

@@ -169,6 +169,11 @@ case_streams() {
     expect "signal $signal: status, processes left, records" "$((128 + signal)) 0 " \
       "$? $(processes 0 11) $(find . -name record -size +0)"
   done
+  kiv-check 11 9 >/dev/null 2>err &
+  expect 'processes of a run' 2 "$(processes 2 11)"
+  kill -s SEGV "$(cat /proc/$!/task/$!/children)"
+  wait $!
+  expect 'a command that crashes' '1 1' "$? $(grep -c 'ended by signal 11' err)"
   kiv-check -t 0.3 11 9 2>err | sleep 1 # a reader that takes nothing
   expect 'a reader that takes nothing, processes left' 0 "$(processes 0 11)"
 }
@@ -235,6 +240,18 @@ case_watch() {
   done
   kiv-watch 31 0 -n 1 >/dev/full 2>err
   expect 'a full disk' 2 "$?"
+  { kiv-watch 31 0 -i 0.05 2>err; echo "$? $(cat err)" >status; } | head -1 >out
+  expect 'a reader that leaves' '0 ' "$(cat status)"
+}
+
+# The examples of the manual pages.
+case_manuals() {
+  sed -n '/^\.nf/,/^\.fi/s/^\(kiv\|sh \)/\1/p' "$project"/docs/*.1 "$project/docs/kiv.1.in" | sed 's/\\-/-/g' >list
+  expect 'examples' 10 "$(wc -l <list)"
+  while read -r line; do
+    eval "$line" >out 2>err
+    expect "$line" 0 "$?"
+  done <list
 }
 
 case_example() {
