@@ -50,7 +50,7 @@ struct Thread {
   pthread_t handle{};
   bool ready = false;
   int turn = 0;               // a futex word: 1 when the thread is the one to run
-  uint64_t order = 0;         // of becoming ready, or of having asked for the deadline
+  uint64_t order = 0;         // of becoming ready, or of beginning to wait
   const void* key = nullptr;  // what it waits for
   int64_t deadline = kNever;
   bool timed_out = false;
@@ -86,13 +86,15 @@ uint64_t random_number() {
   abort();
 }
 
+// Shuffled, each draws its place among those that are ready and keeps it until it runs: one that is
+// held back long lets others finish whole operations in between.
 void make_ready(Thread& thread, bool timed_out) {
   thread.ready = true;
   thread.timed_out = timed_out;
   thread.key = nullptr;
   thread.deadline = kNever;
   thread.descriptors = nullptr;
-  thread.order = ++g_last_order;
+  thread.order = g_shuffle != 0 ? random_number() : ++g_last_order;
 }
 
 // The one with the lowest order of those that fit; null when none does.
@@ -115,15 +117,6 @@ int wake(const void* key, int count) {
   return woken;
 }
 
-Thread* next_ready() {
-  uint64_t seen = 0;
-  Thread* drawn = nullptr;
-  for (Thread& each : threads()) {
-    if (g_shuffle != 0 && each.ready && random_number() % ++seen == 0) drawn = &each;
-  }
-  return drawn != nullptr ? drawn : first_that([](const Thread& each) { return each.ready; });
-}
-
 // Makes a thread ready whose poll has something; true when there is one.
 bool look_at_descriptors(bool* any) {
   for (Thread& each : threads()) {
@@ -141,7 +134,8 @@ bool look_at_descriptors(bool* any) {
 // The thread that runs next. The clock goes on only when none is ready.
 Thread& choose_next() {
   for (;;) {
-    if (Thread* const ready = next_ready()) return *ready;
+    const auto is_ready = [](const Thread& each) { return each.ready; };
+    if (Thread* const ready = first_that(is_ready)) return *ready;
     bool descriptors = false;
     if (look_at_descriptors(&descriptors)) continue;
     int64_t deadline = kNever;
@@ -340,7 +334,7 @@ int thread_number() {
 }
 
 Shuffle::Shuffle(uint64_t seed) {
-  g_shuffle = seed * 2 + 1;
+  g_shuffle = seed * 0x9E3779B97F4A7C15 | 1;  // neighbouring seeds differ in all bits
 }
 
 Shuffle::~Shuffle() {
