@@ -23,12 +23,6 @@ namespace {
 
 using enum Inlet;
 
-std::vector<MessageKey> extension(std::initializer_list<uint32_t> kinds) {
-  std::vector<MessageKey> keys;
-  for (const uint32_t kind : kinds) keys.push_back({kExtension, 2, kind});
-  return keys;
-}
-
 std::vector<MessageKey> messages(uint32_t service, std::initializer_list<uint32_t> msg_ids) {
   std::vector<MessageKey> keys;
   for (const uint32_t msg_id : msg_ids) keys.push_back({service, msg_id, kAny});
@@ -37,23 +31,17 @@ std::vector<MessageKey> messages(uint32_t service, std::initializer_list<uint32_
 
 // ---- message descriptions ----
 
-// The encoded form with every optional field present and every list one long, behind `prefix`.
-Bytes sample_of(const qmi_idl_message& message, Bytes prefix) {
-  Bytes c_struct(message.c_struct_len);
-  for (const qmi_idl_field& field : message.fields) {
-    if (field.presence_offset != QMI_IDL_MANDATORY) c_struct[field.presence_offset] = 1;
-    if (field.shape == QMI_IDL_COUNTED) c_struct[field.count_offset] = 1;
-  }
-  const Bytes encoded = platform::encode_message(message, c_struct).value_or(Bytes{});
-  prefix.insert(prefix.end(), encoded.begin(), encoded.end());
-  return prefix;
-}
-
+// The service's indications with every optional field present and every list one long.
 std::vector<Bytes> indications_of(uint32_t service) {
   std::vector<Bytes> samples;
   for (const qmi_idl_message& message : object_of(service).indications) {
-    samples.push_back(sample_of(
-        message, {static_cast<uint8_t>(message.id & 0xFF), static_cast<uint8_t>(message.id >> 8)}));
+    Bytes c_struct(message.c_struct_len);
+    for (const qmi_idl_field& field : message.fields) {
+      if (field.presence_offset != QMI_IDL_MANDATORY) c_struct[field.presence_offset] = 1;
+      if (field.shape == QMI_IDL_COUNTED) c_struct[field.count_offset] = 1;
+    }
+    samples.push_back(
+        with_id(message.id, platform::encode_message(message, c_struct).value_or(Bytes{})));
   }
   return samples;
 }
@@ -151,31 +139,27 @@ Decoder row(const char* name, Inlet inlet, std::vector<MessageKey> keys,
 std::vector<Decoder> make_decoders() {
   return {
       // The extension service.
-      row("extension_response", kResponse, extension({nv_efs(1), common_request(20)}),
-          {"4 1 0 550", "7 1 1"}),
-      row("extension_indication", kIndication, extension({nv_efs(1)}), {"4 1 0 550"}, {}, nullptr,
+      row("extension_response", kResponse, {nv_efs(1), common_request(20)}, {"4 1 0 550", "7 1 1"}),
+      row("extension_indication", kIndication, {nv_efs(1)}, {"4 1 0 550"}, {}, nullptr,
           indications_of(kExtension)),
-      row("nv_read", kPayload, extension({nv_efs(1)}), {"4 1 0 550"}, {{4, 4, 424}}),
-      row("efs_read", kPayload, extension({nv_efs(4)}), {"4 4 0 /f", "3 1", "3 4"},
+      row("nv_read", kPayload, {nv_efs(1)}, {"4 1 0 550"}, {{4, 4, 424}}),
+      row("efs_read", kPayload, {nv_efs(4)}, {"4 4 0 /f", "3 1", "3 4"},
           {{4, 4, 102410}, {8, 4, 424}}, nullptr, {},
           {"4 5 0 /f 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24 25 26 27 28 29 30"}),
-      row("nvefs_change", kPayload, extension({nv_efs(2), nv_efs(3), nv_efs(5), nv_efs(6)}),
+      row("nvefs_change", kPayload, {nv_efs(2), nv_efs(3), nv_efs(5), nv_efs(6)},
           {"4 2 0 550 1", "4 3 0 550", "4 5 0 /f 1 2", "4 6 0 /f", "3 2", "3 5"}, {{2, 2, 254}}),
-      row("nv_item", kPayload, extension({nv_item()}), {}, {{16, 4, 412}}, read_nv_item),
+      row("nv_item", kPayload, {nv_item()}, {}, {{16, 4, 412}}, read_nv_item),
       row("common_message", kPayload,
-          extension({common_message(39), common_message(55), common_message(56), common_message(57),
-                     common_message(80)}),
+          {common_message(39), common_message(55), common_message(56), common_message(57),
+           common_message(80)},
           {"5 1", "5 2 0", "5 3 0 1 1", "5 4", "5 6 1 1 1 1"}, {{12, 4, 491}}),
-      row("modem_test", kPayload, extension({common_message(73)}), {"11 11 5"}, {{12, 4, 491}}),
-      row("modem_control", kPayload,
-          extension({common_message(31), common_message(35), common_message(99)}), {}, {},
-          restart_modem),
-      row("stats_debug_block", kPayload, extension({common_request(20)}), {"7 1 0", "7 1 1"},
-          {{8, 1, 4}}),
-      row("stats_log_ids", kPayload, extension({common_request(27)}), {"7 1 0"}, {{8, 2, 249}}),
-      row("rf_setting", kPayload, extension({common_request(0), common_request(1)}),
-          {"3 0 1 2", "3 3 0 4 1"}),
-      row("raw_request", kPayload, extension({common_request(20)}), {"6 4 20"}, {}),
+      row("modem_test", kPayload, {common_message(73)}, {"11 11 5"}, {{12, 4, 491}}),
+      row("modem_control", kPayload, {common_message(31), common_message(35), common_message(99)},
+          {}, {}, restart_modem),
+      row("stats_debug_block", kPayload, {common_request(20)}, {"7 1 0", "7 1 1"}, {{8, 1, 4}}),
+      row("stats_log_ids", kPayload, {common_request(27)}, {"7 1 0"}, {{8, 2, 249}}),
+      row("rf_setting", kPayload, {common_request(0), common_request(1)}, {"3 0 1 2", "3 3 0 4 1"}),
+      row("raw_request", kPayload, {common_request(20)}, {"6 4 20"}, {}),
 
       // The platform's services.
       row("uim_sim_type", kResponse, messages(kUim, {0x7A}), {"5 10 2 1"}),
@@ -230,7 +214,7 @@ bool answers(const Decoder& row, const MessageKey& request) {
   const auto fits = [](uint32_t wanted, uint32_t value) {
     return wanted == kAny || wanted == value;
   };
-  return std::any_of(row.messages.begin(), row.messages.end(), [&](const MessageKey& key) {
+  return std::ranges::any_of(row.messages, [&](const MessageKey& key) {
     return key.service == request.service && fits(key.msg_id, request.msg_id) &&
            fits(key.kind, request.kind);
   });

@@ -13,6 +13,13 @@ namespace kiv::fuzz {
 using Bytes = std::vector<uint8_t>;
 using ByteView = std::span<const uint8_t>;
 
+inline constexpr uint32_t kExtension = 0xFFE4;
+inline constexpr uint32_t kSar = 0x11;
+inline constexpr uint32_t kUim = 0x0B;
+inline constexpr uint32_t kNas = 0x03;
+inline constexpr uint32_t kPdc = 0x24;
+inline constexpr uint32_t kVs = 0xE4;
+
 // How a row's bytes get in front of the product.
 enum class Inlet : uint8_t {
   kFunction,    // handed to the row's function
@@ -31,17 +38,17 @@ struct MessageKey {
   uint32_t kind = 0;
 };
 inline constexpr uint32_t kAny = 0xFFFFFFFF;  // message, or kind
-constexpr uint32_t nv_item() {
-  return 1 << 16;
+constexpr MessageKey nv_item() {
+  return {kExtension, 2, 1 << 16};
 }
-constexpr uint32_t nv_efs(uint32_t operation) {
-  return 2 << 16 | operation;
+constexpr MessageKey nv_efs(uint32_t operation) {
+  return {kExtension, 2, 2 << 16 | operation};
 }
-constexpr uint32_t common_message(uint32_t type) {
-  return 4 << 16 | type;
+constexpr MessageKey common_message(uint32_t type) {
+  return {kExtension, 2, 4 << 16 | type};
 }
-constexpr uint32_t common_request(uint32_t sub_command) {
-  return 5 << 16 | sub_command;
+constexpr MessageKey common_request(uint32_t sub_command) {
+  return {kExtension, 2, 5 << 16 | sub_command};
 }
 
 // A length or count inside the bytes, its place and the most that it can mean.

@@ -7,6 +7,8 @@
 #include <functional>
 #include <latch>
 #include <map>
+#include <optional>
+#include <sstream>
 #include <utility>
 
 #include "modem_lyrax_mgr.h"
@@ -18,6 +20,7 @@
 #include "platform/modem/nas_service.h"
 #include "platform/modem/pdc_service.h"
 #include "platform/modem/sar_service.h"
+#include "platform/modem/service_messages.h"
 #include "platform/modem/uim_service.h"
 #include "platform/modem/vs_service.h"
 #include "platform/qmi/qmi_idl_codec.h"
@@ -49,7 +52,7 @@ struct ServiceRow {
   qmi_idl_service_object_type object;
 };
 
-const ServiceRow& service_of(uint32_t service) {
+const std::map<uint32_t, ServiceRow>& services() {
   static const std::map<uint32_t, ServiceRow> rows{
       {kExtension,
        {platform::make_extension_service, tervik_extend_get_service_object_internal_v01(1, 1, 6)}},
@@ -59,7 +62,7 @@ const ServiceRow& service_of(uint32_t service) {
       {kPdc, {platform::make_pdc_service, pdc_get_service_object_internal_v01(1, 0x12, 6)}},
       {kVs, {platform::make_vs_service, vs_get_service_object_internal_v01(1, 2, 6)}},
   };
-  return rows.at(service);
+  return rows;
 }
 
 bool g_traces_shown = true;
@@ -100,26 +103,20 @@ class Listener {
 // A decoded message, or a zeroed one.
 template <class Message>
 Message decoded(uint32_t service, qmi_idl_message_type type, uint16_t msg_id, ByteView encoded) {
-  Bytes c_struct(sizeof(Message));
-  const auto* const description = platform::find_message(object_of(service), type, msg_id);
-  static_cast<void>(platform::decode_message(*description, encoded, c_struct));
   Message message{};
-  std::memcpy(&message, c_struct.data(), sizeof message);
+  const auto* const description = platform::find_message(object_of(service), type, msg_id);
+  static_cast<void>(platform::decode_message(*description, encoded, platform::bytes_of(message)));
   return message;
 }
 
 MessageKey key_of(uint32_t service, uint16_t msg_id, ByteView request) {
-  MessageKey key{service, msg_id, 0};
-  if (service != kExtension) return key;
+  if (service != kExtension) return {service, msg_id};
   const auto message = decoded<tervik_extend_data_msg>(service, QMI_IDL_REQUEST, msg_id, request);
+  if (message.id == REQUEST_ID_EFS) return nv_efs(message.payload[0]);
+  if (message.id != REQUEST_ID_COMMON) return {service, msg_id, message.id << 16};
   tervik_common_request common{};
   std::memcpy(&common, message.payload, sizeof common);
-  key.kind = message.id << 16;
-  if (message.id == REQUEST_ID_EFS) key.kind = nv_efs(message.payload[0]);
-  if (message.id == REQUEST_ID_COMMON) {
-    key.kind = common.always_2 == 2 ? common_message(common.type) : common_request(common.always_2);
-  }
-  return key;
+  return common.always_2 == 2 ? common_message(common.type) : common_request(common.always_2);
 }
 
 // The part of a healthy response that a row takes in.
@@ -150,17 +147,21 @@ Bytes stats_response(ByteView request, ByteView value) {
   entry.sub = asked.sub;
   entry.value_len = static_cast<uint32_t>(std::min(value.size(), sizeof entry.value));
   std::memcpy(entry.value, value.data(), entry.value_len);
-  Bytes c_struct(sizeof response);
-  std::memcpy(c_struct.data(), &response, sizeof response);
   const auto* const description =
       platform::find_message(object_of(kVs), QMI_IDL_RESPONSE, VS_GET_STATS_PARAMETER);
-  return platform::encode_message(*description, c_struct).value_or(Bytes{});
+  return platform::encode_message(*description, platform::bytes_of(response)).value_or(Bytes{});
 }
 
 }  // namespace
 
 const qmi_idl_service_object& object_of(uint32_t service) {
-  return *service_of(service).object;
+  return *services().at(service).object;
+}
+
+Bytes with_id(unsigned msg_id, ByteView encoded) {
+  Bytes bytes{static_cast<uint8_t>(msg_id), static_cast<uint8_t>(msg_id >> 8)};
+  bytes.insert(bytes.end(), encoded.begin(), encoded.end());
+  return bytes;
 }
 
 void show_traces(bool on) {
@@ -168,14 +169,9 @@ void show_traces(bool on) {
 }
 
 void run_command(const std::string& line, char separator) {
-  std::vector<std::string> words{"kiv", ""};
-  for (const char c : line) {
-    if (c == separator) {
-      words.emplace_back();
-    } else {
-      words.back() += c;
-    }
-  }
+  std::vector<std::string> words{"kiv"};
+  std::istringstream split(line + separator);
+  for (std::string word; std::getline(split, word, separator);) words.push_back(word);
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
@@ -204,11 +200,11 @@ Stage::~Stage() {
 // What the product keeps of the modem before is dead then: it connects anew.
 void Stage::tap() {
   tap_diag();
-  for (const uint32_t service : kServices) {
-    platform::publish_service(service, [this, service, modem = service_of(service).make(conf_)](
-                                           uint16_t msg_id, ByteView request) {
-      return answer(service, modem, msg_id, request);
-    });
+  for (const auto& [service, row] : services()) {
+    platform::publish_service(service,
+                              [this, service = service, modem = row.make(conf_)](auto... request) {
+                                return answer(service, modem, request...);
+                              });
   }
   open_logs();
   tervik_extend_qmi_init_force();
@@ -231,20 +227,13 @@ std::vector<Bytes> Stage::record() {
   if (row_.inlet == Inlet::kFunction) return recorded_;
   for (const std::string& command : row_.prepare) run_command(command);
   recording_ = true;
+  std::optional<Listener> listener;
   if (row_.inlet == Inlet::kIndication) {
-    const Listener listener(row_.messages[0].service, [this](unsigned msg_id, ByteView bytes) {
-      Bytes seed{static_cast<uint8_t>(msg_id), static_cast<uint8_t>(msg_id >> 8)};
-      seed.insert(seed.end(), bytes.begin(), bytes.end());
-      keep(std::move(seed));
-    });
-    run_row({});
-  } else if (row_.inlet == Inlet::kStatsBlob) {
-    for (selector_ = 0; selector_ < row_.commands.size(); ++selector_) {
-      run_command(row_.commands[selector_]);
-    }
-  } else {
-    run_row({});
+    listener.emplace(row_.messages[0].service,
+                     [this](unsigned msg_id, ByteView bytes) { keep(with_id(msg_id, bytes)); });
   }
+  run_row({});
+  listener.reset();
   recording_ = false;
   tap();  // a restart in the run has brought the modem's own services back
   return recorded_;
@@ -263,7 +252,9 @@ void Stage::feed(ByteView bytes, uint8_t filler) {
 }
 
 void Stage::run_row(ByteView bytes) {
-  for (const std::string& command : row_.commands) run_command(command);
+  for (selector_ = 0; selector_ < row_.commands.size(); ++selector_) {
+    run_command(row_.commands[selector_]);
+  }
   open_logs();
   if (row_.function != nullptr) row_.function(bytes);
 }

@@ -14,16 +14,11 @@
 
 namespace kiv::fuzz {
 
-inline constexpr uint32_t kExtension = 0xFFE4;
-inline constexpr uint32_t kSar = 0x11;
-inline constexpr uint32_t kUim = 0x0B;
-inline constexpr uint32_t kNas = 0x03;
-inline constexpr uint32_t kPdc = 0x24;
-inline constexpr uint32_t kVs = 0xE4;
-inline constexpr uint32_t kServices[] = {kExtension, kSar, kUim, kNas, kPdc, kVs};
-
 // The message description of a service.
 const qmi_idl_service_object& object_of(uint32_t service);
+
+// The message id before the encoded message, as an indication's bytes begin.
+Bytes with_id(unsigned msg_id, ByteView encoded);
 
 // Runs the tool in this process; a single `separator` stands between its arguments.
 void run_command(const std::string& line, char separator = ' ');
@@ -56,7 +51,7 @@ class Stage {
   const Decoder& row_;
   platform::ModemConf conf_;  // healthy
   bool recording_ = false;
-  uint8_t selector_ = 0;
+  uint8_t selector_ = 0;  // the command that runs
   uint8_t filler_ = 0;
   Bytes bytes_;       // what stands in for the modem's own
   std::mutex mutex_;  // guards the next one: indications come on a thread of their own

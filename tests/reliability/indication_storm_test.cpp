@@ -142,7 +142,10 @@ class IndicationStorm : public StateDirectoryTest, public ::testing::WithParamIn
     silent = false;
     if (moment == kAfterTimeOut || moment == kAtRelease) send(id, times);
     const auto arrived = [&] {
-      return client.logs ? log.count_from(client.logs) : arriving.load();
+      if (client.logs == nullptr) return arriving.load();
+      return static_cast<size_t>(std::ranges::count_if(log.lines(), [this](const LogLine& line) {
+        return line.text.find(client.logs) != std::string::npos;
+      }));
     };
     const bool released = moment == kAtRelease;
     if (released) client.release();

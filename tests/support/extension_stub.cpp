@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <mutex>
 #include <span>
@@ -12,34 +11,6 @@
 #include "qmi_client.h"
 
 namespace kiv::test {
-namespace {
-
-constexpr uint32_t kExtensionService = 0xFFE4;
-constexpr uint16_t kSendMessage = 0x0002;
-// Both numbers, each behind the header of its TLV, and where the payload's bytes begin.
-constexpr size_t kNumbersSize = 14;
-constexpr size_t kPayloadOffset = kNumbersSize + 3;
-
-std::optional<ExtensionRequest> decode(std::span<const uint8_t> encoded) {
-  const auto has_header = [encoded](size_t at, std::array<uint8_t, 3> header) {
-    return at + header.size() <= encoded.size() &&
-           std::equal(header.begin(), header.end(), &encoded[at]);
-  };
-  const bool has_payload = encoded.size() == kPayloadOffset + kExtensionPayloadSize &&
-                           has_header(kNumbersSize, {0x10, 0x26, 0x02});
-  if (!has_header(0, {0x01, 4, 0}) || !has_header(7, {0x02, 4, 0}) ||
-      (!has_payload && encoded.size() != kNumbersSize)) {
-    return std::nullopt;
-  }
-  ExtensionRequest request;
-  std::memcpy(&request.id, &encoded[3], sizeof request.id);
-  std::memcpy(&request.len, &encoded[10], sizeof request.len);
-  if (has_payload)
-    request.payload.assign(&encoded[kPayloadOffset], encoded.data() + encoded.size());
-  return request;
-}
-
-}  // namespace
 
 std::vector<uint8_t> encode_extension_answer(const ExtensionAnswer& answer) {
   std::vector<uint8_t> bytes;
@@ -57,6 +28,32 @@ std::vector<uint8_t> encode_extension_answer(const ExtensionAnswer& answer) {
   }
   return bytes;
 }
+
+namespace {
+
+constexpr uint32_t kExtensionService = 0xFFE4;
+constexpr uint16_t kSendMessage = 0x0002;
+// Both numbers, each behind the header of its TLV, and where the payload's bytes begin.
+constexpr size_t kNumbersSize = 14;
+constexpr size_t kPayloadOffset = kNumbersSize + 3;
+
+// A request has an answer's form: what was read is encoded again, and must come out the same.
+std::optional<ExtensionRequest> decode(std::span<const uint8_t> encoded) {
+  const bool has_payload = encoded.size() == kPayloadOffset + kExtensionPayloadSize;
+  if (!has_payload && encoded.size() != kNumbersSize) return std::nullopt;
+  ExtensionRequest request;
+  std::memcpy(&request.id, &encoded[3], sizeof request.id);
+  std::memcpy(&request.len, &encoded[10], sizeof request.len);
+  ExtensionAnswer again{.result = request.id, .len = request.len};
+  if (has_payload) {
+    request.payload.assign(encoded.begin() + kPayloadOffset, encoded.end());
+    again.payload = request.payload;
+  }
+  if (!std::ranges::equal(encode_extension_answer(again), encoded)) return std::nullopt;
+  return request;
+}
+
+}  // namespace
 
 // Shared with the bus, which may still be calling when the stub is gone.
 struct ExtensionStub::State {

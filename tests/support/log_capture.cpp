@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
 #include <stdexcept>
 
@@ -13,7 +12,6 @@ namespace kiv::test {
 // Takes the place of vsyslog.
 [[gnu::format(printf, 2, 0)]] void captured_vsyslog(int priority, const char* format,
                                                     va_list arguments) asm("__wrap_vsyslog");
-void capture_line(int priority, const std::string& text);
 
 namespace {
 
@@ -54,39 +52,15 @@ std::vector<LogLine> LogCapture::lines() const {
   return lines_;
 }
 
-std::vector<std::string> LogCapture::messages() const {
-  const std::lock_guard lock(mutex_);
-  std::vector<std::string> messages;
-  for (const LogLine& line : lines_) messages.emplace_back(message_of(line.text));
-  return messages;
-}
-
-size_t LogCapture::count_from(std::string_view place) const {
-  const std::lock_guard lock(mutex_);
-  return static_cast<size_t>(
-      std::count_if(lines_.begin(), lines_.end(), [place](const LogLine& line) {
-        return line.text.find(place) < line.text.size() - message_of(line.text).size();
-      }));
-}
-
 size_t LogCapture::count(std::string_view message) const {
   const std::lock_guard lock(mutex_);
-  return static_cast<size_t>(
-      std::count_if(lines_.begin(), lines_.end(),
-                    [message](const LogLine& line) { return message_of(line.text) == message; }));
+  return static_cast<size_t>(std::ranges::count(
+      lines_, message, [](const LogLine& line) { return message_of(line.text); }));
 }
 
 void LogCapture::clear() {
   const std::lock_guard lock(mutex_);
   lines_.clear();
-}
-
-void capture_line(int priority, const std::string& text) {
-  const std::lock_guard lock(captures().mutex);
-  for (LogCapture* capture : captures().alive) {
-    const std::lock_guard line_lock(capture->mutex_);
-    capture->lines_.push_back({priority, text});
-  }
 }
 
 void captured_vsyslog(int priority, const char* format, va_list arguments) {
@@ -97,7 +71,11 @@ void captured_vsyslog(int priority, const char* format, va_list arguments) {
   if (length < 0) return;
   std::string text(static_cast<size_t>(length), '\0');
   vsnprintf(text.data(), text.size() + 1, format, arguments);
-  capture_line(priority, text);
+  const std::lock_guard lock(captures().mutex);
+  for (LogCapture* capture : captures().alive) {
+    const std::lock_guard line_lock(capture->mutex_);
+    capture->lines_.push_back({priority, text});
+  }
 }
 
 std::string captured_stdout(const std::function<void()>& run) {

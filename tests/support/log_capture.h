@@ -3,6 +3,7 @@
 // there is none. Any thread may log; a capture is made and ended by the test.
 #pragma once
 
+#include <cstdarg>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -30,16 +31,12 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<LogLine> lines() const;
-  // The lines without their prefixes.
-  std::vector<std::string> messages() const;
   // The number of lines whose whole message is `message`.
   size_t count(std::string_view message) const;
-  // The number of lines whose prefix has `place` in it, a file or a function.
-  size_t count_from(std::string_view place) const;
   void clear();
 
  private:
-  friend void capture_line(int priority, const std::string& text);
+  friend void captured_vsyslog(int priority, const char* format, va_list arguments);
 
   mutable std::mutex mutex_;
   std::vector<LogLine> lines_;
