@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cmath>
-#include <numbers>
 
 #include "platform/modem/service_messages.h"
 
@@ -112,13 +110,19 @@ struct Asked {
   float fade;  // dB on all levels and signal-to-noise ratios
 };
 
-// A sine of the clock: the same at the same time, whoever asks.
+// Evenly up and down with the clock, which is the same for all who ask at the same time.
 float fade_now(int32_t fading_db) {
-  constexpr double kPeriodS = 20;
-  constexpr double kCircle = 2 * std::numbers::pi;
-  const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<float>(fading_db *
-                            std::sin(std::fmod(now.count(), kPeriodS) / kPeriodS * kCircle));
+  constexpr int64_t kQuarterMs = 5000;
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto since_start = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+  const int64_t phase = since_start % (4 * kQuarterMs);
+  int64_t height = phase;
+  if (phase > 3 * kQuarterMs) {
+    height = phase - 4 * kQuarterMs;
+  } else if (phase > kQuarterMs) {
+    height = 2 * kQuarterMs - phase;
+  }
+  return static_cast<float>(fading_db * height) / static_cast<float>(kQuarterMs);
 }
 
 // Each further antenna and each further carrier is a little worse.
