@@ -118,6 +118,12 @@ struct run_result {
   monotonic::duration took{};
 };
 
+void let_signals_through() {
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
 // Starts kiv-check anew as the command's process, which is called kiv as the tool must be, and
 // leads a process group of its own. However kiv-check ends, the command ends with it.
 pid_t start_command(std::vector<char*> words, int channel) {
@@ -127,9 +133,7 @@ pid_t start_command(std::vector<char*> words, int channel) {
   }
   setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
+  let_signals_through();
   fcntl(channel, F_SETFD, 0);
   setenv(CHANNEL_VARIABLE, std::to_string(channel).c_str(), 1);
   static char name[] = "kiv";
@@ -301,7 +305,7 @@ constexpr const char* USAGE =
     "       kiv-check -V | -h\n";
 
 [[noreturn]] void end_with(const std::string& text) {
-  exit(print(text) ? SUCCESS : NO_VERDICT);
+  exit(write_all(STDOUT_FILENO, text) ? SUCCESS : NO_VERDICT);
 }
 
 options read_options(int argc, char** argv) {
@@ -335,20 +339,13 @@ options read_options(int argc, char** argv) {
 // Runs the command. Its record is appended in one write, so that those of runs at the same time do
 // not mix.
 int check(const options& wanted, const std::vector<char*>& words, const strings& arguments) {
-  int record_file = -1;
-  if (wanted.record_file != nullptr) {
-    record_file = open(wanted.record_file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-    if (record_file < 0) {
-      end_for_file(NO_VERDICT, wanted.record_file);
-    }
-  }
+  const int record_file =
+      wanted.record_file != nullptr ? open_file(wanted.record_file, O_APPEND) : -1;
   const run_result run = run_and_watch(words, wanted.limit_s);
   if (run.stopped_by != 0) {
     static_cast<void>(signal(run.stopped_by, SIG_DFL));
     raise(run.stopped_by);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
+    let_signals_through();
   }
   const error_meaning meaning =
       meaning_of(run.code, arguments[0], arguments.size() > 1 ? arguments[1] : "");

@@ -1,7 +1,6 @@
 // kiv-nv-save: reads NV items and EFS files and writes the shell script that puts them back. The
 // script is written whole or not at all.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -137,14 +136,13 @@ int main(int argc, char** argv) {
   std::string file;
   int next = 1;
   if (argc > 1 && strcmp(argv[1], "-h") == 0) {
-    return print(std::string(USAGE) + '\n') ? SAVED : WRONG_USAGE;
+    return write_all(STDOUT_FILENO, std::string(USAGE) + '\n') ? SAVED : WRONG_USAGE;
   }
   if (argc > 2 && strcmp(argv[1], "-o") == 0) {
     file = argv[2];
     next = 3;
   }
-  struct stat there = {};
-  if (!file.empty() && lstat(file.c_str(), &there) == 0) {
+  if (!file.empty() && access(file.c_str(), F_OK) == 0) {
     end_program(WRONG_USAGE, file + " exists already");
   }
   std::string commands;
@@ -165,7 +163,7 @@ int main(int argc, char** argv) {
   const std::string script = script_of(commands);
   if (!file.empty()) {
     write_file(file, script);
-  } else if (!print(script)) {
+  } else if (!write_all(STDOUT_FILENO, script)) {
     end_for_file(NOT_SAVED, "standard output");
   }
   return SAVED;

@@ -33,10 +33,6 @@ constexpr const char* USAGE =
     "usage: kiv-watch OPT SUB [-i SECONDS] [-n COUNT] [-o FILE.csv]\n"
     "OPT and SUB are those of \"kiv 9\"; kiv-check help 9 lists them.\n";
 
-[[noreturn]] void refuse(const std::string& why) {
-  end_program(NO_VERDICT, why);
-}
-
 // ---- a sample ----
 
 // Values with their names.
@@ -145,13 +141,13 @@ options read_options(int argc, char** argv) {
         read.file = optarg;
         break;
       case 'h':
-        exit(print(USAGE) ? MEASURED : NO_VERDICT);
+        exit(write_all(STDOUT_FILENO, USAGE) ? MEASURED : NO_VERDICT);
       default:
-        refuse(USAGE);
+        end_program(NO_VERDICT, USAGE);
     }
   }
   if (read.interval_s <= 0 || read.interval_s > 1e6 || read.count < 1) {
-    refuse("-i takes a number of seconds above 0, -n a count from 1");
+    end_program(NO_VERDICT, "-i takes a number of seconds above 0, -n a count from 1");
   }
   return read;
 }
@@ -177,11 +173,11 @@ exit_status measure(const options& wanted, int opt, int sub, int file) {
     if (file >= 0 && !write_rows(file, time, std::exchange(is_first, false))) {
       end_for_file(NO_VERDICT, wanted.file);
     }
-    if (!print(clock + line_of(g_sample) + '\n')) {
+    if (!write_all(STDOUT_FILENO, clock + line_of(g_sample) + '\n')) {
       if (errno == EPIPE) {
         break;  // the reader has seen enough
       }
-      refuse("the output could not be delivered");
+      end_program(NO_VERDICT, "the output could not be delivered");
     }
   }
   return status;
@@ -193,26 +189,20 @@ int main(int argc, char** argv) {
   prepare_program("kiv-watch");
   const options wanted = read_options(argc, argv);
   if (argc - optind != 2) {
-    refuse(USAGE);
+    end_program(NO_VERDICT, USAGE);
   }
   if (const std::string wrong = tervik_kiv_what_is_wrong({"9", argv[optind], argv[optind + 1]});
       !wrong.empty()) {
-    refuse(wrong);
+    end_program(NO_VERDICT, wrong);
   }
   // The statistics client serves a program of this name alone.
   if (strcmp(argv[0], "kiv") != 0) {
     static char name[] = "kiv";
     argv[0] = name;
     execv("/proc/self/exe", argv);
-    refuse(strerror(errno));
+    end_program(NO_VERDICT, strerror(errno));
   }
-  int file = -1;
-  if (wanted.file != nullptr) {
-    file = open(wanted.file, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (file < 0) {
-      end_for_file(NO_VERDICT, wanted.file);
-    }
-  }
+  const int file = wanted.file != nullptr ? open_file(wanted.file, O_EXCL) : -1;
   tervik_hal_close_print();
   tervik_set_log_observer(see_statement);
   tervik_set_outcome_observer({.failed = see_failure});

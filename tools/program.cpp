@@ -32,12 +32,16 @@ void end_program(int status, const std::string& why) {
   exit(status);
 }
 
-void end_for_file(int status, const char* file) {
-  end_program(status, std::string(file) + ": " + strerror(errno));
+int open_file(const char* name, int how) {
+  const int file = open(name, O_WRONLY | O_CREAT | O_CLOEXEC | how, 0666);
+  if (file < 0) {
+    end_for_file(2, name);
+  }
+  return file;
 }
 
-bool print(std::string_view text) {
-  return write_all(STDOUT_FILENO, text);
+void end_for_file(int status, const char* file) {
+  end_program(status, std::string(file) + ": " + strerror(errno));
 }
 
 bool write_all(int fd, std::string_view text) {

@@ -12,8 +12,10 @@ void prepare_program(const char* name);
 [[noreturn]] void end_program(int status, const std::string& why);
 [[noreturn]] void end_for_file(int status, const char* file);
 
-// Prints a text on standard output, or writes it to a file; false when not all could be delivered.
-[[nodiscard]] bool print(std::string_view text);
+// Opens a file for writing, O_APPEND or O_EXCL; ends the program with status 2 when that fails.
+int open_file(const char* name, int how);
+
+// False when not all of the text could be delivered.
 [[nodiscard]] bool write_all(int fd, std::string_view text);
 
 // The whole text as a number of seconds above 0; 0 when it is none.
