@@ -140,10 +140,9 @@ std::mutex g_diag_send_mutex;
 
 // The wait of a with-result send. Guarded by g_diag_dci_rsp_mutex.
 struct diag_wait {
-  // Idle but for the time from just before the hand-over of a command to the end of its wait: a
-  // response that comes in idle belongs to nobody, and the modem may answer before the call that
-  // hands the command over has returned. Answered: a response has woken the send, so that no
-  // time-out can end its wait any more.
+  // IDLE: no send waits, and a response that comes is dropped. WAITING: set before the command is
+  // handed over, because the answer may come before that call returns. ANSWERED: a response has
+  // come, and a time-out can no longer end the wait.
   enum wait_phase : uint8_t { IDLE, WAITING, ANSWERED } phase = IDLE;
   // The thread that keeps the limit. The send waits for its end, because its post must not reach a
   // semaphore that the send has destroyed.

@@ -13,7 +13,8 @@
 [[nodiscard]] bool tervik_esim_sku_match();
 // Whether the check digits of an EID (32 characters) are right (ISO 7064 MOD 97-10).
 [[nodiscard]] bool is_eid_valid(const char* eid_hex);
-// Stores the EID (16 bytes) in the modem's EFS unless it is there already.
+// Stores the EID (16 bytes) in the modem's EFS unless a shorter file is there. A file of 16 bytes
+// fills the buffer, which reads as a failure, and is written again.
 void save_eid_to_efs(const uint8_t* eid);
 // Prints the two card states as words.
 void map_sim_state(const uint8_t* states);

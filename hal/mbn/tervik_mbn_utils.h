@@ -14,8 +14,9 @@
 [[nodiscard]] int tervik_refresh_mbn(uint32_t sub_mask, uint32_t mbn_type);
 [[nodiscard]] int tervik_refresh_sw_mbn(uint32_t sub_mask);
 
-// Reads the active configuration, deactivates it, selects it again and activates it. Returns the
-// result of the last request, -1 when the arguments are refused or the client cannot connect.
+// Reads the active configuration, deactivates it, selects it again and activates it. A failed read
+// ends it; after a failed deactivation or selection it goes on. Returns the result of the last
+// request, -1 when the arguments are refused or the client cannot connect.
 [[nodiscard]] int tervik_reactivate_mbn(uint32_t sub_mask, uint32_t mbn_type);
 [[nodiscard]] int tervik_reactivate_sw_mbn(uint32_t sub_mask);
 

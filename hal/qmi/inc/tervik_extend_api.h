@@ -34,7 +34,7 @@ extern std::atomic<int> g_extend_qmi_trace;
 [[nodiscard]] int tervik_extend_qmi_send_sync(uint32_t id, const uint8_t* req, int req_len,
                                               uint8_t* rsp, int* rsp_len);
 
-// ---- parts of a send; outside of their room only tests call them ----
+// ---- steps of a send, public only so that tests can call them ----
 
 // Records that the client lock is ready; for a caller that wants its state in the log.
 void tervik_qmi_lock_init();

@@ -60,7 +60,7 @@ inline constexpr int TERVIK_COMMON_MODEM_TEST = 73;
 inline constexpr int TERVIK_COMMON_CARD_HOTSWAP_TEST = 80;
 inline constexpr int TERVIK_COMMON_MODEM_CRASH = 99;
 
-// The types of common requests, which begin with them instead of with the 2 of a message.
+// Types of common requests. The first word of a request is its type, where a common message has 2.
 inline constexpr int TERVIK_COMMON_REQ_GPIO_TEST = 0;
 inline constexpr int TERVIK_COMMON_REQ_TX_TEST = 1;
 inline constexpr int TERVIK_COMMON_REQ_STATS_DEBUG = 20;

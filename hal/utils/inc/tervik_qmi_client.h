@@ -1,7 +1,7 @@
 // The clients of the modem's QMI services: how each is opened, used, lost and released. A service's
 // row says in what it differs from the others; some differences are odd, and all are wanted. The
-// client of the extension service is not here: no other is found through a notifier and a service
-// list. Any thread; the bytes of indications are untrusted.
+// client of the extension service is in tervik_extend_api: it alone finds its service by a notifier
+// and a service list. Any thread; the bytes of indications are untrusted.
 #pragma once
 
 #include <atomic>
@@ -37,7 +37,8 @@ class tervik_qmi_client {
   // The open client, or null.
   [[nodiscard]] qmi_client_type handle() const { return handle_; }
   // Opens the client, with lines that show `place`. 0, the error of the last attempt, or
-  // QMI_INTERNAL_ERR when the client is forgotten because nobody watches it.
+  // QMI_INTERNAL_ERR when the error callback could not be registered and the row says to forget the
+  // client then.
   [[nodiscard]] qmi_client_error_type open(const tervik_log_place& place);
   // Sends one request and waits for its response, at most `timeout_ms`. The framework's error code.
   [[nodiscard]] qmi_client_error_type send(unsigned msg_id, const void* req, unsigned req_len,

@@ -16,9 +16,9 @@ struct tervik_outcome_observer {
 };
 void tervik_set_outcome_observer(const tervik_outcome_observer& observer);
 
-// A step that decides about the command ended with `code`: 0, or the code of its failure, -1 where
-// there is none. The first failure counts; whoever passes one on may tell it again. `said` tells of
-// a failure of which no statement tells.
+// Reports how a step ended that decides about the command's outcome: 0, or its error code, -1 when
+// it has none. Only the first failure is kept, so reporting it again does no harm. `said` describes
+// a failure that no statement describes.
 void tervik_tell_outcome(int code, const char* said = nullptr);
 
 // The same with the error of a service's answer, of which no statement tells.
