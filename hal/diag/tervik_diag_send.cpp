@@ -138,7 +138,12 @@ constexpr int TICK_MS = 100;
 // One with-result send at a time; taken before g_diag_dci_rsp_mutex.
 std::mutex g_diag_send_mutex;
 
-// The wait of a with-result send. Guarded by g_diag_dci_rsp_mutex.
+// The wait of a with-result send. Guarded by g_diag_dci_rsp_mutex. Who changes what:
+// The send sets `phase` to WAITING and, at its end, to IDLE. It starts the wait thread, and clears
+// g_diag_rsp_waiting to tell that thread that the wait is over.
+// The response handlers, on the library's thread, set `phase` to ANSWERED and post the semaphore.
+// The wait thread sets g_diag_rsp_timeout and posts the semaphore when the time has run out. It
+// sets `thread` to ENDED last of all.
 struct diag_wait {
   // IDLE: no send waits, and a response that comes is dropped. WAITING: set before the command is
   // handed over, because the answer may come before that call returns. ANSWERED: a response has
@@ -165,7 +170,8 @@ bool sleep_tick() {
   return g_diag_wait.phase == diag_wait::WAITING;
 }
 
-// Ends the wait of a send that is still waiting at its limit.
+// Ends the wait of a send that is still waiting at its limit. In DCI mode a response of full pieces
+// alone has no last piece that would end the wait: the time-out is then its regular end.
 void stop_waiting(const char* func) {
   const std::lock_guard lock(g_diag_dci_rsp_mutex);
   if (g_diag_wait.phase != diag_wait::WAITING) {
@@ -180,6 +186,38 @@ void stop_waiting(const char* func) {
   }
   sem_post(&g_diag_rsp_sem);
 }
+
+}  // namespace
+
+void* tervik_diag_cmd_send_with_result_wait_thread_proc(void* /*arg*/) {
+  int cnt_of_100ms = 0;
+  do {
+    static_cast<void>(sleep_tick());  // g_diag_rsp_waiting tells when the send is done
+    ++cnt_of_100ms;
+    tervik_log_debug("tervik_diag_cmd_send_with_result_wait_thread_proc, cnt_of_100ms = %d",
+                     cnt_of_100ms);
+  } while (g_diag_rsp_waiting == 1 && cnt_of_100ms < g_diag_wait_cnt_limit);
+  stop_waiting(__func__);
+  const std::lock_guard lock(g_diag_dci_rsp_mutex);
+  g_diag_wait.thread = diag_wait::ENDED;
+  g_diag_wait.changed.notify_all();
+  return nullptr;
+}
+
+void tervik_diag_cmd_send_with_result_wait_create_thread() {
+  const auto set_thread = [](auto thread) {
+    const std::lock_guard lock(g_diag_dci_rsp_mutex);
+    g_diag_wait.thread = thread;
+  };
+  set_thread(diag_wait::RUNNING);
+  const int conf = create_diag_thread(tervik_diag_cmd_send_with_result_wait_thread_proc, nullptr);
+  tervik_log_debug("tervik daig is created, conf = %d", conf);
+  if (conf != 0) {
+    set_thread(diag_wait::NO_THREAD);
+  }
+}
+
+namespace {
 
 // Without its wait thread the send keeps the limit itself.
 void wait_without_thread(const char* func) {
@@ -273,34 +311,6 @@ void tervik_diag_deinit_with_result() {
   static_cast<void>(Diag_LSM_DeInit());
   g_diag_init_status = 0;
   sem_destroy(&g_diag_rsp_sem);
-}
-
-void tervik_diag_cmd_send_with_result_wait_create_thread() {
-  const auto set_thread = [](auto thread) {
-    const std::lock_guard lock(g_diag_dci_rsp_mutex);
-    g_diag_wait.thread = thread;
-  };
-  set_thread(diag_wait::RUNNING);
-  const int conf = create_diag_thread(tervik_diag_cmd_send_with_result_wait_thread_proc, nullptr);
-  tervik_log_debug("tervik daig is created, conf = %d", conf);
-  if (conf != 0) {
-    set_thread(diag_wait::NO_THREAD);
-  }
-}
-
-void* tervik_diag_cmd_send_with_result_wait_thread_proc(void* /*arg*/) {
-  int cnt_of_100ms = 0;
-  do {
-    static_cast<void>(sleep_tick());  // g_diag_rsp_waiting tells when the send is done
-    ++cnt_of_100ms;
-    tervik_log_debug("tervik_diag_cmd_send_with_result_wait_thread_proc, cnt_of_100ms = %d",
-                     cnt_of_100ms);
-  } while (g_diag_rsp_waiting == 1 && cnt_of_100ms < g_diag_wait_cnt_limit);
-  stop_waiting(__func__);
-  const std::lock_guard lock(g_diag_dci_rsp_mutex);
-  g_diag_wait.thread = diag_wait::ENDED;
-  g_diag_wait.changed.notify_all();
-  return nullptr;
 }
 
 // ---- callback mode ----
