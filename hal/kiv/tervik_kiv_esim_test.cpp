@@ -11,7 +11,7 @@
 #include "tervik_extend_api.h"
 #include "tervik_extend_cmn.h"
 #include "tervik_extend_nvefs.h"
-#include "tervik_kiv_test_cmn.h"
+#include "tervik_kiv_test_args.h"
 #include "tervik_utils_cmn.h"
 #include "tervik_utils_outcome.h"
 

@@ -115,6 +115,17 @@ void tervik_print_byte_lines(const tervik_log_place& place, uint32_t log_class, 
   tervik_log_write(place, log_class, sub, "%s", "");
 }
 
+void tervik_byte_to_hex(const uint8_t* in, int len, char* out) {
+  constexpr char DIGITS[] = "0123456789abcdef";
+  if (in == nullptr) {
+    return;
+  }
+  for (int i = 0; i < len; ++i) {
+    *out++ = DIGITS[in[i] >> 4];
+    *out++ = DIGITS[in[i] & 0x0F];
+  }
+}
+
 void tervik_print_help_block(const tervik_log_place& place, const command_category& category,
                              int wanted) {
   if (wanted != 0 && wanted != category.number) {

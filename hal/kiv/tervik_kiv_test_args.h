@@ -116,7 +116,8 @@ consteval category_command announced(category_command command) {
 }
 
 // A function of the command as a row's: it takes the whole line, the number in the fourth word, or
-// nothing, and returns an error code or nothing.
+// nothing, and returns an error code or nothing. The row of a function that takes a number says
+// `words_min` 4 or more in its rule: the number is read without another check.
 template <auto function>
 int command_of([[maybe_unused]] int argc, [[maybe_unused]] char** argv) {
   const auto call = [&] {
@@ -165,6 +166,9 @@ void tervik_run_category(const tervik_log_place& place, const command_category& 
 // Prints bytes in a command's name: each " XX" on a line of its own, then an empty line.
 void tervik_print_byte_lines(const tervik_log_place& place, uint32_t log_class, uint32_t sub,
                              std::span<const uint8_t> bytes);
+// Writes two lower-case hexadecimal characters per byte into `out`, which holds 2 * len characters;
+// no terminating NUL. A null `in` or a `len` below 1 writes nothing.
+void tervik_byte_to_hex(const uint8_t* in, int len, char* out);
 
 // Prints a category's block when `wanted` (the argument of show_help) is 0 or the category.
 void tervik_print_help_block(const tervik_log_place& place, const command_category& category,

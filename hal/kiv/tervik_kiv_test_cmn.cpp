@@ -260,19 +260,9 @@ int tervik_hex_string_to_int(const char* digits) {
   return static_cast<int>(sum);
 }
 
-void tervik_byte_to_hex(const uint8_t* in, int len, char* out) {
-  constexpr char DIGITS[] = "0123456789abcdef";
-  if (in == nullptr) {
-    return;
-  }
-  for (int i = 0; i < len; ++i) {
-    *out++ = DIGITS[in[i] >> 4];
-    *out++ = DIGITS[in[i] & 0x0F];
-  }
-}
-
 int tervik_cmn_diag_cmd_send(int argc, char** argv) {
   const tervik_function_trace trace(TERVIK_LOG_PLACE);
+  // Not in the row, whose rule would be checked before the trace line above.
   constexpr argument_rule ARGUMENTS = at_least_words(
       FIRST_DIAG_BYTE_ARG + 1, "note: Too few inputs, Pls refer to the following cmd:");
   if (!tervik_check_arguments(TERVIK_LOG_PLACE, TERVIK_NO_SUB, ARGUMENTS, argc, argv)) {
