@@ -180,6 +180,8 @@ constexpr std::array<stats_query, 17> QUERIES = {{
      tervik_test_qmi_modem_stats_tx_info, TX_SUB},
 }};
 
+// For the help and the check of a line alone: the handler looks in QUERIES itself, once it is
+// connected.
 constexpr auto COMMANDS = [] {
   std::array<category_command, QUERIES.size()> commands;
   for (size_t i = 0; i < commands.size(); ++i) {

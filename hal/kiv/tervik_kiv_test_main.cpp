@@ -98,6 +98,7 @@ std::vector<const command_category*> tervik_kiv_categories() {
 int tervik_kiv_test_main(int argc, char** argv) {
   // A log followed through a pipe is live, and a stopped run has lost nothing.
   setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+  // Despite its name, the call loads the print masks and the process name.
   tervik_modem_check_odm_white_list();
   if (argc < 2 || !run_category(argc, argv)) {
     show_help(0);

@@ -44,7 +44,7 @@ bool modem_api_check_white_list() {
 
 namespace {
 
-constexpr uint32_t STATUS_LOST = 4;
+constexpr uint32_t STATUS_LOST = 4;  // of a VS client that reports a loss; this one does not
 constexpr size_t CLIENTS_MAX = 10;
 
 // The pid and the event callback tell whose client it is; nothing reads them.

@@ -159,6 +159,7 @@ uint32_t modem_lyrax_data_get(uint32_t sub, uint32_t id) {
   data.para_num = 1;
   data.para[0].sub = static_cast<uint16_t>(sub);
   data.para[0].id = id;
+  // The service's slot field carries the number of the request.
   ++g_lyrax_req_number;
   const uint32_t ret = modem_lyrax_get_stats_parameter(
       static_cast<uint16_t>(sub), static_cast<uint16_t>(g_lyrax_req_number), &data);

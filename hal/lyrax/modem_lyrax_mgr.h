@@ -1,9 +1,10 @@
 // The statistics manager: holds the process's one modem API client, fetches one parameter at a time
 // and decodes its blob into a typed record; and the Tx power made of them. Getters may come from
 // any thread, but not while the command thread makes or releases the client; a getter that finds
-// none makes one. They return 1, or 0 on a failure, which leaves the record zeroed or filled in
-// part. Blobs are untrusted: a field that a blob is too short for ends the decoding. Measurements
-// are 32-bit floats in the modem's units, without scaling.
+// none makes one. Beware: everything here returns 1 on success and 0 on a failure, but for
+// modem_lyrax_data_get, which returns 0 on success as the modem API below does. A getter's failure
+// leaves the record zeroed or filled in part. Blobs are untrusted: a field that a blob is too short
+// for ends the decoding. Measurements are 32-bit floats in the modem's units, without scaling.
 #pragma once
 
 #include <cstddef>

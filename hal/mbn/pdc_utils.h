@@ -100,7 +100,8 @@ void qmi_pdc_request_timer_stop(int req_type);
 // The cell that holds this timer, or null; its type, or 1 when none holds it.
 [[nodiscard]] uint32_t* qmi_pdc_request_timer_get_ptr_by_timer_id(uint32_t timer_id);
 [[nodiscard]] int qmi_pdc_request_timer_get_req_type_by_timer_id(uint32_t timer_id);
-// The watchdog: `value.sival_int` is the timer. Takes the mutex. Timer thread.
+// The watchdog: `value.sival_int` is the timer. Gives every kind that waits the result -1, not only
+// the timer's own. Takes the mutex. Timer thread.
 void qmi_pdc_request_timer_timeout_proc(union sigval value);
 
 // ---- requests: 0 or one of the results above ----

@@ -39,8 +39,9 @@ extern std::atomic<int> g_extend_qmi_trace;
 // Records that the client lock is ready; for a caller that wants its state in the log.
 void tervik_qmi_lock_init();
 
-// Prepares the service object; does nothing when that is done. Wants the client lock or a process
-// with no other thread, as do the next two.
+// Looks whether the service object is there and marks the state as prepared; does nothing when that
+// is done. A send and the opening both call it, so its lines come twice. Wants the client lock or a
+// process with no other thread, as do the next two.
 void tervik_extend_qmi_init_do();
 // Releases client and notifier and forgets the state.
 void tervik_extend_qmi_deinit_do();

@@ -104,8 +104,10 @@ void tervik_modem_ssr(int flag);
 void tervik_modem_crash_without_orange_screen(int flag);
 // Crashes the modem so that it leaves a full dump.
 void tervik_modem_crash_with_orange_screen(int flag);
+// Has the modem write its NV items to its flash memory, for the smart test: in the log alone.
 void tervik_modem_nv_sync();
-// NV synchronisation: the results of the send and of the modem, or-ed.
+// The same request, for the configuration commands: the results of the send and of the modem,
+// or-ed.
 [[nodiscard]] int tervik_nvefs_sync();
 
 // ---- NAS ----
@@ -126,14 +128,15 @@ inline constexpr size_t UIM_EID_SIZE = 16;
 // The longest answer that tervik_uim_send_apdu stores, with its length byte.
 inline constexpr size_t UIM_APDU_OUTPUT_SIZE = 256;
 
-// The client's ends; outside of this room only tests call them. Creates the client.
+// The client's ends; outside of this source only tests call them. Creates the client.
 [[nodiscard]] bool init_uim_qmi_client();
 // Releases the client if there is one.
 void uim_qmi_client_recovery();
 // Notes that the service went down (error -2). Framework thread.
 void error_cb(qmi_client_type client, int error, void* data);
 
-// Sets which cards feed the slots: word 0 the number of values (at most 5), then the values.
+// Sets which cards feed the slots: word 0 the number of values (at most 5), then the values. The
+// result is the send's: the modem's response is not looked at.
 [[nodiscard]] int tervik_setSimType(const uint32_t* data);
 // Reads the eUICC identifier of `*slot` into 16 bytes, which stay as they are when there is none.
 [[nodiscard]] int tervik_uim_request_eid(const uint8_t* slot, uint8_t* eid_out);

@@ -45,8 +45,8 @@ inline constexpr uint32_t TERVIK_EFS_DATA_MAX = 102410;
                                    const uint8_t* data, uint32_t len);
 [[nodiscard]] int tervik_efs_delete(uint32_t sub, const char* path, uint32_t path_len);
 
-// Reads an NV item through request class 1. `buf` and `buf_len` are not null; `*buf_len` is the
-// capacity, then the bytes stored (at most 412); 0 is stored on failure. Returns 0,
-// TERVIK_NV_ITEM_CUT, the client's result or the modem's status word.
+// Reads an NV item through request class 1, for the eSIM test; tervik_nv_read uses class 2. `buf`
+// and `buf_len` are not null; `*buf_len` is the capacity, then the bytes stored (at most 412); 0 is
+// stored on failure. Returns 0, TERVIK_NV_ITEM_CUT, the client's result or the modem's status word.
 [[nodiscard]] int tervik_extend_nv_read_item(uint32_t nv_id, uint32_t sub, uint8_t* buf,
                                              uint32_t* buf_len);

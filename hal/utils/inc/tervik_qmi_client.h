@@ -18,12 +18,12 @@ struct tervik_qmi_service {
   uint32_t open_timeout_ms = 0;  // of one attempt
   int attempts = 1;
   unsigned pause_s = 0;  // between two attempts
-  // What the service's own room does around an attempt, counted from 0.
+  // What the service's own source does around an attempt, counted from 0.
   void (*before_attempt)(int attempt) = [](int) {};
   void (*after_attempt)(int attempt, qmi_client_error_type err) = [](int, int) {};
   qmi_client_ind_cb ind_cb = nullptr;
   qmi_client_error_cb error_cb = nullptr;  // told when the service goes down; null: nobody is
-  // How the lines about opening begin; null: the service's room writes its own.
+  // How the lines about opening begin; null: its source writes its own.
   const char* open_failed = nullptr;
   const char* opened = nullptr;
   bool forgotten_when_unwatched = false;  // when `error_cb` could not be registered
