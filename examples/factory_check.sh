@@ -14,8 +14,9 @@
 #   eid = none                    only the step "eSIM" fails
 set -u
 case ${1-} in -h | --help) sed -n '2,/^set -u/{/^#/s/^# \{0,1\}//p;}' "$0" && exit ;; esac
-# The programs of the PATH, else those of the build beside this folder.
-command -v kiv-check >/dev/null || PATH=$(cd "$(dirname "$0")/../build/release" && pwd):$PATH
+# The programs of the PATH, else those beside this script, else those of the build.
+here=$(cd "$(dirname "$0")" && pwd)
+command -v kiv-check >/dev/null || PATH=$here:$here/../build/release:$PATH
 folder=${1:?usage: factory_check.sh FOLDER}
 mkdir "$folder" || exit 2
 kiv-nv-save -o "$folder/restore.sh" 0 nv 3000 efs /oem/factory/station || {

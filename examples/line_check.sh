@@ -5,10 +5,11 @@ set -u
 
 usage='usage: line_check.sh [-j JOBS] [-t SECONDS] [-r REACH] [-c COMMAND] RESULTS LIST [-- OPTION...]
 
-LIST is a file with a handset in each line: its serial number, or any name without blanks and slashes.
-Each handset is checked by a factory script, whose output and records go to RESULTS/HANDSET, a file
-each. A run that was stopped, or broke off, goes on where it stopped when the same line is typed again:
-handsets whose check has ended are not checked again. To check them again, use new RESULTS.
+LIST is a file with a handset in each line: its serial number, or any name of letters, digits and
+._:@+- that begins with a letter or a digit. Each handset is checked by a factory script, whose output
+and records go to RESULTS/handsets/HANDSET/stdout. A run that was stopped, or broke off, goes on where
+it stopped when the same line is typed again: handsets whose check has ended are not checked again. To
+check them again, use new RESULTS.
 
   -j JOBS      so many handsets at once, 8 without this option
   -t SECONDS   so long for a handset, 300 without this option
@@ -20,8 +21,8 @@ handsets whose check has ended are not checked again. To check them again, use n
 
 RESULTS/summary and standard output tell of each handset: good, FAILED (with the steps that failed),
 or NOT FINISHED, when the time ran out or the handset went away; another run tries these again. The
-status is 0 when all are good, 1
-when one failed, 2 when one was not finished, or for wrong usage.'
+status is 0 when all are good, 1 when one failed, 2 when one was not finished, for wrong usage, or when
+another run still writes to RESULTS.'
 
 refuse() { printf 'line_check.sh: %s\n' "$1" >&2 && exit 2; }
 
@@ -46,24 +47,27 @@ shift 2
 [ "${1-}" != -- ] || shift
 command -v parallel >/dev/null || refuse 'GNU parallel is not installed: the Debian package parallel'
 [ -s "$list" ] || refuse "no handsets in $list"
-odd=$(grep -vxE '[A-Za-z0-9._:@+-]+' "$list" | head -1)
+odd=$(grep -vxE '[A-Za-z0-9][A-Za-z0-9._:@+-]*' "$list" | head -1)
 [ -z "$odd" ] || refuse "no name of a handset: \"$odd\""
 twice=$(sort "$list" | uniq -d | head -1)
 [ -z "$twice" ] || refuse "twice in $list: $twice"
-mkdir -p "$results" || exit 2
+mkdir -p "$results/handsets" || exit 2
+# Parallel holds the lock too, so that a handset is not checked twice when this shell alone was killed.
+exec 9>"$results/lock"
+flock -n 9 || refuse "another run still writes to $results"
 cmp -s "$list" "$results/list" || { [ ! -e "$results/list" ] && cp "$list" "$results/list"; } ||
   refuse "$results belongs to another list of handsets"
 
 # What runs at the other end tells last how it went: a handset that goes away tells nothing.
 command="($command); echo line_check: \$?"
 quoted="'$(printf '%s\n' "$command" | sed "s/'/'\\\\''/g")'"
-# A handset whose file has the last line has been checked, whatever became of the run.
-has_ended() { case $(tail -n 1 "$results/$1" 2>/dev/null) in 'line_check: '*) ;; *) return 1 ;; esac; }
+# A handset whose output has that last line has been checked, whatever became of the run.
+verdict() { tail -n 1 "$results/handsets/$1/stdout" 2>/dev/null; }
 while read -r handset; do
-  has_ended "$handset" || echo "$handset"
+  case $(verdict "$handset") in 'line_check: '*) ;; *) echo "$handset" ;; esac
 done <"$results/list" >"$results/left"
-parallel --jobs "$jobs" --timeout "$limit" --joblog "+$results/jobs" --results "$results/{}" \
-  --arg-file "$results/left" "$@" "$reach $quoted" >/dev/null 2>"$results/errors" &
+parallel --jobs "$jobs" --timeout "$limit" --joblog "+$results/jobs" --results "$results/handsets/{}/" \
+  --arg-file "$results/left" "$@" "$reach $quoted 9>&-" >/dev/null 2>"$results/errors" &
 running=$!
 # Ended twice, parallel ends what it has started.
 stop() {
@@ -78,11 +82,11 @@ wait "$running"
 trap - HUP INT TERM
 
 while read -r handset; do
-  case $(tail -n 1 "$results/$handset" 2>/dev/null) in
+  case $(verdict "$handset") in
     'line_check: 0') echo "good          $handset" ;;
     'line_check: '*)
       echo "FAILED        $handset"
-      grep -A 1 -E 'FAIL|TIME OUT|NOT RUN' "$results/$handset" | sed 's/^/  /' ;;
+      grep -A 1 -E 'FAIL|TIME OUT|NOT RUN' "$results/handsets/$handset/stdout" | sed 's/^/  /' ;;
     *) echo "NOT FINISHED  $handset" ;;
   esac
 done <"$results/list" >"$results/summary.new"

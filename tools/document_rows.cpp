@@ -57,23 +57,22 @@ std::string command_text(const std::vector<std::string>& words) {
       text += line + '\n';
     }
   }
-  return text;
+  return words.size() > 1 && text.find('\n') + 1 == text.size() ? "" : text;  // a title alone
 }
 
 error_meaning meaning_of(int code, const std::string& category, const std::string& command) {
   std::istringstream document(MEANING_DOCUMENT);
   const std::string start = "| " + std::to_string(code) + " | ";
+  const std::string wanted[] = {" all ", ' ' + category + ' ',
+                                ' ' + category + '.' + command + ' '};
   for (std::string line; std::getline(document, line);) {
     if (!line.starts_with(start)) {
       continue;
     }
     const std::vector<std::string> cells = cells_of(line);
     const std::string places = ' ' + cells[1] + ' ';
-    std::string of_command = category;
-    of_command.append(".").append(command);
-    for (const std::string& place : {std::string("all"), category, of_command}) {
-      std::string word = " ";
-      if (places.find(word.append(place).append(" ")) != std::string::npos) {
+    for (const std::string& place : wanted) {
+      if (places.find(place) != std::string::npos) {
         return {cells[2], cells[3], cells[4]};
       }
     }

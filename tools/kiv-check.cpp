@@ -31,17 +31,11 @@
 
 namespace {
 
-enum exit_status : int { SUCCESS = 0, FAILURE = 1, NO_VERDICT = 2, TIMED_OUT = 124 };
-
 using monotonic = std::chrono::steady_clock;
 using strings = std::vector<std::string>;
 
 // Tells the command's own process the number of its socket.
 constexpr const char* CHANNEL_VARIABLE = "KIV_CHECK_CHANNEL";
-
-[[noreturn]] void refuse(const std::string& why) {
-  end_program(NO_VERDICT, why);
-}
 
 // ---- the command's own process ----
 
@@ -115,7 +109,7 @@ struct run_result {
   std::string statement;
   std::vector<std::pair<std::string, std::string>> read;  // names and bytes
   strings results;                                        // lines of the help class
-  monotonic::duration took{};
+  std::chrono::milliseconds took{};
 };
 
 void let_signals_through() {
@@ -196,10 +190,9 @@ void watch(pid_t pid, int channel, int signals, monotonic::time_point deadline, 
 }
 
 run_result run_and_watch(const std::vector<char*>& words, double limit_s) {
-  constexpr double LONGEST_S = 1e9;
   const auto start = monotonic::now();
-  const auto limit = std::chrono::duration_cast<monotonic::duration>(
-      std::chrono::duration<double>(limit_s > 0 ? std::min(limit_s, LONGEST_S) : LONGEST_S));
+  const auto limit =
+      std::chrono::duration_cast<monotonic::duration>(std::chrono::duration<double>(limit_s));
   sigset_t handled;
   sigemptyset(&handled);
   for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
@@ -209,11 +202,11 @@ run_result run_and_watch(const std::vector<char*>& words, double limit_s) {
   const int signals = signalfd(-1, &handled, SFD_CLOEXEC);
   int channel[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, channel) != 0 || signals < 0) {
-    refuse(strerror(errno));
+    end_program(NO_VERDICT, strerror(errno));
   }
   const pid_t pid = start_command(words, channel[1]);
   if (pid < 0) {
-    refuse(strerror(errno));
+    end_program(NO_VERDICT, strerror(errno));
   }
   setpgid(pid, pid);
   close(channel[1]);
@@ -224,10 +217,10 @@ run_result run_and_watch(const std::vector<char*>& words, double limit_s) {
   waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT);
   kill(-pid, SIGKILL);
   waitpid(pid, nullptr, 0);
-  run.took = monotonic::now() - start;
+  run.took = std::chrono::duration_cast<std::chrono::milliseconds>(monotonic::now() - start);
   const bool exited = ended.si_code == CLD_EXITED;
   if (exited && ended.si_status == NO_VERDICT) {
-    refuse("the command could not be started");
+    end_program(NO_VERDICT, "the command could not be started");
   }
   if (!run.has_failed && !run.timed_out && !(run.has_ended && exited && ended.si_status == 0)) {
     run.has_failed = true;
@@ -242,6 +235,27 @@ run_result run_and_watch(const std::vector<char*>& words, double limit_s) {
 
 const char* verdict_of(const run_result& run) {
   return run.timed_out ? "timeout" : run.has_failed ? "failure" : "success";
+}
+
+// The text as a JSON string. A byte that is not printable ASCII is written as \u00XX, because an
+// answer of a modem is bytes and not UTF-8. (A library for JSON would be one more thing that a
+// build for a handset needs.)
+std::string json_string(std::string_view text) {
+  std::string out = "\"";
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < ' ' || byte >= 0x7F) {
+      char escaped[8];
+      snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(byte));
+      out += escaped;
+      continue;
+    }
+    if (c == '"' || c == '\\') {
+      out += '\\';
+    }
+    out += c;
+  }
+  return out + '"';
 }
 
 std::string json_list(const strings& texts) {
@@ -267,10 +281,9 @@ std::string record_of(const strings& arguments, const run_result& run,
     record += (record.back() == '[' ? "{\"name\":" : ",{\"name\":") + json_string(name) +
               ",\"bytes\":" + json_string(bytes) + '}';
   }
-  const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(run.took).count();
   return record + "],\"results\":" + json_list(run.results) +
-         ",\"elapsed_ms\":" + std::to_string(took) + ",\"version\":" + json_string(KIV_VERSION) +
-         "}\n";
+         ",\"elapsed_ms\":" + std::to_string(run.took.count()) +
+         ",\"version\":" + json_string(KIV_VERSION) + "}\n";
 }
 
 int finish(const run_result& run, const error_meaning& meaning) {
@@ -283,7 +296,7 @@ int finish(const run_result& run, const error_meaning& meaning) {
     reason += ')';
   }
   if (run.has_lost_output) {
-    refuse("the output could not be delivered; the verdict is " + reason);
+    end_program(NO_VERDICT, "the output could not be delivered; the verdict is " + reason);
   }
   if (run.timed_out || run.has_failed) {
     fprintf(stderr, "kiv-check: %s\n", reason.c_str());
@@ -294,7 +307,7 @@ int finish(const run_result& run, const error_meaning& meaning) {
 // ---- the command line ----
 
 struct options {
-  double limit_s = 0;  // 0 for none
+  double limit_s = 1e9;  // which is none
   const char* record_file = nullptr;
   bool shows_only = false;
 };
@@ -302,11 +315,7 @@ struct options {
 constexpr const char* USAGE =
     "usage: kiv-check [-t SECONDS] [-j FILE] [-n] CATEGORY [ARGUMENT...]\n"
     "       kiv-check help [CATEGORY [COMMAND]]\n"
-    "       kiv-check -V | -h\n";
-
-[[noreturn]] void end_with(const std::string& text) {
-  exit(write_all(STDOUT_FILENO, text) ? SUCCESS : NO_VERDICT);
-}
+    "       kiv-check -V | -h";
 
 options read_options(int argc, char** argv) {
   options read;
@@ -314,9 +323,10 @@ options read_options(int argc, char** argv) {
   for (int option = 0; (option = getopt(argc, argv, "+t:j:nVh")) != -1;) {
     switch (option) {
       case 't':
-        read.limit_s = seconds_of(optarg);
+        read.limit_s = std::min(seconds_of(optarg), read.limit_s);
         if (read.limit_s <= 0) {
-          refuse(std::string("no time limit: ") + optarg + "; wanted are seconds above 0");
+          end_program(NO_VERDICT,
+                      std::string("no time limit: ") + optarg + "; wanted are seconds above 0");
         }
         break;
       case 'j':
@@ -326,11 +336,11 @@ options read_options(int argc, char** argv) {
         read.shows_only = true;
         break;
       case 'V':
-        end_with("kiv-check " KIV_VERSION "\n");
+        end_with("kiv-check " KIV_VERSION);
       case 'h':
         end_with(USAGE);
       default:
-        refuse(USAGE);
+        end_program(NO_VERDICT, USAGE);
     }
   }
   return read;
@@ -369,24 +379,24 @@ int main(int argc, char** argv) {
   const std::vector<char*> words(argv + optind, argv + argc);
   const strings arguments(words.begin(), words.end());
   if (arguments.empty()) {
-    refuse(USAGE);
+    end_program(NO_VERDICT, USAGE);
   }
   if (arguments[0] == "help") {
     const std::string text = command_text({arguments.begin() + 1, arguments.end()});
     if (text.empty()) {
-      refuse("there is no such command; kiv-check help lists the categories");
+      end_program(NO_VERDICT, "there is no such command; kiv-check help lists the categories");
     }
-    end_with(text);
+    end_with(text.substr(0, text.size() - 1));
   }
   if (const std::string wrong = tervik_kiv_what_is_wrong(arguments); !wrong.empty()) {
-    refuse(wrong);
+    end_program(NO_VERDICT, wrong);
   }
   if (wanted.shows_only) {
     std::string line = "kiv";
     for (const std::string& argument : arguments) {
       line += ' ' + shell_word(argument);
     }
-    end_with(line + '\n');
+    end_with(line);
   }
   return check(wanted, words, arguments);
 }

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -20,8 +19,6 @@
 namespace {
 
 constexpr const char* USAGE = "usage: kiv-nv-save [-o FILE] {0|1 {nv ID | efs PATH}...}...";
-
-enum exit_status : int { SAVED = 0, NOT_SAVED = 1, WRONG_USAGE = 2 };
 
 // ---- reading ----
 
@@ -45,7 +42,7 @@ std::string save(const item_kind& kind, uint32_t sub, const std::string& item) {
   const std::string wrong = tervik_kiv_what_is_wrong(
       {"4", std::to_string(kind.write_command), std::to_string(sub), item, "0"});
   if (!wrong.empty()) {
-    end_program(WRONG_USAGE, wrong);
+    end_program(NO_VERDICT, wrong);
   }
   const auto item_len = static_cast<uint32_t>(item.size());
   const int code = &kind == &NV
@@ -59,13 +56,13 @@ std::string save(const item_kind& kind, uint32_t sub, const std::string& item) {
            place + " # there was none\n";
   }
   if (code == TERVIK_NVEFS_ERR_BUF_LEN || (code == 0 && len == 0)) {
-    end_program(NOT_SAVED, what + ": is empty, and kiv writes nothing empty");
+    end_program(FAILURE, what + ": is empty, and kiv writes nothing empty");
   }
   if (code != 0) {
-    end_program(NOT_SAVED, what + ": cannot be read, error code " + std::to_string(code));
+    end_program(FAILURE, what + ": cannot be read, error code " + std::to_string(code));
   }
   if (len > DATA_MAX) {
-    end_program(NOT_SAVED,
+    end_program(FAILURE,
                 what + ": has " + std::to_string(len) + " bytes, and kiv writes 365 at most");
   }
   std::string line = "put_back no 4 " + std::to_string(kind.write_command) + ' ' + place;
@@ -124,7 +121,7 @@ void write_file(const std::string& name, const std::string& script) {
       unlink(part.c_str());
     }
     errno = error;
-    end_for_file(NOT_SAVED, name.c_str());
+    end_for_file(NO_VERDICT, name.c_str());
   }
 }
 
@@ -134,37 +131,33 @@ int main(int argc, char** argv) {
   prepare_program("kiv-nv-save");
   tervik_hal_close_print();
   std::string file;
-  int next = 1;
-  if (argc > 1 && strcmp(argv[1], "-h") == 0) {
-    return write_all(STDOUT_FILENO, std::string(USAGE) + '\n') ? SAVED : WRONG_USAGE;
-  }
-  if (argc > 2 && strcmp(argv[1], "-o") == 0) {
-    file = argv[2];
-    next = 3;
-  }
-  if (!file.empty() && access(file.c_str(), F_OK) == 0) {
-    end_program(WRONG_USAGE, file + " exists already");
+  opterr = 0;
+  for (int option = 0; (option = getopt(argc, argv, "+o:h")) != -1;) {
+    if (option != 'o') {
+      option == 'h' ? end_with(USAGE) : end_program(NO_VERDICT, USAGE);
+    }
+    file = optarg;
   }
   std::string commands;
   int sub = -1;
-  for (; next < argc; ++next) {
+  for (int next = optind; next < argc; ++next) {
     const std::string word = argv[next];
     if (word == "0" || word == "1") {
       sub = word[0] - '0';
     } else if (sub >= 0 && next + 1 < argc && (word == NV.name || word == EFS.name)) {
       commands += save(word == NV.name ? NV : EFS, static_cast<uint32_t>(sub), argv[++next]);
     } else {
-      end_program(WRONG_USAGE, USAGE);
+      end_program(NO_VERDICT, USAGE);
     }
   }
   if (commands.empty()) {
-    end_program(WRONG_USAGE, USAGE);
+    end_program(NO_VERDICT, USAGE);
   }
   const std::string script = script_of(commands);
   if (!file.empty()) {
     write_file(file, script);
   } else if (!write_all(STDOUT_FILENO, script)) {
-    end_for_file(NOT_SAVED, "standard output");
+    end_for_file(NO_VERDICT, "standard output");
   }
-  return SAVED;
+  return SUCCESS;
 }

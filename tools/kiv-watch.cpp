@@ -27,11 +27,9 @@
 
 namespace {
 
-enum exit_status : int { MEASURED = 0, FAILED = 1, NO_VERDICT = 2 };
-
 constexpr const char* USAGE =
     "usage: kiv-watch OPT SUB [-i SECONDS] [-n COUNT] [-o FILE.csv]\n"
-    "OPT and SUB are those of \"kiv 9\"; kiv-check help 9 lists them.\n";
+    "OPT and SUB are those of \"kiv 9\"; kiv-check help 9 lists them.";
 
 // ---- a sample ----
 
@@ -120,14 +118,9 @@ struct options {
   const char* file = nullptr;
 };
 
-// 0 when the text is no count.
-long count_of(const char* text) {
-  const double count = seconds_of(text);
-  return count == std::floor(count) ? std::lround(std::min(count, 1e9)) : 0;
-}
-
 options read_options(int argc, char** argv) {
   options read;
+  char* end = nullptr;
   opterr = 0;
   for (int option = 0; (option = getopt(argc, argv, "i:n:o:h")) != -1;) {
     switch (option) {
@@ -135,13 +128,14 @@ options read_options(int argc, char** argv) {
         read.interval_s = seconds_of(optarg);
         break;
       case 'n':
-        read.count = count_of(optarg);
+        read.count = strtol(optarg, &end, 10);
+        read.count = *end == '\0' ? read.count : 0;
         break;
       case 'o':
         read.file = optarg;
         break;
       case 'h':
-        exit(write_all(STDOUT_FILENO, USAGE) ? MEASURED : NO_VERDICT);
+        end_with(USAGE);
       default:
         end_program(NO_VERDICT, USAGE);
     }
@@ -154,7 +148,7 @@ options read_options(int argc, char** argv) {
 
 // Takes the samples.
 exit_status measure(const options& wanted, int opt, int sub, int file) {
-  exit_status status = MEASURED;
+  exit_status status = SUCCESS;
   bool is_first = true;
   auto next = std::chrono::steady_clock::now();
   for (long i = 0; i < wanted.count; ++i) {
@@ -166,7 +160,7 @@ exit_status measure(const options& wanted, int opt, int sub, int file) {
     const std::string time = time_now();
     const std::string clock = time.substr(time.find('T') + 1, sizeof("12:00:00") - 1);
     if (!g_failure.empty()) {
-      status = FAILED;
+      status = FAILURE;
       fprintf(stderr, "kiv-watch: %s %s\n", clock.c_str(), g_failure.c_str());
       continue;
     }

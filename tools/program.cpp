@@ -27,7 +27,7 @@ void prepare_program(const char* name) {
   static_cast<void>(signal(SIGPIPE, SIG_IGN));
 }
 
-void end_program(int status, const std::string& why) {
+void end_program(exit_status status, const std::string& why) {
   fprintf(stderr, "%s: %s\n", g_name, why.c_str());
   exit(status);
 }
@@ -35,13 +35,17 @@ void end_program(int status, const std::string& why) {
 int open_file(const char* name, int how) {
   const int file = open(name, O_WRONLY | O_CREAT | O_CLOEXEC | how, 0666);
   if (file < 0) {
-    end_for_file(2, name);
+    end_for_file(NO_VERDICT, name);
   }
   return file;
 }
 
-void end_for_file(int status, const char* file) {
+void end_for_file(exit_status status, const char* file) {
   end_program(status, std::string(file) + ": " + strerror(errno));
+}
+
+void end_with(const std::string& text) {
+  exit(write_all(STDOUT_FILENO, text + '\n') ? SUCCESS : NO_VERDICT);
 }
 
 bool write_all(int fd, std::string_view text) {
@@ -83,22 +87,4 @@ std::string shell_word(std::string_view word) {
     quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
   }
   return quoted + "'";
-}
-
-std::string json_string(std::string_view text) {
-  std::string out = "\"";
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < ' ' || byte >= 0x7F) {
-      char escaped[8];
-      snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(byte));
-      out += escaped;
-      continue;
-    }
-    if (c == '"' || c == '\\') {
-      out += '\\';
-    }
-    out += c;
-  }
-  return out + '"';
 }

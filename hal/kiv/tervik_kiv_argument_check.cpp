@@ -69,13 +69,26 @@ std::string wrong_with(const category_command& command, const std::string& start
   return next == words.size() ? "" : start + ": \"" + words[next] + "\" is one word too many";
 }
 
+// Of a line whose second word names no command of the category.
+std::string no_command(const command_category& category, const std::vector<std::string>& words) {
+  std::string wrong = words[0] + ": ";
+  wrong += words.size() < 2 ? "the command's number is missing" : "no command \"" + words[1] + '"';
+  const char* separator = "; wanted is ";
+  for (const category_command& command : category.commands) {
+    wrong += separator + std::to_string(command.number);
+    separator = ", ";
+  }
+  return wrong;
+}
+
 }  // namespace
 
 std::string tervik_kiv_what_is_wrong(const std::vector<std::string>& words) {
   constexpr int NOTHING_TO_CHECK = 2;  // up to this one, categories do nothing
+  std::string no_category = "no category \"" + words.at(0) + "\"; wanted is 3 to 12";
   int number = 0;
-  if (!read_number(words.at(0), 10, number)) {
-    return "no category \"" + words[0] + "\"; wanted is a number";
+  if (!read_number(words[0], 10, number)) {
+    return no_category;
   }
   for (const command_category* category : tervik_kiv_categories()) {
     if (category->number != number || number <= NOTHING_TO_CHECK) {
@@ -86,13 +99,12 @@ std::string tervik_kiv_what_is_wrong(const std::vector<std::string>& words) {
       return wrong_with(only, words[0], words, 1);
     }
     int command_number = -1;
-    if (words.size() < 2 || !read_number(words[1], 10, command_number)) {
-      return words[0] + ": the command's number is missing";
-    }
     const category_command* const command =
-        find_row(category->commands, &category_command::number, command_number);
-    return command == nullptr ? words[0] + ": no command " + words[1]
+        words.size() > 1 && read_number(words[1], 10, command_number)
+            ? find_row(category->commands, &category_command::number, command_number)
+            : nullptr;
+    return command == nullptr ? no_command(*category, words)
                               : wrong_with(*command, words[0] + ' ' + words[1], words, 2);
   }
-  return number == 1 || number == NOTHING_TO_CHECK ? "" : "no category " + words[0];
+  return number == 1 || number == NOTHING_TO_CHECK ? "" : no_category;
 }

@@ -68,7 +68,7 @@ case_verdicts() {
   expect 'what a code means' 1 "$(grep -c '(5 not active: nobody has written this NV item; ' err)"
   check help 4 1
   expect 'help of a command' "0 kiv 4 1 0 550" "$? $(sed -n 's/^  example: //p' out)"
-  for arguments in '' '-x 4' '-t 0 4' '-t x 4' '-j /nowhere/record 4 1 0 550' 'help 44'; do
+  for arguments in '' '-x 4' '-t 0 4' '-t x 4' '-j /nowhere/record 4 1 0 550' 'help 44' 'help 4 77'; do
     check $arguments
     expect "kiv-check $arguments" 2 "$?"
   done
@@ -219,7 +219,7 @@ case_nv_save() {
   kiv-nv-save -o err 0 nv 551 2>out
   expect 'a file that is there' 2 "$?"
   kiv-nv-save 0 nv 551 >/dev/full 2>err
-  expect 'a full disk' 1 "$?"
+  expect 'a full disk' 2 "$?"
   echo "$mask=0" >state/properties
   expect 'masks hide nothing' '0 1' "$(kiv-nv-save 0 nv 551 >out; echo $?) $(grep -c '^put_back no 4 2 0 551 0 1 255 10$' out)"
 }
@@ -254,6 +254,48 @@ case_manuals() {
   done <list
 }
 
+# The command lines that the documents show without an output. The handset that adb reaches is a folder,
+# another bench computer a shell.
+case_documents() {
+  ln -s "$project/examples" . && mkdir -p bin handset/bin handset/data/local/tmp build && ln -s "${PATH%%:*}" build/handset
+  cat >bin/adb <<'END'
+#!/bin/sh
+cd "$HANDSET" && export KIV_STATE_DIR="$PWD/state" PATH="/usr/bin:/bin:$PWD/bin" || exit
+case $1 in
+  devices) printf 'List of devices attached\n1001\tdevice\n1002\toffline\n' && exit ;;
+  push) shift && while [ $# -gt 1 ]; do cp "$OLDPWD/$1" data/local/tmp && shift || exit; done; exit ;;
+  -s) [ "$2" = 1001 ] && shift 2 || exit ;;
+esac
+shift && exec sh -c "$(echo "$*" | sed "s,/data/,$PWD/data/,g")"
+END
+  cat >handset/bin/setprop <<'END'
+#!/bin/sh
+mkdir -p "$HANDSET/state" && echo "$1=$2" >"$HANDSET/state/properties"
+END
+  # The other computer's login sets SHELL, by which parallel starts a job there.
+  cat >bin/ssh <<'END'
+#!/bin/sh
+echo "$1" >>"$HANDSET/logins" && shift 2 && SHELL=/bin/sh exec sh -c "$*"
+END
+  chmod +x bin/* handset/bin/*
+  export HANDSET="$PWD/handset" PARALLEL_SSH="$PWD/bin/ssh" PATH="$PWD/bin:$PATH"
+  set -- "$project"/docs/porting.md "$project"/docs/[!p]*.md "$project"/README.md "$project"/CONTRIBUTING.md
+  grep -hE '^    (kiv( |$)|adb|examples/)' "$@" | grep -v '<' >list
+  while read -r line; do
+    rm -rf results handset/data/local/tmp/check
+    eval "$line" >out 2>&1
+    expect "$line" '0 ' "$? $(grep -E 'note: |FAIL|NOT|^[1-9][0-9]*$' out)"
+  done <list
+  expect 'lines, the mask, the logins' '11 1 bench' \
+    "$(wc -l <list) $(grep -c adb_log_shell=296 handset/state/properties) $(sed 's/[12]$//' handset/logins | sort -u)"
+  grep -hoE '^    (scripts/[a-z0-9-]*|c[a-z]* --preset [a-z]*( -R .*)?)' "$@" | sort -u >list
+  while read -r script _ preset _ tests; do
+    [ -x "$project/$script" ] || grep -q "\"name\": \"$preset\"" "$project/CMakePresets.json" || expect "$script" there missing
+    [ "$preset:$tests" = "dev:${tests:-none}" ] || continue
+    ctest --test-dir build/handset/ -N -R "$(eval "echo $tests")" | grep -q 'Test *#' || expect "$tests" tests none
+  done <list
+}
+
 case_example() {
   "$project/examples/factory_check.sh" good >out
   expect 'a healthy handset' '0 9 7' "$? $(grep -c pass out) $(grep -c success good/records.json)"
@@ -285,14 +327,16 @@ status=$?
 exit $status
 END
   chmod +x reach && seq -f 'unit-%g' 1 90 >list
-  printf '%s\n' a@1.2.3.4:5555 b-hang c-gone 1-bad 2-bad 3-bad 4-bad 5-bad unit-a unit+b >>list
+  printf '%s\n' a@1.2.3.4:5555 b-hang c-gone 1-bad 2-bad 3-bad 4-bad 5-bad jobs jobs.err >>list
   export HANG="$$"
   set -- -j 4 -t 15 -r "$PWD/reach {}" -c "sh '$PWD/check.sh'" results list
   "$project/examples/line_check.sh" "$@" >out 2>err &
   sleep 1
+  "$project/examples/line_check.sh" "$@" >other 2>&1
+  expect 'one run at a time' 'line_check.sh: another run still writes to results' "$(cat other)"
   kill -s TERM $! && wait $!
   expect 'ended' "143 0" "$? $(processes 0 "77.$$")"
-  (cd results && grep -l '^line_check: ' -- * | grep -vx errors) >ended
+  (cd results/handsets && grep -l '^line_check: ' -- */stdout | sed 's,/stdout,,') >ended
   "$project/examples/line_check.sh" "$@" >out 2>err
   expect 'result' '2 93 good, 5 failed, 2 not finished' "$? $(tail -n 1 out)"
   expect 'a checked handset is not checked again' '' \
