@@ -146,7 +146,7 @@ struct stats_query {
   command_argument takes = SUB_ARGUMENT;
 };
 
-constexpr std::array<stats_query, 17> QUERIES = {{
+constexpr auto QUERIES = std::to_array<stats_query>({
     {0, "/* 4G PCC rssi, sub: 0 - sub0; 1 - sub1 */",
      tervik_test_qmi_modem_stats_4g_rssi<modem_lyrax_lte_srv_meas_info_get_for_pcc>},
     {1, "/* 4G SCC1 rssi, sub: 0 - sub0; 1 - sub1 */",
@@ -178,7 +178,7 @@ constexpr std::array<stats_query, 17> QUERIES = {{
      "/* Tx info, sub: 0 - sub0 tx; sub: 1 - sub1 tx; sub: 2 - dds tx; sub: other - max tx of dual "
      "subs; */",
      tervik_test_qmi_modem_stats_tx_info, TX_SUB},
-}};
+});
 
 // For the help and the check of a line alone: the handler looks in QUERIES itself, once it is
 // connected.

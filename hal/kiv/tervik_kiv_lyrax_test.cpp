@@ -11,7 +11,7 @@ namespace {
 
 constexpr argument_rule ONE_ARGUMENT = at_least_words(4, NOTE_TOO_FEW_PARAMETERS);
 
-constexpr std::array<category_command, 2> COMMANDS = {{
+constexpr auto COMMANDS = std::to_array<category_command>({
     {0, "tervik_test_modem_stats_parsing_process",
      command_of<tervik_test_modem_stats_parsing_process>,
      "/* modem stats diag-parsed test */\n"
@@ -24,7 +24,7 @@ constexpr std::array<category_command, 2> COMMANDS = {{
      "   type: 0 - check, 1 - debuginfo ",
      takes(number("type", 0, 1, "= 0 check, 1 debug information")), ONE_ARGUMENT,
      "tervik_test_modem_stats_get_debug_info FAIL"},
-}};
+});
 
 // ---- record decoding ----
 

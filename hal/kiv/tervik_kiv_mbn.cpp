@@ -27,7 +27,7 @@ void drop_responses(int count) {
                       "the property is not stored");
 }
 
-constexpr std::array<category_command, 4> COMMANDS = {{
+constexpr auto COMMANDS = std::to_array<category_command>({
     {0, "tervik_refresh_sw_mbn", command_of<refresh>,
      "/* mbn refresh, sub_mask: 1 - sub0; 2 - sub1; 3 - sub0&sub1 */", takes(SUB_MASK)},
     {1, "tervik_reactivate_sw_mbn", command_of<reactivate>,
@@ -39,7 +39,7 @@ constexpr std::array<category_command, 4> COMMANDS = {{
      "/* mbn pdc wait and notify, flag: wait and notify case */\n"
      "/*                          flag - 1: notify -> wait */",
      takes(number("flag", 1, 1, "= 1 notify before the wait"))},
-}};
+});
 
 }  // namespace
 

@@ -21,14 +21,14 @@ int default_scan() {
   return scan(DEFAULT_SCAN_SCOPE);
 }
 
-constexpr std::array<category_command, 2> COMMANDS = {{
+constexpr auto COMMANDS = std::to_array<category_command>({
     {0, "tervik_send_nas_perform_network_scan_req_msg_v01",
      command_of<default_scan<tervik_send_nas_perform_network_scan_req_msg_v01>>,
      "/* nas_perform_network_scan_req_msg_v01 */", takes(ARLIST)},
     {1, "tervik_send_nas_perform_incremental_network_scan_req_msg_v01",
      command_of<default_scan<tervik_send_nas_perform_incremental_network_scan_req_msg_v01>>,
      "/* nas_perform_incremental_network_scan_req_msg_v01 */", takes(ARLIST)},
-}};
+});
 
 // Sends a scan request with no optional field present; its results are not looked at. The notice
 // repeats the name of the scan's function.

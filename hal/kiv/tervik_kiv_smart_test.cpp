@@ -41,7 +41,7 @@ constexpr argument_rule A_NUMBER = at_least_words(4, NOTE_TOO_FEW_PARAMETERS);
 constexpr argument_rule A_SWITCH = {
     .words_min = 4, .note = NOTE_TOO_FEW_PARAMETERS, .takes_switch = true};
 
-constexpr std::array<category_command, 12> COMMANDS = {{
+constexpr auto COMMANDS = std::to_array<category_command>({
     {0, HANDLER, command_of<tervik_smart_test_modem_ssr>, "/* trigger SSR of modem */"},
     {10, HANDLER, command_of<tervik_smart_test_modem_crash>, "/* trigger Crash of modem */"},
     {1, HANDLER, command_of<tervik_smart_test_full_dump>, "/* trigger Full Dump */"},
@@ -63,7 +63,7 @@ constexpr std::array<category_command, 12> COMMANDS = {{
     {11, HANDLER, command_of<tervik_qmi_send_modem_test_request>,
      "/* modem test, type: test type(123456789 - do_modem_test) */",
      takes(number("type", INT_MIN, INT_MAX, "a number that the modem knows")), A_NUMBER},
-}};
+});
 
 // ---- print switches of the modem ----
 

@@ -49,7 +49,7 @@ constexpr argument_rule HOTSWAP_RULE =
 constexpr argument_rule DSI_RULE = {
     .words_min = 4, .note = NOTE_TOO_FEW_PARAMETERS, .note_class = LOG_CLASS_HELP};
 
-constexpr std::array<category_command, 10> CMN_COMMANDS = {{
+constexpr auto CMN_COMMANDS = std::to_array<category_command>({
     {0, "tervik_cmn_diag_cmd_send", tervik_cmn_diag_cmd_send,
      "\n"
      "/* diag cmd */\n"
@@ -95,7 +95,7 @@ constexpr std::array<category_command, 10> CMN_COMMANDS = {{
                   "= 1 switch to the eSIM, 2 switch to the physical SIM, 3 read the EID, 4 card "
                   "states, 5 reset the eUICC"),
            number("debug_on", 0, 1, "= 0 result line alone, 1 with log"))},
-}};
+});
 
 constexpr int QMI_ID_MIN = 0;
 constexpr int QMI_ID_LIMIT = 7;

@@ -25,7 +25,7 @@ constexpr int CATEGORY_UNUSED = 2;
 // The log names the program's entry, whose work this file does.
 constexpr const char* ENTRY_NAME = "main";
 
-constexpr std::array<category_command, 6> NV_COMMANDS = {{
+constexpr auto NV_COMMANDS = std::to_array<category_command>({
     {.number = 1, .help = "/* nv test */"},
     {.number = 2, .help = "/* nv backup(no privacy nvs) */", .takes = takes(number("0", 0, 0, ""))},
     {.number = 2,
@@ -40,7 +40,7 @@ constexpr std::array<category_command, 6> NV_COMMANDS = {{
     {.number = 4,
      .help = "/* nv delete */",
      .takes = takes(number("nvid", 0, INT_MAX, "number of an item"))},
-}};
+});
 
 constexpr command_category NV_CATEGORY = {
     .number = 1, .title = "nv option cmd", .commands = NV_COMMANDS, .help_column = 17};

@@ -25,7 +25,7 @@ constexpr argument_rule ONE_ITEM = {
 constexpr argument_rule ITEM_AND_DATA =
     at_least_words(FIRST_DATA_ARG + 1, "note: Too few inputs, Pls refer to the following cmd:");
 
-constexpr std::array<category_command, 6> COMMANDS = {{
+constexpr auto COMMANDS = std::to_array<category_command>({
     {1, "tervik_nvefs_test_nv_read", tervik_nvefs_test_nv_read, "/* nv read */",
      takes(SUB_ARGUMENT, NV_ID), ONE_ITEM},
     {2, "tervik_nvefs_test_nv_write", tervik_nvefs_test_nv_write, "/* nv write */",
@@ -38,7 +38,7 @@ constexpr std::array<category_command, 6> COMMANDS = {{
      takes(SUB_ARGUMENT, PATH_TO_CHANGE, EFS_DATA), ITEM_AND_DATA},
     {6, "tervik_nvefs_test_efs_delete", tervik_nvefs_test_efs_delete, "/* efs delete */",
      takes(SUB_ARGUMENT, PATH_TO_CHANGE), ONE_ITEM},
-}};
+});
 
 // ---- arguments ----
 

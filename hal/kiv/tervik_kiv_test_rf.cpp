@@ -36,7 +36,7 @@ consteval category_command bare_command(int number, const char* name,
           .sub = SETTING_SUB};
 }
 
-constexpr std::array<category_command, 6> COMMANDS = {{
+constexpr auto COMMANDS = std::to_array<category_command>({
     announced({0, "tervik_gpio_test_set", tervik_gpio_test_set,
                "/* gpio value setting(pls input enough gpio value by notice)*/\n"
                "   (need to reboot duing first setting) ",
@@ -65,7 +65,7 @@ constexpr std::array<category_command, 6> COMMANDS = {{
     bare_command(5, "tervik_rf_tx_test_closed", command_of<tervik_rf_tx_test_closed>,
                  "note: Cmd error, should be: kiv 3 5 , Pls refer to the following cmd:",
                  "/* Close tx test(need to reboot) */"),
-}};
+});
 
 // ---- settings as the modem takes them: bodies of class 4 requests ----
 
