@@ -43,7 +43,7 @@ verdicts='3 3 1 4 0x3||0|;5 0 0 0 1000 0x7C||0|;5 0 0 1 0 0x4B||0|;5 10 4 1||0|;
 3 0 1|extension.rsp_result = 9|1|the modem refuses the setting","code":9,
 5 10 3 0|eid = 89001017000000000000000000000164|1|check digits are wrong","code":-1,
 7 1 0|stats.enable = 0|1|the support check says CLOSED","code":-1,
-13||2|;4 7||2|;4||2|;4 1 0 7233||2|;4 1 0 x||2|;4 1 0 550 1||2|;9 13 0||2|;8 a b||2|;7 2 0||2|
+13||2|;4 7||2|;4||2|;4 1 0 7233||2|;4 1 0 x||2|;4 1 0 550 1||2|;9 99 0||2|;8 a b||2|;7 2 0||2|
 4 2 0 550 0x10 300 -7||2|;4 2 0 550||2|;5 0 1 0 10 0x100||2|;5 0 1 0 10 0xFF||0|;3 3 1 4 0xx||2|'
 
 case_verdicts() {
@@ -234,7 +234,7 @@ case_watch() {
   echo 'stats.0x52.0 = none' >state/modem.conf
   kiv-watch 0 0 -n 2 -i 0.05 >out 2>err
   expect 'no measurement' '1 2' "$? $(grep -c 'get lyrax data failed' err)"
-  for arguments in '' '0' '13 0' '0 2' '0 0 -i x' '0 0 -n 0' '0 0 -n 1.5' '0 0 -o all.csv' '0 0 1'; do
+  for arguments in '' '0' '99 0' '0 2' '0 0 -i x' '0 0 -n 0' '0 0 -n 1.5' '0 0 -o all.csv' '0 0 1'; do
     kiv-watch $arguments >out 2>err
     expect "kiv-watch $arguments" '2 1' "$? $(grep -c kiv-watch: err)"
   done

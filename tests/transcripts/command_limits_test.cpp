@@ -125,7 +125,7 @@ std::string described(const command_argument& argument) {
 }
 
 TEST(CommandLimits, TableHasTheCommandsOfTheToolWithTheirArguments) {
-  Strings wanted;
+  std::string wanted;  // a line a command, so that a failure shows the lines that differ
   for (const command_category* category : tervik_kiv_categories()) {
     for (const category_command& command : category->commands) {
       std::string row = "kiv " + std::to_string(category->number);
@@ -136,15 +136,15 @@ TEST(CommandLimits, TableHasTheCommandsOfTheToolWithTheirArguments) {
         row += separator + described(argument);
         separator = "; ";
       }
-      wanted.push_back(row);
+      wanted += row + "\n";
     }
   }
-  Strings listed;
+  std::string listed;
   for (const CommandRow& row : read_table()) {
     // These two have no command.
     if (row.title.starts_with("0 ") || row.title.starts_with("2 ")) continue;
     EXPECT_TRUE((row.example + " ").starts_with(row.start + " ")) << row.example;
-    listed.push_back(row.start + (row.arguments == "-" ? "" : ": " + row.arguments));
+    listed += row.start + (row.arguments == "-" ? "" : ": " + row.arguments) + "\n";
   }
   EXPECT_EQ(listed, wanted);
 }
