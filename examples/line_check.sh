@@ -47,19 +47,22 @@ shift 2
 [ "${1-}" != -- ] || shift
 command -v parallel >/dev/null || refuse 'GNU parallel is not installed: the Debian package parallel'
 [ -s "$list" ] || refuse "no handsets in $list"
-odd=$(grep -vxE '[A-Za-z0-9][A-Za-z0-9._:@+-]*' "$list" | head -1)
-[ -z "$odd" ] || refuse "no name of a handset: \"$odd\""
+odd=$(grep -nvxE '[A-Za-z0-9][A-Za-z0-9._:@+-]*' "$list" | head -1)
+[ -z "$odd" ] || refuse "no name of a handset in line ${odd%%:*} of $list: \"${odd#*:}\""
 twice=$(sort "$list" | uniq -d | head -1)
 [ -z "$twice" ] || refuse "twice in $list: $twice"
 mkdir -p "$results/handsets" || exit 2
 # Parallel holds the lock too, so that a handset is not checked twice when this shell alone was killed.
 exec 9>"$results/lock"
 flock -n 9 || refuse "another run still writes to $results"
-cmp -s "$list" "$results/list" || { [ ! -e "$results/list" ] && cp "$list" "$results/list"; } ||
-  refuse "$results belongs to another list of handsets"
+# The copy has a newline behind its last name too, or that handset would not be read.
+awk 1 "$list" >"$results/list.new" || exit 2
+[ -e "$results/list" ] || cp "$results/list.new" "$results/list" || exit 2
+cmp -s "$results/list.new" "$results/list" || refuse "$results belongs to another list of handsets"
 
 # What runs at the other end tells last how it went: a handset that goes away tells nothing.
-command="($command); echo line_check: \$?"
+command="($command
+); printf '\nline_check: %d\n' \$?"
 quoted="'$(printf '%s\n' "$command" | sed "s/'/'\\\\''/g")'"
 # A handset whose output has that last line has been checked, whatever became of the run.
 verdict() { tail -n 1 "$results/handsets/$1/stdout" 2>/dev/null; }
@@ -93,6 +96,8 @@ done <"$results/list" >"$results/summary.new"
 status=0
 ! grep -q '^FAILED' "$results/summary.new" || status=1
 ! grep -q '^NOT FINISHED' "$results/summary.new" || status=2
+[ "$(grep -c '^[gFN]' "$results/summary.new")" -eq "$(grep -c . "$results/list")" ] ||
+  refuse "$results/summary cannot be written"
 mv "$results/summary.new" "$results/summary" && cat "$results/summary"
 awk '/^[gFN]/ { count[$1]++ }
   END { printf "%d good, %d failed, %d not finished\n", count["good"], count["FAILED"], count["NOT"] }' \

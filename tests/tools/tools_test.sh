@@ -325,12 +325,14 @@ kiv-check -t 60 4 2 0 3000 1 2 3 >steps && kiv-check -t 60 5 10 3 0 >>steps 2>&1
   false
 }
 status=$?
+printf 'a last line without an end'
 exit $status
 END
   chmod +x reach && seq -f 'unit-%g' 1 90 >list
   printf '%s\n' a@1.2.3.4:5555 b-hang c-gone 1-bad 2-bad 3-bad 4-bad 5-bad jobs jobs.err >>list
+  truncate -s -1 list # the last name has no newline
   export HANG="$$"
-  set -- -j 4 -t 15 -r "$PWD/reach {}" -c "sh '$PWD/check.sh'" results list
+  set -- -j 4 -t 15 -r "$PWD/reach {}" -c "sh '$PWD/check.sh' # all of it" results list
   "$project/examples/line_check.sh" "$@" >out 2>err &
   sleep 1
   "$project/examples/line_check.sh" "$@" >other 2>&1
@@ -349,8 +351,8 @@ END
   "$project/examples/line_check.sh" "$@" >out 2>err
   expect 'another try' '1 95 good, 5 failed, 0 not finished' "$? $(tail -n 1 out)"
   expect 'a good handset is left alone' 1 "$(wc -l <units/a@1.2.3.4:5555/starts)"
-  for row in '' 'results' 'results nothing' '-x 1' '-j 1 results reach' 'results other'; do
-    echo only >other
+  for row in '' 'results' 'results nothing' '-x 1' '-j 1 results reach' 'results other' 'new gap'; do
+    echo only >other && printf '1\n\n2\n' >gap
     "$project/examples/line_check.sh" $row >out 2>err
     expect "line_check.sh $row" 2 "$?"
   done
